@@ -1,0 +1,165 @@
+// flowblur: PLImage construction, states and addressing.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "image/PLImage.h"
+
+namespace {
+
+struct FailingAllocator {
+  FailingAllocator() {
+    NuvMemSetHooks(nullptr, [](void*, uint64_t) -> void* { return nullptr; }, nullptr);
+  }
+  ~FailingAllocator() { NuvMemSetHooks(nullptr, nullptr, nullptr); }
+};
+
+TEST(PLImage, AllocatedImageFields) {
+  PLImage image(5, 3, 3, PLUShort, 0);
+  EXPECT_NE(image.data, nullptr);
+  EXPECT_EQ(image.errorCode, 0);
+  EXPECT_EQ(image.bytesPerSample, 2);
+  EXPECT_EQ(image.bytesPerPixel, 6);
+  EXPECT_EQ(image.rowBytes, 30);
+  EXPECT_EQ(image.ownsData, 1);
+  EXPECT_EQ(image.lastRow, 2);
+  EXPECT_EQ(image.lastColumn, 4);
+  EXPECT_EQ(image.rowStep, 30);
+  EXPECT_EQ(image.matteMode, MatteUnknown);
+  EXPECT_EQ(image.whitePoint, 65535.0f);
+  EXPECT_NE(image.readSample, nullptr);
+}
+
+TEST(PLImage, WhitePointsOfTheWorkingTypes) {
+  EXPECT_EQ(PLImage(1, 1, 1, PLUChar, 0).whitePoint, 255.0f);
+  EXPECT_EQ(PLImage(1, 1, 1, PLUShort, 0).whitePoint, 65535.0f);
+  EXPECT_EQ(PLImage(1, 1, 1, PLFloat, 0).whitePoint, 1.0f);
+}
+
+TEST(PLImage, WrappingNullDataIsEmpty) {
+  PLImage image(nullptr, 10, 10, 40, 1, PLFloat, 0);
+  EXPECT_EQ(image.width, 0);
+  EXPECT_EQ(image.height, 0);
+  EXPECT_EQ(image.errorCode, 0);
+  EXPECT_EQ(image.data, nullptr);
+  PLImage named("frame.exr", 0);  // no decoder: stays empty
+  EXPECT_EQ(named.data, nullptr);
+  EXPECT_EQ(named.width, 0);
+  EXPECT_EQ(named.errorCode, 0);
+  EXPECT_EQ(named.matteMode, MatteUnknown);
+}
+
+TEST(PLImage, FailedAllocationHonoursThrowFlagExactlyOne) {
+  FailingAllocator failing;
+  PLImage quiet(0, 4, 4, 1, PLUChar, 0);
+  EXPECT_EQ(quiet.data, nullptr);
+  EXPECT_EQ(quiet.ownsData, 0);
+  EXPECT_EQ(quiet.errorCode, PLErrOutOfMemory);
+  PLImage two(2, 4, 4, 1, PLUChar, 0);  // only exactly 1 means throw
+  EXPECT_EQ(two.errorCode, PLErrOutOfMemory);
+  try {
+    PLImage loud(1, 4, 4, 1, PLUChar, 0);
+    FAIL() << "no exception";
+  } catch (PLErr& err) {
+    EXPECT_EQ(err, PLErrOutOfMemory);
+  }
+  EXPECT_THROW(PLImage(4, 4, 1, PLUChar, 0), PLErr);
+  // The heap form of a failed image releases through the library allocator too.
+  EXPECT_THROW(NUV_NEW PLImage(4, 4, 1, PLUChar, 0), PLErr);
+}
+
+TEST(PLImage, FlippedAndPaddedAddressTheSamePixels) {
+  const int w = 4, h = 3, c = 3;
+  // Plain top-down reference.
+  PLImage plain(w, h, c, PLUChar, 0);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x)
+      for (int k = 0; k < c; ++k) plain.SetChannel(x, y, k, float(y * 40 + x * 5 + k));
+  // The same rows stored bottom-up with 7 bytes of padding per row.
+  const int rowBytes = w * c + 7;
+  std::vector<unsigned char> memory(rowBytes * h, 0xEE);
+  for (int y = 0; y < h; ++y)
+    std::memcpy(&memory[(h - 1 - y) * rowBytes], plain.Row(y), w * c);
+  PLImage flipped(memory.data(), w, h, rowBytes, c, PLUChar, 1);
+  EXPECT_EQ(flipped.rowStep, -rowBytes);
+  EXPECT_EQ(flipped.PixelAddress(0, 0), memory.data() + 2 * rowBytes);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x)
+      for (int k = 0; k < c; ++k) {
+        float a, b;
+        plain.GetChannel(x, y, &a, k);
+        flipped.GetChannel(x, y, &b, k);
+        EXPECT_EQ(a, b) << x << "," << y << "," << k;
+      }
+  // Writing every pixel never touches the padding.
+  float values[3] = {1, 2, 3};
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) flipped.SetPixel(x, y, values);
+  for (int y = 0; y < h; ++y)
+    for (int p = w * c; p < rowBytes; ++p) EXPECT_EQ(memory[y * rowBytes + p], 0xEE);
+}
+
+TEST(PLImage, DestroyingAWrapperLeavesTheMemory) {
+  std::vector<float> memory(8, 0.5f);
+  {
+    PLImage* image = NUV_NEW PLImage(memory.data(), 2, 2, 2, PLFloat, 0);
+    EXPECT_EQ(image->ownsData, 0);
+    EXPECT_EQ(image->rowBytes, 16);
+    delete image;
+  }
+  EXPECT_EQ(memory[7], 0.5f);
+}
+
+TEST(PLImage, GetPixelReadsFloatImagesAsSixteenBitWords) {
+  PLImage image(1, 1, 2, PLFloat, 0);
+  float stored[2] = {1.0f, -2.5f};
+  image.SetPixel(0, 0, stored);
+  float got[2];
+  image.GetPixel(0, 0, got);
+  uint16_t words[2];
+  std::memcpy(words, image.data, 4);  // the first float's two halves
+  EXPECT_EQ(got[0], float(words[0]));
+  EXPECT_EQ(got[1], float(words[1]));
+  float proper;
+  image.GetChannel(0, 0, &proper, 1);
+  EXPECT_EQ(proper, -2.5f);
+}
+
+TEST(PLImage, AccessorsConvertByNumericCast) {
+  PLImage u8(1, 1, 3, PLUChar, 0);
+  float in[3] = {255.9f, 256.0f, -1.0f};
+  u8.SetPixel(0, 0, in);
+  float out[3];
+  u8.GetPixel(0, 0, out);
+  EXPECT_EQ(out[0], 255.0f);
+  EXPECT_EQ(out[1], 0.0f);
+  EXPECT_EQ(out[2], 255.0f);
+  PLImage u16(1, 1, 1, PLUShort, 0);
+  u16.SetChannel(0, 0, 0, 70000.0f);  // keeps the low 16 bits
+  float v;
+  u16.GetChannel(0, 0, &v, 0);
+  EXPECT_EQ(v, float(70000 & 0xFFFF));
+}
+
+TEST(PLImage, WrapRetargetsWithoutReleasing) {
+  PLImage image(2, 2, 1, PLUChar, 0);
+  unsigned char* owned = image.data;
+  std::vector<uint16_t> other(6, 7);
+  image.Wrap(other.data(), 3, 2, 6, 1, PLUShort, 1);
+  EXPECT_EQ(image.ownsData, 0);
+  EXPECT_EQ(image.rowStep, -6);
+  EXPECT_EQ(image.whitePoint, 65535.0f);
+  float v;
+  image.GetChannel(2, 1, &v, 0);
+  EXPECT_EQ(v, 7.0f);
+  NuvMemFree(owned);  // Wrap does not release what the image held
+}
+
+TEST(PLImage, ZeroSizeAllocatesNothingUsable) {
+  PLImage image(0, 0, 3, PLFloat, 0);
+  EXPECT_EQ(image.lastRow, -1);
+  EXPECT_EQ(image.lastColumn, -1);
+  EXPECT_EQ(image.errorCode, 0);
+}
+}  // namespace
