@@ -1,0 +1,3 @@
+// flowblur: motion blur umbrella.
+#pragma once
+#include "blur/PLMotionBlur.h"
