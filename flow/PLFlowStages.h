@@ -1,0 +1,61 @@
+// flowblur: the per-pixel stages of the flow solve, usable on their own.
+#pragma once
+#include <cstdint>
+
+#include "image/PLImage.h"
+
+// All images here are Float. Flows are in the internal sign: second(x - u, y - v) matches
+// first(x, y). Each stage forks over the rows of the image it writes; in-place stages touch
+// each pixel only at that pixel. Apart from UpsampleFlow they check nothing: the images
+// must have the shapes stated and equal sizes.
+
+// Mean of the one-sided differences that exist, left (upper) term first; the single
+// one-sided difference at a border; 0/0 (NaN) along an axis of length 1. gradX, gradY
+// and image are 1-channel.
+void ComputeGradients(PLImage* gradX, PLImage* gradY, const PLImage* image);
+
+// Sets gx and gy to 0 where the mask at the pixel or at an existing 4-neighbour is below
+// 0.95 (double).
+void GateGradients(PLImage* gradX, PLImage* gradY, const PLImage* mask);
+
+// structure (3 channels) = gx*gx, gy*gx, gy*gy.
+void ComputeMoments(PLImage* structure, const PLImage* gradX, const PLImage* gradY);
+
+// residual (2 channels) = (gx*d, d*gy), d = second(x - u, y - v) - first(x, y) sampled
+// bilinearly, or (0, 0) where the target is outside the frame (or not a number) and, with
+// useMasks nonzero, where secondMask sampled there is below 0.999 (double).
+void ComputeResidual(PLImage* residual, const PLImage* first, const PLImage* second,
+                     const PLImage* gradX, const PLImage* gradY, const PLImage* flow,
+                     int32_t useMasks, const PLImage* secondMask);
+
+// The 2x2 least-squares step: with det = b*b - a*c, where |det| > 40.0 (strictly),
+// u += (b*q - c*p) / det and v += (b*p - a*q) / det.
+void UpdateFlow(PLImage* flow, const PLImage* structure, const PLImage* residual);
+
+// In place, all channels, rows and columns. smoothing 0: box of radius 2; 1: Gaussian of
+// radius 7 (moments) or 5 (flow); 2: Gaussian of radius 5 (moments) or 3 (flow); other:
+// nothing.
+void SmoothStage(PLImage* image, bool asMoments, int32_t smoothing);
+
+// Where hintWeight is not 0: replace 1 sets flow = hintFlow / hintWeight; any other
+// value pulls it: flow + (hintFlow - hintWeight * flow).
+void ApplyHints(PLImage* flow, const PLImage* hintFlow, const PLImage* hintWeight,
+                int32_t replace);
+
+// False for a null pyramid; otherwise whether any sample of pyramid[level] is not 0.
+bool HasHintWeight(PLImage* const* pyramid, int32_t level);
+
+// Carries a flow to a finer grid, corner-aligned, scaling u and v by the grid ratios
+// (last index over last index). Throws PLErrParameter unless both are Float with equal
+// channels (2), and, as a guard added here, unless src is at least 2x2 and dst is not
+// smaller than src: coarser grids only.
+void UpsampleFlow(PLImage* dst, const PLImage* src);
+
+// Multiplies channel 0 by sx and channel 1 by sy, on the calling thread. Refuses with
+// "error in ScaleXY!\n" only when the image has both a channel count other than 2 and a
+// type other than Float. Any other image is walked as 2 floats per pixel; as a guard added
+// here, only the pixels whose two floats lie inside their own row are touched.
+void ScaleXY(PLImage* image, float sx, float sy);
+
+// Each sample of a 1-channel Float image becomes 1.0 if at least 0.9999 (double), else 0.0.
+void Binarise(PLImage* image);
