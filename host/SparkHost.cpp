@@ -1,33 +1,569 @@
-// flowblur: host simulator: processors as real threads.
+// flowblur: the host simulator: clips and buffers in memory, processors as real threads,
+// and records of everything the plug-in asked of the host.
 #include "host/SparkHost.h"
 
+#include <algorithm>
+#include <atomic>
+#include <cstring>
 #include <exception>
+#include <mutex>
+#include <stdexcept>
 #include <thread>
-#include <vector>
-
-namespace {
-int32_t gProcessors = 1;
-int64_t gFramePixels = 0;
-thread_local uint64_t tOffset = 0;
-thread_local uint64_t tCount = 0;
-}  // namespace
 
 namespace sparkhost {
-void SetProcessors(int32_t processors) { gProcessors = processors; }
-int32_t Processors() { return gProcessors; }
-void SetFramePixels(int64_t pixels) { gFramePixels = pixels; }
+namespace {
+
+struct Clip {
+  FrameLayout layout;
+  std::vector<std::vector<uint8_t>> frames;
+};
+
+struct Buffer {
+  FrameLayout layout;
+  bool own = false;  // given its own layout; otherwise it follows a clip
+  std::vector<uint8_t> block;
+};
+
+struct Injection {
+  bool failGet = false;
+  bool clearUsable = false;
+  bool nullPointer = false;
+  bool nullOnGetFrame = false;
+};
+
+struct SetupValue {
+  std::string name;
+  void* address;
+  size_t bytes;
+};
+
+struct State {
+  int32_t processors = 1;
+  int64_t framePixels = 0;
+  int64_t forcedPixels = -1;
+  Clip clips[2];
+  std::map<int32_t, Buffer> buffers{{kResultBuffer, {}}, {kFrontBuffer, {}}, {kBackBuffer, {}}};
+  int32_t registered = 0;
+  std::map<int32_t, Injection> injections;
+  std::map<int32_t, spark_mem_buf_struct*> lastRecord;
+  std::vector<Note> notes;
+  std::vector<std::string> log;
+  std::vector<GetFrameCall> getFrameCalls;
+  std::vector<int32_t> getBufferCalls;
+  Counts counts;
+  float version = 4.0f;
+  std::vector<SetupValue> setupValues;
+  std::map<std::string, std::vector<uint8_t>> saved;
+  std::vector<SetupCall> setupCalls;
+};
+
+std::mutex gMutex;
+State gState;
+// Counted apart from the rest so that workers need no lock to ask where they stand.
+std::atomic<int64_t> gMpInfoCalls{0};
+
+thread_local bool tInWorker = false;
+thread_local uint64_t tOffset = 0;
+thread_local uint64_t tCount = 0;
+
+using Lock = std::lock_guard<std::mutex>;
+
+bool IsEmpty(const FrameLayout& layout) { return layout.width <= 0 || layout.height <= 0; }
+
+bool SameLayout(const FrameLayout& a, const FrameLayout& b) {
+  return a.width == b.width && a.height == b.height && a.formatCode == b.formatCode &&
+         a.stride == b.stride;
+}
+
+void CheckLayout(const FrameLayout& layout) {
+  if (layout.width < 0 || layout.height < 0)
+    throw std::invalid_argument("sparkhost: negative frame size");
+  int64_t packed = int64_t{layout.width} * BytesPerPixel(layout.formatCode);
+  if (layout.stride != 0 && layout.stride < packed)
+    throw std::invalid_argument("sparkhost: stride shorter than a row");
+}
+
+void CheckClip(int32_t clip) {
+  if (clip != 0 && clip != 1) throw std::invalid_argument("sparkhost: clip is 0 or 1");
+}
+
+// Bytes that a frame of this layout covers from its first pixel: the padding after the
+// last row is not part of it.
+int64_t Extent(const FrameLayout& layout) {
+  if (IsEmpty(layout)) return 0;
+  return (layout.height - 1) * RowBytes(layout) +
+         int64_t{layout.width} * BytesPerPixel(layout.formatCode);
+}
+
+// Row by row, so that the padding of the destination is left alone.
+void CopyFrame(uint8_t* to, const uint8_t* from, const FrameLayout& layout) {
+  int64_t rowBytes = RowBytes(layout);
+  size_t used = static_cast<size_t>(layout.width) * BytesPerPixel(layout.formatCode);
+  for (int32_t y = 0; y < layout.height; ++y)
+    std::memmove(to + y * rowBytes, from + y * rowBytes, used);
+}
+
+// Gives every buffer its layout and a block large enough for it and for any clip frame.
+void Refresh(State& s) {
+  int64_t largest = 0;
+  for (const Clip& clip : s.clips)
+    if (!IsEmpty(clip.layout)) largest = std::max(largest, FrameBytes(clip.layout));
+  for (auto& [id, buffer] : s.buffers) {
+    FrameLayout want = buffer.own ? buffer.layout : s.clips[id == kBackBuffer ? 1 : 0].layout;
+    bool changed = !SameLayout(want, buffer.layout);
+    buffer.layout = want;
+    if (IsEmpty(want)) {
+      std::vector<uint8_t>().swap(buffer.block);
+      continue;
+    }
+    int64_t need = std::max(FrameBytes(want), largest);
+    if (changed || static_cast<int64_t>(buffer.block.size()) < need)
+      buffer.block.assign(static_cast<size_t>(need), 0);
+  }
+}
+
+Buffer& FindBuffer(State& s, int32_t id) {
+  auto it = s.buffers.find(id);
+  if (it == s.buffers.end()) throw std::invalid_argument("sparkhost: no such buffer id");
+  return it->second;
+}
+
+int64_t FramePixelsLocked(const State& s) {
+  if (s.forcedPixels >= 0) return s.forcedPixels;
+  const FrameLayout& result = s.buffers.at(kResultBuffer).layout;
+  if (!IsEmpty(result)) return int64_t{result.width} * result.height;
+  return std::max<int64_t>(s.framePixels, 0);
+}
+
+int32_t ClampFrame(const Clip& clip, int32_t frame) {
+  int32_t last = static_cast<int32_t>(clip.frames.size()) - 1;
+  return std::min(std::max(frame, 0), last);
+}
+
+std::string Text(const char* text) { return text ? std::string(text) : std::string(); }
+
+void Record(State& s, Note::Kind kind, const char* what, const char* text) {
+  if (!text) s.log.push_back(std::string(what) + ": null text");
+  s.notes.push_back({kind, Text(text)});
+}
+
+SetupCall MakeSetupCall(bool save, const spark_info_struct* info) {
+  SetupCall call{};
+  call.save = save;
+  call.info = info;
+  if (info) call.copy = *info;
+  return call;
+}
+
+uint8_t* SampleAddress(const void* block, const FrameLayout& layout, int32_t x, int32_t y,
+                       int32_t c) {
+  if (!block || x < 0 || y < 0 || c < 0 || x >= layout.width || y >= layout.height || c > 2)
+    throw std::invalid_argument("sparkhost: sample outside the frame");
+  int32_t sampleBytes = BytesPerPixel(layout.formatCode) / 3;
+  return const_cast<uint8_t*>(static_cast<const uint8_t*>(block)) + y * RowBytes(layout) +
+         (int64_t{x} * 3 + c) * sampleBytes;
+}
+
+}  // namespace
+
+void SetProcessors(int32_t processors) {
+  Lock lock(gMutex);
+  gState.processors = processors;
+}
+
+int32_t Processors() {
+  Lock lock(gMutex);
+  return gState.processors;
+}
+
+void SetFramePixels(int64_t pixels) {
+  Lock lock(gMutex);
+  gState.framePixels = pixels;
+}
+
+void ForceFramePixels(int64_t pixels) {
+  Lock lock(gMutex);
+  gState.forcedPixels = pixels < 0 ? -1 : pixels;
+}
+
+int64_t FramePixels() {
+  Lock lock(gMutex);
+  return FramePixelsLocked(gState);
+}
+
+int32_t BytesPerPixel(int32_t formatCode) { return formatCode == 24 || formatCode == 25 ? 3 : 6; }
+
+int64_t RowBytes(const FrameLayout& layout) {
+  if (layout.stride != 0) return layout.stride;
+  return int64_t{layout.width} * BytesPerPixel(layout.formatCode);
+}
+
+int64_t FrameBytes(const FrameLayout& layout) { return RowBytes(layout) * layout.height; }
+
+uint32_t Sample(const void* block, const FrameLayout& layout, int32_t x, int32_t y, int32_t c) {
+  const uint8_t* at = SampleAddress(block, layout, x, y, c);
+  if (BytesPerPixel(layout.formatCode) == 3) return *at;
+  uint16_t word;
+  std::memcpy(&word, at, sizeof word);
+  return word;
+}
+
+void SetSample(void* block, const FrameLayout& layout, int32_t x, int32_t y, int32_t c,
+               uint32_t value) {
+  uint8_t* at = SampleAddress(block, layout, x, y, c);
+  if (BytesPerPixel(layout.formatCode) == 3) {
+    *at = static_cast<uint8_t>(value);
+    return;
+  }
+  uint16_t word = static_cast<uint16_t>(value);
+  std::memcpy(at, &word, sizeof word);
+}
+
+void SetClip(int32_t clip, const FrameLayout& layout, int32_t frames) {
+  CheckClip(clip);
+  CheckLayout(layout);
+  if (frames < 0) throw std::invalid_argument("sparkhost: negative frame count");
+  Lock lock(gMutex);
+  Clip& c = gState.clips[clip];
+  c.layout = layout;
+  c.frames.assign(static_cast<size_t>(frames),
+                  std::vector<uint8_t>(static_cast<size_t>(FrameBytes(layout)), 0));
+  Refresh(gState);
+}
+
+FrameLayout ClipLayout(int32_t clip) {
+  CheckClip(clip);
+  Lock lock(gMutex);
+  return gState.clips[clip].layout;
+}
+
+int32_t ClipFrames(int32_t clip) {
+  CheckClip(clip);
+  Lock lock(gMutex);
+  return static_cast<int32_t>(gState.clips[clip].frames.size());
+}
+
+uint8_t* ClipFrame(int32_t clip, int32_t frame) {
+  CheckClip(clip);
+  Lock lock(gMutex);
+  Clip& c = gState.clips[clip];
+  if (frame < 0 || frame >= static_cast<int32_t>(c.frames.size()))
+    throw std::invalid_argument("sparkhost: no such frame");
+  return c.frames[static_cast<size_t>(frame)].data();
+}
+
+void SetClipFrame(int32_t clip, int32_t frame, const void* bytes) {
+  uint8_t* to = ClipFrame(clip, frame);
+  std::memcpy(to, bytes, static_cast<size_t>(FrameBytes(ClipLayout(clip))));
+}
+
+void SetBuffer(int32_t id, const FrameLayout& layout) {
+  CheckLayout(layout);
+  Lock lock(gMutex);
+  Buffer& buffer = FindBuffer(gState, id);
+  buffer.own = true;
+  buffer.layout = layout;
+  buffer.block.clear();  // zeroed again below
+  Refresh(gState);
+}
+
+FrameLayout BufferLayout(int32_t id) {
+  Lock lock(gMutex);
+  return FindBuffer(gState, id).layout;
+}
+
+uint8_t* BufferPixels(int32_t id) {
+  Lock lock(gMutex);
+  Buffer& buffer = FindBuffer(gState, id);
+  return buffer.block.empty() ? nullptr : buffer.block.data();
+}
+
+int64_t BufferCapacity(int32_t id) {
+  Lock lock(gMutex);
+  return static_cast<int64_t>(FindBuffer(gState, id).block.size());
+}
+
+int32_t RegisteredBuffers() {
+  Lock lock(gMutex);
+  return gState.registered;
+}
+
+spark_info_struct BeginFrame(int32_t frameNo) {
+  Lock lock(gMutex);
+  State& s = gState;
+  for (int32_t clip = 0; clip < 2; ++clip) {
+    const Clip& c = s.clips[clip];
+    if (c.frames.empty()) continue;
+    Buffer& buffer = s.buffers.at(clip == 0 ? kFrontBuffer : kBackBuffer);
+    if (static_cast<int64_t>(buffer.block.size()) < Extent(c.layout)) continue;
+    CopyFrame(buffer.block.data(), c.frames[static_cast<size_t>(ClampFrame(c, frameNo))].data(),
+              c.layout);
+  }
+  spark_info_struct info;
+  std::memset(&info, 0, sizeof info);
+  info.FrameBytes = static_cast<int32_t>(FrameBytes(s.buffers.at(kResultBuffer).layout));
+  info.FrameNo = frameNo;
+  info.FormatCode = s.buffers.at(kFrontBuffer).layout.formatCode;
+  info.ProcessorCount = static_cast<int8_t>(std::min(std::max(s.processors, 1), 127));
+  return info;
+}
+
+void FailGetBuffer(int32_t id) {
+  Lock lock(gMutex);
+  gState.injections[id].failGet = true;
+}
+
+void ClearUsableBit(int32_t id) {
+  Lock lock(gMutex);
+  gState.injections[id].clearUsable = true;
+}
+
+void NullBufferPointer(int32_t id) {
+  Lock lock(gMutex);
+  gState.injections[id].nullPointer = true;
+}
+
+void NullBufferOnGetFrame(int32_t id) {
+  Lock lock(gMutex);
+  gState.injections[id].nullOnGetFrame = true;
+}
+
+void ClearInjections() {
+  Lock lock(gMutex);
+  gState.injections.clear();
+}
+
+std::vector<Note> Notes() {
+  Lock lock(gMutex);
+  return gState.notes;
+}
+
+std::vector<std::string> HostLog() {
+  Lock lock(gMutex);
+  return gState.log;
+}
+
+std::vector<GetFrameCall> GetFrameCalls() {
+  Lock lock(gMutex);
+  return gState.getFrameCalls;
+}
+
+std::vector<int32_t> GetBufferCalls() {
+  Lock lock(gMutex);
+  return gState.getBufferCalls;
+}
+
+Counts Calls() {
+  Lock lock(gMutex);
+  Counts counts = gState.counts;
+  counts.mpInfo = gMpInfoCalls.load();
+  return counts;
+}
+
+void SetAPIVersion(float version) {
+  Lock lock(gMutex);
+  gState.version = version;
+}
+
+void AddSetupValue(const std::string& name, void* address, size_t bytes) {
+  if (!address) throw std::invalid_argument("sparkhost: null setup value");
+  Lock lock(gMutex);
+  gState.setupValues.push_back({name, address, bytes});
+}
+
+std::map<std::string, std::vector<uint8_t>> SavedSetup() {
+  Lock lock(gMutex);
+  return gState.saved;
+}
+
+void SetSavedSetup(const std::map<std::string, std::vector<uint8_t>>& setup) {
+  Lock lock(gMutex);
+  gState.saved = setup;
+}
+
+std::vector<SetupCall> SetupCalls() {
+  Lock lock(gMutex);
+  return gState.setupCalls;
+}
+
+void Reset() {
+  Lock lock(gMutex);
+  gState = State();
+  gMpInfoCalls = 0;
+}
+
 }  // namespace sparkhost
 
-extern "C" void sparkMpFork(SparkMpWorker worker, int /*nargs*/, void* arg) {
-  int32_t p = gProcessors > 0 ? gProcessors : 1;
-  uint64_t pixels = static_cast<uint64_t>(gFramePixels);
-  uint64_t share = pixels / static_cast<uint64_t>(p);
+using namespace sparkhost;
+
+extern "C" float sparkAPIVersionInfo(void) {
+  Lock lock(gMutex);
+  ++gState.counts.apiVersion;
+  return gState.version;
+}
+
+extern "C" void sparkError(const char* text) {
+  Lock lock(gMutex);
+  ++gState.counts.error;
+  Record(gState, Note::kError, "sparkError", text);
+}
+
+extern "C" void sparkMessage(const char* text) {
+  Lock lock(gMutex);
+  ++gState.counts.message;
+  Record(gState, Note::kMessage, "sparkMessage", text);
+}
+
+extern "C" void sparkCursorBusy(void) {
+  Lock lock(gMutex);
+  ++gState.counts.cursorBusy;
+}
+
+extern "C" void sparkViewingDraw(void) {
+  Lock lock(gMutex);
+  ++gState.counts.viewingDraw;
+}
+
+extern "C" void sparkLoadSetup(spark_info_struct* info) {
+  Lock lock(gMutex);
+  State& s = gState;
+  ++s.counts.loadSetup;
+  s.setupCalls.push_back(MakeSetupCall(false, info));
+  for (const SetupValue& value : s.setupValues) {
+    auto it = s.saved.find(value.name);
+    if (it == s.saved.end()) continue;
+    if (it->second.size() != value.bytes) {
+      s.log.push_back("sparkLoadSetup: saved " + value.name + " has another size; not restored");
+      continue;
+    }
+    std::memcpy(value.address, it->second.data(), value.bytes);
+  }
+}
+
+extern "C" void sparkSaveSetup(spark_info_struct* info) {
+  Lock lock(gMutex);
+  State& s = gState;
+  ++s.counts.saveSetup;
+  s.setupCalls.push_back(MakeSetupCall(true, info));
+  for (const SetupValue& value : s.setupValues) {
+    const uint8_t* from = static_cast<const uint8_t*>(value.address);
+    s.saved[value.name].assign(from, from + value.bytes);
+  }
+}
+
+extern "C" int sparkMemRegisterBuffer(void) {
+  Lock lock(gMutex);
+  State& s = gState;
+  ++s.counts.registerBuffer;
+  int32_t id = kFirstTempBuffer + s.registered++;
+  s.buffers[id] = Buffer();
+  Refresh(s);
+  return id;
+}
+
+extern "C" int sparkMemGetBuffer(int id, spark_mem_buf_struct* record) {
+  Lock lock(gMutex);
+  State& s = gState;
+  ++s.counts.getBuffer;
+  s.getBufferCalls.push_back(id);
+  if (!record) {
+    s.log.push_back("sparkMemGetBuffer: null record for id " + std::to_string(id));
+    return 0;
+  }
+  Injection injection;
+  if (auto it = s.injections.find(id); it != s.injections.end()) injection = it->second;
+  if (injection.failGet) return 0;
+  auto it = s.buffers.find(id);
+  if (it == s.buffers.end()) {
+    s.log.push_back("sparkMemGetBuffer: no buffer with id " + std::to_string(id));
+    return 0;
+  }
+  Buffer& buffer = it->second;
+  std::memset(record, 0, sizeof *record);
+  record->Buffer = buffer.block.empty() || injection.nullPointer ? nullptr : buffer.block.data();
+  record->State = injection.clearUsable ? 0 : kSparkBufferUsable;
+  record->Width = buffer.layout.width;
+  record->Height = buffer.layout.height;
+  record->FormatCode = buffer.layout.formatCode;
+  record->Stride = static_cast<int32_t>(RowBytes(buffer.layout));
+  s.lastRecord[id] = record;
+  return 1;
+}
+
+extern "C" int sparkGetFrame(int clip, int frame, void* pixels) {
+  Lock lock(gMutex);
+  State& s = gState;
+  ++s.counts.getFrame;
+  GetFrameCall call{clip, frame, -1, pixels, 0};
+  std::string where = "sparkGetFrame(" + std::to_string(clip) + ", " + std::to_string(frame) + ")";
+  if (clip != 0 && clip != 1) {
+    s.log.push_back(where + ": no such clip");
+  } else if (s.clips[clip].frames.empty()) {
+    s.log.push_back(where + ": the clip has no frames");
+  } else if (!pixels) {
+    s.log.push_back(where + ": null pixels");
+  } else {
+    const Clip& c = s.clips[clip];
+    int32_t delivered = ClampFrame(c, frame);
+    // A destination inside one of the host's own blocks must hold the whole frame.
+    bool fits = true;
+    uint8_t* to = static_cast<uint8_t*>(pixels);
+    for (const auto& [id, buffer] : s.buffers) {
+      const uint8_t* begin = buffer.block.data();
+      const uint8_t* end = begin + buffer.block.size();
+      if (buffer.block.empty() || to < begin || to >= end) continue;
+      if (end - to < Extent(c.layout)) {
+        s.log.push_back(where + ": the frame does not fit buffer " + std::to_string(id));
+        fits = false;
+      }
+    }
+    if (fits) {
+      if (delivered != frame)
+        s.log.push_back(where + ": no such frame; frame " + std::to_string(delivered) +
+                        " delivered");
+      CopyFrame(to, c.frames[static_cast<size_t>(delivered)].data(), c.layout);
+      call.delivered = delivered;
+      call.result = 1;
+    }
+  }
+  s.getFrameCalls.push_back(call);
+  for (const auto& [id, injection] : s.injections) {
+    if (!injection.nullOnGetFrame) continue;
+    auto it = s.lastRecord.find(id);
+    if (it == s.lastRecord.end()) {
+      s.log.push_back(where + ": no record of buffer " + std::to_string(id) + " to revoke");
+      continue;
+    }
+    it->second->Buffer = nullptr;
+  }
+  return call.result;
+}
+
+extern "C" void sparkMpFork(SparkMpWorker worker, int nargs, void* arg) {
+  int32_t processors;
+  uint64_t pixels;
+  {
+    Lock lock(gMutex);
+    State& s = gState;
+    ++s.counts.mpFork;
+    if (nargs != 1) s.log.push_back("sparkMpFork: argument count " + std::to_string(nargs));
+    if (tInWorker) s.log.push_back("sparkMpFork: called from inside a worker");
+    if (!worker) {
+      s.log.push_back("sparkMpFork: null worker");
+      return;
+    }
+    processors = std::max(s.processors, 1);
+    pixels = static_cast<uint64_t>(FramePixelsLocked(s));
+  }
+  uint64_t share = pixels / static_cast<uint64_t>(processors);
+  std::vector<std::exception_ptr> errors(static_cast<size_t>(processors));
   std::vector<std::thread> threads;
-  std::vector<std::exception_ptr> errors(static_cast<size_t>(p));
-  for (int32_t k = 0; k < p; ++k) {
+  threads.reserve(static_cast<size_t>(processors));
+  for (int32_t k = 0; k < processors; ++k) {
     threads.emplace_back([=, &errors] {
+      tInWorker = true;
       tOffset = share * static_cast<uint64_t>(k);
-      tCount = k == p - 1 ? pixels - tOffset : share;
+      tCount = k == processors - 1 ? pixels - tOffset : share;
       try {
         worker(arg);
       } catch (...) {
@@ -36,11 +572,39 @@ extern "C" void sparkMpFork(SparkMpWorker worker, int /*nargs*/, void* arg) {
     });
   }
   for (std::thread& t : threads) t.join();
-  for (std::exception_ptr& e : errors)
-    if (e) std::rethrow_exception(e);
+  std::exception_ptr first;
+  {
+    Lock lock(gMutex);
+    for (int32_t k = 0; k < processors; ++k) {
+      std::exception_ptr& e = errors[static_cast<size_t>(k)];
+      if (!e) continue;
+      std::string what = "an exception";
+      try {
+        std::rethrow_exception(e);
+      } catch (const std::exception& ex) {
+        what = std::string("std::exception: ") + ex.what();
+      } catch (...) {
+      }
+      gState.log.push_back("sparkMpFork: the worker on processor " + std::to_string(k) + " of " +
+                           std::to_string(processors) + " ended with " + what);
+      if (!first) first = e;
+    }
+  }
+  // The lowest-numbered processor's exception, so that the outcome does not depend on timing.
+  if (first) std::rethrow_exception(first);
 }
 
 extern "C" void sparkMpInfo(uint64_t* offset, uint64_t* count) {
-  *offset = tOffset;
-  *count = tCount;
+  ++gMpInfoCalls;
+  if (!tInWorker) {
+    {
+      Lock lock(gMutex);
+      gState.log.push_back("sparkMpInfo: called outside a worker");
+    }
+    if (offset) *offset = 0;
+    if (count) *count = 0;
+    return;
+  }
+  if (offset) *offset = tOffset;
+  if (count) *count = tCount;
 }
