@@ -51,8 +51,8 @@ class ConvertShortFlow2FloatFlow : public ConvertImagePixel {
 };
 
 // Calls functor->Convert(&dst(x, y), &src(x, y)) for every pixel of dst, each image by its
-// own addressing (flipped included). Sizes are not compared: dst must not be larger than
-// src. A null pointer or an Empty image: nothing.
+// own addressing (flipped included). A dst wider or taller than src is refused (nothing),
+// as is a null pointer or an Empty image. The functor must fit both pixel sizes.
 void ConvertPixels(PLImage* dst, const PLImage* src, ConvertImagePixel* functor);
 // The same on one image, with one address for both arguments.
 void ConvertPixelsInPlace(PLImage* image, ConvertImagePixel* functor);
@@ -68,6 +68,18 @@ uint16_t PLEncodeFlow(float v, int32_t range);
 //   v = (float)(((double)code - 32767.0) / 32767.0 * (double)range).
 // 32767 decodes to exactly 0.
 float PLDecodeFlow(float code, int32_t range);
+
+// PLImage::SetFlow and PLImage::GetFlow (declared in PLImage.h) live with this coding:
+// - SetFlow on a UShort image stores the two codes and prints "whoa\n" to stderr when the
+//   u code is above 50000 (the value stands). On any other type it stores u and v as two
+//   raw floats when the pixel has room for them (8 bytes or more), otherwise nothing.
+// - GetFlow reads a UShort or Float image of 2 or more channels bilinearly at (fx, fy):
+//   ix = trunc(fx), tx = fx - ix (likewise y); ix at or beyond lastColumn becomes width - 2
+//   with tx 1.0 (likewise y), so the last column and row are reached exactly. In float:
+//   top = (b - a) * tx + a, bottom = (d - c) * tx + c, r = (bottom - top) * ty + top; a
+//   UShort result is decoded from the interpolated code. Refused, u and v untouched: any
+//   other type, fewer than 2 channels, an image narrower or shorter than 2, and a
+//   position whose truncation is negative (or NaN, or beyond 32 bits).
 
 // Flow files: no file format exists. ReadFlow always returns null (the image it would
 // fill is Empty). WriteFlow prints "Write Flow needs more than 1 channel!\n" to stderr for

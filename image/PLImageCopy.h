@@ -9,7 +9,8 @@
 // Every function here addresses each image by its own fields (rowBytes, flipped): row y
 // of one image meets row y of the other whatever their row order and padding. Rectangles
 // are given as a corner (x, y) and a size (w, h) in pixels. Nothing here allocates and
-// nothing reports an error of its own: a mismatch is a silent no-op. Typed row walks
+// nothing reports an error of its own: a mismatch is a silent no-op, and so is a null
+// pointer or an image without data (Empty or Failed) in any operation. Typed row walks
 // assume that `data` and `rowBytes` are multiples of the sample size, as every allocated
 // image and every host buffer is.
 
@@ -36,8 +37,8 @@ bool DifferentFormat(const PLImage* a, const PLImage* b);
 // ---- Copies ------------------------------------------------------------------------------
 
 // Row-parallel over dst's height: each row of dst gets dst->width * dst->bytesPerPixel
-// bytes (one memcpy) from the same row of src. No check of any kind: src must have at
-// least as many rows and bytes per row. dst == src copies each row onto itself.
+// bytes from the same row of src. No check beyond null: src must have at least as many
+// rows and bytes per row. dst == src leaves the image as it is.
 void CopyWhole(PLImage* dst, const PLImage* src);
 // CopyWhole when !DifferentLayout(src, dst); otherwise nothing. Bytes are copied as they
 // are, so a Float image and a Long image of one size copy raw.
@@ -57,16 +58,18 @@ void CopyCentered(PLImage* dst, PLImage* src);
 // - Different dataType: ConvertRect(dst, src, dstX, dstY, srcX, srcY, w, h), row-parallel
 //   over h rows. The data then flows FROM the image called dst TO the image called src,
 //   each keeping its own offsets: the reverse of the same-type direction. Deliberate.
-// The rectangle must lie inside both images; nothing is clipped.
+// A rectangle that does not lie inside both images (each in its own pixels) is refused:
+// nothing is clipped, nothing is copied. A same-type copy whose dst-sized rows would read
+// past the end of src's memory (src of fewer channels) is refused too.
 void CopyRect(PLImage* dst, int32_t dstX, int32_t dstY, PLImage* src, int32_t srcX,
               int32_t srcY, int32_t w, int32_t h);
 // As CopyRect, src to dst in every case, but keeping brightness across types: when
 // dataType and whitePoint agree (neither NaN) it is step 1 of CopyRect; otherwise,
 // row-parallel over h rows, each sample s becomes s * k with k = dst->whitePoint /
 // src->whitePoint in single precision; a UChar or UShort dst adds 0.5 and truncates with
-// no clamp (a Float sample above 1.0 wraps), a Float dst keeps the product. Serves pairs
-// among UChar, UShort and Float with src's channel count (dst must have as many); any
-// other dataType: nothing.
+// no clamp (a Float sample above 1.0 wraps), a Float dst keeps the product (the 0.5 is
+// added in single precision, like the product). Serves pairs among UChar, UShort and
+// Float; any other dataType, or a different channel count on the two sides: nothing.
 void CopyRectScaled(PLImage* dst, int32_t dstX, int32_t dstY, const PLImage* src, int32_t srcX,
                     int32_t srcY, int32_t w, int32_t h);
 // Matching layouts with equal white points: as CopyCentered (CopyRows). Matching layouts
@@ -79,7 +82,7 @@ void CopyCenteredScaled(PLImage* dst, const PLImage* src);
 // zero to 32 bits and keeps the low bits: -1.0 gives 255, 256.0 gives 0, NaN gives 0).
 // Row-parallel over `rows`. Only UChar, UShort and Float on both sides; any other type:
 // nothing. Both pointers advance by from->channels samples a pixel, so both images must
-// have the same channel count.
+// have the same channel count: a different count is refused (nothing).
 void ConvertRect(const PLImage* from, PLImage* to, int32_t fromX, int32_t fromY, int32_t toX,
                  int32_t toY, int32_t w, int32_t rows);
 
