@@ -22,6 +22,30 @@
 //   line to HostLog() so that a test can see it. Misuse of the configuration API by a
 //   test throws std::invalid_argument.
 
+// What the host functions do here:
+// - sparkAPIVersionInfo: the version set by SetAPIVersion (4.0 by default).
+// - sparkError, sparkMessage: recorded in order in Notes() (a null text as "").
+// - sparkCursorBusy, sparkViewingDraw: counted.
+// - sparkLoadSetup, sparkSaveSetup: restore and save the registered setup values, and
+//   record the address given and the record's contents (see SetupCalls()).
+// - sparkMemRegisterBuffer: returns the next id, 4 first; the buffer follows the front clip.
+// - sparkMemGetBuffer(id, record): for ids 1, 2, 3 and registered ids, zeroes the 128-byte
+//   record, fills Buffer, State (usable bit 4), Width, Height, FormatCode and Stride,
+//   remembers the record's address and returns 1. An unknown id or a null record returns
+//   0 and leaves the record alone.
+// - sparkGetFrame(clip, frame, pixels): copies the frame row by row at the clip's stride
+//   (each row's padding in `pixels` is left alone) and returns 1. A frame number outside
+//   the clip is clamped to its first or last frame, as hosts do at clip ends, and a
+//   HostLog() line says so. An unknown clip, a clip without frames, null pixels, or
+//   pixels inside a host block too near its end for the frame copy nothing and return 0.
+// - sparkMpFork(worker, 1, arg): runs worker(arg) once on each of Processors() real
+//   threads (never the caller's) and returns when all have ended. An exception that
+//   leaves a worker is caught there, written to HostLog() after the join, and the one
+//   from the lowest-numbered processor is rethrown on the calling thread.
+// - sparkMpInfo(offset, count): inside a worker, processor k of P gets offset k x share
+//   and count share, the last processor share plus the remainder, share being
+//   FramePixels() / P at the time of the fork. Outside a worker: 0 and 0, and a line.
+
 namespace sparkhost {
 
 // ---- Processors and the frame that sparkMpInfo divides among them
@@ -34,7 +58,7 @@ int32_t Processors();
 // buffer is configured. A real host divides its result frame, and the plug-in divides
 // the result record's Width x Height, so once the result buffer has a non-empty layout
 // (its own or the front clip's) that count wins and the plug-in's fork stays in step
-// with the host whatever order a test configures things in.
+// with the host whatever order a test configures things in. A negative count acts as 0.
 void SetFramePixels(int64_t pixels);
 // For tests that put host and plug-in out of step on purpose: this count is divided
 // whatever the result buffer says. A negative value withdraws it.
