@@ -23,8 +23,9 @@
 //
 // Images: source and destination alike in channels (1 to 4), width, height and data type
 // (UChar, UShort or Float); row order and padding of all three images are free. Integer
-// results are rounded and clamped, Float results are neither. The source must not be the
-// destination.
+// results are rounded and clamped, Float results are neither. No limit is put on the
+// sample count; a vector too long for a 32-bit count (or infinite or NaN) takes n = 2 and
+// the half-vector as its step, so its far samples fall outside.
 //
 // Failure: every check below runs before any pixel is written, and a refusal throws
 // PLErrParameter (5) with the destination untouched:
@@ -37,6 +38,8 @@
 //     the bilinear flow cell would leave the image;
 //   - a source or flow wider or taller than 8388608 (2^23): the pixel loop counts in
 //     float, and beyond that x + 0.5 is no longer exact;
+//   - a destination sharing memory with the source or the flow (workers read rows that
+//     others write);
 //   - (rectangle form) y1 < y0, or a rectangle not inside the source. An empty column
 //     range (x1 < x0) is accepted and writes nothing.
 // An interruption raised through the progress chain ends the workers and is thrown as
