@@ -1,0 +1,191 @@
+// flowblur tests: the full-weight convolution against a literal reference, modes and refusals.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "filter/PLConvolveFull.h"
+#include "filter/tests/FilterTestImages.h"
+#include "tests/support/PLTestWorkers.h"
+
+using namespace filtertest;
+
+namespace {
+
+float RefStoreWrapped(int32_t dataType, float v) {
+  if (dataType == PLFloat) return v;
+  uint32_t i = static_cast<uint32_t>(PLTruncToInt32(v + 0.5f));
+  return static_cast<float>(dataType == PLUChar ? (i & 0xFF) : (i & 0xFFFF));
+}
+
+// One line, as written: head and tail renormalise over the taps that exist, the tail
+// overwriting the head, the middle takes all taps from i - half and reads zeros past the end.
+std::vector<float> RefFullLine(const std::vector<float>& in, const std::vector<float>& w,
+                               int32_t half) {
+  const int32_t n = static_cast<int32_t>(in.size());
+  const int32_t count = static_cast<int32_t>(w.size());
+  std::vector<float> out(n, 0.0f);
+  auto sample = [&](int32_t j) { return j < n ? in[j] : 0.0f; };
+  for (int32_t i = 0; i < half && i < n; ++i) {
+    float sum = 0.0f, norm = 0.0f;
+    for (int32_t j = 0; j <= i + half && j < n; ++j) {
+      sum = sum + w[half - i + j] * in[j];
+      norm = norm + w[half - i + j];
+    }
+    out[i] = sum / norm;
+  }
+  if (n - half >= 0) {
+    for (int32_t i = n - half; i < n; ++i) {
+      float sum = 0.0f, norm = 0.0f;
+      for (int32_t j = n - 1; j >= i - half && j >= 0; --j) {
+        sum = sum + w[j - i + half] * in[j];
+        norm = norm + w[j - i + half];
+      }
+      out[i] = sum / norm;
+    }
+  }
+  for (int32_t i = half; i < n - half; ++i) {
+    float v = 0.0f;
+    for (int32_t t = 0; t < count; ++t) v = v + sample(i - half + t) * w[t];
+    out[i] = v;
+  }
+  return out;
+}
+
+void RefConvolveFull(PLImage* im, const std::vector<float>& w, int32_t mode, float radius) {
+  const int32_t half = static_cast<int32_t>(radius);
+  for (int32_t c = 0; c < im->channels; ++c) {
+    if (mode == 0 || mode == 2) {
+      for (int32_t y = 0; y < im->height; ++y) {
+        std::vector<float> line(im->width);
+        for (int32_t x = 0; x < im->width; ++x) line[x] = static_cast<float>(Get(im, x, y, c));
+        std::vector<float> out = RefFullLine(line, w, half);
+        for (int32_t x = 0; x < im->width; ++x) Set(im, x, y, c, RefStoreWrapped(im->dataType, out[x]));
+      }
+    }
+    if (mode == 0 || mode >= 3) {
+      for (int32_t x = 0; x < im->width; ++x) {
+        std::vector<float> line(im->height);
+        for (int32_t y = 0; y < im->height; ++y) line[y] = static_cast<float>(Get(im, x, y, c));
+        std::vector<float> out = RefFullLine(line, w, half);
+        for (int32_t y = 0; y < im->height; ++y) Set(im, x, y, c, RefStoreWrapped(im->dataType, out[y]));
+      }
+    }
+  }
+}
+
+// Box weights as the box builder makes them.
+std::vector<float> Box(float radius) {
+  int32_t count = static_cast<int32_t>(std::ceil(radius) * 2.0f + 1.0f);
+  std::vector<float> w(count, 1.0f);
+  float f = radius - static_cast<float>(static_cast<int32_t>(radius));
+  if (f > 0.0f) w.front() = w.back() = f;
+  for (float& v : w) v = v / static_cast<float>(count);
+  return w;
+}
+
+struct FullCase {
+  float radius;
+  std::vector<float> weights;
+};
+
+class ConvolveFullReference : public ::testing::TestWithParam<int32_t> {};
+
+TEST_P(ConvolveFullReference, MatchesLiteralReference) {
+  const int32_t type = GetParam();
+  std::vector<FullCase> cases = {{1.0f, {0.25f, 0.5f, 0.25f}},
+                                 {2.0f, Box(2.0f)},
+                                 {2.5f, Box(2.5f)},
+                                 {0.5f, Box(0.5f)},
+                                 {4.0f, {0.05f, 0.1f, 0.1f, 0.15f, 0.2f, 0.15f, 0.1f, 0.1f, 0.05f}}};
+  const int32_t sizes[][2] = {{23, 19}, {3, 4}, {7, 2}, {1, 9}, {9, 1}, {6, 40}};
+  uint32_t seed = 100;
+  for (const FullCase& fc : cases)
+    for (auto& s : sizes)
+      for (int32_t channels = 1; channels <= 4; ++channels)
+        for (int32_t mode : {0, 1, 2, 3, 9}) {
+          const int32_t flipped = seed % 2;
+          TestImage got = MakeImage(s[0], s[1], channels, type, flipped, 3 * flipped);
+          FillRandom(got.get(), seed++);
+          TestImage want = MakeImage(s[0], s[1], channels, type);
+          CopyPixels(want.get(), got.get());
+          PLConvolveFull(got.get(), static_cast<int32_t>(fc.weights.size()), fc.weights.data(),
+                         mode, fc.radius);
+          RefConvolveFull(want.get(), fc.weights, mode, fc.radius);
+          ASSERT_TRUE(SamePixels(got.get(), want.get()))
+              << "radius " << fc.radius << " " << s[0] << "x" << s[1] << " channels " << channels
+              << " mode " << mode;
+          ASSERT_TRUE(PaddingUntouched(got));
+        }
+}
+
+INSTANTIATE_TEST_SUITE_P(Types, ConvolveFullReference,
+                         ::testing::Values(PLUChar, PLUShort, PLFloat));
+
+// At a fractional radius the middle leans one sample toward the start of the line.
+TEST(ConvolveFull, FractionalRadiusShiftsTheMiddle) {
+  TestImage im = MakeImage(21, 1, 1, PLFloat);
+  Fill(im.get(), 0.0);
+  Set(im.get(), 10, 0, 0, 1.0);
+  std::vector<float> w = Box(2.5f);  // 0.5 1 1 1 1 1 0.5, over 7
+  PLConvolveFull(im.get(), 7, w.data(), 2, 2.5f);
+  EXPECT_EQ(Get(im.get(), 5, 0, 0), 0.0);
+  EXPECT_EQ(Get(im.get(), 6, 0, 0), 0.5f / 7.0f);
+  for (int32_t x = 7; x <= 11; ++x) EXPECT_EQ(Get(im.get(), x, 0, 0), 1.0f / 7.0f) << x;
+  EXPECT_EQ(Get(im.get(), 12, 0, 0), 0.5f / 7.0f);
+  EXPECT_EQ(Get(im.get(), 13, 0, 0), 0.0);
+}
+
+// The read past the end of a line sees zeros, whatever an earlier, longer line left in the
+// same scratch: rows of 40 first, then columns of 6.
+TEST(ConvolveFull, PastTheLineReadsZeroNotAnEarlierLine) {
+  TestImage im = MakeImage(40, 6, 1, PLFloat);
+  Fill(im.get(), 1.0);
+  std::vector<float> w = Box(0.5f);  // half 0: every output is a middle output
+  PLConvolveFull(im.get(), 3, w.data(), 0, 0.5f);
+  TestImage want = MakeImage(40, 6, 1, PLFloat);
+  Fill(want.get(), 1.0);
+  RefConvolveFull(want.get(), w, 0, 0.5f);
+  EXPECT_TRUE(SamePixels(im.get(), want.get()));
+}
+
+TEST(ConvolveFull, RefusesWeightsThatDoNotFitTheRadius) {
+  TestImage im = MakeImage(10, 10, 1, PLUChar);
+  FillRandom(im.get(), 3);
+  TestImage want = MakeImage(10, 10, 1, PLUChar);
+  CopyPixels(want.get(), im.get());
+  const float w[3] = {0.25f, 0.5f, 0.25f};
+  EXPECT_THROW(PLConvolveFull(im.get(), 3, w, 0, 2.0f), PLErr);  // head would read w[4]
+  EXPECT_THROW(PLConvolveFull(im.get(), 0, w, 0, 1.0f), PLErr);
+  EXPECT_THROW(PLConvolveFull(im.get(), 3, nullptr, 0, 1.0f), PLErr);
+  EXPECT_THROW(PLConvolveFull(im.get(), 3, w, 0, 1e30f), PLErr);
+  EXPECT_TRUE(SamePixels(im.get(), want.get()));
+  // Below 0.001 nothing at all happens, not even the checks.
+  PLConvolveFull(im.get(), 0, nullptr, 0, 0.0005f);
+  EXPECT_TRUE(SamePixels(im.get(), want.get()));
+  try {
+    PLConvolveFull(im.get(), 3, w, 0, 2.0f);
+  } catch (PLErr& e) {
+    EXPECT_EQ(e, PLErrParameter);
+  }
+}
+
+TEST(ConvolveFull, SameBytesForAnyWorkerCount) {
+  for (int32_t type : {PLUChar, PLFloat}) {
+    TestImage input = MakeImage(140, 150, 3, type, 1, 2);
+    FillRandom(input.get(), 21);
+    std::vector<float> w = Box(2.5f);
+    TestImage want = MakeImage(140, 150, 3, type);
+    CopyPixels(want.get(), input.get());
+    RefConvolveFull(want.get(), w, 0, 2.5f);
+    for (int32_t workers : kPLTestWorkerCounts) {
+      PLTestUseWorkers(workers);
+      TestImage got = MakeImage(140, 150, 3, type, 1, 2);
+      CopyPixels(got.get(), input.get());
+      PLConvolveFull(got.get(), 7, w.data(), 0, 2.5f);
+      EXPECT_TRUE(SamePixels(got.get(), want.get())) << "type " << type << " workers " << workers;
+    }
+    PLTestUseWorkers(1);
+  }
+}
+
+}  // namespace

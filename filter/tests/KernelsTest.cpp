@@ -1,0 +1,261 @@
+// flowblur tests: the named blurs: weights seen through impulse responses, modes, refusals.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "filter/PLKernels.h"
+#include "filter/PLSeparable.h"
+#include "filter/tests/FilterTestImages.h"
+#include "tests/support/PLTestWorkers.h"
+
+using namespace filtertest;
+
+namespace {
+
+// A single 1.0 in the middle of a zero Float image: a rows-only pass leaves the kernel's
+// taps in the middle run, one product each, so the weights are read back exactly.
+TestImage Impulse(int32_t size = 41) {
+  TestImage im = MakeImage(size, size, 1, PLFloat);
+  Fill(im.get(), 0.0);
+  Set(im.get(), size / 2, size / 2, 0, 1.0);
+  return im;
+}
+
+// Half-weights normalised as the builders do.
+std::vector<float> Normalised(std::vector<float> w) {
+  float sum = 0.0f;
+  for (float v : w) sum += v;
+  const float norm = (sum + sum) - w[0];
+  for (float& v : w) v = v / norm;
+  return w;
+}
+
+std::vector<float> GaussWeights(float radius) {
+  const int32_t count = static_cast<int32_t>(radius) + 1;
+  const float q = radius / 3.0f, d = q * q;
+  std::vector<float> w(count);
+  for (int32_t i = 0; i < count; ++i)
+    w[i] = static_cast<float>(
+        std::pow(2.0, static_cast<double>(-static_cast<float>(i) * static_cast<float>(i) / d)));
+  return Normalised(w);
+}
+
+void ExpectRowResponse(const PLImage* im, const std::vector<float>& half) {
+  const int32_t c = im->width / 2;
+  for (size_t k = 0; k < half.size(); ++k) {
+    EXPECT_EQ(Get(im, c + static_cast<int32_t>(k), c, 0), half[k]) << "tap " << k;
+    EXPECT_EQ(Get(im, c - static_cast<int32_t>(k), c, 0), half[k]) << "tap -" << k;
+  }
+  EXPECT_EQ(Get(im, c + static_cast<int32_t>(half.size()), c, 0), 0.0);
+  EXPECT_EQ(Get(im, c, c + 1, 0), 0.0);  // rows only
+}
+
+TEST(GaussBlur, RadiusOneHasTwoHalfWeightsOneAndTwoToMinusNine) {
+  TestImage im = Impulse();
+  PLGaussBlur(im.get(), 2, 1.0f);
+  std::vector<float> w = GaussWeights(1.0f);
+  ASSERT_EQ(w.size(), 2u);
+  // d = (1/3)^2 in float is a hair off 1/9, so the exponent is -8.999999, not -9 exactly.
+  const float kExponentRounding = 1e-5f;
+  EXPECT_NEAR(w[1] / w[0] * 512.0f, 1.0f, kExponentRounding);
+  ExpectRowResponse(im.get(), w);
+}
+
+TEST(GaussBlur, FractionalRadiusTruncatesTheCountButKeepsTheShape) {
+  TestImage im = Impulse();
+  PLGaussBlur(im.get(), 2, 2.9f);
+  std::vector<float> w = GaussWeights(2.9f);
+  ASSERT_EQ(w.size(), 3u);
+  ExpectRowResponse(im.get(), w);
+  // The last tap at 2 samples of a radius 2.9 is well above 2^-9 of the centre.
+  EXPECT_GT(w[2] / w[0], 0.01f);
+}
+
+TEST(GaussBlur, TinyRadiusLeavesTheImageAsItIs) {
+  for (int32_t type : {PLUChar, PLUShort, PLFloat}) {
+    TestImage im = MakeImage(20, 20, 3, type);
+    FillRandom(im.get(), 4);
+    TestImage want = MakeImage(20, 20, 3, type);
+    CopyPixels(want.get(), im.get());
+    PLGaussBlur(im.get(), 0, 0.001f);  // count 1, a single weight 1.0
+    EXPECT_TRUE(SamePixels(im.get(), want.get()));
+    PLGaussBlur(im.get(), 0, 0.0009f);  // below the threshold: nothing
+    PLGaussBlur(im.get(), 0, -3.0f);
+    EXPECT_TRUE(SamePixels(im.get(), want.get()));
+  }
+}
+
+// Caller's modes: 2 rows, 3 columns, anything else both.
+TEST(GaussBlur, ModeMapping) {
+  TestImage input = MakeImage(30, 26, 2, PLUShort);
+  FillRandom(input.get(), 5);
+  auto engine = [&](uint32_t engineMode) {
+    TestImage t = MakeImage(30, 26, 2, PLUShort);
+    CopyPixels(t.get(), input.get());
+    NuvImageInternal w(t.get());
+    NuvImage v;
+    v.Attach(&w);
+    GaussBlurView(&v, engineMode, 4.0f);
+    return t;
+  };
+  const uint32_t caller[] = {0, 1, 2, 3, 4, 99};
+  const uint32_t expected[] = {0, 0, 1, 2, 0, 0};
+  for (int32_t i = 0; i < 6; ++i) {
+    TestImage t = MakeImage(30, 26, 2, PLUShort);
+    CopyPixels(t.get(), input.get());
+    PLGaussBlur(t.get(), caller[i], 4.0f);
+    TestImage want = engine(expected[i]);
+    EXPECT_TRUE(SamePixels(t.get(), want.get())) << "caller's mode " << caller[i];
+  }
+}
+
+// Box mode 1 does nothing, where the Gaussian's mode 1 filters both ways.
+TEST(BoxBlur, ModeOneDoesNothingUnlikeTheGaussian) {
+  TestImage box = MakeImage(25, 25, 3, PLUChar);
+  FillRandom(box.get(), 6);
+  TestImage want = MakeImage(25, 25, 3, PLUChar);
+  CopyPixels(want.get(), box.get());
+  PLBoxBlur(box.get(), 1, 3.0f);
+  EXPECT_TRUE(SamePixels(box.get(), want.get()));
+  PLGaussBlur(box.get(), 1, 3.0f);
+  EXPECT_FALSE(SamePixels(box.get(), want.get()));
+}
+
+TEST(BoxBlur, WholeRadiusHasEqualWeights) {
+  TestImage im = Impulse();
+  PLBoxBlur(im.get(), 2, 3.0f);
+  const int32_t c = 20;
+  for (int32_t x = c - 3; x <= c + 3; ++x) EXPECT_EQ(Get(im.get(), x, c, 0), 1.0f / 7.0f) << x;
+  EXPECT_EQ(Get(im.get(), c - 4, c, 0), 0.0);
+  EXPECT_EQ(Get(im.get(), c + 4, c, 0), 0.0);
+}
+
+TEST(BoxBlur, FractionalRadiusEndsAndShift) {
+  TestImage im = Impulse();
+  PLBoxBlur(im.get(), 3, 2.5f);  // columns only
+  const int32_t c = 20;
+  // Seven weights 0.5 1 1 1 1 1 0.5 over 7, centred one sample toward the start.
+  EXPECT_EQ(Get(im.get(), c, c - 4, 0), 0.5f / 7.0f);
+  for (int32_t y = c - 3; y <= c + 1; ++y) EXPECT_EQ(Get(im.get(), c, y, 0), 1.0f / 7.0f) << y;
+  EXPECT_EQ(Get(im.get(), c, c + 2, 0), 0.5f / 7.0f);
+  EXPECT_EQ(Get(im.get(), c, c + 3, 0), 0.0);
+  EXPECT_EQ(Get(im.get(), c + 1, c, 0), 0.0);  // columns only
+}
+
+// The fractional box sums to 6/7: the middle darkens, the renormalised borders do not.
+TEST(BoxBlur, FractionalBoxDarkensOnlyTheMiddle) {
+  TestImage im = MakeImage(30, 30, 1, PLUChar);
+  Fill(im.get(), 100);
+  PLBoxBlur(im.get(), 0, 2.5f);
+  EXPECT_EQ(Get(im.get(), 0, 0, 0), 100);
+  EXPECT_EQ(Get(im.get(), 29, 29, 0), 100);
+  EXPECT_EQ(Get(im.get(), 1, 15, 0), 86);  // border of rows, middle of columns
+  EXPECT_EQ(Get(im.get(), 15, 15, 0), 74);  // rows store 86, then 86 * 6/7 = 73.7
+}
+
+TEST(CosineBlur, QuarterTurnConstantLeavesATinyNegativeLastWeight) {
+  TestImage im = Impulse();
+  // Through the engine the response is 2D; its centre row at distance 2 is w2 * w0.
+  PLCosineBlur(im.get(), 2.0f);
+  std::vector<float> w(3);
+  for (int32_t i = 0; i < 3; ++i)
+    w[i] = static_cast<float>(std::cos(static_cast<double>(i) * 1.570796826795 / 2.0));
+  w = Normalised(w);
+  EXPECT_LT(w[2], 0.0f);
+  EXPECT_GT(w[2], -1e-6f);
+  const int32_t c = 20;
+  EXPECT_EQ(Get(im.get(), c + 2, c, 0), w[0] * w[2]);
+  EXPECT_EQ(Get(im.get(), c + 1, c - 1, 0), w[1] * w[1]);
+  EXPECT_LT(Get(im.get(), c + 2, c, 0), 0.0);
+}
+
+TEST(Binomial, FiveAndThreeTapResponses) {
+  const float five[5] = {0.0625f, 0.25f, 0.375f, 0.25f, 0.0625f};
+  const float three[3] = {0.25f, 0.5f, 0.25f};
+  TestImage a = Impulse();
+  PLBinomial5Blur(a.get());
+  TestImage b = Impulse();
+  PLBinomial121Blur(b.get());
+  const int32_t c = 20;
+  for (int32_t dy = -3; dy <= 3; ++dy)
+    for (int32_t dx = -3; dx <= 3; ++dx) {
+      float w5 = (std::abs(dx) <= 2 && std::abs(dy) <= 2) ? five[dx + 2] * five[dy + 2] : 0.0f;
+      float w3 = (std::abs(dx) <= 1 && std::abs(dy) <= 1) ? three[dx + 1] * three[dy + 1] : 0.0f;
+      EXPECT_EQ(Get(a.get(), c + dx, c + dy, 0), w5) << dx << "," << dy;
+      EXPECT_EQ(Get(b.get(), c + dx, c + dy, 0), w3) << dx << "," << dy;
+    }
+}
+
+TEST(Blurs, ConstantStaysConstantToTheEdges) {
+  for (int32_t channels = 1; channels <= 4; ++channels) {
+    TestImage im = MakeImage(19, 23, channels, PLUShort, 1, 2);
+    Fill(im.get(), 40000);
+    TestImage want = MakeImage(19, 23, channels, PLUShort);
+    Fill(want.get(), 40000);
+    PLGaussBlur(im.get(), 0, 7.0f);
+    PLBinomial5Blur(im.get());
+    PLCosineBlur(im.get(), 4.0f);
+    PLBoxBlur(im.get(), 0, 3.0f);
+    PLBinomial121Blur(im.get());
+    EXPECT_TRUE(SamePixels(im.get(), want.get())) << channels;
+    EXPECT_TRUE(PaddingUntouched(im));
+  }
+}
+
+// Radii beyond the kernel record are refused with the image untouched; the largest one
+// that fits runs.
+TEST(Blurs, RefusesRadiiPastTheKernelRecord) {
+  TestImage im = MakeImage(12, 12, 3, PLFloat);
+  FillRandom(im.get(), 7);
+  TestImage want = MakeImage(12, 12, 3, PLFloat);
+  CopyPixels(want.get(), im.get());
+  for (float r : {4096.0f, 5000.0f, INFINITY, NAN}) {
+    EXPECT_THROW(PLGaussBlur(im.get(), 0, r), PLErr) << r;
+    EXPECT_THROW(PLCosineBlur(im.get(), r), PLErr) << r;
+  }
+  EXPECT_THROW(PLBoxBlur(im.get(), 0, NAN), PLErr);
+  EXPECT_THROW(PLBoxBlur(im.get(), 0, 1e9f), PLErr);
+  EXPECT_TRUE(SamePixels(im.get(), want.get()));
+  try {
+    PLGaussBlur(im.get(), 0, 4096.0f);
+  } catch (PLErr& e) {
+    EXPECT_EQ(e, PLErrParameter);
+  }
+  PLGaussBlur(im.get(), 0, 4095.5f);  // count 4096: every output is a border output
+  EXPECT_FALSE(SamePixels(im.get(), want.get()));
+}
+
+// A Gaussian whose lines would not fit the line buffer is refused by the engine.
+TEST(Blurs, RefusesLinesPastTheLineBuffer) {
+  TestImage im = MakeImage(2, 9000, 1, PLUChar);
+  FillRandom(im.get(), 8);
+  TestImage want = MakeImage(2, 9000, 1, PLUChar);
+  CopyPixels(want.get(), im.get());
+  EXPECT_THROW(PLGaussBlur(im.get(), 0, 4000.0f), PLErr);  // 9000 + 2 * 4001 > 16384
+  EXPECT_TRUE(SamePixels(im.get(), want.get()));
+  PLGaussBlur(im.get(), 2, 4000.0f);  // rows of 2 fit
+}
+
+TEST(Blurs, SameBytesForAnyWorkerCount) {
+  TestImage input = MakeImage(136, 144, 3, PLUChar, 1, 5);
+  FillRandom(input.get(), 9);
+  TestImage first[3] = {MakeImage(136, 144, 3, PLUChar), MakeImage(136, 144, 3, PLUChar),
+                        MakeImage(136, 144, 3, PLUChar)};
+  for (int32_t workers : kPLTestWorkerCounts) {
+    PLTestUseWorkers(workers);
+    for (int32_t which = 0; which < 3; ++which) {
+      TestImage got = MakeImage(136, 144, 3, PLUChar, 1, 5);
+      CopyPixels(got.get(), input.get());
+      if (which == 0) PLGaussBlur(got.get(), 0, 6.0f);
+      if (which == 1) PLBoxBlur(got.get(), 0, 2.5f);
+      if (which == 2) PLBinomial5Blur(got.get());
+      if (workers == 1)
+        CopyPixels(first[which].get(), got.get());
+      else
+        EXPECT_TRUE(SamePixels(got.get(), first[which].get())) << which << " workers " << workers;
+    }
+  }
+  PLTestUseWorkers(1);
+}
+
+}  // namespace
