@@ -1,0 +1,196 @@
+// flowblur tests: bilinear resize against a literal reference, grid alignment, white points.
+#include <gtest/gtest.h>
+
+#include "filter/PLResize.h"
+#include "filter/tests/FilterTestImages.h"
+#include "tests/support/PLTestWorkers.h"
+
+using namespace filtertest;
+
+namespace {
+
+float RefWrap(int32_t dataType, float v) {
+  if (dataType == PLFloat) return v;
+  uint32_t i = static_cast<uint32_t>(PLTruncToInt32(v + 0.5f));
+  return static_cast<float>(dataType == PLUChar ? (i & 0xFF) : (i & 0xFFFF));
+}
+
+void RefResize(PLImage* d, const PLImage* s) {
+  const float sx = (static_cast<float>(s->width) - 1.0f) / static_cast<float>(d->width - 1);
+  const float sy = (static_cast<float>(s->height) - 1.0f) / static_cast<float>(d->height - 1);
+  const float ratio = d->whitePoint / s->whitePoint;
+  for (int32_t y = 0; y < d->height; ++y) {
+    const float fy = static_cast<float>(y) * sy;
+    for (int32_t x = 0; x < d->width; ++x) {
+      const float fx = static_cast<float>(x) * sx;
+      int32_t ix = static_cast<int32_t>(fx), iy = static_cast<int32_t>(fy);
+      float tx = fx - static_cast<float>(ix), ty = fy - static_cast<float>(iy);
+      if (ix >= s->lastColumn) ix = s->lastColumn - 1, tx = 1.0f;
+      if (iy >= s->lastRow) iy = s->lastRow - 1, ty = 1.0f;
+      for (int32_t c = 0; c < d->channels; ++c) {
+        const float p = static_cast<float>(Get(s, ix, iy, c));
+        const float r = static_cast<float>(Get(s, ix + 1, iy, c));
+        const float l = static_cast<float>(Get(s, ix, iy + 1, c));
+        const float lr = static_cast<float>(Get(s, ix + 1, iy + 1, c));
+        const float a = (r - p) * tx + p;
+        const float b = (lr - l) * tx + l;
+        float v = (b - a) * ty + a;
+        if (d->whitePoint != s->whitePoint) v = v * ratio;
+        Set(d, x, y, c, RefWrap(d->dataType, v));
+      }
+    }
+  }
+}
+
+class ResizeReference : public ::testing::TestWithParam<std::tuple<int32_t, int32_t>> {};
+
+// All 36 type-and-channel combinations (per parameter: one destination type, one source
+// type, four channel counts), in both white-point forms.
+TEST_P(ResizeReference, MatchesLiteralReference) {
+  const int32_t dt = std::get<0>(GetParam());
+  const int32_t st = std::get<1>(GetParam());
+  const int32_t sizes[][4] = {{17, 13, 9, 7}, {5, 4, 12, 9}, {2, 2, 3, 5}, {40, 3, 7, 2}};
+  uint32_t seed = 1;
+  for (auto& z : sizes)
+    for (int32_t channels = 1; channels <= 4; ++channels)
+      for (int32_t odd = 0; odd < 2; ++odd) {
+        TestImage src = MakeImage(z[0], z[1], channels, st, odd, 4 * odd);
+        FillRandom(src.get(), seed++);
+        TestImage got = MakeImage(z[2], z[3], channels, dt, 1 - odd, 2);
+        TestImage want = MakeImage(z[2], z[3], channels, dt);
+        // The second form with equal types: a white point of our own makes them unequal.
+        if (odd && dt == st) got->whitePoint = want->whitePoint = 2.0f * src->whitePoint;
+        PLResizeBilinear(got.get(), src.get());
+        RefResize(want.get(), src.get());
+        ASSERT_TRUE(SamePixels(got.get(), want.get()))
+            << z[0] << "x" << z[1] << " -> " << z[2] << "x" << z[3] << " channels " << channels
+            << " form " << odd;
+        ASSERT_TRUE(PaddingUntouched(got));
+      }
+}
+
+INSTANTIATE_TEST_SUITE_P(TypePairs, ResizeReference,
+                         ::testing::Combine(::testing::Values(PLUChar, PLUShort, PLFloat),
+                                            ::testing::Values(PLUChar, PLUShort, PLFloat)));
+
+// Integer samples are copied exactly. A Float copy is exact except where the cell slides
+// back: there the read is (right - p) * 1.0 + p, which float rounding can move by an ulp.
+TEST(Resize, EqualSizesCopy) {
+  for (int32_t type : {PLUChar, PLUShort, PLFloat})
+    for (int32_t channels = 1; channels <= 4; ++channels) {
+      TestImage src = MakeImage(13, 11, channels, type, 1, 3);
+      FillRandom(src.get(), 3);
+      TestImage dst = MakeImage(13, 11, channels, type);
+      PLResizeBilinear(dst.get(), src.get());
+      if (type != PLFloat) {
+        EXPECT_TRUE(SamePixels(dst.get(), src.get())) << type << " " << channels;
+        continue;
+      }
+      const double kSlideRounding = 1.2e-7;  // one ulp near 1.0
+      for (int32_t y = 0; y < 11; ++y)
+        for (int32_t x = 0; x < 13; ++x)
+          for (int32_t c = 0; c < channels; ++c) {
+            if (x < 12 && y < 10)
+              ASSERT_EQ(Get(dst.get(), x, y, c), Get(src.get(), x, y, c)) << x << "," << y;
+            else
+              ASSERT_NEAR(Get(dst.get(), x, y, c), Get(src.get(), x, y, c), kSlideRounding);
+          }
+    }
+}
+
+// Scale exactly 2: every second source pixel, no mixing; the corners coincide.
+TEST(Resize, ScaleTwoTakesEverySecondPixel) {
+  TestImage src = MakeImage(11, 9, 3, PLUShort);
+  FillRandom(src.get(), 4);
+  TestImage dst = MakeImage(6, 5, 3, PLUShort);
+  PLResizeBilinear(dst.get(), src.get());
+  for (int32_t y = 0; y < 5; ++y)
+    for (int32_t x = 0; x < 6; ++x)
+      for (int32_t c = 0; c < 3; ++c)
+        ASSERT_EQ(Get(dst.get(), x, y, c), Get(src.get(), 2 * x, 2 * y, c)) << x << "," << y;
+}
+
+// At the last column and row the cell slides back with a fraction of 1.0: the last source
+// column and row are read exactly, also when enlarging.
+TEST(Resize, LastColumnAndRowReadExactly) {
+  TestImage src = MakeImage(4, 3, 1, PLUShort);
+  FillRandom(src.get(), 5);
+  TestImage dst = MakeImage(7, 8, 1, PLFloat);
+  dst->whitePoint = src->whitePoint;  // no scaling: compare samples as they are
+  PLResizeBilinear(dst.get(), src.get());
+  EXPECT_EQ(Get(dst.get(), 6, 7, 0), Get(src.get(), 3, 2, 0));
+  EXPECT_EQ(Get(dst.get(), 0, 0, 0), Get(src.get(), 0, 0, 0));
+  EXPECT_EQ(Get(dst.get(), 6, 0, 0), Get(src.get(), 3, 0, 0));
+  EXPECT_EQ(Get(dst.get(), 0, 7, 0), Get(src.get(), 0, 2, 0));
+  // Halfway between columns 0 and 1 of the source (scale 0.5): the mean.
+  EXPECT_EQ(Get(dst.get(), 1, 0, 0), (Get(src.get(), 0, 0, 0) + Get(src.get(), 1, 0, 0)) / 2);
+}
+
+TEST(Resize, WhitePointRatios) {
+  TestImage u8 = MakeImage(3, 3, 1, PLUChar);
+  Fill(u8.get(), 51);
+  TestImage f = MakeImage(3, 3, 1, PLFloat);
+  PLResizeBilinear(f.get(), u8.get());
+  EXPECT_EQ(Get(f.get(), 1, 1, 0), 51.0f * (1.0f / 255.0f));
+
+  TestImage half = MakeImage(3, 3, 1, PLFloat);
+  Fill(half.get(), 0.5);
+  TestImage u16 = MakeImage(3, 3, 1, PLUShort);
+  PLResizeBilinear(u16.get(), half.get());
+  EXPECT_EQ(Get(u16.get(), 2, 2, 0), 32768);  // 0.5 * 65535 + 0.5
+}
+
+// No clamp anywhere: a Float sample past white wraps in an 8-bit store.
+TEST(Resize, IntegerStoresWrap) {
+  TestImage f = MakeImage(2, 2, 1, PLFloat);
+  Fill(f.get(), 1.5);
+  Set(f.get(), 0, 0, 0, -0.5);
+  TestImage u8 = MakeImage(2, 2, 1, PLUChar);
+  PLResizeBilinear(u8.get(), f.get());
+  EXPECT_EQ(Get(u8.get(), 1, 1, 0), 383 & 0xFF);    // 1.5 * 255 + 0.5 = 383
+  EXPECT_EQ(Get(u8.get(), 0, 0, 0), (-127) & 0xFF);  // -127.5 + 0.5
+}
+
+// Outside the grid's domain: refused with PLErr 5, nothing written.
+TEST(Resize, RefusesDegenerateSizesAndChannelMismatch) {
+  auto expectRefused = [](int32_t sw, int32_t sh, int32_t sc, int32_t dw, int32_t dh, int32_t dc) {
+    TestImage src = MakeImage(sw, sh, sc, PLUChar);
+    FillRandom(src.get(), 6);
+    TestImage dst = MakeImage(dw, dh, dc, PLUChar);
+    Fill(dst.get(), 9);
+    TestImage want = MakeImage(dw, dh, dc, PLUChar);
+    Fill(want.get(), 9);
+    try {
+      PLResizeBilinear(dst.get(), src.get());
+      ADD_FAILURE() << "not refused: " << sw << "x" << sh << " -> " << dw << "x" << dh;
+    } catch (PLErr& e) {
+      EXPECT_EQ(e, PLErrParameter);
+    }
+    EXPECT_TRUE(SamePixels(dst.get(), want.get()));
+  };
+  expectRefused(8, 8, 3, 4, 4, 1);  // channels differ
+  expectRefused(8, 8, 3, 1, 4, 3);  // destination width 1
+  expectRefused(8, 8, 3, 4, 1, 3);  // destination height 1
+  expectRefused(1, 8, 3, 4, 4, 3);  // source width 1
+  expectRefused(8, 1, 3, 4, 4, 3);  // source height 1
+  expectRefused(1, 1, 1, 1, 1, 1);
+  TestImage src = MakeImage(8, 8, 3, PLUChar);
+  TestImage empty = MakeImage(0, 5, 3, PLUChar);
+  EXPECT_NO_THROW(PLResizeBilinear(empty.get(), src.get()));
+}
+
+TEST(Resize, SameBytesForAnyWorkerCount) {
+  TestImage src = MakeImage(333, 257, 3, PLUChar, 1, 1);
+  FillRandom(src.get(), 7);
+  TestImage want = MakeImage(200, 150, 3, PLFloat);
+  RefResize(want.get(), src.get());
+  for (int32_t workers : kPLTestWorkerCounts) {
+    PLTestUseWorkers(workers);
+    TestImage got = MakeImage(200, 150, 3, PLFloat, 1, 8);
+    PLResizeBilinear(got.get(), src.get());
+    EXPECT_TRUE(SamePixels(got.get(), want.get())) << "workers " << workers;
+  }
+  PLTestUseWorkers(1);
+}
+
+}  // namespace
