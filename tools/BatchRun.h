@@ -1,0 +1,52 @@
+// flowblur: one run of the batch host over an image sequence: checks, frames through the
+// plug-in, safe output, flow pictures, progress and interruption.
+#pragma once
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "tools/ImageFiles.h"
+#include "tools/PluginRunner.h"
+
+namespace flowblur {
+
+// Exit codes of the command.
+enum ExitCode : int {
+  kExitOk = 0,
+  kExitInput = 1,        // missing, unreadable or mismatched input frames
+  kExitUsage = 2,        // bad command line or a control outside its range
+  kExitOutput = 3,       // output exists, names an input, cannot be written
+  kExitPlugin = 4,       // the plug-in reported a failure
+  kExitInterrupted = 130,
+};
+
+struct BatchOptions {
+  std::string input;       // sequence pattern (or one file)
+  std::string output;      // sequence pattern (or one file, for one frame)
+  std::string motionFrom;  // back clip pattern; empty: none
+  bool haveFrames = false;
+  int64_t firstFrame = 0, lastFrame = 0;  // with haveFrames
+  PluginControls controls;
+  int32_t threads = 1;  // 1 to 127
+  bool haveOutDepth = false;
+  SampleDepth outDepth = SampleDepth::k8;
+  bool overwrite = false;
+  bool progress = true;  // a progress line, when standard error is a terminal
+  bool quiet = false;    // nothing but errors
+  std::string flowFolder;  // --write-flow; empty: none
+  bool flowExr = false;    // also the raw flow as EXR
+};
+
+// Set by the SIGINT handler; the run stops at the next frame boundary.
+extern std::atomic<bool> gInterrupted;
+// Installs that handler (a second Ctrl-C ends the process at once) and ignores SIGXFSZ and
+// SIGPIPE so that a full disk or file-size limit surfaces as a write error.
+void InstallSignalHandlers();
+
+// The whole run; messages go to standard error. Returns an ExitCode.
+int RunBatch(const BatchOptions& options);
+
+// Frames written by the last RunBatch (for the demo's summary).
+int64_t LastRunFramesWritten();
+
+}  // namespace flowblur

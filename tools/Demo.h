@@ -1,0 +1,31 @@
+// flowblur: `flowblur demo`: the built-in clip written, blurred, and shown on a contact sheet.
+#pragma once
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools/BatchRun.h"
+
+namespace flowblur {
+
+// Writes the demo clip as 8-bit PNGs into DIR/input, blurs it into DIR/output with the
+// controls, threads and quiet flags of `base` (flow pictures into DIR/flow), and writes
+// DIR/contact-sheet.png. DIR must be empty, new, or an earlier demo folder (it holds the
+// marker file .flowblur-demo); an earlier demo's files are replaced. Returns an ExitCode.
+int RunDemo(const std::string& folder, const BatchOptions& base, int32_t width, int32_t height,
+            int32_t frames);
+
+// An RGB8 picture (3 bytes a pixel, rows packed).
+struct Picture {
+  int32_t width = 0, height = 0;
+  std::vector<uint8_t> rgb;
+};
+// Half size by 2x2 means (a trailing odd row or column is dropped).
+Picture HalfSize(const Picture& picture);
+// The rectangle at (x, y) of width x height, clipped to the picture.
+Picture Crop(const Picture& picture, int32_t x, int32_t y, int32_t width, int32_t height);
+// Pictures laid out in rows of `columns`, `gap` pixels of dark grey between and around them.
+// Every cell is as large as the largest picture.
+Picture ContactSheet(const std::vector<Picture>& cells, int32_t columns, int32_t gap);
+
+}  // namespace flowblur

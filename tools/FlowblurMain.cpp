@@ -1,0 +1,141 @@
+// flowblur: the command line of the batch host.
+#include <CLI/CLI.hpp>
+
+#include <cmath>
+#include <cstdio>
+#include <thread>
+
+#include "tools/BatchRun.h"
+#include "tools/Demo.h"
+#include "tools/ImageFiles.h"
+#include "tools/PluginRunner.h"
+#include "tools/Sequence.h"
+
+namespace {
+
+constexpr const char* kDescription =
+    "flowblur: optical-flow motion blur for image sequences.\n"
+    "Runs the flowblur plug-in over INPUT frame by frame, as a compositing host would, and\n"
+    "writes OUTPUT. Sequences are written name.%04d.exr or name.####.exr; the frame range is\n"
+    "what is on disk, or --frames A-B.\n"
+    "\n"
+    "Depths: 8-bit files go through the plug-in as 8-bit (format 24), 16-bit (and other\n"
+    "integer) files as 16-bit (48), half-float files as half (49); 32-bit float files are\n"
+    "rounded to half on the way in (49) and written back as float. The output keeps the\n"
+    "input's depth unless --out-depth says otherwise, and the input's metadata (colour space,\n"
+    "pixel aspect, timecode). The plug-in sees RGB; alpha and any other channel are carried\n"
+    "through unchanged. A greyscale frame is blurred as R = G = B and written back as one\n"
+    "channel.\n"
+    "\n"
+    "Exit codes: 0 done, 1 input problem, 2 bad command line, 3 output problem, 4 plug-in\n"
+    "failure, 130 interrupted (Ctrl-C stops at the next frame boundary).\n"
+    "\n"
+    "  flowblur demo [DIR]   renders the built-in clip, blurs it, writes a contact sheet\n";
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace flowblur;
+  InstallSignalHandlers();
+
+  BatchOptions options;
+  std::string amountText = "0.5";
+  std::string quality = "best";
+  std::string frames;
+  std::string outDepth;
+  int32_t threads = static_cast<int32_t>(std::thread::hardware_concurrency());
+  if (threads < 1) threads = 1;
+  if (threads > 127) threads = 127;
+  std::string demoFolder = "flowblur-demo";
+  int32_t demoWidth = 960, demoHeight = 540, demoFrames = 24;
+
+  CLI::App app{kDescription, "flowblur"};
+  app.get_formatter()->column_width(34);
+  app.require_subcommand(0, 1);
+  CLI::App* demo = app.add_subcommand("demo", "Render, blur and show the built-in demo clip");
+  demo->fallthrough();
+
+  app.add_option("INPUT", options.input, "Input sequence, e.g. shot.%04d.exr or shot.####.exr");
+  app.add_option("OUTPUT", options.output, "Output sequence (a new name; see --overwrite)");
+  app.add_option("--amount", amountText,
+                 "Amount of Blur, a fraction of the frame-to-frame motion, -2 to 10 "
+                 "(negative sharpens along the motion)")
+      ->default_str("0.5");
+  app.add_option("--quality", quality,
+                 "best: flow at half the frame size; draft: at a quarter")
+      ->check(CLI::IsMember({"best", "draft"}, CLI::ignore_case))
+      ->default_str("best");
+  app.add_option("--motion-from", options.motionFrom,
+                 "Back sequence that supplies the motion (Motion From Back); the input "
+                 "still supplies the pixels. Same size and frame range as the input");
+  app.add_option("--frames", frames, "Frame range A-B (or one frame A); default: all on disk");
+  app.add_option("--threads", threads, "Host processors for the plug-in, 1 to 127")
+      ->default_str(std::to_string(threads));
+  app.add_option("--out-depth", outDepth, "Output depth: 8, 16, half or float (default: input's)")
+      ->check(CLI::IsMember({"8", "16", "half", "float"}));
+  app.add_flag("--overwrite", options.overwrite, "Replace existing output files");
+  app.add_flag("-q,--quiet", options.quiet, "No progress line and no summary; errors only");
+  app.add_option("--write-flow", options.flowFolder,
+                 "Also write each frame's flow into DIR as flow.NNNN.png (hue: direction of "
+                 "motion, saturation: length, legend wheel lower right)");
+  app.add_flag("--write-flow-exr", options.flowExr,
+               "With --write-flow: also the raw flow as two-channel float EXR (u, v) at the "
+               "estimator's size, as the estimator delivers it");
+  demo->add_option("DIR", demoFolder, "Folder for the demo's files")->default_str("flowblur-demo");
+  demo->add_option("--size", demoWidth, "Demo frame width (height follows 16:9)")
+      ->check(CLI::Range(64, 3840));
+  demo->add_option("--length", demoFrames, "Demo frames")->check(CLI::Range(2, 240));
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    int code = app.exit(e);
+    return code == 0 ? kExitOk : kExitUsage;
+  }
+
+  auto usage = [](const std::string& text) {
+    std::fprintf(stderr, "flowblur: %s\n", text.c_str());
+    return kExitUsage;
+  };
+  // Controls outside their range are refused, not clamped: a silently different amount
+  // would be a silently different picture.
+  char* end = nullptr;
+  double amount = std::strtod(amountText.c_str(), &end);
+  if (amountText.empty() || *end != '\0' || !std::isfinite(amount))
+    return usage("--amount '" + amountText + "' is not a number");
+  if (amount < AmountMinimum() || amount > AmountMaximum()) {
+    char text[160];
+    std::snprintf(text, sizeof text, "--amount %s is outside the plug-in's range %g to %g",
+                  amountText.c_str(), static_cast<double>(AmountMinimum()),
+                  static_cast<double>(AmountMaximum()));
+    return usage(text);
+  }
+  options.controls.amount = static_cast<float>(amount);
+  options.controls.quality = CLI::detail::to_lower(quality) == "draft" ? 1 : 0;
+  options.controls.motionFromBack = !options.motionFrom.empty();
+  if (threads < 1 || threads > 127)
+    return usage("--threads " + std::to_string(threads) + " is outside 1 to 127");
+  options.threads = threads;
+  if (!outDepth.empty()) {
+    options.haveOutDepth = ParseDepth(outDepth, &options.outDepth);
+    if (!options.haveOutDepth) return usage("--out-depth must be 8, 16, half or float");
+  }
+  if (!frames.empty()) {
+    std::string error;
+    if (!ParseFrameRange(frames, &options.firstFrame, &options.lastFrame, &error))
+      return usage(error);
+    options.haveFrames = true;
+  }
+  if (options.flowExr && options.flowFolder.empty())
+    return usage("--write-flow-exr needs --write-flow DIR");
+
+  if (demo->parsed()) {
+    if (!options.input.empty() || !options.output.empty())
+      return usage("demo takes only a folder");
+    demoHeight = std::max(demoWidth * 9 / 16, 36);
+    return RunDemo(demoFolder, options, demoWidth, demoHeight, demoFrames);
+  }
+  if (options.input.empty() || options.output.empty())
+    return usage("INPUT and OUTPUT are needed (or: flowblur demo [DIR]); see --help");
+  return RunBatch(options);
+}

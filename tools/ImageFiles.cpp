@@ -1,0 +1,318 @@
+// flowblur: frame files through OpenImageIO, packing for the plug-in, and safe writes.
+#include "tools/ImageFiles.h"
+
+#include <Imath/half.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+
+namespace flowblur {
+namespace {
+
+std::string Quote(const std::string& path) { return "'" + path + "'"; }
+
+std::string Lower(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+// OIIO keeps its last error per thread; reading it also clears it.
+std::string OiioError(const std::string& fallback) {
+  std::string e = OIIO::geterror();
+  return e.empty() ? fallback : e;
+}
+
+// Samples are taken as the file stores them: no premultiplication by alpha on read, none
+// undone on write, so alpha and colour go through exactly.
+OIIO::ImageSpec ReadConfig() {
+  OIIO::ImageSpec config;
+  config.attribute("oiio:UnassociatedAlpha", 1);
+  return config;
+}
+
+uint8_t To8(float v) {
+  // NaN maps to 0 (the clamp's lower end), like every other out-of-range value to its limit.
+  if (!(v > 0.0f)) return 0;
+  if (v >= 1.0f) return 255;
+  return static_cast<uint8_t>(static_cast<double>(v) * 255.0 + 0.5);
+}
+
+uint16_t To16(float v) {
+  if (!(v > 0.0f)) return 0;
+  if (v >= 1.0f) return 65535;
+  return static_cast<uint16_t>(static_cast<double>(v) * 65535.0 + 0.5);
+}
+
+bool MakeFolders(const std::string& folder, std::string* error) {
+  struct stat st;
+  if (stat(folder.c_str(), &st) == 0) {
+    if (S_ISDIR(st.st_mode)) return true;
+    *error = "output folder " + Quote(folder) + " is not a folder";
+    return false;
+  }
+  size_t slash = folder.find_last_of('/');
+  if (slash != std::string::npos && slash > 0 && !MakeFolders(folder.substr(0, slash), error))
+    return false;
+  if (mkdir(folder.c_str(), 0777) != 0 && errno != EEXIST) {
+    *error = "cannot create output folder " + Quote(folder) + ": " + std::strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+
+}  // namespace
+
+const char* DepthName(SampleDepth depth) {
+  switch (depth) {
+    case SampleDepth::k8: return "8";
+    case SampleDepth::k16: return "16";
+    case SampleDepth::kHalf: return "half";
+    case SampleDepth::kFloat: return "float";
+  }
+  return "?";
+}
+
+bool ParseDepth(const std::string& text, SampleDepth* depth) {
+  for (SampleDepth d : {SampleDepth::k8, SampleDepth::k16, SampleDepth::kHalf, SampleDepth::kFloat})
+    if (text == DepthName(d)) {
+      *depth = d;
+      return true;
+    }
+  return false;
+}
+
+int32_t FormatCodeFor(SampleDepth depth) {
+  switch (depth) {
+    case SampleDepth::k8: return 24;
+    case SampleDepth::k16: return 48;
+    default: return 49;
+  }
+}
+
+OIIO::TypeDesc TypeFor(SampleDepth depth) {
+  switch (depth) {
+    case SampleDepth::k8: return OIIO::TypeDesc::UINT8;
+    case SampleDepth::k16: return OIIO::TypeDesc::UINT16;
+    case SampleDepth::kHalf: return OIIO::TypeDesc::HALF;
+    case SampleDepth::kFloat: return OIIO::TypeDesc::FLOAT;
+  }
+  return OIIO::TypeDesc::FLOAT;
+}
+
+bool ClassifyFrame(const std::string& path, const OIIO::ImageSpec& spec, FrameInfo* info,
+                   std::string* error) {
+  FrameInfo f;
+  f.path = path;
+  f.spec = spec;
+  f.width = spec.width;
+  f.height = spec.height;
+  f.channels = spec.nchannels;
+  if (spec.width <= 0 || spec.height <= 0 || spec.nchannels <= 0) {
+    *error = Quote(path) + " has no pixels";
+    return false;
+  }
+  int32_t byName[3] = {-1, -1, -1};
+  const char* names[3] = {"r", "g", "b"};
+  std::vector<int32_t> plain;  // channels that are neither alpha nor depth
+  for (int32_t c = 0; c < spec.nchannels; ++c) {
+    std::string name = c < static_cast<int32_t>(spec.channelnames.size())
+                           ? Lower(spec.channelnames[static_cast<size_t>(c)])
+                           : std::string();
+    for (int k = 0; k < 3; ++k)
+      if (name == names[k] || name == (k == 0 ? "red" : k == 1 ? "green" : "blue")) byName[k] = c;
+    bool alpha = c == spec.alpha_channel || name == "a" || name == "alpha";
+    bool depthChannel = c == spec.z_channel || name == "z";
+    if (!alpha && !depthChannel) plain.push_back(c);
+  }
+  if (byName[0] >= 0 && byName[1] >= 0 && byName[2] >= 0) {
+    std::copy(byName, byName + 3, f.colour);
+  } else if (plain.size() == 1) {
+    f.grey = true;
+    f.colour[0] = f.colour[1] = f.colour[2] = plain[0];
+  } else if (plain.size() >= 3) {
+    std::copy(plain.begin(), plain.begin() + 3, f.colour);
+  } else {
+    *error = Quote(path) + " has " + std::to_string(plain.size()) +
+             " colour channels: RGB or greyscale is needed";
+    return false;
+  }
+  OIIO::TypeDesc type = spec.channelformat(f.colour[0]);
+  switch (type.basetype) {
+    case OIIO::TypeDesc::UINT8: f.depth = SampleDepth::k8; break;
+    case OIIO::TypeDesc::HALF: f.depth = SampleDepth::kHalf; break;
+    case OIIO::TypeDesc::FLOAT:
+    case OIIO::TypeDesc::DOUBLE: f.depth = SampleDepth::kFloat; break;
+    default: f.depth = SampleDepth::k16; break;
+  }
+  *info = f;
+  return true;
+}
+
+bool ReadFrameInfo(const std::string& path, FrameInfo* info, std::string* error) {
+  OIIO::ImageSpec config = ReadConfig();
+  auto in = OIIO::ImageInput::open(path, &config);
+  if (!in) {
+    *error = "cannot read " + Quote(path) + ": " + OiioError("unknown error");
+    return false;
+  }
+  bool ok = ClassifyFrame(path, in->spec(), info, error);
+  in->close();
+  return ok;
+}
+
+bool ReadFrame(const std::string& path, Frame* frame, std::string* error) {
+  OIIO::ImageSpec config = ReadConfig();
+  auto in = OIIO::ImageInput::open(path, &config);
+  if (!in) {
+    *error = "cannot read " + Quote(path) + ": " + OiioError("unknown error");
+    return false;
+  }
+  if (!ClassifyFrame(path, in->spec(), &frame->info, error)) return false;
+  const OIIO::ImageSpec& spec = in->spec();
+  frame->pixels.assign(static_cast<size_t>(spec.width) * spec.height * spec.nchannels, 0.0f);
+  if (!in->read_image(0, 0, 0, spec.nchannels, OIIO::TypeDesc::FLOAT, frame->pixels.data())) {
+    std::string e = in->geterror();
+    *error = "cannot read " + Quote(path) + ": " + (e.empty() ? "read failed" : e);
+    return false;
+  }
+  in->close();
+  return true;
+}
+
+int64_t PackedFrameBytes(int32_t width, int32_t height, int32_t formatCode) {
+  int64_t bytesPerPixel = formatCode == 24 || formatCode == 25 ? 3 : 6;
+  return int64_t{width} * height * bytesPerPixel;
+}
+
+void PackColour(const Frame& frame, int32_t formatCode, void* packed) {
+  const FrameInfo& f = frame.info;
+  size_t pixels = static_cast<size_t>(f.width) * f.height;
+  const float* src = frame.pixels.data();
+  for (size_t i = 0; i < pixels; ++i) {
+    const float* p = src + i * f.channels;
+    for (int c = 0; c < 3; ++c) {
+      float v = p[f.colour[c]];
+      if (formatCode == 24 || formatCode == 25) {
+        static_cast<uint8_t*>(packed)[i * 3 + c] = To8(v);
+      } else if (formatCode == 49) {
+        static_cast<uint16_t*>(packed)[i * 3 + c] = Imath::half(v).bits();
+      } else {
+        static_cast<uint16_t*>(packed)[i * 3 + c] = To16(v);
+      }
+    }
+  }
+}
+
+void UnpackColour(const void* packed, int32_t formatCode, Frame* frame) {
+  const FrameInfo& f = frame->info;
+  size_t pixels = static_cast<size_t>(f.width) * f.height;
+  float* dst = frame->pixels.data();
+  int channels = f.grey ? 1 : 3;
+  for (size_t i = 0; i < pixels; ++i) {
+    float* p = dst + i * f.channels;
+    for (int c = 0; c < channels; ++c) {
+      float v;
+      if (formatCode == 24 || formatCode == 25) {
+        v = static_cast<float>(static_cast<const uint8_t*>(packed)[i * 3 + c]) / 255.0f;
+      } else if (formatCode == 49) {
+        Imath::half h;
+        h.setBits(static_cast<const uint16_t*>(packed)[i * 3 + c]);
+        v = static_cast<float>(h);
+      } else {
+        v = static_cast<float>(static_cast<const uint16_t*>(packed)[i * 3 + c]) / 65535.0f;
+      }
+      p[f.colour[c]] = v;
+    }
+  }
+}
+
+OIIO::ImageSpec OutputSpec(const FrameInfo& input, SampleDepth depth) {
+  OIIO::ImageSpec spec = input.spec;
+  spec.set_format(TypeFor(depth));
+  spec.channelformats.clear();
+  if (depth != input.depth) spec.erase_attribute("oiio:BitsPerSample");
+  spec.attribute("oiio:UnassociatedAlpha", 1);
+  return spec;
+}
+
+std::string TemporaryPathFor(const std::string& path) {
+  size_t slash = path.rfind('/');
+  std::string folder = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+  std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+  size_t dot = name.rfind('.');
+  std::string stem = dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
+  std::string ext = dot == std::string::npos || dot == 0 ? "" : name.substr(dot);
+  return folder + "." + stem + ".partial-" + std::to_string(getpid()) + ext;
+}
+
+bool WriteImageSafely(const std::string& path, const OIIO::ImageSpec& spec, OIIO::TypeDesc type,
+                      const void* pixels, bool overwrite, std::string* error) {
+  std::string temp = TemporaryPathFor(path);
+  auto fail = [&](const std::string& why) {
+    unlink(temp.c_str());
+    *error = "cannot write " + Quote(path) + ": " + why;
+    return false;
+  };
+  if (!overwrite && access(path.c_str(), F_OK) == 0)
+    return fail("it exists (use --overwrite to replace it)");
+  // The temporary name carries the final extension, so the writer is chosen by it.
+  auto out = OIIO::ImageOutput::create(path);
+  if (!out) return fail(OiioError("no writer for this file type"));
+  if (!out->open(temp, spec)) return fail(out->geterror());
+  bool wrote = out->write_image(type, pixels);
+  std::string writeError = wrote ? std::string() : out->geterror();
+  bool closed = out->close();
+  if (!wrote) return fail(writeError.empty() ? "write failed" : writeError);
+  if (!closed) {
+    std::string e = out->geterror();
+    return fail(e.empty() ? "closing failed" : e);
+  }
+  out.reset();
+  // Flush to the disk before the name appears, so that a crash cannot leave a final name
+  // over unwritten data; a full disk can still show up here.
+  int fd = open(temp.c_str(), O_RDONLY);
+  if (fd < 0) return fail(std::string("temporary file vanished: ") + std::strerror(errno));
+  if (fsync(fd) != 0) {
+    int e = errno;
+    close(fd);
+    return fail(std::strerror(e));
+  }
+  close(fd);
+  if (overwrite) {
+    if (rename(temp.c_str(), path.c_str()) != 0) return fail(std::strerror(errno));
+    return true;
+  }
+  // link() refuses an existing name, so a file that appeared meanwhile is not replaced.
+  if (link(temp.c_str(), path.c_str()) != 0) {
+    int e = errno;
+    if (e == EEXIST) return fail("it exists (use --overwrite to replace it)");
+    if (e != EPERM && e != ENOTSUP && e != EXDEV) return fail(std::strerror(e));
+    // A file system without hard links: check, then rename.
+    if (access(path.c_str(), F_OK) == 0) return fail("it exists (use --overwrite to replace it)");
+    if (rename(temp.c_str(), path.c_str()) != 0) return fail(std::strerror(errno));
+    return true;
+  }
+  unlink(temp.c_str());
+  return true;
+}
+
+bool PrepareOutputFolder(const std::string& folder, std::string* error) {
+  if (!MakeFolders(folder, error)) return false;
+  std::string probe = folder + "/.flowblur-probe-" + std::to_string(getpid());
+  int fd = open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+  if (fd < 0) {
+    *error = "cannot write in output folder " + Quote(folder) + ": " + std::strerror(errno);
+    return false;
+  }
+  close(fd);
+  unlink(probe.c_str());
+  return true;
+}
+
+}  // namespace flowblur

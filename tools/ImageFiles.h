@@ -1,0 +1,77 @@
+// flowblur: reading and writing frames with OpenImageIO: channel roles, sample depths, the
+// plug-in's packed buffers, and writes that never leave a half-written file under its name.
+#pragma once
+#include <OpenImageIO/imageio.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace flowblur {
+
+// The depths the tool tells apart, and the plug-in format each goes through.
+enum class SampleDepth { k8, k16, kHalf, kFloat };
+const char* DepthName(SampleDepth depth);                  // "8", "16", "half", "float"
+bool ParseDepth(const std::string& text, SampleDepth* depth);  // the names above
+// 24 for 8-bit, 48 for 16-bit, 49 for half and float (float is rounded to half on the way in).
+int32_t FormatCodeFor(SampleDepth depth);
+OIIO::TypeDesc TypeFor(SampleDepth depth);
+
+// What a file's header says, and which channels the plug-in sees.
+struct FrameInfo {
+  std::string path;
+  OIIO::ImageSpec spec;  // size, channels, depth and metadata as read
+  int32_t width = 0, height = 0, channels = 0;
+  SampleDepth depth = SampleDepth::k8;
+  bool grey = false;     // one colour channel, expanded to R = G = B for the plug-in
+  int32_t colour[3] = {0, 1, 2};  // channel index of R, G, B (all one index when grey)
+};
+
+// Classifies a header. Colour channels are R, G, B by name, else the first three channels;
+// one channel (or one plus alpha) is grey. Every other channel (alpha, depth, ...) is carried
+// through unchanged. 8-bit integers go as 8-bit; other integer types as 16-bit; half as half;
+// float and double as float. Only the first subimage of a file is used. False, with a message
+// naming the file, for a file with two colour channels and no R, G, B, or with none.
+bool ClassifyFrame(const std::string& path, const OIIO::ImageSpec& spec, FrameInfo* info,
+                   std::string* error);
+// Opens the file and reads and classifies its header only.
+bool ReadFrameInfo(const std::string& path, FrameInfo* info, std::string* error);
+
+// A whole frame in memory: every channel as float, interleaved, rows packed, row 0 on top.
+// Samples are as stored: alpha is neither multiplied in nor divided out.
+struct Frame {
+  FrameInfo info;
+  std::vector<float> pixels;
+};
+bool ReadFrame(const std::string& path, Frame* frame, std::string* error);
+
+// Bytes of a packed plug-in frame (three channels, rows without padding).
+int64_t PackedFrameBytes(int32_t width, int32_t height, int32_t formatCode);
+// The frame's colour channels into a packed plug-in buffer of `formatCode` (24, 48 or 49).
+// Integer formats round to nearest and clamp to the range; 49 rounds to the nearest half.
+void PackColour(const Frame& frame, int32_t formatCode, void* packed);
+// A packed plug-in result back into the colour channels of `frame` (every other channel is
+// left alone). For a grey frame the first of the three channels becomes the grey channel.
+void UnpackColour(const void* packed, int32_t formatCode, Frame* frame);
+
+// The spec an output frame is written with: the input's spec and metadata (colour space, pixel
+// aspect, timecode, ...), at `depth`, samples marked as stored (no alpha association).
+OIIO::ImageSpec OutputSpec(const FrameInfo& input, SampleDepth depth);
+
+// Writes an image to `path` so that `path` is never a partial file: the data goes to a hidden
+// temporary file beside it (same folder, same extension), is flushed to disk, and only then is
+// renamed into place. Without `overwrite` an existing `path` is an error and is left alone,
+// also when it appeared while the write was under way. Any failure removes the temporary
+// file and leaves a message naming `path`.
+bool WriteImageSafely(const std::string& path, const OIIO::ImageSpec& spec, OIIO::TypeDesc type,
+                      const void* pixels, bool overwrite, std::string* error);
+
+// The hidden temporary name WriteImageSafely uses for `path` (used by tests to check that
+// nothing is left behind).
+std::string TemporaryPathFor(const std::string& path);
+
+// Whether `folder` exists (or can be created, which is then done) and a file can be created in
+// it: a probe file is created and removed. False with a message naming the folder.
+bool PrepareOutputFolder(const std::string& folder, std::string* error);
+
+}  // namespace flowblur

@@ -1,0 +1,129 @@
+// flowblur: tests of the procedural demo clip: its stated motion is the motion it renders.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <vector>
+
+#include "tools/DemoClip.h"
+
+namespace flowblur {
+namespace {
+
+// Renders are double arithmetic narrowed to float once, so moving a point along its own motion
+// reproduces the colour to float rounding.
+constexpr float kSameColour = 2e-6f;
+
+void ExpectSameColour(const float a[3], const float b[3], const char* what) {
+  for (int c = 0; c < 3; ++c) EXPECT_NEAR(a[c], b[c], kSameColour) << what << " channel " << c;
+}
+
+TEST(DemoClip, MovingAPointAlongItsMotionKeepsItsColour) {
+  DemoClip clip(320, 180, 24);
+  const double t = 5.0, dt = 0.37;
+  float before[3], after[3];
+  // Background: a corner far from disc and square.
+  double bu, bv;
+  clip.BackgroundVelocity(&bu, &bv);
+  clip.Sample(t, 10.0, 170.0, before);
+  clip.Sample(t + dt, 10.0 + bu * dt, 170.0 + bv * dt, after);
+  ExpectSameColour(before, after, "background");
+  // Disc: a point inside, off centre.
+  double cx, cy, du, dv;
+  clip.DiscCentre(t, &cx, &cy);
+  clip.DiscVelocity(&du, &dv);
+  clip.Sample(t, cx + 7.0, cy - 5.0, before);
+  clip.Sample(t + dt, cx + 7.0 + du * dt, cy - 5.0 + dv * dt, after);
+  ExpectSameColour(before, after, "disc");
+  // Square: a point turned with the square about its centre.
+  double sx, sy;
+  clip.SquareCentre(&sx, &sy);
+  double px = sx + 11.0, py = sy + 6.0;
+  double a = clip.SquareOmega() * dt;
+  double qx = sx + std::cos(a) * (px - sx) - std::sin(a) * (py - sy);
+  double qy = sy + std::sin(a) * (px - sx) + std::cos(a) * (py - sy);
+  clip.Sample(t, px, py, before);
+  clip.Sample(t + dt, qx, qy, after);
+  ExpectSameColour(before, after, "square");
+}
+
+TEST(DemoClip, MotionAndLayersNameTheSurfaceSeen) {
+  DemoClip clip(320, 180, 24);
+  const double t = 3.0;
+  std::vector<float> uv(320 * 180 * 2);
+  std::vector<uint8_t> layers(320 * 180);
+  clip.Motion(t, uv.data());
+  clip.Layers(t, layers.data());
+  auto at = [&](double x, double y) { return static_cast<size_t>(y) * 320 + static_cast<size_t>(x); };
+  double cx, cy, du, dv, bu, bv, sx, sy;
+  clip.DiscCentre(t, &cx, &cy);
+  clip.DiscVelocity(&du, &dv);
+  clip.BackgroundVelocity(&bu, &bv);
+  clip.SquareCentre(&sx, &sy);
+  size_t disc = at(std::round(cx), std::round(cy));
+  EXPECT_EQ(layers[disc], DemoClip::kDisc);
+  EXPECT_FLOAT_EQ(uv[2 * disc], static_cast<float>(du));
+  EXPECT_FLOAT_EQ(uv[2 * disc + 1], static_cast<float>(dv));
+  size_t corner = at(2, 178);
+  EXPECT_EQ(layers[corner], DemoClip::kBackground);
+  EXPECT_FLOAT_EQ(uv[2 * corner], static_cast<float>(bu));
+  EXPECT_FLOAT_EQ(uv[2 * corner + 1], static_cast<float>(bv));
+  // On the square, 10 px right of its centre, the rotation moves the point straight down.
+  size_t square = at(std::round(sx) + 10, std::round(sy));
+  EXPECT_EQ(layers[square], DemoClip::kSquare);
+  double dx = std::round(sx) + 10 - sx, dy = std::round(sy) - sy;
+  EXPECT_NEAR(uv[2 * square], -clip.SquareOmega() * dy, 1e-6);
+  EXPECT_NEAR(uv[2 * square + 1], clip.SquareOmega() * dx, 1e-6);
+  // The disc really is fast and the background really moves: the demo needs both.
+  EXPECT_GT(std::hypot(du, dv), 5.0 * std::hypot(bu, bv));
+  EXPECT_GT(std::hypot(bu, bv), 0.5);
+}
+
+TEST(DemoClip, IntegerRendersRoundTheFloatRender) {
+  DemoClip clip(48, 32, 4);
+  std::vector<float> f = clip.RenderFloat(1.5);
+  std::vector<uint8_t> b8(f.size());
+  std::vector<uint16_t> b16(f.size());
+  clip.Render8(1.5, b8.data());
+  clip.Render16(1.5, b16.data());
+  int32_t worst8 = 0, worst16 = 0;
+  for (size_t i = 0; i < f.size(); ++i) {
+    worst8 = std::max(worst8, std::abs(static_cast<int32_t>(std::lround(f[i] * 255.0)) - b8[i]));
+    worst16 =
+        std::max(worst16, std::abs(static_cast<int32_t>(std::lround(f[i] * 65535.0)) - b16[i]));
+  }
+  EXPECT_EQ(worst8, 0);
+  EXPECT_EQ(worst16, 0);
+}
+
+TEST(DemoClip, ShutterIsTheMeanOfSubFrameRenders) {
+  DemoClip clip(64, 36, 4);
+  std::vector<float> one(64 * 36 * 3), mean(64 * 36 * 3);
+  clip.RenderShutter(2.0, 2.0, 1, one.data());
+  EXPECT_EQ(one, clip.RenderFloat(2.0));
+  clip.RenderShutter(2.0, 3.0, 3, mean.data());
+  std::vector<float> a = clip.RenderFloat(2.0), b = clip.RenderFloat(2.5), c = clip.RenderFloat(3.0);
+  double worst = 0.0;
+  for (size_t i = 0; i < mean.size(); ++i)
+    worst = std::max(worst, std::fabs(mean[i] - (double{a[i]} + b[i] + c[i]) / 3.0));
+  EXPECT_LT(worst, 1e-6);
+  // And it is a blur: the frame changes where the disc passes.
+  EXPECT_NE(mean, a);
+}
+
+TEST(DemoClip, DeterministicAndSizedByItsArguments) {
+  DemoClip a(96, 64, 4), b(96, 64, 4), tiny(1, 1, 1);
+  EXPECT_EQ(a.RenderFloat(2.25), b.RenderFloat(2.25));
+  EXPECT_NE(a.RenderFloat(0.0), a.RenderFloat(1.0));
+  EXPECT_EQ(tiny.RenderFloat(0.0).size(), 3u);
+  DemoClip clamped(0, -3, 0);
+  EXPECT_EQ(clamped.Width(), 1);
+  EXPECT_EQ(clamped.Height(), 1);
+  EXPECT_EQ(clamped.Frames(), 1);
+  for (float v : a.RenderFloat(7.0)) {
+    EXPECT_GE(v, 0.0f);
+    EXPECT_LE(v, 1.0f);
+  }
+}
+
+}  // namespace
+}  // namespace flowblur
