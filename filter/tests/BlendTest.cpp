@@ -1,0 +1,282 @@
+// flowblur tests: blend edge values per type, fields, both 4-channel paths, refusals.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "filter/PLBlend.h"
+#include "filter/tests/FilterTestImages.h"
+#include "tests/support/PLTestWorkers.h"
+
+using namespace filtertest;
+
+namespace {
+
+// A one-pixel-high 3-channel image pair holding the given destination and source samples.
+struct Pair {
+  TestImage d, s;
+};
+Pair OnePixel(int32_t type, double dv, double sv, int32_t channels = 3) {
+  Pair p{MakeImage(1, 1, channels, type), MakeImage(1, 1, channels, type)};
+  Fill(p.d.get(), dv);
+  Fill(p.s.get(), sv);
+  return p;
+}
+
+double BlendOne(int32_t type, double dv, double sv, float t) {
+  Pair p = OnePixel(type, dv, sv);
+  EXPECT_EQ(PLBlend(p.d.get(), p.s.get(), t), 1);
+  return Get(p.d.get(), 0, 0, 0);
+}
+
+TEST(Blend, EdgeValuesPerType) {
+  EXPECT_EQ(BlendOne(PLUChar, 200, 100, -0.5f), 50);  // 150 - 100 + 0.5
+  EXPECT_EQ(BlendOne(PLUChar, 255, 0, -2.0f), 0);     // limited below
+  EXPECT_EQ(BlendOne(PLUChar, 0, 255, -2.0f), 255);   // limited above
+  EXPECT_EQ(BlendOne(PLUShort, 50000, 60000, -1.0f), 65535);  // 70000.5
+  EXPECT_EQ(BlendOne(PLUShort, 60000, 50000, -1.0f), 40000);
+  EXPECT_EQ(BlendOne(PLUShort, 0, 65535, -3.0f), 65535);
+  EXPECT_EQ(BlendOne(PLUShort, 65535, 0, -3.0f), 0);
+  EXPECT_EQ(BlendOne(PLFloat, 0.2, 0.9, -1.0f), 0.9f + (0.2f - 0.9f) * -1.0f);  // 1.6, no limit
+  EXPECT_EQ(BlendOne(PLFloat, 0.9, 0.2, 3.0f), 0.2f + (0.9f - 0.2f) * 3.0f);
+}
+
+TEST(Blend, ZeroCopiesOneKeeps) {
+  for (int32_t type : {PLUChar, PLUShort, PLFloat})
+    for (int32_t channels : {3, 4}) {
+      TestImage d = MakeImage(9, 7, channels, type, 1, 2);
+      TestImage s = MakeImage(9, 7, channels, type, 1, 5);
+      FillRandom(d.get(), 1);
+      FillRandom(s.get(), 2);
+      TestImage keep = MakeImage(9, 7, channels, type);
+      CopyPixels(keep.get(), d.get());
+      EXPECT_EQ(PLBlend(d.get(), s.get(), 1.0f), 1);
+      EXPECT_TRUE(SamePixels(d.get(), keep.get()));
+      EXPECT_EQ(PLBlend(d.get(), s.get(), 0.0f), 1);
+      EXPECT_TRUE(SamePixels(d.get(), s.get()));
+      EXPECT_TRUE(PaddingUntouched(d));
+    }
+}
+
+// The 8-bit table against the formula, for every pair of samples.
+TEST(Blend, UCharTableForEveryPair) {
+  for (float t : {0.3f, 1.0f / 3.0f, -0.5f, 1.7f, -2.0f}) {
+    TestImage d = MakeImage(256, 256, 3, PLUChar);
+    TestImage s = MakeImage(256, 256, 3, PLUChar);
+    for (int32_t y = 0; y < 256; ++y)
+      for (int32_t x = 0; x < 256; ++x)
+        for (int32_t c = 0; c < 3; ++c) {
+          Set(d.get(), x, y, c, c == 1 ? x : y);
+          Set(s.get(), x, y, c, c == 1 ? y : x);
+        }
+    ASSERT_EQ(PLBlendRows(d.get(), s.get(), 1, t), 1);
+    const bool inside = t >= 0.0f && t <= 1.0f;
+    for (int32_t y = 0; y < 256; ++y)
+      for (int32_t x = 0; x < 256; ++x) {
+        const int32_t dv = y, sv = x;
+        float v = static_cast<float>(sv) * (1.0f - t) + static_cast<float>(dv) * t + 0.5f;
+        if (!inside) v = std::min(std::max(v, 0.0f), 255.0f);
+        ASSERT_EQ(Get(d.get(), x, y, 0), static_cast<int32_t>(v)) << "t " << t << " d " << dv << " s " << sv;
+      }
+  }
+}
+
+TEST(Blend, FieldsPickRows) {
+  for (int32_t field : {1, 3, 0, 2}) {
+    TestImage d = MakeImage(4, 6, 3, PLUShort, 1);
+    TestImage s = MakeImage(4, 6, 3, PLUShort, 1, 6);
+    Fill(d.get(), 1000);
+    Fill(s.get(), 3000);
+    ASSERT_EQ(PLBlendRows(d.get(), s.get(), field, 0.5f), 1);
+    for (int32_t y = 0; y < 6; ++y) {
+      const bool chosen = field == 1 || (field == 3 ? y % 2 == 1 : y % 2 == 0);
+      EXPECT_EQ(Get(d.get(), 2, y, 1), chosen ? 2000 : 1000) << "field " << field << " row " << y;
+    }
+    // The copy at t = 0 honours the field too.
+    Fill(d.get(), 1000);
+    ASSERT_EQ(PLBlendRows(d.get(), s.get(), field, 0.0f), 1);
+    for (int32_t y = 0; y < 6; ++y) {
+      const bool chosen = field == 1 || (field == 3 ? y % 2 == 1 : y % 2 == 0);
+      EXPECT_EQ(Get(d.get(), 3, y, 2), chosen ? 3000 : 1000);
+    }
+  }
+}
+
+TEST(Blend, FloatWhitePointMessage) {
+  Pair p = OnePixel(PLFloat, 0.2, 0.9);
+  p.s->whitePoint = 255.0f;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(PLBlend(p.d.get(), p.s.get(), 0.5f), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "PLBlend: float image doesn't have 1.0 for white point\n");
+  EXPECT_EQ(Get(p.d.get(), 0, 0, 0), 0.2f);
+  // The same check guards the 4-channel serial path.
+  Pair q = OnePixel(PLFloat, 0.2, 0.9, 4);
+  q.d->whitePoint = 2.0f;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(PLBlendRows(q.d.get(), q.s.get(), 1, 0.5f), 0);
+  EXPECT_FALSE(testing::internal::GetCapturedStderr().empty());
+}
+
+TEST(Blend, RefusalsLeaveTheDestination) {
+  for (int32_t channels : {1, 2}) {
+    Pair p = OnePixel(PLFloat, 0.2, 0.9, channels);
+    p.s->whitePoint = 3.0f;  // would speak if it got that far
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(PLBlend(p.d.get(), p.s.get(), 0.5f), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(Get(p.d.get(), 0, 0, 0), 0.2f);
+  }
+  // Not alike: flipped, size or type differ.
+  TestImage d = MakeImage(5, 5, 3, PLUChar);
+  Fill(d.get(), 10);
+  TestImage flipped = MakeImage(5, 5, 3, PLUChar, 1);
+  TestImage wider = MakeImage(6, 5, 3, PLUChar);
+  TestImage u16 = MakeImage(5, 5, 3, PLUShort);
+  for (PLImage* s : {flipped.get(), wider.get(), u16.get()}) {
+    Fill(s, 200);
+    EXPECT_EQ(PLBlend(d.get(), s, 0.5f), 0);
+    EXPECT_EQ(Get(d.get(), 1, 1, 0), 10);
+  }
+  // Four channels: refused too, but PLBlend reports it as dealt with.
+  TestImage d4 = MakeImage(5, 5, 4, PLUChar);
+  Fill(d4.get(), 10);
+  TestImage f4 = MakeImage(5, 5, 4, PLUChar, 1);
+  Fill(f4.get(), 200);
+  EXPECT_EQ(PLBlend(d4.get(), f4.get(), 0.5f), 1);
+  EXPECT_EQ(PLBlend(d4.get(), d.get(), 0.5f), 1);  // 4 against 3 channels
+  EXPECT_EQ(PLBlendRows(d4.get(), d.get(), 1, 0.5f), 0);
+  EXPECT_EQ(Get(d4.get(), 1, 1, 3), 10);
+}
+
+// ---- The two 4-channel paths, each against its own literal rule ----
+
+double White(int32_t type) { return type == PLUChar ? 255.0 : type == PLUShort ? 65535.0 : 1.0; }
+
+// Serial path (PLBlendRows): divides by a matte above white, limits to the stored matte.
+void RefRows4(PLImage* d, const PLImage* s, float t) {
+  const float W = static_cast<float>(White(d->dataType));
+  const bool isFloat = d->dataType == PLFloat;
+  for (int32_t y = 0; y < d->height; ++y)
+    for (int32_t x = 0; x < d->width; ++x) {
+      auto blend = [&](int32_t c) {
+        const float dv = static_cast<float>(Get(d, x, y, c)), sv = static_cast<float>(Get(s, x, y, c));
+        return sv + (dv - sv) * t;
+      };
+      const float a = blend(3);
+      const float m = a / W;
+      if (!(isFloat ? a > 0.0f : m > 0.0f)) {
+        for (int32_t c = 0; c < 4; ++c) Set(d, x, y, c, 0);
+        continue;
+      }
+      float col[3];
+      for (int32_t c = 0; c < 3; ++c) col[c] = m > 1.0f ? blend(c) / m : blend(c);
+      if (isFloat) {
+        for (int32_t c = 0; c < 3; ++c) Set(d, x, y, c, col[c]);
+        Set(d, x, y, 3, std::min(std::max(a, 0.0f), 1.0f));
+        continue;
+      }
+      const int32_t matte = static_cast<int32_t>(std::min(std::max(a, 0.0f), W) + 0.5f);
+      for (int32_t c = 0; c < 3; ++c)
+        Set(d, x, y, c, std::min(static_cast<int32_t>(std::min(std::max(col[c], 0.0f), W) + 0.5f), matte));
+      Set(d, x, y, 3, matte);
+    }
+}
+
+// Parallel path (PLBlend): no division, no limit to the matte, matte truncated without 0.5.
+void RefParallel4(PLImage* d, const PLImage* s, float t) {
+  const float W = s->whitePoint;
+  for (int32_t y = 0; y < d->height; ++y)
+    for (int32_t x = 0; x < d->width; ++x) {
+      auto blend = [&](int32_t c) {
+        const float dv = static_cast<float>(Get(d, x, y, c)), sv = static_cast<float>(Get(s, x, y, c));
+        return sv + (dv - sv) * t;
+      };
+      const float a = blend(3);
+      if (a < 0.0f || !(std::min(a, W) > 0.0f)) {
+        for (int32_t c = 0; c < 4; ++c) Set(d, x, y, c, 0);
+        continue;
+      }
+      for (int32_t c = 0; c < 3; ++c) {
+        const float v = blend(c);
+        if (d->dataType == PLFloat)
+          Set(d, x, y, c, v);
+        else
+          Set(d, x, y, c, static_cast<int32_t>(std::max(std::min(v + 0.5f, W), 0.0f)));
+      }
+      const float matte = std::min(a, W);
+      Set(d, x, y, 3, d->dataType == PLFloat ? matte : static_cast<int32_t>(matte));
+    }
+}
+
+TEST(Blend, FourChannelPathsFollowTheirOwnRules) {
+  for (int32_t type : {PLUChar, PLUShort, PLFloat})
+    for (float t : {-1.5f, -0.5f, 0.4f, 2.0f}) {
+      TestImage d = MakeImage(23, 17, 4, type, 1, 4);
+      TestImage s = MakeImage(23, 17, 4, type, 1);
+      FillRandom(d.get(), 31);
+      FillRandom(s.get(), 32);
+      TestImage start = MakeImage(23, 17, 4, type);
+      CopyPixels(start.get(), d.get());
+      TestImage wantRows = MakeImage(23, 17, 4, type);
+      CopyPixels(wantRows.get(), d.get());
+      RefRows4(wantRows.get(), s.get(), t);
+      ASSERT_EQ(PLBlendRows(d.get(), s.get(), 1, t), 1);
+      EXPECT_TRUE(SamePixels(d.get(), wantRows.get())) << "rows, type " << type << " t " << t;
+      CopyPixels(d.get(), start.get());
+      TestImage wantPar = MakeImage(23, 17, 4, type);
+      CopyPixels(wantPar.get(), d.get());
+      RefParallel4(wantPar.get(), s.get(), t);
+      ASSERT_EQ(PLBlend(d.get(), s.get(), t), 1);
+      EXPECT_TRUE(SamePixels(d.get(), wantPar.get())) << "parallel, type " << type << " t " << t;
+    }
+}
+
+// Where the two paths visibly part: a colour above its matte, and a matte of 100.7.
+TEST(Blend, FourChannelPathsDiffer) {
+  auto pixel = [](double c, double a) {
+    TestImage im = MakeImage(1, 1, 4, PLUChar);
+    for (int32_t k = 0; k < 3; ++k) Set(im.get(), 0, 0, k, c);
+    Set(im.get(), 0, 0, 3, a);
+    return im;
+  };
+  TestImage d1 = pixel(250, 10), s1 = pixel(250, 10);
+  PLBlendRows(d1.get(), s1.get(), 1, 0.5f);
+  EXPECT_EQ(Get(d1.get(), 0, 0, 0), 10);  // limited to the matte
+  TestImage d2 = pixel(250, 10), s2 = pixel(250, 10);
+  PLBlend(d2.get(), s2.get(), 0.5f);
+  EXPECT_EQ(Get(d2.get(), 0, 0, 0), 250);  // not limited
+  // Matte 100 + (101 - 100) * 0.7 = 100.7: the serial path rounds, the parallel truncates.
+  TestImage d3 = pixel(50, 101), s3 = pixel(50, 100);
+  PLBlendRows(d3.get(), s3.get(), 1, 0.7f);
+  EXPECT_EQ(Get(d3.get(), 0, 0, 3), 101);
+  TestImage d4 = pixel(50, 101), s4 = pixel(50, 100);
+  PLBlend(d4.get(), s4.get(), 0.7f);
+  EXPECT_EQ(Get(d4.get(), 0, 0, 3), 100);
+  // A negative blended matte clears the pixel on both paths.
+  TestImage d5 = pixel(50, 0), s5 = pixel(50, 200);
+  PLBlend(d5.get(), s5.get(), 2.0f);
+  EXPECT_EQ(Get(d5.get(), 0, 0, 0), 0);
+  EXPECT_EQ(Get(d5.get(), 0, 0, 3), 0);
+}
+
+TEST(Blend, ParallelPathSameBytesForAnyWorkerCount) {
+  for (int32_t type : {PLUChar, PLFloat}) {
+    TestImage d0 = MakeImage(64, 140, 4, type, 0, 4);
+    TestImage s = MakeImage(64, 140, 4, type);
+    FillRandom(d0.get(), 41);
+    FillRandom(s.get(), 42);
+    TestImage want = MakeImage(64, 140, 4, type);
+    CopyPixels(want.get(), d0.get());
+    RefParallel4(want.get(), s.get(), -0.75f);
+    for (int32_t workers : kPLTestWorkerCounts) {
+      PLTestUseWorkers(workers);
+      TestImage d = MakeImage(64, 140, 4, type, 0, 4);
+      CopyPixels(d.get(), d0.get());
+      EXPECT_EQ(PLBlend(d.get(), s.get(), -0.75f), 1);
+      EXPECT_TRUE(SamePixels(d.get(), want.get())) << "type " << type << " workers " << workers;
+    }
+    PLTestUseWorkers(1);
+  }
+}
+
+}  // namespace
