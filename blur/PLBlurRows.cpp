@@ -36,14 +36,46 @@ inline Lanes LoadLanes(const unsigned char* p) {
       return _mm_loadu_ps(reinterpret_cast<const float*>(p));
     }
   } else {
-    // Integer samples: gather the C samples into the low bytes, widen to 32 bits, convert.
-    uint64_t bits = 0;
-    std::memcpy(&bits, p, C * sizeof(T));
+    // Integer samples: gather the C samples into the low bytes of a register (in registers:
+    // a byte-wise copy through memory would stall the wide reload), widen, convert.
+    uint64_t bits;
+    if constexpr (sizeof(T) == 1) {
+      if constexpr (C == 1) bits = p[0];
+      else if constexpr (C == 2) bits = PLLoad<uint16_t>(p);
+      else if constexpr (C == 3) bits = PLLoad<uint16_t>(p) | (uint64_t{p[2]} << 16);
+      else bits = PLLoad<uint32_t>(p);
+    } else {
+      if constexpr (C == 1) bits = PLLoad<uint16_t>(p);
+      else if constexpr (C == 2) bits = PLLoad<uint32_t>(p);
+      else if constexpr (C == 3) bits = PLLoad<uint32_t>(p) | (uint64_t{PLLoad<uint16_t>(p + 4)} << 32);
+      else bits = PLLoad<uint64_t>(p);
+    }
     __m128i v = _mm_cvtsi64_si128(static_cast<int64_t>(bits));
     const __m128i zero = _mm_setzero_si128();
     if constexpr (sizeof(T) == 1) v = _mm_unpacklo_epi8(v, zero);
     v = _mm_unpacklo_epi16(v, zero);
     return _mm_cvtepi32_ps(v);
+  }
+}
+
+// Stores the low `Bytes` bytes of `bits` (little-endian) from registers, in whole stores.
+template <int32_t Bytes, class U>
+inline void StoreLow(unsigned char* d, U bits) {
+  if constexpr (Bytes == 1) {
+    d[0] = static_cast<uint8_t>(bits);
+  } else if constexpr (Bytes == 2) {
+    PLStore<uint16_t>(d, static_cast<uint16_t>(bits));
+  } else if constexpr (Bytes == 3) {
+    PLStore<uint16_t>(d, static_cast<uint16_t>(bits));
+    d[2] = static_cast<uint8_t>(bits >> 16);
+  } else if constexpr (Bytes == 4) {
+    PLStore<uint32_t>(d, static_cast<uint32_t>(bits));
+  } else if constexpr (Bytes == 6) {
+    PLStore<uint32_t>(d, static_cast<uint32_t>(bits));
+    PLStore<uint16_t>(d + 4, static_cast<uint16_t>(static_cast<uint64_t>(bits) >> 32));
+  } else {
+    static_assert(Bytes == 8, "1 to 4 samples of 1 or 2 bytes");
+    PLStore<uint64_t>(d, static_cast<uint64_t>(bits));
   }
 }
 
@@ -72,16 +104,14 @@ inline void StoreLanes(unsigned char* d, Lanes average) {
     if constexpr (sizeof(T) == 1) {
       q = _mm_packs_epi32(q, q);  // 0..255 passes the signed 16-bit pack unchanged
       q = _mm_packus_epi16(q, q);
-      uint32_t bits = static_cast<uint32_t>(_mm_cvtsi128_si32(q));
-      std::memcpy(d, &bits, C);
+      StoreLow<C>(d, static_cast<uint32_t>(_mm_cvtsi128_si32(q)));
     } else {
       // No unsigned 32-to-16 pack in the base instruction set: shift into the signed
       // range, pack, and flip the top bit back.
       q = _mm_sub_epi32(q, _mm_set1_epi32(32768));
       q = _mm_packs_epi32(q, q);
       q = _mm_xor_si128(q, _mm_set1_epi16(static_cast<int16_t>(0x8000)));
-      uint64_t bits = static_cast<uint64_t>(_mm_cvtsi128_si64(q));
-      std::memcpy(d, &bits, C * sizeof(T));
+      StoreLow<2 * C>(d, static_cast<uint64_t>(_mm_cvtsi128_si64(q)));
     }
   }
 }
