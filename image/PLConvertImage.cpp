@@ -178,21 +178,16 @@ void PLImage::GetFlow(float fx, float fy, float* u, float* v, int32_t range) con
 // ---- flow files ----
 
 PLImage* ReadFlow(const char* name) {
-  PLImage* coded = NUV_NEW PLImage(name, 0);
-  if (!coded->data) {  // always: no file decoder exists
-    delete coded;
-    return nullptr;
-  }
-  PLImage* flow = NUV_NEW PLImage(0, coded->width, coded->height, 2, PLFloat, coded->flipped);
+  PLImage coded(name, 0);
+  if (!coded.data) return nullptr;  // always: no file decoder exists
+  PLImage* flow = NUV_NEW PLImage(0, coded.width, coded.height, 2, PLFloat, coded.flipped);
   if (flow->errorCode) {
     delete flow;
-    delete coded;
     return nullptr;
   }
-  int32_t range = coded->width > coded->height ? coded->width : coded->height;
+  int32_t range = coded.width > coded.height ? coded.width : coded.height;
   ConvertShortFlow2FloatFlow convert(range);
-  ConvertPixels(flow, coded, &convert);
-  delete coded;
+  ConvertPixels(flow, &coded, &convert);
   return flow;
 }
 
@@ -200,18 +195,16 @@ void WriteFlow(const PLImage* image, const char* name) {
   if (!image) return;
   if (image->channels < 2) std::fputs("Write Flow needs more than 1 channel!\n", stderr);
   if (image->dataType != PLFloat) return;  // the coded image has no writer: no bytes
-  PLImage* coded = NUV_NEW PLImage(0, image->width, image->height, 2, PLUShort, image->flipped);
-  if (coded->errorCode) {
+  PLImage coded(0, image->width, image->height, 2, PLUShort, image->flipped);
+  if (coded.errorCode) {
     std::fputs("can't make flow image to write!\n", stderr);
-    delete coded;
     return;
   }
   // A 1-channel image has no v to read; its coded image stays unwritten.
   if (image->channels >= 2) {
     int32_t range = image->width > image->height ? image->width : image->height;
     ConvertFloatFlow2ShortFlow convert(range);
-    ConvertPixels(coded, image, &convert);
+    ConvertPixels(&coded, image, &convert);
   }
-  WriteFlow(coded, name);
-  delete coded;
+  WriteFlow(&coded, name);
 }

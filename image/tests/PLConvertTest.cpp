@@ -1,0 +1,342 @@
+// flowblur: sample conversions, nearest-neighbour resize, pixel functors and flow coding.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+
+#include "image/PLConvertImage.h"
+#include "image/PLPixelConvert.h"
+#include "image/tests/PLImageOpsTestSupport.h"
+
+namespace {
+
+using pltest::MakeImage;
+
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+constexpr float kTwoToMinus16 = 1.52587890625e-05f;
+
+template <class D, class S>
+D Convert(int32_t srcType, int32_t dstType, S value) {
+  PLSampleConverter convert = PLGetSampleConverter(srcType, dstType);
+  EXPECT_NE(convert, nullptr) << srcType << " -> " << dstType;
+  D out{};
+  if (convert) convert(&out, &value);
+  return out;
+}
+
+// ---- the sample table ----
+
+TEST(SampleConvert, FloatToUCharTruncatesAndKeepsLowBits) {
+  EXPECT_EQ((Convert<uint8_t, float>(PLFloat, PLUChar, 255.9f)), 255);
+  EXPECT_EQ((Convert<uint8_t, float>(PLFloat, PLUChar, 256.0f)), 0);
+  EXPECT_EQ((Convert<uint8_t, float>(PLFloat, PLUChar, -1.0f)), 255);
+  EXPECT_EQ((Convert<uint8_t, float>(PLFloat, PLUChar, 0.999f)), 0);
+  EXPECT_EQ((Convert<uint8_t, float>(PLFloat, PLUChar, -0.999f)), 0);
+  EXPECT_EQ((Convert<uint8_t, float>(PLFloat, PLUChar, 300.7f)), 44);
+  // Beyond 32 bits and NaN: the integer-indefinite value, whose low bits are 0.
+  EXPECT_EQ((Convert<uint8_t, float>(PLFloat, PLUChar, kNaN)), 0);
+  EXPECT_EQ((Convert<uint8_t, float>(PLFloat, PLUChar, 3.0e9f)), 0);
+  EXPECT_EQ((Convert<uint8_t, float>(PLFloat, PLUChar, -3.0e9f)), 0);
+  EXPECT_EQ((Convert<uint8_t, float>(PLFloat, PLUChar, INFINITY)), 0);
+  // Just inside the 32-bit range still wraps normally: 2^31 - 128 has low byte 0x80.
+  EXPECT_EQ((Convert<uint8_t, float>(PLFloat, PLUChar, 2147483520.0f)), 0x80);
+}
+
+TEST(SampleConvert, FloatToUShortTruncatesAndKeepsLowBits) {
+  EXPECT_EQ((Convert<uint16_t, float>(PLFloat, PLUShort, 65535.9f)), 65535);
+  EXPECT_EQ((Convert<uint16_t, float>(PLFloat, PLUShort, 65536.0f)), 0);
+  EXPECT_EQ((Convert<uint16_t, float>(PLFloat, PLUShort, -1.0f)), 65535);
+  EXPECT_EQ((Convert<uint16_t, float>(PLFloat, PLUShort, kNaN)), 0);
+  EXPECT_EQ((Convert<uint16_t, float>(PLFloat, PLUShort, 1.0e12f)), 0);
+  EXPECT_EQ((Convert<uint16_t, float>(PLFloat, PLShort, -2.5f)), 65534);  // as UShort
+  EXPECT_EQ((Convert<uint8_t, float>(PLFloat, PLChar, -2.5f)), 254);      // as UChar
+}
+
+TEST(SampleConvert, IntegerPairs) {
+  EXPECT_EQ((Convert<uint8_t, uint16_t>(PLUShort, PLUChar, 300)), 44);
+  EXPECT_EQ((Convert<uint8_t, uint16_t>(PLUShort, PLUChar, 65535)), 255);
+  EXPECT_EQ((Convert<uint16_t, uint8_t>(PLUChar, PLUShort, 200)), 200);
+  EXPECT_EQ((Convert<uint8_t, uint8_t>(PLUChar, PLUChar, 77)), 77);
+  EXPECT_EQ((Convert<uint16_t, uint16_t>(PLUShort, PLUShort, 40000)), 40000);
+  EXPECT_EQ((Convert<float, uint16_t>(PLUShort, PLFloat, 65535)), 65535.0f);
+  EXPECT_EQ((Convert<float, uint8_t>(PLUChar, PLFloat, 200)), 200.0f);  // not 0.78
+}
+
+TEST(SampleConvert, FractionTypesAreAsymmetric) {
+  EXPECT_EQ((Convert<uint16_t, float>(PLFloat, PLUShortFraction, 0.5f)), 32768);
+  EXPECT_EQ((Convert<uint16_t, float>(PLFloat, PLUShortFraction, 1.0f)), 0);
+  EXPECT_EQ((Convert<uint16_t, float>(PLFloat, PLUShortFraction, 1.5f)), 32768);
+  EXPECT_EQ((Convert<float, uint16_t>(PLUShortFraction, PLFloat, 32768)), 0.5f);
+  // Writing multiplies by the reading factor, not its inverse.
+  EXPECT_EQ((Convert<uint16_t, float>(PLFloat, PLShortFraction, 65536.0f)), 1);
+  EXPECT_EQ((Convert<uint16_t, float>(PLFloat, PLShortFraction, 1.0f)), 0);
+  EXPECT_EQ((Convert<float, int16_t>(PLShortFraction, PLFloat, 1)), kTwoToMinus16);
+  EXPECT_EQ((Convert<float, int16_t>(PLShortFraction, PLFloat, -1)), -kTwoToMinus16);
+}
+
+TEST(SampleConvert, SignedWideAndNarrowTypes) {
+  EXPECT_EQ((Convert<float, int8_t>(PLChar, PLFloat, -5)), -5.0f);
+  EXPECT_EQ((Convert<float, int16_t>(PLShort, PLFloat, -30000)), -30000.0f);
+  EXPECT_EQ((Convert<float, double>(PLDouble, PLFloat, 0.1)), 0.1f);
+  EXPECT_EQ((Convert<double, float>(PLFloat, PLDouble, 0.1f)), static_cast<double>(0.1f));
+  EXPECT_EQ((Convert<float, int64_t>(PLLong, PLFloat, -(int64_t{1} << 40))), -1099511627776.0f);
+  EXPECT_EQ((Convert<int64_t, float>(PLFloat, PLLong, -3.7f)), -3);
+  EXPECT_EQ((Convert<int64_t, float>(PLFloat, PLLong, kNaN)), INT64_MIN);
+}
+
+TEST(SampleConvert, PairsOutsideTheTableHaveNoRoutine) {
+  EXPECT_EQ(PLGetSampleConverter(PLChar, PLUChar), nullptr);
+  EXPECT_EQ(PLGetSampleConverter(PLUChar, PLShort), nullptr);
+  EXPECT_EQ(PLGetSampleConverter(PLDouble, PLLong), nullptr);
+  EXPECT_EQ(PLGetSampleConverter(PLFloat, 9), nullptr);
+  EXPECT_EQ(PLGetSampleReader(-1), nullptr);
+}
+
+// ---- CopyResized ----
+
+// The rule, written out slowly.
+int32_t NearestRef(int32_t i, int32_t srcSize, int32_t dstSize) {
+  float ratio = static_cast<float>(srcSize - 1) / static_cast<float>(dstSize - 1);
+  float product = static_cast<float>(i) * ratio;
+  return static_cast<int32_t>(static_cast<double>(product) + 0.5);
+}
+
+TEST(CopyResized, NearestNeighbourWithConversion) {
+  struct Case {
+    int32_t sw, sh, dw, dh, st, dt;
+  } cases[] = {{7, 5, 4, 3, PLUChar, PLFloat}, {3, 3, 8, 9, PLFloat, PLUShort},
+               {13, 2, 5, 2, PLUShort, PLUChar}, {6, 7, 6, 7, PLFloat, PLFloat}};
+  for (const Case& k : cases)
+    for (pltest::Layout layout : {pltest::kPlain, pltest::kPaddedFlipped}) {
+      auto src = MakeImage(k.sw, k.sh, 3, k.st, layout);
+      auto dst = MakeImage(k.dw, k.dh, 3, k.dt, pltest::kFlipped);
+      pltest::FillRandom(src.get(), 7, -300.0f, 300.0f);
+      CopyResized(dst.get(), src.get());
+      PLSampleConverter convert = PLGetSampleConverter(k.st, k.dt);
+      for (int32_t y = 0; y < k.dh; ++y)
+        for (int32_t x = 0; x < k.dw; ++x)
+          for (int32_t c = 0; c < 3; ++c) {
+            const unsigned char* s = src->PixelAddress(NearestRef(x, k.sw, k.dw),
+                                                       NearestRef(y, k.sh, k.dh)) +
+                                     c * src->bytesPerSample;
+            unsigned char expected[4] = {};
+            convert(expected, s);
+            ASSERT_EQ(std::memcmp(expected, dst->PixelAddress(x, y) + c * dst->bytesPerSample,
+                                  dst->bytesPerSample),
+                      0)
+                << "case " << k.sw << "x" << k.sh << " at " << x << "," << y << "," << c;
+          }
+    }
+}
+
+TEST(CopyResized, RefusesWhatItCannotServe) {
+  PLImage src(4, 4, 1, PLUChar, 0), line(5, 1, 1, PLUChar, 0), chars(4, 4, 1, PLChar, 0);
+  std::memset(line.data, 9, 5);
+  std::memset(src.data, 1, 16);
+  CopyResized(&line, &src);  // a one-row destination would divide by zero
+  EXPECT_EQ(line.data[0], 9);
+  CopyResized(&chars, &src);  // UChar -> Char has no routine
+  CopyResized(nullptr, &src);
+  CopyResized(&src, nullptr);
+}
+
+// ---- flow coding ----
+
+TEST(FlowCoding, CodesAndClamps) {
+  const int32_t range = 640;
+  EXPECT_EQ(PLEncodeFlow(0.0f, range), 32767);
+  EXPECT_EQ(PLEncodeFlow(640.0f, range), 65534);
+  EXPECT_EQ(PLEncodeFlow(-640.0f, range), 0);
+  EXPECT_EQ(PLEncodeFlow(5000.0f, range), 65534);
+  EXPECT_EQ(PLEncodeFlow(-5000.0f, range), 0);
+  EXPECT_EQ(PLEncodeFlow(3.0e38f, range), 65534);
+  EXPECT_EQ(PLEncodeFlow(-INFINITY, range), 0);
+  EXPECT_EQ(PLEncodeFlow(kNaN, range), 0);
+  EXPECT_EQ(PLDecodeFlow(32767.0f, range), 0.0f);
+  EXPECT_EQ(PLDecodeFlow(65534.0f, range), 640.0f);
+  EXPECT_EQ(PLDecodeFlow(0.0f, range), -640.0f);
+  // Step 1 narrows the quotient to float before the rounding of step 3.
+  float v = 1.2345f;
+  float s = static_cast<float>(static_cast<double>(v) * 32767.0 / 640.0);
+  EXPECT_EQ(PLEncodeFlow(v, range), static_cast<uint16_t>(static_cast<double>(s) + 32767.5));
+}
+
+TEST(FlowCoding, RoundTripWithinHalfAStep) {
+  const int32_t range = 1000;
+  const float step = 1000.0f / 32767.0f;
+  for (float v = -1000.0f; v <= 1000.0f; v += 13.37f) {
+    float back = PLDecodeFlow(static_cast<float>(PLEncodeFlow(v, range)), range);
+    EXPECT_LE(std::fabs(back - v), step * 0.5f + 1e-4f) << v;
+  }
+}
+
+TEST(FlowConvert, FunctorsThroughConvertPixels) {
+  auto flow = MakeImage(9, 6, 2, PLFloat, pltest::kPadded);
+  pltest::FillRandom(flow.get(), 3, -12.0f, 12.0f);
+  flow->SetFlow(0, 0, 9, 9.0f, -20.0f);  // beyond the range on v: clamps
+  PLImage coded(9, 6, 2, PLUShort, 1);
+  ConvertFloatFlow2ShortFlow toShort(9);
+  ConvertPixels(&coded, flow.get(), &toShort);
+  for (int32_t y = 0; y < 6; ++y)
+    for (int32_t x = 0; x < 9; ++x)
+      for (int32_t c = 0; c < 2; ++c)
+        ASSERT_EQ(pltest::Sample(&coded, x, y, c),
+                  PLEncodeFlow(pltest::Sample(flow.get(), x, y, c), 9));
+  EXPECT_EQ(pltest::Sample(&coded, 0, 0, 0), 65534.0f);
+  EXPECT_EQ(pltest::Sample(&coded, 0, 0, 1), 0.0f);
+
+  PLImage back(9, 6, 2, PLFloat, 0);
+  ConvertShortFlow2FloatFlow toFloat(9);
+  ConvertPixels(&back, &coded, &toFloat);
+  for (int32_t y = 0; y < 6; ++y)
+    for (int32_t x = 0; x < 9; ++x)
+      for (int32_t c = 0; c < 2; ++c)
+        ASSERT_EQ(pltest::Sample(&back, x, y, c),
+                  PLDecodeFlow(pltest::Sample(&coded, x, y, c), 9));
+
+  // In place: a Float flow image turned into codes in its own first 4 bytes a pixel.
+  PLImage same(3, 2, 2, PLFloat, 0);
+  for (int32_t y = 0; y < 2; ++y)
+    for (int32_t x = 0; x < 3; ++x) same.SetFlow(x, y, 0, x * 1.5f, -y * 2.0f);
+  ConvertPixelsInPlace(&same, &toShort);
+  EXPECT_EQ(PLLoad<uint16_t>(same.PixelAddress(2, 1)), PLEncodeFlow(3.0f, 9));
+  EXPECT_EQ(PLLoad<uint16_t>(same.PixelAddress(2, 1) + 2), PLEncodeFlow(-2.0f, 9));
+}
+
+TEST(FlowMembers, SetFlowWarnsAboveFiftyThousandAndKeepsTheValue) {
+  PLImage image(4, 4, 2, PLUShort, 0);
+  testing::internal::CaptureStderr();
+  image.SetFlow(1, 2, 100, 60.0f, 0.0f);  // 0.6 * range
+  std::string first = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(first, "whoa\n");
+  EXPECT_EQ(pltest::Sample(&image, 1, 2, 0), PLEncodeFlow(60.0f, 100));
+  EXPECT_GT(pltest::Sample(&image, 1, 2, 0), 50000.0f);
+
+  testing::internal::CaptureStderr();
+  image.SetFlow(0, 0, 100, 50.0f, 90.0f);  // u codes 49151; only u is looked at
+  image.SetFlow(0, 1, 100, -90.0f, 0.0f);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(pltest::Sample(&image, 0, 0, 0), 49151.0f);
+}
+
+TEST(FlowMembers, SetFlowOnFloatStoresRawFloats) {
+  PLImage image(3, 3, 2, PLFloat, 1);
+  image.SetFlow(2, 1, 0, 1.0e6f, -0.25f);
+  EXPECT_EQ(pltest::Sample(&image, 2, 1, 0), 1.0e6f);
+  EXPECT_EQ(pltest::Sample(&image, 2, 1, 1), -0.25f);
+  PLImage small(3, 3, 2, PLUChar, 0);  // no room for two floats: left alone
+  std::memset(small.data, 7, 18);
+  small.SetFlow(2, 2, 0, 1.0f, 1.0f);
+  EXPECT_EQ(small.data[17], 7);
+}
+
+// Bilinear flow read, written out slowly over GetChannel.
+void GetFlowRef(const PLImage* im, float fx, float fy, float* out) {
+  int32_t ix = static_cast<int32_t>(fx), iy = static_cast<int32_t>(fy);
+  float tx = fx - ix, ty = fy - iy;
+  if (ix >= im->lastColumn) ix = im->width - 2, tx = 1.0f;
+  if (iy >= im->lastRow) iy = im->height - 2, ty = 1.0f;
+  for (int32_t c = 0; c < 2; ++c) {
+    float a = pltest::Sample(im, ix, iy, c), b = pltest::Sample(im, ix + 1, iy, c);
+    float cc = pltest::Sample(im, ix, iy + 1, c), d = pltest::Sample(im, ix + 1, iy + 1, c);
+    float top = (b - a) * tx + a, bottom = (d - cc) * tx + cc;
+    out[c] = (bottom - top) * ty + top;
+  }
+}
+
+TEST(FlowMembers, GetFlowBilinearOnEveryLayout) {
+  for (int32_t type : {PLFloat, PLUShort})
+    for (pltest::Layout layout : pltest::kLayouts) {
+      auto flow = MakeImage(7, 5, 2, type, layout);
+      testing::internal::CaptureStderr();  // large u codes say "whoa"
+      for (int32_t y = 0; y < 5; ++y)
+        for (int32_t x = 0; x < 7; ++x) flow->SetFlow(x, y, 7, x * 0.7f - y, y * 1.3f + x * 0.1f);
+      testing::internal::GetCapturedStderr();
+      const float points[][2] = {{0, 0}, {2.25f, 1.5f}, {5.99f, 3.01f}, {6, 2.5f},
+                                 {3.5f, 4}, {6, 4},     {6.7f, 4.2f}};
+      for (const auto& pt : points) {
+        float u = -99, v = -99, ref[2];
+        flow->GetFlow(pt[0], pt[1], &u, &v, 7);
+        GetFlowRef(flow.get(), pt[0], pt[1], ref);
+        if (type == PLUShort) ref[0] = PLDecodeFlow(ref[0], 7), ref[1] = PLDecodeFlow(ref[1], 7);
+        EXPECT_EQ(u, ref[0]) << pltest::LayoutName(layout) << " " << pt[0] << "," << pt[1];
+        EXPECT_EQ(v, ref[1]) << pltest::LayoutName(layout) << " " << pt[0] << "," << pt[1];
+      }
+    }
+}
+
+TEST(FlowMembers, GetFlowAtTheLastColumnAndRowIsExact) {
+  // (b - a) * 1.0 + a is b exactly for these values (halves): the fraction of 1.0 on the
+  // cell before the last column or row is what reaches them.
+  PLImage flow(5, 4, 2, PLFloat, 1);
+  for (int32_t y = 0; y < 4; ++y)
+    for (int32_t x = 0; x < 5; ++x) flow.SetFlow(x, y, 0, x * 1.5f - y, 0.5f * (x * y % 7) - 2.0f);
+  float u, v;
+  flow.GetFlow(4.0f, 1.0f, &u, &v, 5);
+  EXPECT_EQ(u, pltest::Sample(&flow, 4, 1, 0));
+  EXPECT_EQ(v, pltest::Sample(&flow, 4, 1, 1));
+  flow.GetFlow(2.0f, 3.0f, &u, &v, 5);
+  EXPECT_EQ(u, pltest::Sample(&flow, 2, 3, 0));
+  flow.GetFlow(4.0f, 3.0f, &u, &v, 5);
+  EXPECT_EQ(v, pltest::Sample(&flow, 4, 3, 1));
+  // UShort: the interpolation is on codes, decoded afterwards.
+  PLImage coded(5, 4, 2, PLUShort, 0);
+  coded.SetFlow(0, 0, 5, 0.0f, 0.0f);
+  coded.SetFlow(1, 0, 5, 1.0f, 0.0f);
+  coded.SetFlow(0, 1, 5, 0.0f, 0.0f);
+  coded.SetFlow(1, 1, 5, 1.0f, 0.0f);
+  coded.GetFlow(0.5f, 0.0f, &u, &v, 5);
+  float code = (static_cast<float>(PLEncodeFlow(1.0f, 5)) - 32767.0f) * 0.5f + 32767.0f;
+  EXPECT_NE(code, std::floor(code));  // not a whole code
+  EXPECT_EQ(u, PLDecodeFlow(code, 5));
+  EXPECT_EQ(v, 0.0f);
+}
+
+TEST(FlowMembers, GetFlowRefusesWhatWouldLeaveTheImage) {
+  PLImage flow(4, 4, 2, PLFloat, 0), thin(1, 4, 2, PLFloat, 0), chars(4, 4, 2, PLUChar, 0);
+  pltest::FillRandom(&flow, 1);
+  float u = 42, v = 43;
+  flow.GetFlow(-1.5f, 1.0f, &u, &v, 4);
+  flow.GetFlow(1.0f, kNaN, &u, &v, 4);
+  thin.GetFlow(0.0f, 0.0f, &u, &v, 4);
+  chars.GetFlow(1.0f, 1.0f, &u, &v, 4);
+  EXPECT_EQ(u, 42);
+  EXPECT_EQ(v, 43);
+}
+
+// ---- flow files ----
+
+struct LargeAllocationsFail {
+  LargeAllocationsFail() {
+    NuvMemSetHooks(
+        nullptr, [](void*, uint64_t size) -> void* { return size > 4096 ? nullptr : std::malloc(size); },
+        [](void*, void* block) { std::free(block); });
+  }
+  ~LargeAllocationsFail() { NuvMemSetHooks(nullptr, nullptr, nullptr); }
+};
+
+TEST(FlowFiles, MessagesAndNoFile) {
+  EXPECT_EQ(ReadFlow("anything.flo"), nullptr);
+  PLImage one(4, 4, 1, PLFloat, 0), two(4, 4, 2, PLFloat, 0), shorts(4, 4, 1, PLUShort, 0);
+  pltest::FillRandom(&one, 1);
+  pltest::FillRandom(&two, 2);
+  testing::internal::CaptureStderr();
+  WriteFlow(&two, "out.flo");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  testing::internal::CaptureStderr();
+  WriteFlow(&one, "out.flo");
+  WriteFlow(&shorts, "out.flo");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Write Flow needs more than 1 channel!\nWrite Flow needs more than 1 channel!\n");
+  PLImage big(64, 64, 2, PLFloat, 0);
+  pltest::FillRandom(&big, 3);
+  {
+    LargeAllocationsFail failing;
+    testing::internal::CaptureStderr();
+    WriteFlow(&big, "out.flo");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "can't make flow image to write!\n");
+  }
+}
+
+}  // namespace

@@ -1,0 +1,417 @@
+// flowblur: sample arithmetic over whole images and the matte members.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+
+#include "image/PLImageArith.h"
+#include "image/PLImageCopy.h"
+#include "image/tests/PLImageOpsTestSupport.h"
+
+namespace {
+
+using pltest::MakeImage;
+using pltest::PixelBytes;
+using pltest::Sample;
+
+void SetPixel4(PLImage* im, int32_t x, int32_t y, float r, float g, float b, float m) {
+  const float v[4] = {r, g, b, m};
+  for (int32_t c = 0; c < 4; ++c) im->SetChannel(x, y, c, v[c]);
+}
+
+// ---- scalings ----
+
+TEST(ImageArith, MultiplyRoundingAgainstScaleUShort) {
+  PLImage u8(1, 1, 1, PLUChar, 0), u16(1, 1, 1, PLUShort, 0);
+  u8.data[0] = 255;
+  u16.SetChannel(0, 0, 0, 255.0f);
+  Multiply(&u8, 0.5f);      // the fallback truncates
+  ScaleUShort(&u16, 0.5f);  // adds 0.5
+  EXPECT_EQ(u8.data[0], 127);
+  EXPECT_EQ(Sample(&u16, 0, 0, 0), 128.0f);
+}
+
+TEST(ImageArith, MultiplyNearOneIsANoOp) {
+  PLImage f(3, 2, 2, PLFloat, 0);
+  pltest::FillRandom(&f, 1);
+  auto before = PixelBytes(&f);
+  Multiply(&f, 1.0000001f);
+  EXPECT_EQ(PixelBytes(&f), before);
+  Multiply(&f, 1.00001f);
+  EXPECT_NE(PixelBytes(&f), before);
+  EXPECT_EQ(Sample(&f, 2, 1, 1), PLLoad<float>(&before[before.size() - 4]) * 1.00001f);
+}
+
+TEST(ImageArith, ScaleUShortWrapsAndScaleClampClamps) {
+  for (int32_t channels : {3, 4}) {  // serial and row-parallel paths
+    PLImage a(2, 2, channels, PLUShort, 0), b(2, 2, channels, PLUShort, 0);
+    Clear(&a);
+    Clear(&b);
+    for (int32_t c = 0; c < channels; ++c) {
+      a.SetChannel(1, 1, c, 40000.0f);
+      b.SetChannel(1, 1, c, 40000.0f);
+    }
+    if (channels == 4) b.SetChannel(1, 1, 3, 65535.0f);  // opaque: the division keeps it
+    ScaleUShort(&a, 2.0f);
+    ScaleClampUShort(&b, 2.0f, 65535.0f);
+    EXPECT_EQ(Sample(&a, 1, 1, 0), 14464.0f);
+    EXPECT_EQ(Sample(&b, 1, 1, 0), 65535.0f);
+  }
+  PLImage neg(1, 1, 1, PLUShort, 0);
+  neg.SetChannel(0, 0, 0, 100.0f);
+  ScaleClampUShort(&neg, -1.0f, 65535.0f);
+  EXPECT_EQ(Sample(&neg, 0, 0, 0), 0.0f);
+  neg.SetChannel(0, 0, 0, 100.0f);
+  ScaleClampUShort(&neg, 10.0f, 500.0f);
+  EXPECT_EQ(Sample(&neg, 0, 0, 0), 500.0f);
+}
+
+TEST(ImageArith, ScaleClampUShortUnpremultipliesFourChannels) {
+  PLImage im(1, 1, 4, PLUShort, 0);
+  SetPixel4(&im, 0, 0, 100, 100, 100, 128);
+  ScaleClampUShort(&im, 1.0f, 65535.0f);
+  EXPECT_EQ(Sample(&im, 0, 0, 0), 51199.0f);  // 100 * (65535 / 128) + 0.5
+  EXPECT_EQ(Sample(&im, 0, 0, 3), 128.0f);
+}
+
+TEST(ImageArith, ScalingsIgnoreOtherTypes) {
+  PLImage f(2, 2, 4, PLFloat, 0), c(2, 2, 1, PLChar, 0);
+  pltest::FillRandom(&f, 2);
+  std::memset(c.data, 9, 4);
+  auto before = PixelBytes(&f);
+  ScaleUShort(&f, 2.0f);
+  ScaleClampUShort(&f, 2.0f, 1.0f);
+  EXPECT_EQ(PixelBytes(&f), before);
+  Multiply(&c, 2.0f);
+  MultiplyColor(&c, 2.0f);
+  MultiplyChannel(&c, 2.0f, 0);
+  EXPECT_EQ(c.data[3], 9);
+  ScaleUShort(nullptr, 2.0f);
+  Multiply(nullptr, 2.0f);
+}
+
+TEST(ImageArith, MultiplyColorRoundsColourAndKeepsMatte) {
+  PLImage im(2, 1, 4, PLUChar, 0), three(1, 1, 3, PLUChar, 0);
+  Clear(&im);
+  SetPixel4(&im, 0, 0, 255, 101, 3, 77);
+  MultiplyColor(&im, 0.5f);
+  EXPECT_EQ(Sample(&im, 0, 0, 0), 128.0f);  // 127.5 + 0.5
+  EXPECT_EQ(Sample(&im, 0, 0, 1), 51.0f);   // 50.5 + 0.5
+  EXPECT_EQ(Sample(&im, 0, 0, 2), 2.0f);
+  EXPECT_EQ(Sample(&im, 0, 0, 3), 77.0f);
+  three.data[0] = 255;
+  MultiplyColor(&three, 0.5f);  // fewer channels: Multiply, which truncates
+  EXPECT_EQ(three.data[0], 127);
+  PLImage again(1, 1, 4, PLUShort, 0);
+  SetPixel4(&again, 0, 0, 7, 8, 9, 10);
+  MultiplyColor(&again, 1.0f);  // whatever the factor: 7 * 1 + 0.5 truncates to 7
+  EXPECT_EQ(Sample(&again, 0, 0, 0), 7.0f);
+}
+
+TEST(ImageArith, MultiplyChannelTouchesOneSample) {
+  PLImage im(2, 2, 3, PLUShort, 1);
+  pltest::FillRandom(&im, 5);
+  PLImage before(2, 2, 3, PLUShort, 1);
+  CopyWhole(&before, &im);
+  MultiplyChannel(&im, 1.0f, 1);
+  EXPECT_EQ(PixelBytes(&im), PixelBytes(&before));
+  MultiplyChannel(&im, 0.3f, 1);
+  for (int32_t y = 0; y < 2; ++y)
+    for (int32_t x = 0; x < 2; ++x) {
+      EXPECT_EQ(Sample(&im, x, y, 0), Sample(&before, x, y, 0));
+      EXPECT_EQ(Sample(&im, x, y, 1),
+                static_cast<float>(static_cast<int32_t>(Sample(&before, x, y, 1) * 0.3f)));
+      EXPECT_EQ(Sample(&im, x, y, 2), Sample(&before, x, y, 2));
+    }
+  MultiplyChannel(&im, 0.3f, 3);  // no such channel
+}
+
+TEST(ImageArith, MultiplyFlowScalesUAndVApart) {
+  PLImage flow(3, 2, 2, PLFloat, 1), three(3, 2, 3, PLFloat, 0);
+  pltest::FillRandom(&flow, 6);
+  PLImage before(3, 2, 2, PLFloat, 0);
+  CopyWhole(&before, &flow);
+  MultiplyFlow(&flow, 0.5f, -3.0f);
+  for (int32_t y = 0; y < 2; ++y)
+    for (int32_t x = 0; x < 3; ++x) {
+      EXPECT_EQ(Sample(&flow, x, y, 0), Sample(&before, x, y, 0) * 0.5f);
+      EXPECT_EQ(Sample(&flow, x, y, 1), Sample(&before, x, y, 1) * -3.0f);
+    }
+  pltest::FillRandom(&three, 7);
+  auto b3 = PixelBytes(&three);
+  MultiplyFlow(&three, 2.0f, 2.0f);
+  EXPECT_EQ(PixelBytes(&three), b3);
+}
+
+// ---- Multiply on a padded wrapped Float image ----
+
+// One contiguous run per worker slice, from the lower address of its two end rows.
+std::vector<unsigned char> MultiplyRunsReference(const pltest::TestImage& t, float factor,
+                                                 int32_t threads) {
+  std::vector<unsigned char> store = t.store;
+  const PLImage* im = t.get();
+  for (int32_t index = 0; index < threads; ++index) {
+    int32_t first, last;
+    NuvMPRowRange(threads, index, im->height, &first, &last);
+    int32_t rowA = im->flipped ? im->lastRow - first : first;
+    int32_t rowB = im->flipped ? im->lastRow - last : last;
+    size_t start = static_cast<size_t>(std::min(rowA, rowB)) * im->rowBytes;
+    size_t n = static_cast<size_t>(last - first + 1) * im->width * im->channels;
+    for (size_t i = 0; i < n; ++i) {
+      float v = PLLoad<float>(&store[start + 4 * i]);
+      PLStore<float>(&store[start + 4 * i], v * factor);
+    }
+  }
+  return store;
+}
+
+TEST(ImageArith, MultiplyPaddedFloatScalesTheGapsAndStaysInsideItsRows) {
+  pltest::WorkerGuard guard;
+  for (pltest::Layout layout : {pltest::kPadded, pltest::kPaddedFlipped})
+    for (int32_t workers : kPLTestWorkerCounts) {
+      PLTestUseWorkers(workers);
+      auto im = MakeImage(5, 140, 2, PLFloat, layout);
+      pltest::FillRandom(im.get(), 8);
+      auto expected = MultiplyRunsReference(im, 2.5f, NuvMPThreadsForRows(140));
+      Multiply(im.get(), 2.5f);
+      EXPECT_EQ(pltest::CountDiff(im.store, expected), 0u)
+          << pltest::LayoutName(layout) << " workers " << workers;
+      // The spare row after the image is never reached.
+      size_t end = static_cast<size_t>(im->rowBytes) * 140;
+      for (size_t i = end; i < im.store.size(); ++i) ASSERT_EQ(im.store[i], pltest::kPadByte);
+    }
+  // With one worker on three rows: rows 0 and 1 and their gaps scaled, row 2 missed.
+  PLTestUseWorkers(1);
+  auto small = MakeImage(4, 3, 1, PLFloat, pltest::kPadded);
+  for (int32_t y = 0; y < 3; ++y)
+    for (int32_t x = 0; x < 4; ++x) small->SetChannel(x, y, 0, 1.0f);
+  Multiply(small.get(), 2.0f);
+  EXPECT_EQ(Sample(small.get(), 3, 1, 0), 2.0f);
+  EXPECT_EQ(Sample(small.get(), 0, 2, 0), 1.0f);
+}
+
+// ---- two-image operations ----
+
+// The serial walk, slowly: read both through GetChannel, combine, write with SetChannel.
+void TwoImageReference(PLImage* dst, const PLImage* src, float (*op)(float, float)) {
+  for (int32_t y = 0; y < dst->height; ++y)
+    for (int32_t x = 0; x < dst->width; ++x)
+      for (int32_t c = 0; c < dst->channels; ++c)
+        dst->SetChannel(x, y, c, op(Sample(dst, x, y, c), Sample(src, x, y, c)));
+}
+
+float SubRef(float a, float b) { return a - b; }
+float AddRef(float a, float b) { return a + b; }
+float MinRef(float a, float b) { return b > a ? a : b; }
+float MaxRef(float a, float b) { return a < b ? b : a; }
+
+TEST(ImageArith, TwoImageOperationsMatchTheReferenceForEveryTypePair) {
+  struct Op {
+    const char* name;
+    std::function<void(PLImage*, const PLImage*)> run;
+    float (*ref)(float, float);
+  } ops[] = {{"Subtract", [](PLImage* d, const PLImage* s) { Subtract(d, s); }, SubRef},
+             {"Add", [](PLImage* d, const PLImage* s) { Add(d, s); }, AddRef},
+             {"Min", [](PLImage* d, const PLImage* s) { Min(d, s); }, MinRef},
+             {"Min3", [](PLImage* d, const PLImage* s) { Min(d, nullptr, s); }, MinRef},
+             {"Max", [](PLImage* d, const PLImage* s) { Max(d, s); }, MaxRef}};
+  const int32_t types[] = {PLUChar, PLUShort, PLFloat};
+  for (const Op& op : ops)
+    for (int32_t dt : types)
+      for (int32_t st : types)
+        for (int32_t channels : {1, 2, 3}) {
+          auto dst = MakeImage(6, 5, channels, dt, pltest::kPadded);
+          auto src = MakeImage(6, 5, channels, st, pltest::kFlipped);
+          pltest::FillRandom(dst.get(), 40, -100.0f, 300.0f);
+          pltest::FillRandom(src.get(), 41, -100.0f, 300.0f);
+          PLImage expected(6, 5, channels, dt, 0);
+          CopyWhole(&expected, dst.get());
+          TwoImageReference(&expected, src.get(), op.ref);
+          op.run(dst.get(), src.get());
+          ASSERT_EQ(pltest::CountDiff(PixelBytes(dst.get()), PixelBytes(&expected)), 0u)
+              << op.name << " " << dt << "<-" << st << " c" << channels;
+          ASSERT_TRUE(pltest::PaddingIntact(dst));
+        }
+}
+
+TEST(ImageArith, SubtractWrapsOnUnsignedAndRefusesLong) {
+  PLImage a(1, 1, 1, PLUChar, 0), b(1, 1, 1, PLUChar, 0);
+  a.data[0] = 10;
+  b.data[0] = 20;
+  Subtract(&a, &b);
+  EXPECT_EQ(a.data[0], 246);
+  PLImage l(2, 1, 1, PLLong, 0), f(2, 1, 1, PLFloat, 0);
+  std::memset(l.data, 1, 8);
+  pltest::FillRandom(&f, 3);
+  auto before = PixelBytes(&f);
+  Subtract(&f, &l);
+  Add(&l, &f);
+  EXPECT_EQ(PixelBytes(&f), before);
+  EXPECT_EQ(l.data[7], 1);
+  Subtract(nullptr, &f);
+  Subtract(&f, nullptr);
+  PLImage smaller(1, 1, 1, PLFloat, 0);
+  Subtract(&f, &smaller);  // src smaller than dst: refused
+  EXPECT_EQ(PixelBytes(&f), before);
+}
+
+TEST(ImageArith, SubtractOfThreeFloatChannelsEqualsOneChannelForm) {
+  PLImage a3(4, 3, 3, PLFloat, 0), b3(4, 3, 3, PLFloat, 1);
+  pltest::FillRandom(&a3, 1);
+  pltest::FillRandom(&b3, 2);
+  // The same samples seen as 1-channel images 12 wide take the row-parallel path.
+  PLImage a1(a3.data, 12, 3, 1, PLFloat, 0), b1(12, 3, 1, PLFloat, 0);
+  for (int32_t y = 0; y < 3; ++y) std::memcpy(b1.Row(y), b3.Row(y), 48);
+  PLImage serial(4, 3, 3, PLFloat, 0);
+  CopyWhole(&serial, &a3);
+  Subtract(&serial, &b3);
+  Subtract(&a1, &b1);
+  EXPECT_EQ(PixelBytes(&serial), PixelBytes(&a3));
+}
+
+// ---- mattes ----
+
+TEST(ImageMatte, UnpremultiplyClampsTheQuotientAndKeepsZeroMattes) {
+  PLImage u8(3, 1, 4, PLUChar, 0);
+  SetPixel4(&u8, 0, 0, 200, 0, 0, 100);
+  SetPixel4(&u8, 1, 0, 50, 60, 70, 0);
+  SetPixel4(&u8, 2, 0, 64, 32, 1, 128);
+  Unpremultiply(&u8);
+  const float expected[3][4] = {{255, 0, 0, 100}, {50, 60, 70, 0}, {128, 64, 2, 128}};
+  for (int32_t x = 0; x < 3; ++x)
+    for (int32_t c = 0; c < 4; ++c) EXPECT_EQ(Sample(&u8, x, 0, c), expected[x][c]) << x << c;
+
+  PLImage f(3, 1, 4, PLFloat, 0);
+  SetPixel4(&f, 0, 0, 0.4f, 0.8f, 2.0f, 0.5f);
+  SetPixel4(&f, 1, 0, 0.4f, 0.8f, 2.0f, 9e-08f);
+  SetPixel4(&f, 2, 0, 0.4f, 0.8f, 2.0f, 1e-07f);
+  Unpremultiply(&f);
+  EXPECT_EQ(Sample(&f, 0, 0, 2), 2.0f * (1.0f / 0.5f));  // no clamp
+  EXPECT_EQ(Sample(&f, 1, 0, 0), 0.4f);                  // below 1e-07: kept
+  EXPECT_EQ(Sample(&f, 2, 0, 0), 0.4f * (1.0f / 1e-07f));
+  EXPECT_EQ(Sample(&f, 0, 0, 3), 0.5f);
+}
+
+TEST(ImageMatte, PremultiplyAndItsZeroMatte) {
+  PLImage u8(2, 1, 4, PLUChar, 0), u16(1, 1, 4, PLUShort, 0), f(1, 1, 4, PLFloat, 0);
+  SetPixel4(&u8, 0, 0, 255, 128, 3, 128);
+  SetPixel4(&u8, 1, 0, 255, 128, 3, 0);
+  Premultiply(&u8);
+  const float k = 128.0f * (1.0f / 255.0f);
+  EXPECT_EQ(Sample(&u8, 0, 0, 0), static_cast<float>(static_cast<int32_t>(255 * k + 0.5f)));
+  EXPECT_EQ(Sample(&u8, 0, 0, 1), static_cast<float>(static_cast<int32_t>(128 * k + 0.5f)));
+  EXPECT_EQ(Sample(&u8, 0, 0, 3), 128.0f);
+  for (int32_t c = 0; c < 3; ++c) EXPECT_EQ(Sample(&u8, 1, 0, c), 0.0f);  // zero matte: black
+  SetPixel4(&u16, 0, 0, 65535, 1000, 0, 32768);
+  Premultiply(&u16);
+  EXPECT_EQ(Sample(&u16, 0, 0, 0), 32768.0f);
+  SetPixel4(&f, 0, 0, 0.8f, 2.0f, -1.0f, 0.25f);
+  Premultiply(&f);
+  EXPECT_EQ(Sample(&f, 0, 0, 0), 0.8f * (0.25f * (1.0f / 1.0f)));
+  EXPECT_EQ(Sample(&f, 0, 0, 1), 0.5f);
+}
+
+TEST(ImageMatte, PremultiplyFromTakesColourAndMatteOfTheSource) {
+  PLImage dst(2, 2, 4, PLUShort, 0), src(3, 3, 4, PLUShort, 1), wrong(2, 2, 4, PLUChar, 0);
+  pltest::FillRandom(&dst, 1);
+  pltest::FillRandom(&src, 2);
+  PLImage before(2, 2, 4, PLUShort, 0);
+  CopyWhole(&before, &dst);
+  PremultiplyFrom(&dst, &wrong, 1.0f);  // type differs: nothing
+  EXPECT_EQ(PixelBytes(&dst), PixelBytes(&before));
+  PremultiplyFrom(&dst, &src, 2.0f);
+  for (int32_t y = 0; y < 2; ++y)
+    for (int32_t x = 0; x < 2; ++x) {
+      float m = Sample(&src, x, y, 3);
+      float k = m * (1.0f / (2.0f * 65535.0f));
+      for (int32_t c = 0; c < 3; ++c)
+        EXPECT_EQ(Sample(&dst, x, y, c),
+                  static_cast<float>(static_cast<int32_t>(Sample(&src, x, y, c) * k + 0.5f)));
+      EXPECT_EQ(Sample(&dst, x, y, 3), m);
+    }
+}
+
+TEST(ImageMatte, MembersMoveTheMatteMode) {
+  PLImage im(2, 1, 4, PLUChar, 0);
+  SetPixel4(&im, 0, 0, 50, 50, 50, 255);
+  SetPixel4(&im, 1, 0, 50, 50, 50, 100);
+  EXPECT_EQ(im.matteMode, MatteUnknown);
+  im.ToStraightMatte();  // not premultiplied: nothing
+  EXPECT_EQ(im.matteMode, MatteUnknown);
+  EXPECT_EQ(Sample(&im, 1, 0, 0), 50.0f);
+  im.UpdateMatteMode(1);
+  EXPECT_EQ(im.matteMode, MattePremultiplied);
+  im.UpdateMatteMode(0);  // known already: unchanged
+  EXPECT_EQ(im.matteMode, MattePremultiplied);
+  im.ToStraightMatte();
+  EXPECT_EQ(im.matteMode, MatteStraight);
+  EXPECT_EQ(Sample(&im, 1, 0, 0), 128.0f);  // 50 * 2.55 + 0.5
+  im.ToPremultipliedMatte();
+  EXPECT_EQ(im.matteMode, MattePremultiplied);
+  EXPECT_EQ(Sample(&im, 1, 0, 0), 50.0f);
+  SetPixel4(&im, 1, 0, 50, 50, 50, 255);
+  im.UpdateMatteMode(0);
+  EXPECT_EQ(im.matteMode, MatteOpaque);
+  PLImage fresh(1, 1, 4, PLFloat, 0);
+  SetPixel4(&fresh, 0, 0, 0.5f, 0.5f, 0.5f, 0.5f);
+  fresh.UpdateMatteMode(0);
+  EXPECT_EQ(fresh.matteMode, MatteStraight);
+}
+
+// ---- workers ----
+
+template <class Op>
+void ExpectSameForAllWorkers(const char* name, int32_t dstType, int32_t srcType,
+                             int32_t channels, Op op, bool padded = true) {
+  pltest::WorkerGuard guard;
+  for (pltest::Layout layout : pltest::kLayouts) {
+    if (!padded && (layout == pltest::kPadded || layout == pltest::kPaddedFlipped)) continue;
+    std::vector<unsigned char> reference;
+    for (int32_t workers : kPLTestWorkerCounts) {
+      PLTestUseWorkers(workers);
+      auto dst = MakeImage(23, 150, channels, dstType, layout);
+      auto src = MakeImage(23, 150, channels, srcType,
+                           layout == pltest::kFlipped ? pltest::kPadded : pltest::kFlipped);
+      pltest::FillRandom(dst.get(), 51, -1.0f, 1.0f);
+      pltest::FillRandom(src.get(), 52, 0.0f, 1.0f);
+      op(dst.get(), src.get());
+      auto bytes = PixelBytes(dst.get());
+      EXPECT_TRUE(pltest::PaddingIntact(dst)) << name << " " << pltest::LayoutName(layout);
+      if (workers == 1)
+        reference = bytes;
+      else
+        EXPECT_EQ(pltest::CountDiff(bytes, reference), 0u)
+            << name << " " << pltest::LayoutName(layout) << " workers " << workers;
+    }
+  }
+}
+
+TEST(ImageArithWorkers, EveryRowParallelOperationIsIndependentOfWorkers) {
+  ExpectSameForAllWorkers("ScaleUShort", PLUShort, PLUShort, 4,
+                          [](PLImage* d, PLImage*) { ScaleUShort(d, 1.7f); });
+  ExpectSameForAllWorkers("ScaleClampUShort", PLUShort, PLUShort, 4,
+                          [](PLImage* d, PLImage*) { ScaleClampUShort(d, 1.3f, 60000.0f); });
+  ExpectSameForAllWorkers("ScaleClampUShort3", PLUShort, PLUShort, 3,
+                          [](PLImage* d, PLImage*) { ScaleClampUShort(d, 0.7f, 50000.0f); });
+  // Multiply on padded Float rows depends on the slices by design (see its own test).
+  ExpectSameForAllWorkers(
+      "Multiply", PLFloat, PLFloat, 3, [](PLImage* d, PLImage*) { Multiply(d, 0.37f); }, false);
+  ExpectSameForAllWorkers("MultiplyFlow", PLFloat, PLFloat, 2,
+                          [](PLImage* d, PLImage*) { MultiplyFlow(d, 0.5f, -1.25f); });
+  ExpectSameForAllWorkers("Subtract1", PLFloat, PLFloat, 1,
+                          [](PLImage* d, PLImage* s) { Subtract(d, s); });
+  ExpectSameForAllWorkers("Subtract2", PLFloat, PLFloat, 2,
+                          [](PLImage* d, PLImage* s) { Subtract(d, s); });
+  for (int32_t type : {PLUChar, PLUShort, PLFloat}) {
+    ExpectSameForAllWorkers("Max", type, type, 1, [](PLImage* d, PLImage* s) { Max(d, s); });
+    ExpectSameForAllWorkers("Unpremultiply", type, type, 4,
+                            [](PLImage* d, PLImage*) { Unpremultiply(d); });
+    ExpectSameForAllWorkers("Premultiply", type, type, 4,
+                            [](PLImage* d, PLImage*) { Premultiply(d); });
+    ExpectSameForAllWorkers("PremultiplyFrom", type, type, 4,
+                            [](PLImage* d, PLImage* s) { PremultiplyFrom(d, s, 0.8f); });
+  }
+}
+
+}  // namespace

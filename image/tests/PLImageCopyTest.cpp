@@ -1,0 +1,353 @@
+// flowblur: predicates, copies, clears and fills.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "image/PLImageCopy.h"
+#include "image/tests/PLImageOpsTestSupport.h"
+
+namespace {
+
+using pltest::MakeImage;
+using pltest::PixelBytes;
+using pltest::Sample;
+
+// ---- predicates ----
+
+TEST(ImagePredicates, SizeChannelsTypeAndWidth) {
+  PLImage a(4, 3, 2, PLFloat, 0), same(4, 3, 2, PLFloat, 1), wider(5, 3, 2, PLFloat, 0),
+      taller(4, 4, 2, PLFloat, 0), threeCh(4, 3, 3, PLFloat, 0), uchar(4, 3, 2, PLUChar, 0),
+      longs(4, 3, 2, PLLong, 0);
+  PLImage empty(nullptr, 4, 3, 2, PLFloat, 0);
+  PLImage emptySized(4, 3, 2, PLFloat, 0);
+  unsigned char* pixels = emptySized.data;
+  emptySized.data = nullptr;  // sizes agree, but no pixels
+  struct Row {
+    const PLImage* b;
+    bool size, sizeOrChannels, sizeOrType, layout, sizeOrFormat;
+  } rows[] = {
+      {&same, false, false, false, false, false},  {&wider, true, true, true, true, true},
+      {&taller, true, true, true, true, true},     {&threeCh, false, true, false, true, true},
+      {&uchar, false, false, true, true, true},    {&longs, false, false, true, false, true},
+      {nullptr, true, true, true, true, true},     {&empty, true, true, true, true, true},
+      {&emptySized, true, true, true, true, true},
+  };
+  for (const Row& r : rows) {
+    EXPECT_EQ(DifferentSize(&a, r.b), r.size);
+    EXPECT_EQ(DifferentSize(r.b, &a), r.size);
+    EXPECT_EQ(DifferentSizeOrChannels(&a, r.b), r.sizeOrChannels);
+    EXPECT_EQ(DifferentSizeOrType(&a, r.b), r.sizeOrType);
+    EXPECT_EQ(DifferentLayout(&a, r.b), r.layout);
+    EXPECT_EQ(DifferentLayout(r.b, &a), r.layout);
+    EXPECT_EQ(DifferentSizeOrFormat(&a, r.b), r.sizeOrFormat);
+  }
+  emptySized.data = pixels;
+}
+
+TEST(ImagePredicates, DifferentFormatIgnoresSizeButNotWhitePoint) {
+  PLImage a(4, 3, 2, PLFloat, 0), other(9, 9, 2, PLFloat, 1), uchar(4, 3, 2, PLUChar, 0);
+  EXPECT_FALSE(DifferentFormat(&a, &other));
+  EXPECT_TRUE(DifferentFormat(&a, &uchar));
+  other.whitePoint = std::numeric_limits<float>::quiet_NaN();
+  EXPECT_TRUE(DifferentFormat(&a, &other));
+  EXPECT_TRUE(DifferentFormat(&other, &other));  // NaN is different even from itself
+  other.whitePoint = 2.0f;
+  EXPECT_TRUE(DifferentFormat(&a, &other));
+  PLImage empty(nullptr, 4, 3, 2, PLFloat, 0);
+  EXPECT_TRUE(DifferentFormat(&a, &empty));
+}
+
+// ---- copies ----
+
+TEST(ImageCopy, CopyRowsCopiesBytesBetweenEqualSampleWidths) {
+  PLImage f(5, 4, 1, PLFloat, 0), l(5, 4, 1, PLLong, 1);
+  pltest::FillRandom(&f, 1);
+  std::memset(l.data, 0, 5 * 4 * 4);
+  CopyRows(&l, &f);
+  EXPECT_EQ(PixelBytes(&l), PixelBytes(&f));
+  PLImage u(5, 4, 1, PLUChar, 0), s(5, 4, 1, PLUShort, 0);  // sample widths differ
+  std::memset(u.data, 3, 20);
+  pltest::FillRandom(&s, 2);
+  CopyRows(&u, &s);
+  EXPECT_EQ(u.data[19], 3);
+  CopyRows(nullptr, &s);
+  CopyRows(&u, nullptr);
+}
+
+TEST(ImageCopy, CopyCenteredNarrowerDestination) {
+  PLImage src(10, 4, 1, PLUChar, 0), dst(7, 4, 1, PLUChar, 1);
+  for (int32_t y = 0; y < 4; ++y)
+    for (int32_t x = 0; x < 10; ++x) src.SetChannel(x, y, 0, static_cast<float>(10 * y + x));
+  CopyCentered(&dst, &src);
+  for (int32_t y = 0; y < 4; ++y)
+    for (int32_t x = 0; x < 7; ++x) ASSERT_EQ(Sample(&dst, x, y, 0), 10 * y + x + 1);
+}
+
+TEST(ImageCopy, CopyCenteredWiderAndTallerDestination) {
+  PLImage src(7, 3, 2, PLFloat, 0), dst(10, 8, 2, PLFloat, 0);
+  pltest::FillRandom(&src, 5);
+  for (int32_t y = 0; y < 8; ++y)
+    for (int32_t x = 0; x < 10; ++x)
+      for (int32_t c = 0; c < 2; ++c) dst.SetChannel(x, y, c, -100.0f);
+  CopyCentered(&dst, &src);
+  // dstX = (10 - 7) / 2 = 1, dstY = (8 - 3) / 2 = 2.
+  for (int32_t y = 0; y < 8; ++y)
+    for (int32_t x = 0; x < 10; ++x) {
+      bool inside = x >= 1 && x < 8 && y >= 2 && y < 5;
+      float expected = inside ? Sample(&src, x - 1, y - 2, 1) : -100.0f;
+      ASSERT_EQ(Sample(&dst, x, y, 1), expected) << x << "," << y;
+    }
+}
+
+TEST(ImageCopy, CopyRectAcrossTypesWritesTheSecondImage) {
+  PLImage first(4, 3, 1, PLFloat, 0), second(6, 5, 1, PLUChar, 1);
+  for (int32_t y = 0; y < 3; ++y)
+    for (int32_t x = 0; x < 4; ++x) first.SetChannel(x, y, 0, (x + y) % 2 ? 200.0f : 0.7f);
+  std::memset(second.data, 9, 30);
+  auto firstBefore = PixelBytes(&first);
+  CopyRect(&first, 1, 1, &second, 3, 2, 2, 2);
+  EXPECT_EQ(PixelBytes(&first), firstBefore);
+  for (int32_t y = 0; y < 5; ++y)
+    for (int32_t x = 0; x < 6; ++x) {
+      bool inside = x >= 3 && x < 5 && y >= 2 && y < 4;
+      // from (1 + x - 3, 1 + y - 2) of the first image, no white-point scaling
+      float expected = inside ? ((x - 3 + y - 2) % 2 ? 200.0f : 0.0f) : 9.0f;
+      ASSERT_EQ(Sample(&second, x, y, 0), expected) << x << "," << y;
+    }
+}
+
+TEST(ImageCopy, CopyRectSameTypeSubRectangleAndRawChannelShift) {
+  PLImage src(6, 4, 3, PLUChar, 0), dst(5, 5, 3, PLUChar, 1);
+  pltest::FillRandom(&src, 3);
+  std::memset(dst.data, 0, 75);
+  CopyRect(&dst, 2, 1, &src, 1, 0, 3, 4);
+  for (int32_t y = 0; y < 5; ++y)
+    for (int32_t x = 0; x < 5; ++x)
+      for (int32_t c = 0; c < 3; ++c) {
+        bool inside = x >= 2 && y >= 1;
+        ASSERT_EQ(Sample(&dst, x, y, c), inside ? Sample(&src, x - 1, y - 1, c) : 0.0f);
+      }
+  // Equal type, fewer channels in dst: dst's byte count of the raw src samples.
+  PLImage two(3, 2, 2, PLUChar, 0);
+  CopyRect(&two, 0, 0, &src, 0, 1, 3, 1);
+  for (int32_t i = 0; i < 6; ++i) EXPECT_EQ(two.Row(0)[i], src.Row(1)[i]);
+  // A rectangle reaching outside either image is refused.
+  auto before = PixelBytes(&dst);
+  CopyRect(&dst, 3, 0, &src, 0, 0, 3, 1);
+  CopyRect(&dst, 0, 0, &src, 4, 0, 3, 1);
+  CopyRect(&dst, -1, 0, &src, 0, 0, 1, 1);
+  EXPECT_EQ(PixelBytes(&dst), before);
+}
+
+// Conversion of one sample as the copies across types must give it.
+float CastRef(float v, int32_t type) {
+  if (type == PLFloat) return v;
+  uint32_t bits = static_cast<uint32_t>(PLTruncToInt32(v));
+  return static_cast<float>(type == PLUChar ? (bits & 0xFF) : (bits & 0xFFFF));
+}
+
+TEST(ImageCopy, ConvertRectEveryTypePairAndChannelCount) {
+  const int32_t types[] = {PLUChar, PLUShort, PLFloat};
+  for (int32_t from : types)
+    for (int32_t to : types)
+      for (int32_t channels : {1, 2, 3, 4, 5}) {
+        PLImage a(6, 4, channels, from, 0), b(5, 5, channels, to, 1);
+        pltest::FillRandom(&a, 17, -300.0f, 70000.0f);
+        pltest::FillRandom(&b, 18);
+        PLImage before(5, 5, channels, to, 1);
+        CopyWhole(&before, &b);
+        ConvertRect(&a, &b, 1, 1, 0, 2, 4, 3);
+        for (int32_t y = 0; y < 5; ++y)
+          for (int32_t x = 0; x < 5; ++x)
+            for (int32_t c = 0; c < channels; ++c) {
+              bool inside = x < 4 && y >= 2;
+              float expected = inside ? CastRef(Sample(&a, x + 1, y - 1, c), to)
+                                      : Sample(&before, x, y, c);
+              ASSERT_EQ(Sample(&b, x, y, c), expected)
+                  << from << "->" << to << " c" << channels << " at " << x << "," << y;
+            }
+      }
+}
+
+TEST(ImageCopy, ConvertRectRefusesOtherTypesAndChannelMismatch) {
+  PLImage a(4, 4, 2, PLFloat, 0), b(4, 4, 3, PLUChar, 0), chars(4, 4, 2, PLChar, 0);
+  pltest::FillRandom(&a, 1, 0.0f, 100.0f);
+  std::memset(b.data, 5, 48);
+  std::memset(chars.data, 5, 32);
+  ConvertRect(&a, &b, 0, 0, 0, 0, 4, 4);
+  ConvertRect(&a, &chars, 0, 0, 0, 0, 4, 4);
+  for (int32_t i = 0; i < 48; ++i) ASSERT_EQ(b.data[i], 5);
+  for (int32_t i = 0; i < 32; ++i) ASSERT_EQ(chars.data[i], 5);
+}
+
+float ScaledRef(float s, int32_t srcType, int32_t dstType) {
+  const float white[] = {255.0f, 65535.0f, 1.0f};
+  float k = white[dstType] / white[srcType];
+  float v = s * k;
+  return dstType == PLFloat ? v : CastRef(v + 0.5f, dstType);
+}
+
+TEST(ImageCopy, CopyRectScaledRescalesByWhitePoints) {
+  PLImage u8(2, 1, 1, PLUChar, 0), u16(2, 1, 1, PLUShort, 0), f(2, 1, 1, PLFloat, 0);
+  u8.data[0] = 255;
+  u8.data[1] = 128;
+  CopyRectScaled(&u16, 0, 0, &u8, 0, 0, 2, 1);
+  EXPECT_EQ(Sample(&u16, 0, 0, 0), 65535.0f);
+  EXPECT_EQ(Sample(&u16, 1, 0, 0), 32896.0f);
+  f.SetChannel(0, 0, 0, 1.5f);  // above white: wraps, no clamp
+  f.SetChannel(1, 0, 0, 0.5f);
+  CopyRectScaled(&u8, 0, 0, &f, 0, 0, 2, 1);
+  EXPECT_EQ(u8.data[0], (383 & 0xFF));
+  EXPECT_EQ(u8.data[1], 128);
+
+  const int32_t types[] = {PLUChar, PLUShort, PLFloat};
+  for (int32_t st : types)
+    for (int32_t dt : types)
+      for (int32_t channels : {1, 3, 4, 6}) {
+        PLImage src(5, 4, channels, st, 1), dst(6, 6, channels, dt, 0);
+        pltest::FillRandom(&src, 8, -0.2f, 1.3f);
+        pltest::FillRandom(&dst, 9);
+        PLImage before(6, 6, channels, dt, 0);
+        CopyWhole(&before, &dst);
+        CopyRectScaled(&dst, 1, 2, &src, 0, 1, 4, 3);
+        for (int32_t y = 0; y < 6; ++y)
+          for (int32_t x = 0; x < 6; ++x)
+            for (int32_t c = 0; c < channels; ++c) {
+              bool inside = x >= 1 && x < 5 && y >= 2 && y < 5;
+              float expected = !inside  ? Sample(&before, x, y, c)
+                               : st == dt ? Sample(&src, x - 1, y - 1, c)
+                                          : ScaledRef(Sample(&src, x - 1, y - 1, c), st, dt);
+              ASSERT_EQ(Sample(&dst, x, y, c), expected)
+                  << st << "->" << dt << " c" << channels << " at " << x << "," << y;
+            }
+      }
+}
+
+TEST(ImageCopy, CopyCenteredScaledCases) {
+  // Equal sizes, different sample widths: centred with offsets 0 and rescaled.
+  PLImage u8(3, 2, 1, PLUChar, 0), f(3, 2, 1, PLFloat, 0);
+  for (int32_t i = 0; i < 6; ++i) u8.data[i] = static_cast<uint8_t>(51 * i);
+  CopyCenteredScaled(&f, &u8);
+  for (int32_t i = 0; i < 6; ++i) EXPECT_EQ(Sample(&f, i % 3, i / 3, 0), 51 * i * (1.0f / 255.0f));
+  // Equal layouts and white points: a plain copy.
+  PLImage g(3, 2, 1, PLFloat, 1);
+  CopyCenteredScaled(&g, &f);
+  EXPECT_EQ(PixelBytes(&g), PixelBytes(&f));
+  // Centred into a larger UShort image.
+  PLImage big(5, 4, 1, PLUShort, 0);
+  std::memset(big.data, 0, 40);
+  CopyCenteredScaled(&big, &u8);
+  EXPECT_EQ(Sample(&big, 1, 1, 0), 0.0f);
+  EXPECT_EQ(Sample(&big, 3, 2, 0), 255.0f * 257.0f);
+  EXPECT_EQ(Sample(&big, 4, 2, 0), 0.0f);
+  CopyCenteredScaled(nullptr, &u8);
+}
+
+// ---- clear and fill ----
+
+TEST(ImageFill, ClearLeavesPaddingAndIgnoresNull) {
+  Clear(nullptr);
+  for (pltest::Layout layout : pltest::kLayouts) {
+    auto im = MakeImage(5, 3, 3, PLUShort, layout);
+    pltest::FillRandom(im.get(), 4);
+    Clear(im.get());
+    for (unsigned char b : PixelBytes(im.get())) ASSERT_EQ(b, 0);
+    EXPECT_TRUE(pltest::PaddingIntact(im)) << pltest::LayoutName(layout);
+  }
+}
+
+TEST(ImageFill, FillColorPerType) {
+  PLImage u8(3, 2, 4, PLUChar, 0), u16(3, 2, 4, PLUShort, 1), f(3, 2, 4, PLFloat, 0);
+  FillColor(&u8, 1.0f, 0.5f, 0.0f, 2.0f);
+  FillColor(&u16, 1.0f, 0.5f, 0.0f, -0.25f);
+  FillColor(&f, 1.0f, 0.5f, 0.0f, 0.3f);
+  for (int32_t y = 0; y < 2; ++y)
+    for (int32_t x = 0; x < 3; ++x) {
+      EXPECT_EQ(Sample(&u8, x, y, 0), 255.0f);
+      EXPECT_EQ(Sample(&u8, x, y, 1), 128.0f);
+      EXPECT_EQ(Sample(&u8, x, y, 2), 0.0f);
+      EXPECT_EQ(Sample(&u8, x, y, 3), 254.0f);  // 510.5 truncated, low 8 bits
+      EXPECT_EQ(Sample(&u16, x, y, 0), 65535.0f);
+      EXPECT_EQ(Sample(&u16, x, y, 1), 32767.0f);  // 32767.5 + 0.499 truncates down
+      EXPECT_EQ(Sample(&u16, x, y, 3), 49153.0f);  // -16383.75 + 0.499 -> -16383, wraps
+      EXPECT_EQ(Sample(&f, x, y, 0), 1.0f);
+      EXPECT_EQ(Sample(&f, x, y, 1), 0.5f);
+      EXPECT_EQ(Sample(&f, x, y, 3), 0.3f);
+    }
+}
+
+TEST(ImageFill, FillColorUsesAsManyValuesAsChannels) {
+  PLImage two(2, 2, 2, PLUChar, 0), five(2, 2, 5, PLUChar, 0), chars(2, 2, 1, PLChar, 0);
+  FillColor(&two, 0.2f, 0.4f, 1.0f, 1.0f);
+  EXPECT_EQ(Sample(&two, 1, 1, 0), 51.0f);
+  EXPECT_EQ(Sample(&two, 1, 1, 1), 102.0f);
+  std::memset(five.data, 7, 20);
+  FillColor(&five, 1, 1, 1, 1);
+  for (int32_t i = 0; i < 20; ++i) EXPECT_EQ(five.data[i], 7);
+  std::memset(chars.data, 7, 4);
+  FillColor(&chars, 1, 1, 1, 1);
+  EXPECT_EQ(chars.data[3], 7);
+  FillColor(nullptr, 1, 1, 1, 1);
+}
+
+// ---- workers ----
+
+// Runs `op` on a fresh random image pair in each layout for every worker count and
+// expects the same bytes as one worker, with the padding of wrapped images untouched.
+template <class Op>
+void ExpectSameForAllWorkers(const char* name, int32_t dstType, int32_t srcType,
+                             int32_t channels, Op op) {
+  pltest::WorkerGuard guard;
+  for (pltest::Layout layout : pltest::kLayouts) {
+    std::vector<unsigned char> reference;
+    for (int32_t workers : kPLTestWorkerCounts) {
+      PLTestUseWorkers(workers);
+      auto dst = MakeImage(37, 150, channels, dstType, layout);
+      auto src = MakeImage(37, 150, channels, srcType,
+                           layout == pltest::kPlain ? pltest::kPaddedFlipped : pltest::kPlain);
+      pltest::FillRandom(dst.get(), 21, -1.0f, 1.0f);
+      pltest::FillRandom(src.get(), 22, -0.5f, 1.5f);
+      op(dst.get(), src.get());
+      auto bytes = PixelBytes(dst.get());
+      EXPECT_TRUE(pltest::PaddingIntact(dst)) << name << " " << pltest::LayoutName(layout);
+      if (workers == 1)
+        reference = bytes;
+      else
+        EXPECT_EQ(pltest::CountDiff(bytes, reference), 0u)
+            << name << " " << pltest::LayoutName(layout) << " workers " << workers;
+    }
+  }
+}
+
+TEST(ImageCopyWorkers, EveryRowParallelCopyIsIndependentOfWorkers) {
+  ExpectSameForAllWorkers("CopyWhole", PLFloat, PLFloat, 3,
+                          [](PLImage* d, PLImage* s) { CopyWhole(d, s); });
+  ExpectSameForAllWorkers("CopyRect whole", PLUChar, PLUChar, 4,
+                          [](PLImage* d, PLImage* s) { CopyRect(d, 0, 0, s, 0, 0, 37, 150); });
+  // Across types the conversion writes its second argument: convert into d.
+  ExpectSameForAllWorkers("ConvertRect", PLUShort, PLFloat, 2, [](PLImage* d, PLImage* s) {
+    CopyRect(s, 3, 2, d, 1, 4, 30, 140);
+  });
+  ExpectSameForAllWorkers("CopyRectScaled", PLUChar, PLFloat, 3, [](PLImage* d, PLImage* s) {
+    CopyRectScaled(d, 2, 5, s, 0, 1, 33, 140);
+  });
+  ExpectSameForAllWorkers("Clear", PLUShort, PLUShort, 1,
+                          [](PLImage* d, PLImage*) { Clear(d); });
+}
+
+TEST(ImageCopyWorkers, CopyWholeMatchesTheSourceOnEveryLayout) {
+  pltest::WorkerGuard guard;
+  PLTestUseWorkers(8);
+  for (pltest::Layout a : pltest::kLayouts)
+    for (pltest::Layout b : pltest::kLayouts) {
+      auto dst = MakeImage(9, 160, 3, PLUShort, a);
+      auto src = MakeImage(9, 160, 3, PLUShort, b);
+      pltest::FillRandom(src.get(), 30);
+      CopyWhole(dst.get(), src.get());
+      ASSERT_EQ(PixelBytes(dst.get()), PixelBytes(src.get()));
+      ASSERT_TRUE(pltest::PaddingIntact(dst));
+    }
+}
+
+}  // namespace
