@@ -85,7 +85,7 @@ template <class T, int32_t C>
 inline void StoreLanes(unsigned char* d, Lanes average) {
   if constexpr (std::is_same<T, float>::value) {
     if constexpr (C == 1) {
-      _mm_store_ss(reinterpret_cast<float*>(d), average);
+      PLStore<int32_t>(d, _mm_cvtsi128_si32(_mm_castps_si128(average)));  // d may be unaligned
     } else if constexpr (C == 2) {
       _mm_storel_epi64(reinterpret_cast<__m128i*>(d), _mm_castps_si128(average));
     } else if constexpr (C == 3) {

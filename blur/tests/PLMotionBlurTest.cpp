@@ -466,6 +466,39 @@ TEST(MotionBlur, NearestReadsColumnZeroJustBelowZero) {
   EXPECT_EQ(dst.Get<uint8_t>(1, 1, 0), 66) << "1 and 2.7 only: (41 + 91) / 2";
 }
 
+// Vectors that are NaN, infinite or too long for a 32-bit count take n = 2 and the
+// half-vector as step: only the pixel itself stays inside. No undefined conversion.
+TEST(MotionBlur, AbsurdFlowsKeepOnlyThePixel) {
+  std::mt19937 rng(3);
+  TestImage src(12, 10, 2, PLFloat);
+  FillRandom(src, rng);
+  const float inf = std::numeric_limits<float>::infinity();
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  for (float u : {nan, inf, -inf, 1e30f, 1e19f, -6e9f}) {
+    TestImage flow = ConstantFlow(6, 5, u, 0.5f);
+    for (int32_t quality : {0, 1}) {
+      TestImage stop(12, 10, 2, PLFloat), count(12, 10, 2, PLFloat);
+      PLMotionBlur(stop.get(), src.get(), flow.get(), quality, 0, nullptr, 0, 0.5f);
+      PLMotionBlur(count.get(), src.get(), flow.get(), quality, 0, nullptr, 1, 0.5f);
+      // Bilinear reads of the last column or row go through the slid cell, (r - p) * 1 + p,
+      // which need not give r's bits back: those pixels are left out here.
+      const int32_t rows = quality == 1 ? 9 : 10, columns = quality == 1 ? 11 : 12;
+      for (int32_t y = 0; y < rows; ++y)
+        for (int32_t x = 0; x < columns; ++x)
+          for (int32_t c = 0; c < 2; ++c) {
+            float p = src.Get<float>(x, y, c);
+            ASSERT_EQ(stop.Get<float>(x, y, c), p * 1.0f) << u << " at " << x << "," << y;
+            ASSERT_EQ(count.Get<float>(x, y, c), p * (1.0f / 3.0f)) << u;
+          }
+    }
+  }
+  // A long but countable walk ends at the border under the stop rule.
+  TestImage flow = ConstantFlow(6, 5, 4e8f, 0.0f);
+  TestImage dst(12, 10, 2, PLFloat);
+  PLMotionBlur(dst.get(), src.get(), flow.get(), 1, 0, nullptr, 0, 0.5f);
+  EXPECT_TRUE(std::isfinite(dst.Get<float>(3, 3, 0)));
+}
+
 TEST(MotionBlur, SameBytesForAnyWorkerCount) {
   std::mt19937 rng(99);
   TestImage src(61, 160, 3, PLUChar);
