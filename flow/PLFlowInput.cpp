@@ -1,0 +1,403 @@
+// flowblur: input preparation of the estimator: luma, level 0 chains, pyramids, edge mix,
+// high-pass prefilter, mask pyramids and flow hints.
+#include <cmath>
+#include <cstdio>
+
+#include "filter/PLKernels.h"
+#include "filter/PLResize.h"
+#include "flow/PLFlowPrivate.h"
+#include "flow/PLFlowStages.h"
+#include "flow/PLOpticalFlowUChar.h"
+#include "image/PLDispatch.h"
+#include "image/PLImageArith.h"
+#include "image/PLImageCopy.h"
+#include "image/PLPixelConvert.h"
+
+using plflow::FRow;
+
+namespace plflow {
+
+PLImage* NewLuma(int32_t width, int32_t height) {
+  PLImage* image = NUV_NEW PLImage(0, width, height, 1, PLFloat, 0);
+  if (image->errorCode != 0) {
+    PLErr err = static_cast<PLErr>(image->errorCode);
+    delete image;
+    throw err;
+  }
+  return image;
+}
+
+// The resize's rule with an axis of length 1 mapped to its first sample: a destination
+// axis of 1 has scale 0, a source axis of 1 is read without a neighbour.
+static void ReduceDegenerate(PLImage* dst, const PLImage* src) {
+  const float scaleX = dst->width > 1 ? (static_cast<float>(src->width) - 1.0f) /
+                                            static_cast<float>(dst->width - 1)
+                                      : 0.0f;
+  const float scaleY = dst->height > 1 ? (static_cast<float>(src->height) - 1.0f) /
+                                             static_cast<float>(dst->height - 1)
+                                       : 0.0f;
+  for (int32_t y = 0; y < dst->height; ++y) {
+    const Cell cy = BilinearCell(static_cast<float>(y) * scaleY, src->lastRow);
+    const float* r0 = FRow(src, cy.i0);
+    const float* r1 = FRow(src, cy.i1);
+    float* d = FRow(dst, y);
+    for (int32_t x = 0; x < dst->width; ++x) {
+      const Cell cx = BilinearCell(static_cast<float>(x) * scaleX, src->lastColumn);
+      // The resize's own form: a = (right - p) tx + p, b likewise, (b - a) ty + a.
+      const float a = (r0[cx.i1] - r0[cx.i0]) * cx.t + r0[cx.i0];
+      const float b = (r1[cx.i1] - r1[cx.i0]) * cx.t + r1[cx.i0];
+      d[x] = (b - a) * cy.t + a;
+    }
+  }
+}
+
+void Reduce(PLImage* dst, const PLImage* src) {
+  if (dst->width < 1 || dst->height < 1 || src->width < 1 || src->height < 1) return;
+  if (dst->width < 2 || dst->height < 2 || src->width < 2 || src->height < 2)
+    ReduceDegenerate(dst, src);
+  else
+    PLResizeBilinear(dst, src);
+}
+
+}  // namespace plflow
+
+// ---- Luma --------------------------------------------------------------------------------
+
+namespace {
+
+// One pixel's luma by the table of layouts. Cells marked double form the weighted sum in
+// double with double constants and narrow once; all else is single precision. The YUV
+// cells are built as they stand, uneven as they look.
+template <class T, int32_t C, bool kYUV>
+inline float Luma(const T* p) {
+  if constexpr (C == 1) {
+    const float c0 = static_cast<float>(p[0]);
+    if constexpr (std::is_same<T, uint8_t>::value) return c0;
+    if constexpr (std::is_same<T, uint16_t>::value) return c0 / 257.0f;
+    if constexpr (std::is_same<T, float>::value) return c0 * 255.0f;
+  } else if constexpr (C == 3) {
+    if constexpr (kYUV) {
+      const float c0 = static_cast<float>(p[0]);
+      if constexpr (std::is_same<T, uint8_t>::value) return ((c0 / 257.0f - 16.0f) * 255.0f) / 219.0f;
+      if constexpr (std::is_same<T, uint16_t>::value) return ((c0 / 257.0f) * 255.0f) / 219.0f;
+      if constexpr (std::is_same<T, float>::value) return (c0 * 255.0f * 255.0f) / 219.0f;
+    } else {
+      const double w = 0.3 * static_cast<double>(p[0]) + 0.59 * static_cast<double>(p[1]) +
+                       0.11 * static_cast<double>(p[2]);
+      if constexpr (std::is_same<T, uint8_t>::value) return static_cast<float>(w);
+      if constexpr (std::is_same<T, uint16_t>::value) return static_cast<float>(w / 257.0);
+      if constexpr (std::is_same<T, float>::value) return static_cast<float>(w * 255.0);
+    }
+  } else {  // 4 channels: luma is channel 1 in the YUV layout
+    if constexpr (kYUV) {
+      const float c1 = static_cast<float>(p[1]);
+      if constexpr (std::is_same<T, uint8_t>::value) return ((c1 - 16.0f) * 255.0f) / 219.0f;
+      if constexpr (std::is_same<T, uint16_t>::value) return ((c1 / 257.0f - 16.0f) * 255.0f) / 219.0f;
+      if constexpr (std::is_same<T, float>::value) return ((c1 * 255.0f - 16.0f) * 255.0f) / 219.0f;
+    } else {
+      if constexpr (std::is_same<T, uint8_t>::value) {
+        const float c0 = static_cast<float>(p[0]);
+        const float c1 = static_cast<float>(p[1]);
+        const float c2 = static_cast<float>(p[2]);
+        return 0.3f * c0 + 0.59f * c1 + 0.11f * c2;
+      } else {
+        const double w = 0.3 * static_cast<double>(p[0]) + 0.59 * static_cast<double>(p[1]) +
+                         0.11 * static_cast<double>(p[2]);
+        if constexpr (std::is_same<T, uint16_t>::value) return static_cast<float>(w / 257.0);
+        if constexpr (std::is_same<T, float>::value) return static_cast<float>(w * 255.0);
+      }
+    }
+  }
+  return 0.0f;
+}
+
+template <class T, int32_t C, bool kYUV>
+void LumaWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
+  PLImage* dest = args->Next<PLImage*>();
+  const PLImage* source = args->Next<const PLImage*>();
+  const int32_t w = args->Next<int32_t>();
+  for (int32_t y = firstRow; y <= lastRow; ++y) {
+    const T* s = PLRowPtr<const T>(source, y);
+    float* d = FRow(dest, y);
+    for (int32_t x = 0; x < w; ++x) d[x] = Luma<T, C, kYUV>(s + C * x);
+  }
+}
+
+}  // namespace
+
+void PLOpticalFlowUChar::ConvertToLuma(PLImage* dest, const PLImage* source, uint8_t isYUV) {
+  if (source->dataType == PLFloat && source->whitePoint != 1.0f) {
+    std::fputs(" floating image input to PLOpticalFlowUChar is not in correct range\n", stderr);
+    return;
+  }
+  if (!source->data || !dest->data) return;
+  // Only the rectangle both images share is converted, so that a source of another size
+  // is never read outside itself.
+  const int32_t w = dest->width < source->width ? dest->width : source->width;
+  const int32_t h = dest->height < source->height ? dest->height : source->height;
+  if (w < 1) return;
+  PLDispatch(source->dataType, source->channels, [&](auto tag) {
+    using T = typename decltype(tag)::Type;
+    constexpr int32_t C = decltype(tag)::Channels;
+    if constexpr (C != 2) {
+      if (isYUV)
+        PLForkImageRows(h, LumaWorker<T, C, true>, dest, source, w);
+      else
+        PLForkImageRows(h, LumaWorker<T, C, false>, dest, source, w);
+    }
+  });
+}
+
+// ---- Level 0 and the pyramid -------------------------------------------------------------
+
+void PLOpticalFlowUChar::CheckInputSize(const PLImage* image) const {
+  int32_t w = image->width;
+  int32_t h = image->height;
+  const int32_t halvings = (mode >= 1 && mode <= 3) ? mode : 0;
+  for (int32_t i = 0; i < halvings; ++i) {
+    w /= 2;
+    h /= 2;
+  }
+  if (w != workWidth || h != workHeight) std::fputs("incorrect with and height\n", stderr);
+}
+
+namespace {
+// Temporaries of one preparation, deleted on every way out.
+struct Temporaries {
+  PLImage* t[3] = {nullptr, nullptr, nullptr};
+  ~Temporaries() {
+    for (PLImage*& image : t) {
+      delete image;
+      image = nullptr;
+    }
+  }
+  // t1 at the input size for modes 1-3, t2 at half of it for 2-3, t3 at a quarter for 3.
+  void Make(int32_t mode, int32_t width, int32_t height) {
+    for (int32_t i = 0; i < 3 && i < mode && mode <= 3; ++i) {
+      t[i] = plflow::NewLuma(width, height);
+      width /= 2;
+      height /= 2;
+    }
+  }
+};
+}  // namespace
+
+void PLOpticalFlowUChar::BuildLevelZero(PLImage** pyramid, const PLImage* image) {
+  CheckInputSize(image);
+  Temporaries temps;
+  temps.Make(mode, image->width, image->height);
+  PLImage* level0 = pyramid[0];
+  switch (mode) {
+    case 0:
+      ConvertToLuma(level0, image, inputIsYUV);
+      break;
+    case 1:
+      ConvertToLuma(temps.t[0], image, inputIsYUV);
+      PLBinomial5Blur(temps.t[0]);
+      plflow::Reduce(level0, temps.t[0]);
+      break;
+    case 2:
+    case 3: {
+      ConvertToLuma(temps.t[0], image, inputIsYUV);
+      PLBinomial5Blur(temps.t[0]);
+      plflow::Reduce(temps.t[1], temps.t[0]);
+      PLBinomial5Blur(temps.t[1]);
+      if (mode == 3) {
+        plflow::Reduce(temps.t[2], temps.t[1]);
+        PLBinomial5Blur(temps.t[2]);
+        plflow::Reduce(level0, temps.t[2]);
+      } else {
+        plflow::Reduce(level0, temps.t[1]);
+      }
+      break;
+    }
+    default:
+      break;  // no luma for an unknown mode: level 0 keeps what it held
+  }
+}
+
+namespace {
+// value = (value + e * 255.0) * 0.5 in double, e the gradient magnitude over 20, at most 1.
+void EdgeMixWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
+  PLImage* image = args->Next<PLImage*>();
+  const PLImage* gradX = args->Next<const PLImage*>();
+  const PLImage* gradY = args->Next<const PLImage*>();
+  const int32_t w = image->width;
+  for (int32_t y = firstRow; y <= lastRow; ++y) {
+    float* v = FRow(image, y);
+    const float* gx = FRow(gradX, y);
+    const float* gy = FRow(gradY, y);
+    for (int32_t x = 0; x < w; ++x) {
+      const float m = std::sqrt(gx[x] * gx[x] + gy[x] * gy[x]);
+      const float e = m > 20.0f ? 1.0f : m / 20.0f;
+      v[x] = static_cast<float>((static_cast<double>(v[x]) + static_cast<double>(e) * 255.0) *
+                                0.5);
+    }
+  }
+}
+}  // namespace
+
+void PLOpticalFlowUChar::ReducePyramid(PLImage** pyramid, bool binarise) {
+  for (int32_t level = 1; level < numLevels; ++level) {
+    const PLImage* finer = pyramid[level - 1];
+    PLImage* temp = plflow::NewLuma(finer->width, finer->height);
+    try {
+      CopyRect(temp, 0, 0, const_cast<PLImage*>(finer), 0, 0, finer->width, finer->height);
+      PLBinomial5Blur(temp);
+      plflow::Reduce(pyramid[level], temp);
+    } catch (PLErr&) {
+      delete temp;
+      throw;
+    }
+    delete temp;
+    if (binarise) Binarise(pyramid[level]);
+  }
+}
+
+void PLOpticalFlowUChar::BuildInputPyramid(PLImage** pyramid, const PLImage* image,
+                                           bool edgeBlend, const PLImage* mask) {
+  if (!pyramid || !image) return;
+  BuildLevelZero(pyramid, image);
+  if (edgeBlend) {
+    PLImage* level0 = pyramid[0];
+    PLGaussBlur(level0, 0, 2.0f);
+    ComputeGradients(gradXPyramid[0], gradYPyramid[0], level0);
+    if (mask) GateGradients(gradXPyramid[0], gradYPyramid[0], mask);
+    PLForkImageRows(level0->height, EdgeMixWorker, level0,
+                    static_cast<const PLImage*>(gradXPyramid[0]),
+                    static_cast<const PLImage*>(gradYPyramid[0]));
+  }
+  ReducePyramid(pyramid, false);
+}
+
+// ---- High-pass prefilter -----------------------------------------------------------------
+
+// Each level becomes its difference from its own binomial-blurred self; gradXPyramid is
+// the scratch.
+void PLOpticalFlowUChar::PrefilterPyramid(PLImage** pyramid) {
+  for (int32_t level = 0; level < numLevels; ++level) {
+    PLImage* image = pyramid[level];
+    PLImage* scratch = gradXPyramid[level];
+    CopyRect(scratch, 0, 0, image, 0, 0, image->width, image->height);
+    PLBinomial5Blur(scratch);
+    Subtract(image, scratch);
+  }
+}
+
+void PLOpticalFlowUChar::HighPassPyramids() {
+  if (!firstPyramid) return;
+  PrefilterPyramid(firstPyramid);
+  PrefilterPyramid(secondPyramid);
+}
+
+void PLOpticalFlowUChar::PrefilterSide(int32_t side) {
+  if (!firstPyramid) return;
+  PrefilterPyramid(side == 0 ? firstPyramid : secondPyramid);
+}
+
+void PLOpticalFlowUChar::PrefilterPyramids(int32_t prefilter) {
+  if (prefilter == 1) HighPassPyramids();
+}
+
+// ---- Masks -------------------------------------------------------------------------------
+
+void PLOpticalFlowUChar::BuildMaskPyramid(const PLImage* image, int32_t side) {
+  PLImage** pyramid = side == 0 ? firstMaskPyramid : secondMaskPyramid;
+  if (!pyramid || !image) return;
+  const float scale = 0.003921569f;  // 1/255: luma back to 0..1
+  Temporaries temps;
+  temps.Make(mode, image->width, image->height);
+  PLImage* level0 = pyramid[0];
+  if (mode == 0) {
+    ConvertToLuma(level0, image, inputIsYUV);
+    Multiply(level0, scale);
+  } else if (mode >= 1 && mode <= 3) {
+    ConvertToLuma(temps.t[0], image, inputIsYUV);
+    Multiply(temps.t[0], scale);
+    for (int32_t step = 0; step < mode; ++step) {
+      PLImage* from = temps.t[step];
+      PLImage* into = step + 1 < mode ? temps.t[step + 1] : level0;
+      Binarise(from);
+      PLBinomial5Blur(from);
+      plflow::Reduce(into, from);
+    }
+  }
+  Binarise(level0);
+  ReducePyramid(pyramid, true);
+}
+
+// ---- Hints -------------------------------------------------------------------------------
+
+void PLOpticalFlowUChar::ClearFlowHints() {
+  if (!hintFlowPyramid || !hintWeightPyramid) return;
+  Clear(hintFlowPyramid[0]);
+  Clear(hintWeightPyramid[0]);
+}
+
+void PLOpticalFlowUChar::AddFlowHint(float x0, float y0, float x1, float y1, float sourceWidth,
+                                     float sourceHeight) {
+  if (!hintFlowPyramid || !hintWeightPyramid) return;
+  const float sx = static_cast<float>(workMaxX) / sourceWidth;
+  const float sy = static_cast<float>(workMaxY) / sourceHeight;
+  const float px = x0 * sx;
+  const float py = y0 * sy;
+  const float tx = x1 * sx;
+  const float ty = y1 * sy;
+  // A NaN or huge position truncates to the integer-indefinite value and is dropped.
+  const int32_t ix = PLTruncToInt32(px + 0.5f);
+  const int32_t iy = PLTruncToInt32(py + 0.5f);
+  if (ix < 0 || iy < 0 || ix >= workWidth || iy >= workHeight) return;
+  float* f = FRow(hintFlowPyramid[0], iy) + 2 * ix;
+  float* w = FRow(hintWeightPyramid[0], iy) + ix;
+  f[0] = f[0] + (tx - px);
+  f[1] = f[1] + (ty - py);
+  w[0] = w[0] + 1.0f;
+}
+
+void PLOpticalFlowUChar::PinFlowHint(float x, float y, float sourceWidth, float sourceHeight) {
+  if (!hintFlowPyramid || !hintWeightPyramid) return;
+  const float sx = static_cast<float>(workMaxX) / sourceWidth;
+  const float sy = static_cast<float>(workMaxY) / sourceHeight;
+  const int32_t ix = PLTruncToInt32(x * sx + 0.5f);
+  const int32_t iy = PLTruncToInt32(y * sy + 0.5f);
+  if (ix < 0 || iy < 0 || ix >= workWidth || iy >= workHeight) return;
+  float* f = FRow(hintFlowPyramid[0], iy) + 2 * ix;
+  f[0] = 0.0f;
+  f[1] = 0.0f;
+  FRow(hintWeightPyramid[0], iy)[ix] = 1.0f;
+}
+
+void PLOpticalFlowUChar::FinishFlowHints() {
+  if (!hintFlowPyramid || !hintWeightPyramid) return;
+  PLImage* flow0 = hintFlowPyramid[0];
+  PLImage* weight0 = hintWeightPyramid[0];
+  for (int32_t y = 0; y < weight0->height; ++y) {
+    float* f = FRow(flow0, y);
+    float* w = FRow(weight0, y);
+    for (int32_t x = 0; x < weight0->width; ++x) {
+      if (w[x] > 0.0f) {
+        f[2 * x] = f[2 * x] / w[x];
+        f[2 * x + 1] = f[2 * x + 1] / w[x];
+        w[x] = 1.0f;
+      }
+    }
+  }
+  // Hints are given forward, like delivered flow; the run works in the opposite sign.
+  ScaleXY(flow0, -1.0f, -1.0f);
+  for (int32_t level = 1; level < numLevels; ++level) {
+    PLImage* finerFlow = hintFlowPyramid[level - 1];
+    PLImage* finerWeight = hintWeightPyramid[level - 1];
+    PLImage* flowScratch = flowPyramid[level - 1];
+    PLImage* weightScratch = gradXPyramid[level - 1];
+    CopyRect(flowScratch, 0, 0, finerFlow, 0, 0, finerFlow->width, finerFlow->height);
+    PLBinomial5Blur(flowScratch);
+    PLResizeBilinear(hintFlowPyramid[level], flowScratch);
+    CopyRect(weightScratch, 0, 0, finerWeight, 0, 0, finerWeight->width, finerWeight->height);
+    PLBinomial5Blur(weightScratch);
+    PLResizeBilinear(hintWeightPyramid[level], weightScratch);
+    const PLImage* coarse = hintFlowPyramid[level];
+    ScaleXY(hintFlowPyramid[level],
+            static_cast<float>(coarse->width - 1) / static_cast<float>(finerFlow->width - 1),
+            static_cast<float>(coarse->height - 1) / static_cast<float>(finerFlow->height - 1));
+  }
+}

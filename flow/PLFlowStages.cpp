@@ -1,0 +1,345 @@
+// flowblur: the per-pixel stages of the flow solve: gradients, moments, residual, update,
+// smoothing, hints and the transfer of a flow to a finer level.
+#include "flow/PLFlowStages.h"
+
+#include <cmath>
+#include <cstdio>
+#include <limits>
+
+#include "filter/PLKernels.h"
+#include "flow/PLFlowPrivate.h"
+#include "image/PLImageCopy.h"
+#include "image/PLPixelConvert.h"
+
+using plflow::BilinearCell;
+using plflow::Cell;
+using plflow::FRow;
+using plflow::FView;
+
+// ---- Gradients -------------------------------------------------------------------------
+
+// The mean of the one-sided differences that exist, the left (upper) term first. With no
+// term at all (a line of one sample) it is 0/0, a NaN, which no later stage acts on.
+static void GradientsWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow,
+                            NuvMPArgs* args) {
+  PLImage* gradX = args->Next<PLImage*>();
+  PLImage* gradY = args->Next<PLImage*>();
+  const PLImage* image = args->Next<const PLImage*>();
+  const int32_t w = image->width;
+  const int32_t h = image->height;
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  for (int32_t y = firstRow; y <= lastRow; ++y) {
+    const float* row = FRow(image, y);
+    const float* up = y > 0 ? FRow(image, y - 1) : nullptr;
+    const float* down = y < h - 1 ? FRow(image, y + 1) : nullptr;
+    float* gx = FRow(gradX, y);
+    float* gy = FRow(gradY, y);
+    if (w == 1) {
+      gx[0] = nan;
+    } else {
+      gx[0] = row[1] - row[0];
+      for (int32_t x = 1; x < w - 1; ++x)
+        gx[x] = ((row[x] - row[x - 1]) + (row[x + 1] - row[x])) / 2.0f;
+      gx[w - 1] = row[w - 1] - row[w - 2];
+    }
+    if (up && down) {
+      for (int32_t x = 0; x < w; ++x) gy[x] = ((row[x] - up[x]) + (down[x] - row[x])) / 2.0f;
+    } else if (up) {
+      for (int32_t x = 0; x < w; ++x) gy[x] = row[x] - up[x];
+    } else if (down) {
+      for (int32_t x = 0; x < w; ++x) gy[x] = down[x] - row[x];
+    } else {
+      for (int32_t x = 0; x < w; ++x) gy[x] = nan;
+    }
+  }
+}
+
+void ComputeGradients(PLImage* gradX, PLImage* gradY, const PLImage* image) {
+  if (image->width < 1) return;
+  PLForkImageRows(image->height, GradientsWorker, gradX, gradY, image);
+}
+
+// ---- Gate --------------------------------------------------------------------------------
+
+static void GateWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
+  PLImage* gradX = args->Next<PLImage*>();
+  PLImage* gradY = args->Next<PLImage*>();
+  const PLImage* mask = args->Next<const PLImage*>();
+  const int32_t lastColumn = gradX->lastColumn;
+  const int32_t lastRowY = gradY->lastRow;
+  for (int32_t y = firstRow; y <= lastRow; ++y) {
+    const float* m = FRow(mask, y);
+    const float* up = y > 0 ? FRow(mask, y - 1) : nullptr;
+    const float* down = y < lastRowY ? FRow(mask, y + 1) : nullptr;
+    float* gx = FRow(gradX, y);
+    float* gy = FRow(gradY, y);
+    for (int32_t x = 0; x <= lastColumn; ++x) {
+      bool invalid = static_cast<double>(m[x]) < 0.95;
+      if (x > 0 && static_cast<double>(m[x - 1]) < 0.95) invalid = true;
+      if (x < lastColumn && static_cast<double>(m[x + 1]) < 0.95) invalid = true;
+      if (up && static_cast<double>(up[x]) < 0.95) invalid = true;
+      if (down && static_cast<double>(down[x]) < 0.95) invalid = true;
+      if (invalid) {
+        gx[x] = 0.0f;
+        gy[x] = 0.0f;
+      }
+    }
+  }
+}
+
+void GateGradients(PLImage* gradX, PLImage* gradY, const PLImage* mask) {
+  PLForkImageRows(gradY->height, GateWorker, gradX, gradY, mask);
+}
+
+// ---- Moments -----------------------------------------------------------------------------
+
+static void MomentsWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow,
+                          NuvMPArgs* args) {
+  PLImage* structure = args->Next<PLImage*>();
+  const PLImage* gradX = args->Next<const PLImage*>();
+  const PLImage* gradY = args->Next<const PLImage*>();
+  const int32_t w = structure->width;
+  for (int32_t y = firstRow; y <= lastRow; ++y) {
+    const float* gx = FRow(gradX, y);
+    const float* gy = FRow(gradY, y);
+    float* s = FRow(structure, y);
+    for (int32_t x = 0; x < w; ++x) {
+      s[3 * x] = gx[x] * gx[x];
+      s[3 * x + 1] = gy[x] * gx[x];
+      s[3 * x + 2] = gy[x] * gy[x];
+    }
+  }
+}
+
+void ComputeMoments(PLImage* structure, const PLImage* gradX, const PLImage* gradY) {
+  PLForkImageRows(structure->height, MomentsWorker, structure, gradX, gradY);
+}
+
+// ---- Residual ----------------------------------------------------------------------------
+
+// The masked and unmasked loops are separate so that the common case tests no mask.
+template <bool kMasked>
+static void ResidualWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow,
+                           NuvMPArgs* args) {
+  PLImage* residual = args->Next<PLImage*>();
+  const PLImage* first = args->Next<const PLImage*>();
+  const PLImage* second = args->Next<const PLImage*>();
+  const PLImage* gradX = args->Next<const PLImage*>();
+  const PLImage* gradY = args->Next<const PLImage*>();
+  const PLImage* flow = args->Next<const PLImage*>();
+  const PLImage* secondMask = args->Next<const PLImage*>();
+  const int32_t w = residual->width;
+  const float maxX = static_cast<float>(w - 1);
+  const float maxY = static_cast<float>(residual->height - 1);
+  const FView s(second);
+  const FView mk = kMasked ? FView(secondMask) : FView(second);
+  for (int32_t y = firstRow; y <= lastRow; ++y) {
+    const float* f = FRow(flow, y);
+    const float* a = FRow(first, y);
+    const float* gx = FRow(gradX, y);
+    const float* gy = FRow(gradY, y);
+    float* r = FRow(residual, y);
+    const float fy = static_cast<float>(y);
+    for (int32_t x = 0; x < w; ++x) {
+      const float sx = static_cast<float>(x) - f[2 * x];
+      const float sy = fy - f[2 * x + 1];
+      if (!plflow::InFrame(sx, sy, maxX, maxY)) {
+        r[2 * x] = 0.0f;
+        r[2 * x + 1] = 0.0f;
+        continue;
+      }
+      const Cell cx = BilinearCell(sx, second->lastColumn);
+      const Cell cy = BilinearCell(sy, second->lastRow);
+      const float* r0 = s.Row(cy.i0);
+      const float* r1 = s.Row(cy.i1);
+      const float v = plflow::Bilinear(r0[cx.i0], r0[cx.i1], r1[cx.i0], r1[cx.i1], cx.t, cy.t);
+      if (kMasked) {
+        const Cell mx = BilinearCell(sx, secondMask->lastColumn);
+        const Cell my = BilinearCell(sy, secondMask->lastRow);
+        const float* m0 = mk.Row(my.i0);
+        const float* m1 = mk.Row(my.i1);
+        const float m = plflow::Bilinear(m0[mx.i0], m0[mx.i1], m1[mx.i0], m1[mx.i1], mx.t, my.t);
+        if (static_cast<double>(m) < 0.999) {
+          r[2 * x] = 0.0f;
+          r[2 * x + 1] = 0.0f;
+          continue;
+        }
+      }
+      const float d = v - a[x];
+      r[2 * x] = gx[x] * d;
+      r[2 * x + 1] = d * gy[x];
+    }
+  }
+}
+
+void ComputeResidual(PLImage* residual, const PLImage* first, const PLImage* second,
+                     const PLImage* gradX, const PLImage* gradY, const PLImage* flow,
+                     int32_t useMasks, const PLImage* secondMask) {
+  if (residual->width < 1) return;
+  if (useMasks != 0 && secondMask)
+    PLForkImageRows(residual->height, ResidualWorker<true>, residual, first, second, gradX,
+                    gradY, flow, secondMask);
+  else
+    PLForkImageRows(residual->height, ResidualWorker<false>, residual, first, second, gradX,
+                    gradY, flow, secondMask);
+}
+
+// ---- Update ------------------------------------------------------------------------------
+
+static void UpdateWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
+  PLImage* flow = args->Next<PLImage*>();
+  const PLImage* structure = args->Next<const PLImage*>();
+  const PLImage* residual = args->Next<const PLImage*>();
+  const int32_t w = flow->width;
+  for (int32_t y = firstRow; y <= lastRow; ++y) {
+    float* f = FRow(flow, y);
+    const float* st = FRow(structure, y);
+    const float* rs = FRow(residual, y);
+    for (int32_t x = 0; x < w; ++x) {
+      const float a = st[3 * x];
+      const float b = st[3 * x + 1];
+      const float c = st[3 * x + 2];
+      const float p = rs[2 * x];
+      const float q = rs[2 * x + 1];
+      // The negative of the usual determinant; the 40.0 is absolute, tied to the 0..255
+      // luma scale and the smoothing kernels, and strict.
+      const float det = b * b - a * c;
+      if (std::fabs(det) > 40.0f) {
+        f[2 * x] = f[2 * x] + (b * q - c * p) / det;
+        f[2 * x + 1] = f[2 * x + 1] + (b * p - a * q) / det;
+      }
+    }
+  }
+}
+
+void UpdateFlow(PLImage* flow, const PLImage* structure, const PLImage* residual) {
+  PLForkImageRows(flow->height, UpdateWorker, flow, structure, residual);
+}
+
+// ---- Smoothing ---------------------------------------------------------------------------
+
+void SmoothStage(PLImage* image, bool asMoments, int32_t smoothing) {
+  switch (smoothing) {
+    case 0: PLBoxBlur(image, 0, 2.0f); break;
+    case 1: PLGaussBlur(image, 0, asMoments ? 7.0f : 5.0f); break;
+    case 2: PLGaussBlur(image, 0, asMoments ? 5.0f : 3.0f); break;
+    default: break;
+  }
+}
+
+// ---- Hints -------------------------------------------------------------------------------
+
+static void HintsWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
+  PLImage* flow = args->Next<PLImage*>();
+  const PLImage* hintFlow = args->Next<const PLImage*>();
+  const PLImage* hintWeight = args->Next<const PLImage*>();
+  const int32_t replace = args->Next<int32_t>();
+  const int32_t w = flow->width;
+  for (int32_t y = firstRow; y <= lastRow; ++y) {
+    float* f = FRow(flow, y);
+    const float* hf = FRow(hintFlow, y);
+    const float* hw = FRow(hintWeight, y);
+    for (int32_t x = 0; x < w; ++x) {
+      const float weight = hw[x];
+      if (weight == 0.0f) continue;
+      for (int32_t c = 0; c < 2; ++c) {
+        if (replace == 1)
+          f[2 * x + c] = hf[2 * x + c] / weight;
+        else
+          f[2 * x + c] = f[2 * x + c] + (hf[2 * x + c] - weight * f[2 * x + c]);
+      }
+    }
+  }
+}
+
+void ApplyHints(PLImage* flow, const PLImage* hintFlow, const PLImage* hintWeight,
+                int32_t replace) {
+  PLForkImageRows(flow->height, HintsWorker, flow, hintFlow, hintWeight, replace);
+}
+
+bool HasHintWeight(PLImage* const* pyramid, int32_t level) {
+  if (!pyramid) return false;
+  const PLImage* image = pyramid[level];
+  if (!image || !image->data) return false;
+  const int32_t n = image->width * image->channels;
+  for (int32_t y = 0; y < image->height; ++y) {
+    const float* row = FRow(image, y);
+    for (int32_t i = 0; i < n; ++i)
+      if (row[i] != 0.0f) return true;
+  }
+  return false;
+}
+
+// ---- Upsampling --------------------------------------------------------------------------
+
+static void UpsampleWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow,
+                           NuvMPArgs* args) {
+  PLImage* dst = args->Next<PLImage*>();
+  const PLImage* src = args->Next<const PLImage*>();
+  const float kx = *args->Next<const float*>();
+  const float ky = *args->Next<const float*>();
+  const float invX = 1.0f / kx;
+  const float invY = 1.0f / ky;
+  const FView s(src);
+  const int32_t w = dst->width;
+  for (int32_t y = firstRow; y <= lastRow; ++y) {
+    const float fy = static_cast<float>(y) * invY;
+    const Cell cy = BilinearCell(fy, src->lastRow);
+    const float* r0 = s.Row(cy.i0);
+    const float* r1 = s.Row(cy.i1);
+    float* d = FRow(dst, y);
+    for (int32_t x = 0; x < w; ++x) {
+      const float fx = static_cast<float>(x) * invX;
+      const Cell cx = BilinearCell(fx, src->lastColumn);
+      const int32_t a = 2 * cx.i0;
+      const int32_t b = 2 * cx.i1;
+      const float u = plflow::Bilinear(r0[a], r0[b], r1[a], r1[b], cx.t, cy.t);
+      const float v =
+          plflow::Bilinear(r0[a + 1], r0[b + 1], r1[a + 1], r1[b + 1], cx.t, cy.t);
+      d[2 * x] = u * kx;
+      d[2 * x + 1] = v * ky;
+    }
+  }
+}
+
+void UpsampleFlow(PLImage* dst, const PLImage* src) {
+  if (!dst || !src || dst->dataType != PLFloat || src->dataType != PLFloat ||
+      dst->channels != src->channels)
+    throw PLErrParameter;
+  // Guards of ours: a flow has two channels, and the grid ratios need a source of at least
+  // 2x2 and a destination no smaller, so that every read stays inside the source.
+  if (src->channels != 2 || !src->data || !dst->data || src->width < 2 || src->height < 2 ||
+      dst->width < src->width || dst->height < src->height)
+    throw PLErrParameter;
+  const float kx = static_cast<float>(dst->width - 1) / static_cast<float>(src->width - 1);
+  const float ky = static_cast<float>(dst->height - 1) / static_cast<float>(src->height - 1);
+  PLForkImageRows(dst->height, UpsampleWorker, dst, src, &kx, &ky);
+}
+
+// ---- Whole-image helpers of input preparation -------------------------------------------
+
+void ScaleXY(PLImage* image, float sx, float sy) {
+  if (image->channels != 2 && image->dataType != PLFloat) {
+    std::fputs("error in ScaleXY!\n", stderr);
+    return;
+  }
+  if (!image->data) return;
+  // Walked as two floats a pixel, as far as the row's own bytes reach.
+  const int64_t rowFloats = static_cast<int64_t>(image->width) * image->bytesPerPixel / 4;
+  const int64_t pairs = rowFloats / 2 < image->width ? rowFloats / 2 : image->width;
+  for (int32_t y = 0; y < image->height; ++y) {
+    unsigned char* row = image->Row(y);
+    for (int64_t x = 0; x < pairs; ++x) {
+      PLStore<float>(row + 8 * x, PLLoad<float>(row + 8 * x) * sx);
+      PLStore<float>(row + 8 * x + 4, PLLoad<float>(row + 8 * x + 4) * sy);
+    }
+  }
+}
+
+void Binarise(PLImage* image) {
+  for (int32_t y = 0; y < image->height; ++y) {
+    float* row = FRow(image, y);
+    for (int32_t x = 0; x < image->width; ++x)
+      row[x] = static_cast<double>(row[x]) >= 0.9999 ? 1.0f : 0.0f;
+  }
+}
