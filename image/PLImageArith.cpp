@@ -287,16 +287,19 @@ void MultiplyFlow(PLImage* image, float uFactor, float vFactor) {
 
 void Subtract(PLImage* dst, const PLImage* src) {
   if (!HasData(dst) || !HasData(src)) return;
-  if (dst->dataType == PLFloat && src->dataType == PLFloat && dst->channels == src->channels &&
-      (dst->channels == 1 || dst->channels == 2)) {
-    if (!Covers(src, dst)) return;
-    if (dst->channels == 1)
-      PLForkImageRows(dst->height, SubtractFloatWorker<1>, dst, src);
-    else
-      PLForkImageRows(dst->height, SubtractFloatWorker<2>, dst, src);
-    return;
+  bool parallel = false;
+  if (src->dataType == dst->dataType && src->channels == dst->channels) {
+    PLDispatch(dst->dataType, dst->channels, [&](auto tag) {
+      using T = typename decltype(tag)::Type;
+      constexpr int32_t C = decltype(tag)::Channels;
+      // Float luma levels (1 channel) and flow (2 channels) are the estimator's hot pairs.
+      if constexpr (std::is_same<T, float>::value && (C == 1 || C == 2)) {
+        parallel = true;
+        if (Covers(src, dst)) PLForkImageRows(dst->height, SubtractFloatWorker<C>, dst, src);
+      }
+    });
   }
-  SerialWalk(dst, src, [](float a, float b) { return a - b; });
+  if (!parallel) SerialWalk(dst, src, [](float a, float b) { return a - b; });
 }
 
 void Add(PLImage* dst, const PLImage* src) {
