@@ -544,6 +544,56 @@ TEST(MotionBlur, CallerProgressIsNotCalledAndInterruptionIsNotRaised) {
   EXPECT_EQ(progress.calls, 0);
 }
 
+// The worker itself: a set interruption word stops a non-reporting worker at its first
+// row report, before any pixel; the error lands in the slot, nothing is thrown. A worker
+// of one row makes no report, and a reporter returns quietly.
+TEST(MotionBlur, WorkerStoresInterruptionInItsSlot) {
+  std::mt19937 rng(11);
+  TestImage src(16, 12, 3, PLUChar);
+  FillRandom(src, rng);
+  TestImage flow = ConstantFlow(8, 6, 4.0f, -2.0f);
+  NuvImageInternal srcWrap(src.get()), flowWrap(flow.get());
+  NuvImage srcView, flowView;
+  srcView.Attach(&srcWrap);
+  flowView.Attach(&flowWrap);
+  auto run = [&](uint8_t reporter, int32_t firstRow, int32_t lastRow, TestImage& dst) {
+    NuvImageInternal dstWrap(dst.get());
+    NuvImage dstView;
+    dstView.Attach(&dstWrap);
+    float amount = 0.5f;
+    uint8_t bilinear = 1, countOutside = 0;
+    int32_t errorSlot = 0, interruptWord = 1, x0 = 0, x1 = 15, y0 = 2;
+    NuvIdleAndProgressClass job(nullptr);
+    const NuvImage* srcPtr = &srcView;
+    const NuvImage* flowPtr = &flowView;
+    NuvMPArgs args;
+    args.Push(&dstView);
+    args.Push(srcPtr);
+    args.Push(flowPtr);
+    args.Push(&amount);
+    args.Push(&bilinear);
+    args.Push(&job);
+    args.Push(&errorSlot);
+    args.Push(&interruptWord);
+    args.Push(&countOutside);
+    args.Push(&x0);
+    args.Push(&x1);
+    args.Push(&y0);
+    EXPECT_NO_THROW(MotionBlurRowWorker(0, reporter, firstRow, lastRow, &args));
+    return errorSlot;
+  };
+  TestImage stopped(16, 12, 3, PLUChar), single(16, 12, 3, PLUChar), reported(16, 12, 3, PLUChar);
+  std::vector<unsigned char> blank = stopped.bytes;
+  EXPECT_EQ(run(0, 0, 5, stopped), PLErrInterrupted);
+  EXPECT_TRUE(stopped.bytes == blank);
+  EXPECT_EQ(run(0, 3, 3, single), 0);  // row y0 + 3 = 5 rendered
+  EXPECT_FALSE(single.bytes == blank);
+  EXPECT_EQ(run(1, 0, 5, reported), 0);
+  TestImage whole(16, 12, 3, PLUChar);
+  PLMotionBlurRect(whole.get(), src.get(), flow.get(), 1, nullptr, 0, 0, 15, 2, 7, 0.5f);
+  EXPECT_TRUE(whole.bytes == reported.bytes);
+}
+
 // Refusals: PLErr 5 before any pixel is written.
 void ExpectRefused(PLImage* dst, const PLImage* src, const PLImage* flow, int32_t x0 = 0,
                    int32_t x1 = -2, int32_t y0 = 0, int32_t y1 = -2) {
