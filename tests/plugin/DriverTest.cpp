@@ -1,0 +1,620 @@
+// flowblur tests: the frame driver's order of work: buffers, controls, the neighbouring
+// frame, and every row of its failure table.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "flow/PLOpticalFlowUChar.h"
+#include "host/SparkHost.h"
+#include "runtime/NuvMem.h"
+#include "shell/shell.h"
+#include "tests/plugin/PluginTestSupport.h"
+
+namespace {
+
+using plugintest::Layout;
+using plugintest::Pauses;
+using sparkhost::kBackBuffer;
+using sparkhost::kFrontBuffer;
+using sparkhost::kResultBuffer;
+
+constexpr uint8_t kUntouched = 0xA5;
+
+class Driver : public plugintest::PluginTest {
+ protected:
+  // Both clips 10 frames of `format`; the result buffer filled with a marker byte.
+  void Setup(int32_t format, int32_t width = 24, int32_t height = 20, int32_t pad = 0) {
+    MakeClips(Layout(width, height, format, pad), 10, 1.0, 0.0, 0.0, 1.0);
+  }
+  void MarkResult() {
+    uint8_t* r = sparkhost::BufferPixels(kResultBuffer);
+    std::memset(r, kUntouched, static_cast<size_t>(sparkhost::BufferCapacity(kResultBuffer)));
+  }
+  // Whole block untouched, or the first FrameBytes bytes zero and the rest untouched.
+  bool ResultIs(bool cleared, int32_t frameBytes) {
+    const uint8_t* r = sparkhost::BufferPixels(kResultBuffer);
+    int64_t capacity = sparkhost::BufferCapacity(kResultBuffer);
+    for (int64_t i = 0; i < capacity; ++i) {
+      uint8_t want = cleared && i < frameBytes ? 0 : kUntouched;
+      if (r[i] != want) return false;
+    }
+    return true;
+  }
+  std::vector<std::string> Messages() {
+    std::vector<std::string> out;
+    for (const sparkhost::Note& n : sparkhost::Notes()) {
+      EXPECT_EQ(n.kind, sparkhost::Note::kMessage);
+      out.push_back(n.text);
+    }
+    return out;
+  }
+  void* Result() { return sparkhost::BufferPixels(kResultBuffer); }
+};
+
+TEST(SparkNeighbour, Table) {
+  struct Row {
+    int32_t n, front, back;
+  };
+  const Row rows[] = {{0, 1, 1},     {1, 2, 0},   {2, 1, 1},   {3, 2, 2},
+                      {100, 99, 99}, {-1, 0, -2}, {-5, -4, -6}};
+  for (const Row& r : rows) {
+    EXPECT_EQ(SparkNeighbourFrame(r.n, 0), r.front) << r.n;
+    EXPECT_EQ(SparkNeighbourFrame(r.n, 1), r.back) << r.n;
+  }
+  // A flag value other than 1 is not "from back".
+  EXPECT_EQ(SparkNeighbourFrame(1, 2), 2);
+  // The ends of the range wrap instead of overflowing.
+  const int32_t lo = std::numeric_limits<int32_t>::min();
+  EXPECT_EQ(SparkNeighbourFrame(lo, 1), std::numeric_limits<int32_t>::max());
+  EXPECT_EQ(SparkNeighbourFrame(lo, 0), std::numeric_limits<int32_t>::max());
+}
+
+// Which frames the host is asked for, and into which buffers: the neighbour into tmp, then
+// frame n into the motion clip's buffer, then (motion from back) frame n into the back
+// buffer again. An unknown format keeps the library out of it.
+TEST_F(Driver, AsksForTheNeighbourThenTheFrameOfTheMotionClip) {
+  Setup(26);
+  struct Row {
+    int32_t n, front, back;
+  };
+  const Row rows[] = {{0, 1, 1}, {1, 2, 0}, {2, 1, 1}, {5, 4, 4}, {-1, 0, -2}};
+  for (const Row& r : rows) {
+    for (uint8_t fromBack : {0, 1}) {
+      sparkhost::Reset();
+      Setup(26);
+      SparkMemoryTempBuffers();
+      SparkBoolean2.value = fromBack;
+      MarkResult();
+      spark_info_struct info = sparkhost::BeginFrame(r.n < 0 ? 0 : r.n);
+      info.FrameNo = r.n;
+      EXPECT_EQ(SparkProcess(info), Result());
+      EXPECT_TRUE(ResultIs(false, info.FrameBytes));
+      std::vector<sparkhost::GetFrameCall> calls = sparkhost::GetFrameCalls();
+      int32_t clip = fromBack;
+      void* clipBuffer = sparkhost::BufferPixels(fromBack ? kBackBuffer : kFrontBuffer);
+      ASSERT_EQ(calls.size(), fromBack ? 3u : 2u) << r.n;
+      EXPECT_EQ(calls[0].clip, clip);
+      EXPECT_EQ(calls[0].frame, fromBack ? r.back : r.front) << r.n << " " << int(fromBack);
+      EXPECT_EQ(calls[0].pixels, sparkhost::BufferPixels(TempBufferId));
+      EXPECT_EQ(calls[1].clip, clip);
+      EXPECT_EQ(calls[1].frame, r.n);
+      EXPECT_EQ(calls[1].pixels, clipBuffer);
+      if (fromBack) {
+        EXPECT_EQ(calls[2].clip, 1);
+        EXPECT_EQ(calls[2].frame, r.n);
+        EXPECT_EQ(calls[2].pixels, sparkhost::BufferPixels(kBackBuffer));
+      }
+      EXPECT_TRUE(sparkhost::Notes().empty());
+      EXPECT_TRUE(Pauses().empty());
+      std::vector<int32_t> ids = sparkhost::GetBufferCalls();
+      EXPECT_EQ(ids, (std::vector<int32_t>{1, 2, 3, TempBufferId}));
+    }
+  }
+}
+
+TEST_F(Driver, BypassedControlsTakeTheFrontClip) {
+  Setup(26);
+  SparkBoolean2.value = 1;
+  SparkPup1.value = 1;
+  SparkFloat0.value = 3.0f;
+  spark_info_struct info = sparkhost::BeginFrame(1);
+  info.ControlsBypass = 1;
+  SparkProcess(info);
+  std::vector<sparkhost::GetFrameCall> calls = sparkhost::GetFrameCalls();
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_EQ(calls[0].clip, 0);
+  EXPECT_EQ(calls[0].frame, 2);
+}
+
+TEST_F(Driver, ProcessorCountAndFrameSizeAreHandedOnFirst) {
+  Setup(26, 30, 17);
+  sparkhost::SetBuffer(kResultBuffer, Layout(33, 19, 26));
+  sparkhost::SetProcessors(3);
+  spark_info_struct info = sparkhost::BeginFrame(2);
+  Width = Height = 0;
+  NuvMPSetThreadCount(0);
+  SparkProcess(info);
+  EXPECT_EQ(NuvMPGetRawThreadCount(), 3);
+  EXPECT_EQ(Width, 33);
+  EXPECT_EQ(Height, 19);
+  // Not validated: a negative count is stored as it is.
+  info.ProcessorCount = -2;
+  SparkProcess(info);
+  EXPECT_EQ(NuvMPGetRawThreadCount(), -2);
+  EXPECT_EQ(sparkhost::Calls().cursorBusy, 2);
+}
+
+TEST_F(Driver, AFailedBufferFetchEndsAtOnceInSilence) {
+  for (int32_t which = 0; which < 4; ++which) {
+    sparkhost::Reset();
+    Setup(24);
+    SparkMemoryTempBuffers();
+    const int32_t ids[] = {1, 2, 3, TempBufferId};
+    sparkhost::FailGetBuffer(ids[which]);
+    MarkResult();
+    spark_info_struct info = sparkhost::BeginFrame(3);
+    EXPECT_EQ(SparkProcess(info), nullptr);
+    EXPECT_EQ(sparkhost::GetBufferCalls(),
+              std::vector<int32_t>(std::begin(ids), std::begin(ids) + which + 1));
+    EXPECT_TRUE(sparkhost::GetFrameCalls().empty());
+    EXPECT_TRUE(sparkhost::Notes().empty());
+    EXPECT_TRUE(ResultIs(false, info.FrameBytes));
+    EXPECT_EQ(sparkhost::Calls().cursorBusy, 1);
+  }
+  EXPECT_TRUE(Pauses().empty());
+}
+
+TEST_F(Driver, AnUnusableBufferEndsInSilenceAfterAllFourFetches) {
+  for (int32_t which = 0; which < 4; ++which) {
+    sparkhost::Reset();
+    Setup(24);
+    SparkMemoryTempBuffers();
+    const int32_t ids[] = {1, 2, 3, TempBufferId};
+    sparkhost::ClearUsableBit(ids[which]);
+    sparkhost::NullBufferPointer(ids[(which + 1) % 4]);  // tested only after the state bits
+    MarkResult();
+    testing::internal::CaptureStderr();
+    spark_info_struct info = sparkhost::BeginFrame(3);
+    EXPECT_EQ(SparkProcess(info), nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(sparkhost::GetBufferCalls(), std::vector<int32_t>(std::begin(ids), std::end(ids)));
+    EXPECT_TRUE(sparkhost::GetFrameCalls().empty());
+    EXPECT_TRUE(sparkhost::Notes().empty());
+    EXPECT_TRUE(ResultIs(false, info.FrameBytes));
+  }
+  EXPECT_TRUE(Pauses().empty());
+}
+
+TEST_F(Driver, ANullBufferPointerIsReportedOnStandardError) {
+  for (int32_t which = 0; which < 4; ++which) {
+    sparkhost::Reset();
+    Setup(24);
+    SparkMemoryTempBuffers();
+    const int32_t ids[] = {1, 2, 3, TempBufferId};
+    sparkhost::NullBufferPointer(ids[which]);
+    MarkResult();
+    int shown[4];
+    for (int k = 0; k < 4; ++k)
+      shown[k] = k == which ? 0
+                            : static_cast<int>(static_cast<uint32_t>(
+                                  reinterpret_cast<uintptr_t>(sparkhost::BufferPixels(ids[k]))));
+    char want[200];
+    std::snprintf(want, sizeof want,
+                  "Error: null buffer pointer result(%d) front(%d) back(%d) tmp(%d)\n", shown[0],
+                  shown[1], shown[2], shown[3]);
+    testing::internal::CaptureStderr();
+    spark_info_struct info = sparkhost::BeginFrame(3);
+    EXPECT_EQ(SparkProcess(info), nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), want);
+    EXPECT_TRUE(sparkhost::GetFrameCalls().empty());
+    EXPECT_TRUE(sparkhost::Notes().empty());
+    EXPECT_TRUE(ResultIs(false, info.FrameBytes));
+  }
+  EXPECT_TRUE(Pauses().empty());
+}
+
+TEST_F(Driver, ATmpBufferLostWhileLoadingClearsTheResultAndReturnsNull) {
+  for (int32_t format : {24, 49, 26}) {
+    sparkhost::Reset();
+    Setup(format);
+    SparkMemoryTempBuffers();
+    SparkBoolean2.value = 1;
+    sparkhost::NullBufferOnGetFrame(TempBufferId);
+    MarkResult();
+    spark_info_struct info = sparkhost::BeginFrame(3);
+    EXPECT_EQ(SparkProcess(info), nullptr);
+    EXPECT_EQ(Messages(),
+              std::vector<std::string>{"Cannot process image due to image buffer parameter error"});
+    EXPECT_TRUE(ResultIs(true, info.FrameBytes)) << format;
+    // Both frames were loaded; nothing after the failure, so no reload of the back frame.
+    EXPECT_EQ(sparkhost::GetFrameCalls().size(), 2u);
+  }
+  EXPECT_TRUE(Pauses().empty());
+}
+
+// Plane allocations: the k-th fails.
+int gPlaneCalls = 0;
+int gPlaneFailAt = 0;
+void* FailingPlane(size_t bytes) {
+  ++gPlaneCalls;
+  if (gPlaneCalls == gPlaneFailAt) return nullptr;
+  return std::calloc(1, bytes);
+}
+
+TEST_F(Driver, PlanesThatCannotBeHadAreReportedAfterFreeingTheOthers) {
+  for (int failAt = 1; failAt <= 3; ++failAt) {
+    sparkhost::Reset();
+    Setup(49);
+    SparkMemoryTempBuffers();
+    gPlaneCalls = 0;
+    gPlaneFailAt = failAt;
+    SparkSetPlaneAllocator(FailingPlane);
+    MarkResult();
+    spark_info_struct info = sparkhost::BeginFrame(3);
+    EXPECT_EQ(SparkProcess(info), nullptr);
+    EXPECT_EQ(gPlaneCalls, failAt);
+    EXPECT_EQ(Messages(), std::vector<std::string>{
+                              "Cannot process image due to image buffer allocation error"});
+    EXPECT_TRUE(ResultIs(true, info.FrameBytes));
+    EXPECT_EQ(sparkhost::GetFrameCalls().size(), 2u);
+    EXPECT_EQ(sparkhost::Calls().mpFork, 0);  // nothing converted
+  }
+  EXPECT_TRUE(Pauses().empty());
+}
+
+void* NoMemory(void*, uint64_t) { return nullptr; }
+void NoFree(void*, void* block) { std::free(block); }
+
+// Without memory for the estimator, the driver reports the flow's out-of-memory case, with
+// the full clean-up (and the back frame reloaded).
+TEST_F(Driver, ANullEstimatorIsTheFlowOutOfMemoryCase) {
+  for (int32_t format : {24, 48, 49}) {
+    sparkhost::Reset();
+    Setup(format, 24, 20, format == 49 ? 0 : 5);
+    SparkMemoryTempBuffers();
+    SparkBoolean2.value = 1;
+    MarkResult();
+    Pauses().clear();
+    NuvMemSetHooks(nullptr, NoMemory, NoFree);
+    spark_info_struct info = sparkhost::BeginFrame(4);
+    EXPECT_EQ(SparkProcess(info), Result());
+    NuvMemSetHooks(nullptr, nullptr, nullptr);
+    EXPECT_EQ(Messages(),
+              std::vector<std::string>{"Cannot process image flow due to out of memory error"});
+    EXPECT_EQ(Pauses(), std::vector<uint32_t>{1});
+    // Format 49 packs the zeroed output plane back over the cleared result: still zero.
+    EXPECT_TRUE(ResultIs(true, info.FrameBytes)) << format;
+    std::vector<sparkhost::GetFrameCall> calls = sparkhost::GetFrameCalls();
+    ASSERT_EQ(calls.size(), 3u);
+    EXPECT_EQ(calls[2].clip, 1);
+    EXPECT_EQ(calls[2].frame, 4);
+  }
+}
+
+TEST_F(Driver, AFormatOutsideTheTableLeavesTheResultAlone) {
+  for (int32_t format : {26, 0, 47, 65}) {
+    sparkhost::Reset();
+    Setup(format);
+    SparkMemoryTempBuffers();
+    MarkResult();
+    spark_info_struct info = sparkhost::BeginFrame(2);
+    EXPECT_EQ(SparkProcess(info), Result());
+    EXPECT_TRUE(ResultIs(false, info.FrameBytes));
+    EXPECT_TRUE(sparkhost::Notes().empty());
+    EXPECT_EQ(sparkhost::Calls().mpFork, 0);
+  }
+  EXPECT_TRUE(Pauses().empty());
+}
+
+// ---- The driver's calls into the library, observed through the call table.
+
+struct FakeCalls {
+  struct Create {
+    int32_t width, height, mode;
+  };
+  struct Flow {
+    void* first;
+    void* second;
+    int32_t width, height, rowBytes, order, secondWidth, secondHeight, secondRowBytes, secondOrder,
+        type;
+    bool edgeBlend;
+    float levelFactor, whitePoint;
+  };
+  struct Blur {
+    void* dest;
+    int32_t width, height, rowBytes, order;
+    void* source;
+    int32_t sourceWidth, sourceHeight, sourceRowBytes, sourceOrder, type;
+    float amount, whitePoint;
+  };
+  std::vector<std::string> order;
+  std::vector<Create> creates;
+  std::vector<Flow> flows;
+  std::vector<Blur> blurs;
+  std::vector<void*> destroyed;
+  int32_t flowCode = 0;
+  int32_t blurCode = 0;
+  uint8_t blurFill = 0x3C;  // what the fake render writes into its destination, 3 channels
+};
+FakeCalls gFake;
+int gEstimatorToken;  // the fake estimator is this address
+
+PLOpticalFlowUChar* FakeCreate(int32_t width, int32_t height, int32_t mode) {
+  gFake.order.push_back("create");
+  gFake.creates.push_back({width, height, mode});
+  return reinterpret_cast<PLOpticalFlowUChar*>(&gEstimatorToken);
+}
+void FakeDestroy(PLOpticalFlowUChar* estimator) {
+  gFake.order.push_back("destroy");
+  gFake.destroyed.push_back(estimator);
+}
+int32_t FakeFlow(PLOpticalFlowUChar* estimator, void* first, int32_t width, int32_t height,
+                 int32_t rowBytes, int32_t order, void* second, int32_t secondWidth,
+                 int32_t secondHeight, int32_t secondRowBytes, int32_t secondOrder, int32_t type,
+                 bool edgeBlend, float levelFactor, float whitePoint) {
+  EXPECT_EQ(estimator, reinterpret_cast<PLOpticalFlowUChar*>(&gEstimatorToken));
+  gFake.order.push_back("flow");
+  gFake.flows.push_back({first, second, width, height, rowBytes, order, secondWidth, secondHeight,
+                         secondRowBytes, secondOrder, type, edgeBlend, levelFactor, whitePoint});
+  return gFake.flowCode;
+}
+int32_t FakeBlur(PLOpticalFlowUChar* estimator, void* dest, int32_t width, int32_t height,
+                 int32_t rowBytes, int32_t order, void* source, int32_t sourceWidth,
+                 int32_t sourceHeight, int32_t sourceRowBytes, int32_t sourceOrder, int32_t type,
+                 float amount, float whitePoint) {
+  EXPECT_EQ(estimator, reinterpret_cast<PLOpticalFlowUChar*>(&gEstimatorToken));
+  gFake.order.push_back("blur");
+  gFake.blurs.push_back({dest, width, height, rowBytes, order, source, sourceWidth, sourceHeight,
+                         sourceRowBytes, sourceOrder, type, amount, whitePoint});
+  // Something rendered: the first row of the destination, in its own sample type.
+  if (dest && width > 0 && height > 0) {
+    if (type == 2) {
+      float v = gFake.blurFill / 255.0f;
+      for (int32_t i = 0; i < width * 3; ++i)
+        std::memcpy(static_cast<uint8_t*>(dest) + 4 * i, &v, 4);
+    } else {
+      std::memset(dest, gFake.blurFill, static_cast<size_t>(width) * 3 * (type == 1 ? 2 : 1));
+    }
+  }
+  return gFake.blurCode;
+}
+const SparkFlowCallTable kFakeTable = {FakeCreate, FakeDestroy, FakeFlow, FakeBlur};
+
+// Whether the result's FrameBytes were all zero when the driver paused.
+std::vector<bool> gClearedAtPause;
+int32_t gFrameBytes = 0;
+void PauseAndLook(uint32_t seconds) {
+  plugintest::RecordPause(seconds);
+  const uint8_t* r = sparkhost::BufferPixels(kResultBuffer);
+  bool zero = true;
+  for (int32_t i = 0; i < gFrameBytes; ++i) zero = zero && r[i] == 0;
+  gClearedAtPause.push_back(zero);
+}
+
+class DriverCalls : public Driver {
+ protected:
+  void SetUp() override {
+    Driver::SetUp();
+    gFake = FakeCalls();
+    gClearedAtPause.clear();
+    SparkSetFlowCalls(&kFakeTable);
+    SparkSetPause(PauseAndLook);
+  }
+  void TearDown() override {
+    SparkSetFlowCalls(nullptr);
+    Driver::TearDown();
+  }
+  spark_info_struct Begin(int32_t n) {
+    spark_info_struct info = sparkhost::BeginFrame(n);
+    gFrameBytes = info.FrameBytes;
+    return info;
+  }
+};
+
+TEST_F(DriverCalls, InPlaceFormatsPassTheHostBuffers) {
+  for (int32_t format : {24, 25, 48, 64}) {
+    for (int32_t n : {0, 3}) {
+      sparkhost::Reset();
+      Setup(format, 30, 22, 6);
+      SparkMemoryTempBuffers();
+      gFake = FakeCalls();
+      SparkFloat0.value = 1.25f;
+      SparkPup1.value = 1;
+      spark_info_struct info = Begin(n);
+      EXPECT_EQ(SparkProcess(info), Result());
+      EXPECT_EQ(gFake.order, (std::vector<std::string>{"create", "flow", "blur", "destroy"}));
+      ASSERT_EQ(gFake.flows.size(), 1u);
+      const FakeCalls::Create& c = gFake.creates[0];
+      EXPECT_EQ(c.width, 30);
+      EXPECT_EQ(c.height, 22);
+      EXPECT_EQ(c.mode, 2);  // Draft
+      const FakeCalls::Flow& f = gFake.flows[0];
+      void* current = sparkhost::BufferPixels(kFrontBuffer);
+      void* tmp = sparkhost::BufferPixels(TempBufferId);
+      EXPECT_EQ(f.first, n == 0 ? tmp : current);
+      EXPECT_EQ(f.second, n == 0 ? current : tmp);
+      const int32_t stride = 30 * (format == 24 || format == 25 ? 3 : 6) + 6;
+      EXPECT_EQ(f.width, 30);
+      EXPECT_EQ(f.height, 22);
+      EXPECT_EQ(f.secondWidth, 30);
+      EXPECT_EQ(f.secondHeight, 22);
+      EXPECT_EQ(f.rowBytes, stride);
+      EXPECT_EQ(f.secondRowBytes, stride);
+      EXPECT_EQ(f.order, 1);
+      EXPECT_EQ(f.secondOrder, 1);
+      EXPECT_EQ(f.type, format == 24 || format == 25 ? 0 : 1);
+      EXPECT_FALSE(f.edgeBlend);
+      EXPECT_EQ(f.levelFactor, 0.7f);
+      EXPECT_EQ(f.whitePoint, 65535.0f);
+      const FakeCalls::Blur& b = gFake.blurs[0];
+      EXPECT_EQ(b.dest, Result());
+      EXPECT_EQ(b.source, current);
+      EXPECT_EQ(b.width, 30);
+      EXPECT_EQ(b.sourceWidth, 30);
+      EXPECT_EQ(b.height, 22);
+      EXPECT_EQ(b.sourceHeight, 22);
+      EXPECT_EQ(b.rowBytes, stride);
+      EXPECT_EQ(b.sourceRowBytes, stride);
+      EXPECT_EQ(b.order, 1);
+      EXPECT_EQ(b.sourceOrder, 1);
+      EXPECT_EQ(b.type, f.type);
+      EXPECT_EQ(b.amount, 1.25f);
+      EXPECT_EQ(b.whitePoint, 65535.0f);
+      EXPECT_EQ(gFake.destroyed, std::vector<void*>{&gEstimatorToken});
+    }
+  }
+}
+
+TEST_F(DriverCalls, HalfFloatsGoThroughFloatPlanes) {
+  for (int32_t n : {0, 1, 4}) {
+    sparkhost::Reset();
+    Setup(49, 30, 22);
+    SparkMemoryTempBuffers();
+    gFake = FakeCalls();
+    spark_info_struct info = Begin(n);
+    EXPECT_EQ(SparkProcess(info), Result());
+    EXPECT_EQ(gFake.order, (std::vector<std::string>{"create", "flow", "blur", "destroy"}));
+    const FakeCalls::Flow& f = gFake.flows[0];
+    const FakeCalls::Blur& b = gFake.blurs[0];
+    EXPECT_EQ(gFake.creates[0].mode, 1);  // Best
+    EXPECT_EQ(f.type, 2);
+    EXPECT_EQ(f.rowBytes, 30 * 12);
+    EXPECT_EQ(b.type, 2);
+    EXPECT_EQ(b.rowBytes, 30 * 12);
+    EXPECT_EQ(b.sourceRowBytes, 30 * 12);
+    // Planes: A the current frame (then the front frame), B the neighbour, C the output.
+    void* a = n == 0 ? f.second : f.first;
+    void* bPlane = n == 0 ? f.first : f.second;
+    EXPECT_EQ(b.source, a);
+    EXPECT_NE(b.dest, a);
+    EXPECT_NE(b.dest, bPlane);
+    for (void* p : {a, bPlane, b.dest}) {
+      EXPECT_NE(p, Result());
+      EXPECT_NE(p, sparkhost::BufferPixels(kFrontBuffer));
+      EXPECT_NE(p, sparkhost::BufferPixels(TempBufferId));
+    }
+    // The output plane, packed back: the fake's first row, zeros after it.
+    std::vector<uint8_t> result = plugintest::ResultPixels();
+    uint16_t fill = SparkFloatToHalf(0x3C / 255.0f);
+    for (size_t i = 0; i < result.size(); i += 2) {
+      uint16_t h;
+      std::memcpy(&h, &result[i], 2);
+      ASSERT_EQ(h, i < 30 * 6 ? fill : 0) << i;
+    }
+  }
+}
+
+struct FailureRow {
+  bool inFlow;
+  int32_t code;
+  const char* message;  // null: none
+};
+
+class DriverFailures : public DriverCalls, public testing::WithParamInterface<FailureRow> {};
+
+TEST_P(DriverFailures, MessageResultAndPause) {
+  const FailureRow& row = GetParam();
+  for (int32_t format : {24, 48, 49}) {
+    SCOPED_TRACE(format);
+    sparkhost::Reset();
+    Setup(format, 30, 22, format == 49 ? 0 : 4);
+    SparkMemoryTempBuffers();
+    gFake = FakeCalls();
+    (row.inFlow ? gFake.flowCode : gFake.blurCode) = row.code;
+    gClearedAtPause.clear();
+    Pauses().clear();
+    SparkBoolean2.value = 1;
+    MarkResult();
+    spark_info_struct info = Begin(3);
+    EXPECT_EQ(SparkProcess(info), Result());
+    std::vector<std::string> want;
+    if (row.message) want.push_back(row.message);
+    EXPECT_EQ(Messages(), want);
+    if (row.message) {
+      EXPECT_EQ(Pauses(), std::vector<uint32_t>{1});
+      EXPECT_EQ(gClearedAtPause, std::vector<bool>{true});  // cleared before the message
+    } else {
+      EXPECT_TRUE(Pauses().empty());
+    }
+    // Clean-up on every path: the estimator destroyed, the back frame reloaded.
+    EXPECT_EQ(gFake.order.back(), "destroy");
+    EXPECT_EQ(gFake.destroyed.size(), 1u);
+    EXPECT_EQ(gFake.order.size(), row.inFlow ? 3u : 4u);
+    std::vector<sparkhost::GetFrameCall> calls = sparkhost::GetFrameCalls();
+    ASSERT_EQ(calls.size(), 3u);
+    EXPECT_EQ(calls[2].clip, 1);
+    EXPECT_EQ(calls[2].frame, 3);
+    // What the result holds afterwards.
+    std::vector<uint8_t> result = plugintest::ResultPixels();
+    if (format == 49) {
+      // Always packed back from the output plane, over a cleared result too: zeros, or
+      // the fake's first row once the render has run.
+      bool written = !row.inFlow;
+      uint16_t fill = SparkFloatToHalf(0x3C / 255.0f);
+      for (size_t i = 0; i < result.size(); i += 2) {
+        uint16_t h;
+        std::memcpy(&h, &result[i], 2);
+        ASSERT_EQ(h, i < 30 * 6 && written ? fill : 0) << i;
+      }
+    } else if (row.message) {
+      EXPECT_TRUE(ResultIs(true, info.FrameBytes));
+    } else if (row.inFlow) {
+      EXPECT_TRUE(ResultIs(false, info.FrameBytes));
+    } else {
+      size_t rowUsed = 30 * (format == 24 ? 3 : 6);
+      for (size_t i = 0; i < result.size(); ++i)
+        ASSERT_EQ(result[i], i < rowUsed ? 0x3C : kUntouched) << i;
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Plugin, DriverFailures,
+    testing::Values(FailureRow{true, 1, "Cannot process image flow due to out of memory error"},
+                    FailureRow{true, 5, "Cannot process image flow due to parameter error"},
+                    FailureRow{true, 6, nullptr}, FailureRow{true, 2, nullptr},
+                    FailureRow{false, 1, "Cannot process image blur due to out of memory error"},
+                    FailureRow{false, 5, "Cannot process image blur due to parameter error"},
+                    FailureRow{false, 6, nullptr}, FailureRow{false, 7, nullptr}),
+    [](const testing::TestParamInfo<FailureRow>& info) {
+      return std::string(info.param.inFlow ? "flow" : "blur") + std::to_string(info.param.code);
+    });
+
+// The flow and render calls on their own.
+TEST(SparkFlowCalls, SizeMismatchesAreParameterErrorsBeforeAnythingIsWrapped) {
+  uint8_t a[4 * 4 * 3] = {}, b[4 * 5 * 3] = {};
+  uint8_t dst[4 * 5 * 3];
+  std::memset(dst, kUntouched, sizeof dst);
+  EXPECT_EQ(CalculateFlow(nullptr, a, 4, 4, 12, 1, b, 4, 5, 12, 1, 0, false, 0.7f, 65535.0f), 5);
+  EXPECT_EQ(CalculateFlow(nullptr, a, 4, 4, 12, 1, b, 5, 4, 15, 1, 0, false, 0.7f, 65535.0f), 5);
+  EXPECT_EQ(RenderBlur(nullptr, dst, 4, 5, 12, 1, a, 4, 4, 12, 1, 0, 0.5f, 65535.0f), 5);
+  EXPECT_EQ(RenderBlur(nullptr, dst, 4, 5, 12, 1, a, 5, 5, 15, 1, 0, 0.5f, 65535.0f), 5);
+  for (uint8_t v : dst) ASSERT_EQ(v, kUntouched);
+  // Same sizes but no estimator: what a failed build means.
+  EXPECT_EQ(CalculateFlow(nullptr, a, 4, 4, 12, 1, a, 4, 4, 12, 1, 0, false, 0.7f, 65535.0f), 1);
+  EXPECT_EQ(RenderBlur(nullptr, dst, 4, 5, 12, 1, b, 4, 5, 12, 1, 0, 0.5f, 65535.0f), 1);
+  DestroyFlowEstimator(nullptr);
+}
+
+TEST(SparkFlowCalls, EstimatorModes) {
+  for (int32_t mode : {-1, 3, 4}) EXPECT_EQ(CreateFlowEstimator(64, 48, mode), nullptr) << mode;
+  for (int32_t mode : {0, 1, 2}) {
+    PLOpticalFlowUChar* e = CreateFlowEstimator(64, 48, mode);
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->workWidth, 64 >> mode);
+    EXPECT_EQ(e->workHeight, 48 >> mode);
+    EXPECT_EQ(e->useHints, 0);
+    EXPECT_EQ(e->useMasks, 0);
+    EXPECT_EQ(e->minLevelSize, 12);
+    DestroyFlowEstimator(e);
+  }
+  NuvMemSetHooks(nullptr, NoMemory, NoFree);
+  EXPECT_EQ(CreateFlowEstimator(64, 48, 1), nullptr);
+  NuvMemSetHooks(nullptr, nullptr, nullptr);
+}
+
+}  // namespace

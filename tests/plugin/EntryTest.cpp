@@ -1,0 +1,175 @@
+// flowblur tests: the exported controls and the entry points around frames.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#include "host/SparkHost.h"
+#include "shell/SparkDriver.h"
+#include "shell/spark.h"
+#include "tests/plugin/PluginTestSupport.h"
+
+namespace {
+
+using plugintest::PluginTest;
+
+TEST(SparkControls, InitialContents) {
+  EXPECT_EQ(SparkFloat0.value, 0.5f);
+  EXPECT_EQ(SparkFloat0.minimum, -2.0f);
+  EXPECT_EQ(SparkFloat0.maximum, 10.0f);
+  EXPECT_EQ(SparkFloat0.increment, 0.05f);
+  EXPECT_STREQ(SparkFloat0.title, "Amount of Blur %5.2f");
+  EXPECT_EQ(SparkFloat0.reserved1, nullptr);
+  for (uint8_t b : SparkFloat0.reserved0) EXPECT_EQ(b, 0);
+
+  EXPECT_EQ(SparkPup1.value, 0);
+  EXPECT_EQ(SparkPup1.count, 2);
+  EXPECT_EQ(SparkPup1.reserved, nullptr);
+  EXPECT_STREQ(SparkPup1.titles[0], "Best Quality");
+  EXPECT_STREQ(SparkPup1.titles[1], "Draft Quality");
+  for (int i = 2; i < kSparkPupTitles; ++i) EXPECT_EQ(SparkPup1.titles[i], nullptr) << i;
+
+  EXPECT_EQ(SparkBoolean2.value, 0);
+  EXPECT_STREQ(SparkBoolean2.title, "Motion From Back");
+  EXPECT_EQ(SparkBoolean2.reserved1, nullptr);
+  for (uint8_t b : SparkBoolean2.reserved0) EXPECT_EQ(b, 0);
+
+  // The title that the host prints the value into.
+  char text[64];
+  std::snprintf(text, sizeof text, SparkFloat0.title, static_cast<double>(SparkFloat0.value));
+  EXPECT_STREQ(text, "Amount of Blur  0.50");
+}
+
+TEST(SparkControls, HostSeesTheValuesAtTheirBytePositions) {
+  const uint8_t* f = reinterpret_cast<const uint8_t*>(&SparkFloat0);
+  float v;
+  std::memcpy(&v, f + 8, 4);
+  EXPECT_EQ(v, 10.0f);
+  const char* title;
+  std::memcpy(&title, f + 24, sizeof title);
+  EXPECT_EQ(title, SparkFloat0.title);
+  const uint8_t* p = reinterpret_cast<const uint8_t*>(&SparkPup1);
+  int32_t count;
+  std::memcpy(&count, p + 4, 4);
+  EXPECT_EQ(count, 2);
+  std::memcpy(&title, p + 16 + 8, sizeof title);
+  EXPECT_STREQ(title, "Draft Quality");
+  const uint8_t* b = reinterpret_cast<const uint8_t*>(&SparkBoolean2);
+  std::memcpy(&title, b + 8, sizeof title);
+  EXPECT_STREQ(title, "Motion From Back");
+}
+
+TEST_F(PluginTest, InitialiseTestsTheVersionAndAlwaysRestoresTheSetup) {
+  struct Case {
+    float version;
+    bool told;
+  };
+  const Case cases[] = {
+      {4.0f, false}, {4.5f, false}, {std::nextafter(4.0f, 0.0f), true},
+      {3.0f, true},  {-1.0f, true}, {std::numeric_limits<float>::quiet_NaN(), false}};
+  for (const Case& c : cases) {
+    sparkhost::Reset();
+    sparkhost::SetAPIVersion(c.version);
+    spark_info_struct info{};
+    info.FrameNo = 1234;
+    EXPECT_EQ(SparkInitialise(info), 1);
+    std::vector<sparkhost::Note> notes = sparkhost::Notes();
+    if (c.told) {
+      ASSERT_EQ(notes.size(), 1u) << c.version;
+      EXPECT_EQ(notes[0].kind, sparkhost::Note::kError);
+      EXPECT_EQ(notes[0].text, "The version doesn't support this plug-in");
+    } else {
+      EXPECT_TRUE(notes.empty()) << c.version;
+    }
+    std::vector<sparkhost::SetupCall> setups = sparkhost::SetupCalls();
+    ASSERT_EQ(setups.size(), 1u);
+    EXPECT_FALSE(setups[0].save);
+    EXPECT_NE(setups[0].info, nullptr);
+    EXPECT_EQ(setups[0].copy.FrameNo, 1234);
+    EXPECT_EQ(sparkhost::Calls().apiVersion, 1);
+  }
+}
+
+TEST_F(PluginTest, ControlsSurviveUnInitialiseAndInitialise) {
+  sparkhost::AddSetupValue("SparkFloat0", &SparkFloat0, sizeof SparkFloat0);
+  sparkhost::AddSetupValue("SparkBoolean2", &SparkBoolean2, sizeof SparkBoolean2);
+  SparkFloat0.value = 2.25f;
+  SparkBoolean2.value = 1;
+  spark_info_struct info{};
+  info.FrameNo = 77;
+  SparkUnInitialise(info);
+  std::vector<sparkhost::SetupCall> setups = sparkhost::SetupCalls();
+  ASSERT_EQ(setups.size(), 1u);
+  EXPECT_TRUE(setups[0].save);
+  EXPECT_EQ(setups[0].copy.FrameNo, 77);
+  SparkFloat0.value = 0.5f;
+  SparkBoolean2.value = 0;
+  SparkInitialise(info);
+  EXPECT_EQ(SparkFloat0.value, 2.25f);
+  EXPECT_EQ(SparkBoolean2.value, 1);
+}
+
+TEST_F(PluginTest, SmallEntryPoints) {
+  spark_info_struct info{};
+  (void)info;
+  EXPECT_EQ(SparkClips(), 2);
+  EXPECT_EQ(SparkProcessStart(), 1);
+  // SetUp registered the first temporary buffer.
+  EXPECT_EQ(TempBufferId, sparkhost::kFirstTempBuffer);
+  SparkMemoryTempBuffers();
+  EXPECT_EQ(TempBufferId, sparkhost::kFirstTempBuffer + 1);
+  EXPECT_EQ(sparkhost::RegisteredBuffers(), 2);
+  EXPECT_EQ(sparkhost::Calls().registerBuffer, 2);
+}
+
+TEST(SparkFormats, OnlyTheFiveFormatsAreSupported) {
+  for (int format = -300; format <= 300; ++format) {
+    bool want = format == 24 || format == 25 || format == 48 || format == 49 || format == 64;
+    EXPECT_EQ(SparkIsInputFormatSupported(format), want) << format;
+  }
+  EXPECT_FALSE(SparkIsInputFormatSupported(std::numeric_limits<int>::min()));
+  EXPECT_FALSE(SparkIsInputFormatSupported(std::numeric_limits<int>::max()));
+}
+
+TEST_F(PluginTest, CallbackProcessesAndRedrawsOnlyForReasonOne) {
+  sparkhost::SetClip(0, plugintest::Layout(8, 8, 26), 2);  // a format nothing processes
+  sparkhost::SetClip(1, plugintest::Layout(8, 8, 26), 2);
+  for (int reason : {0, 2, -1, 100}) {
+    spark_info_struct info = sparkhost::BeginFrame(0);
+    EXPECT_EQ(sparkCallback(reason, info), nullptr) << reason;
+  }
+  EXPECT_EQ(sparkhost::Calls().cursorBusy, 0);
+  EXPECT_EQ(sparkhost::Calls().viewingDraw, 0);
+
+  spark_info_struct info = sparkhost::BeginFrame(0);
+  EXPECT_EQ(sparkCallback(1, info), sparkhost::BufferPixels(sparkhost::kResultBuffer));
+  EXPECT_EQ(sparkhost::Calls().cursorBusy, 1);
+  EXPECT_EQ(sparkhost::Calls().viewingDraw, 1);
+
+  // A null from SparkProcess is handed on, and the viewer is redrawn all the same.
+  sparkhost::FailGetBuffer(sparkhost::kResultBuffer);
+  EXPECT_EQ(sparkCallback(1, info), nullptr);
+  EXPECT_EQ(sparkhost::Calls().cursorBusy, 2);
+  EXPECT_EQ(sparkhost::Calls().viewingDraw, 2);
+}
+
+TEST(SparkFrame, PixelCountIsMultipliedIn32Bits) {
+  int32_t w = Width, h = Height;
+  Width = 1920;
+  Height = 1080;
+  EXPECT_EQ(NuvMPSparkGetNumberOfFramePixels(), 2073600);
+  Width = 50000;
+  Height = 50000;
+  EXPECT_EQ(NuvMPSparkGetNumberOfFramePixels(), 2500000000LL - 4294967296LL);
+  Width = 65536;
+  Height = 65536;
+  EXPECT_EQ(NuvMPSparkGetNumberOfFramePixels(), 0);
+  Width = -3;
+  Height = 7;
+  EXPECT_EQ(NuvMPSparkGetNumberOfFramePixels(), -21);
+  Width = w;
+  Height = h;
+}
+
+}  // namespace

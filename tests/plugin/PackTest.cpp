@@ -1,0 +1,253 @@
+// flowblur tests: half/float conversions and the packing workers between host frames and
+// working buffers.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <vector>
+
+#include "host/SparkHost.h"
+#include "shell/SparkPack.h"
+#include "tests/plugin/PluginTestSupport.h"
+#include "tests/support/PLTestWorkers.h"
+
+namespace {
+
+uint32_t Bits(float f) {
+  uint32_t b;
+  std::memcpy(&b, &f, 4);
+  return b;
+}
+float FromBits(uint32_t b) {
+  float f;
+  std::memcpy(&f, &b, 4);
+  return f;
+}
+
+// The value a half stands for, worked out in double from its definition.
+double HalfValue(uint16_t h) {
+  int e = (h >> 10) & 31, m = h & 1023;
+  double v = e == 0 ? std::ldexp(m, -24) : std::ldexp(1024 + m, e - 25);
+  return (h & 0x8000) ? -v : v;
+}
+
+TEST(SparkHalf, EveryHalfConvertsExactlyToFloat) {
+  for (uint32_t h = 0; h < 65536; ++h) {
+    float f = SparkHalfToFloat(static_cast<uint16_t>(h));
+    int e = (h >> 10) & 31;
+    if (e == 31) {  // infinities and NaNs keep their bits
+      uint32_t want = ((h & 0x8000u) << 16) | 0x7F800000u | ((h & 0x3FFu) << 13);
+      ASSERT_EQ(Bits(f), want) << std::hex << h;
+    } else {
+      ASSERT_EQ(static_cast<double>(f), HalfValue(static_cast<uint16_t>(h))) << std::hex << h;
+      ASSERT_EQ(std::signbit(f), (h & 0x8000u) != 0) << std::hex << h;
+    }
+  }
+}
+
+TEST(SparkHalf, EveryHalfComesBackExceptNegativeZero) {
+  for (uint32_t h = 0; h < 65536; ++h) {
+    uint16_t back = SparkFloatToHalf(SparkHalfToFloat(static_cast<uint16_t>(h)));
+    // -0.0 has a biased exponent of 0 and so falls under the sign-dropping branch.
+    uint16_t want = h == 0x8000 ? 0 : static_cast<uint16_t>(h);
+    ASSERT_EQ(back, want) << std::hex << h;
+  }
+}
+
+// Between two neighbouring halves the float rounds on bit 12: the midpoint goes away from
+// zero, a float one step nearer zero goes down.
+TEST(SparkHalf, RoundsToNearestWithTiesAwayFromZero) {
+  for (uint32_t h = 0; h < 0x7C00; ++h) {
+    float lo = SparkHalfToFloat(static_cast<uint16_t>(h));
+    double hiValue = h == 0x7BFF ? 65536.0 : HalfValue(static_cast<uint16_t>(h + 1));
+    float mid = static_cast<float>((lo + hiValue) / 2.0);
+    ASSERT_EQ(static_cast<double>(mid), (lo + hiValue) / 2.0);  // exact in float
+    float below = std::nextafter(mid, 0.0f);
+    float above = std::nextafter(mid, 1e30f);
+    uint16_t up = static_cast<uint16_t>(h + 1);  // 0x7C00 past the largest: infinity
+    ASSERT_EQ(SparkFloatToHalf(mid), up) << std::hex << h;
+    ASSERT_EQ(SparkFloatToHalf(above), up) << std::hex << h;
+    ASSERT_EQ(SparkFloatToHalf(below), h) << std::hex << h;
+    ASSERT_EQ(SparkFloatToHalf(lo), h) << std::hex << h;
+    // Negative: the same with the sign, except that magnitudes below 2^-25 give +0.
+    ASSERT_EQ(SparkFloatToHalf(-mid), 0x8000 | up) << std::hex << h;
+    uint16_t negBelow = std::fabs(below) < std::ldexp(1.0, -25) ? 0 : (0x8000 | h);
+    ASSERT_EQ(SparkFloatToHalf(-below), negBelow) << std::hex << h;
+  }
+}
+
+TEST(SparkHalf, NamedValues) {
+  EXPECT_EQ(SparkHalfToFloat(0x0001), std::ldexp(1.0f, -24));
+  EXPECT_EQ(SparkFloatToHalf(std::ldexp(1.0f, -24)), 0x0001);
+  EXPECT_EQ(SparkFloatToHalf(65520.0f), 0x7C00);
+  EXPECT_EQ(SparkFloatToHalf(65504.0f), 0x7BFF);
+  EXPECT_EQ(SparkFloatToHalf(1e10f), 0x7C00);
+  EXPECT_EQ(SparkFloatToHalf(-1e10f), 0xFC00);
+  EXPECT_EQ(SparkFloatToHalf(std::numeric_limits<float>::infinity()), 0x7C00);
+  EXPECT_EQ(SparkFloatToHalf(-std::numeric_limits<float>::infinity()), 0xFC00);
+  EXPECT_EQ(SparkFloatToHalf(1.0f), 0x3C00);
+  EXPECT_EQ(SparkFloatToHalf(-2.0f), 0xC000);
+  // A NaN whose top ten mantissa bits are clear stays a NaN, with mantissa 1.
+  EXPECT_EQ(SparkFloatToHalf(FromBits(0x7F800001u)), 0x7C01);
+  EXPECT_EQ(SparkFloatToHalf(FromBits(0xFF801FFFu)), 0xFC01);
+  EXPECT_EQ(SparkFloatToHalf(FromBits(0x7FC00000u)), 0x7E00);
+  // Tiny negatives lose their sign below 2^-25 only; -0.0 does too.
+  EXPECT_EQ(SparkFloatToHalf(-1e-30f), 0x0000);
+  EXPECT_EQ(SparkFloatToHalf(-0.0f), 0x0000);
+  EXPECT_EQ(SparkFloatToHalf(-std::ldexp(1.0f, -25)), 0x8001);
+  EXPECT_EQ(SparkFloatToHalf(-std::ldexp(1.0f, -26)), 0x0000);
+  // Rounding up into the smallest normal half needs no special case.
+  EXPECT_EQ(SparkFloatToHalf(std::ldexp(1023.5f, -24)), 0x0400);
+}
+
+class SparkPack : public plugintest::PluginTest {
+ protected:
+  spark_info_struct Info(int32_t format) {
+    spark_info_struct info{};
+    info.FormatCode = format;
+    return info;
+  }
+};
+
+constexpr int32_t kPixels = 1001;  // not a multiple of 2, 3 or 8 processors
+
+std::vector<uint8_t> Pattern(size_t bytes, uint32_t seed) {
+  std::vector<uint8_t> v(bytes);
+  uint32_t s = seed;
+  for (uint8_t& b : v) {
+    s = s * 1664525u + 1013904223u;
+    b = static_cast<uint8_t>(s >> 24);
+  }
+  return v;
+}
+
+uint16_t Word(const std::vector<uint8_t>& v, size_t index) {
+  uint16_t w;
+  std::memcpy(&w, &v[index * 2], 2);
+  return w;
+}
+
+TEST_F(SparkPack, Combine8BitTakesChannelsThenMatteAndUncombineDropsMatte) {
+  sparkhost::SetFramePixels(kPixels);
+  std::vector<uint8_t> frame = Pattern(kPixels * 3, 1), matte = Pattern(kPixels * 3, 2);
+  for (int32_t format : {24, 25}) {
+    std::vector<uint8_t> combined(kPixels * 4, 0xEE);
+    EXPECT_EQ(sparkCombineBuffers(Info(format), combined.data(), frame.data(), matte.data()), 1);
+    for (int32_t k = 0; k < kPixels; ++k) {
+      ASSERT_EQ(combined[k * 4 + 0], frame[k * 3 + 0]);
+      ASSERT_EQ(combined[k * 4 + 1], frame[k * 3 + 1]);
+      ASSERT_EQ(combined[k * 4 + 2], frame[k * 3 + 2]);
+      ASSERT_EQ(combined[k * 4 + 3], matte[k * 3 + 0]) << k;
+    }
+    std::vector<uint8_t> back(kPixels * 3, 0x11);
+    EXPECT_EQ(sparkUnCombineBuffers(Info(format), back.data(), combined.data()), 1);
+    EXPECT_EQ(back, frame);
+  }
+}
+
+TEST_F(SparkPack, SixteenBitGoesThroughTwelveBitsAndKeepsTheFrameLowBits) {
+  sparkhost::SetFramePixels(kPixels);
+  std::vector<uint8_t> frame = Pattern(kPixels * 6, 3), matte = Pattern(kPixels * 6, 4);
+  for (int32_t format : {48, 64}) {
+    std::vector<uint8_t> combined(kPixels * 8);
+    sparkCombineBuffers(Info(format), combined.data(), frame.data(), matte.data());
+    for (int32_t k = 0; k < kPixels; ++k) {
+      for (int c = 0; c < 3; ++c) ASSERT_EQ(Word(combined, k * 4 + c), Word(frame, k * 3 + c) >> 4);
+      ASSERT_EQ(Word(combined, k * 4 + 3), Word(matte, k * 3) >> 4);
+    }
+    // Into a frame that holds other values: the top 12 bits come from the combined buffer,
+    // the low 4 stay.
+    std::vector<uint8_t> target = Pattern(kPixels * 6, 5);
+    std::vector<uint8_t> before = target;
+    sparkUnCombineBuffers(Info(format), target.data(), combined.data());
+    for (int32_t k = 0; k < kPixels * 3; ++k) {
+      uint16_t want = static_cast<uint16_t>((Word(frame, k) & 0xFFF0) | (Word(before, k) & 0xF));
+      ASSERT_EQ(Word(target, k), want) << k;
+    }
+    // And into the frame itself: unchanged.
+    std::vector<uint8_t> same = frame;
+    sparkUnCombineBuffers(Info(format), same.data(), combined.data());
+    EXPECT_EQ(same, frame);
+  }
+}
+
+TEST_F(SparkPack, HalfFramesBecomeFloatsAndBack) {
+  sparkhost::SetFramePixels(kPixels);
+  std::vector<uint8_t> frame = Pattern(kPixels * 6, 6), matte = Pattern(kPixels * 6, 7);
+  std::vector<uint8_t> viaCombine(kPixels * 12), via16F(kPixels * 12);
+  sparkCombineBuffers(Info(49), viaCombine.data(), frame.data(), matte.data());
+  // sparkCombine16FBuffers converts whatever FormatCode says.
+  EXPECT_EQ(sparkCombine16FBuffers(Info(24), via16F.data(), frame.data()), 1);
+  for (int32_t k = 0; k < kPixels * 3; ++k) {
+    float f;
+    std::memcpy(&f, &via16F[k * 4], 4);
+    ASSERT_EQ(Bits(f), Bits(SparkHalfToFloat(Word(frame, k)))) << k;
+  }
+  EXPECT_EQ(viaCombine, via16F);
+  std::vector<uint8_t> back(kPixels * 6);
+  sparkUnCombineBuffers(Info(49), back.data(), via16F.data());
+  for (int32_t k = 0; k < kPixels * 3; ++k) {
+    uint16_t h = Word(frame, k);
+    ASSERT_EQ(Word(back, k), h == 0x8000 ? 0 : h) << k;
+  }
+}
+
+TEST_F(SparkPack, UnknownFormatsAndNullPointersChangeNothing) {
+  sparkhost::SetFramePixels(kPixels);
+  std::vector<uint8_t> frame = Pattern(kPixels * 6, 8), matte = Pattern(kPixels * 6, 9);
+  std::vector<uint8_t> dst = Pattern(kPixels * 12, 10);
+  const std::vector<uint8_t> original = dst;
+  for (int32_t format : {0, 23, 26, 47, 50, 63, 65}) {
+    EXPECT_EQ(sparkCombineBuffers(Info(format), dst.data(), frame.data(), matte.data()), 1);
+    EXPECT_EQ(sparkUnCombineBuffers(Info(format), dst.data(), frame.data()), 1);
+  }
+  EXPECT_EQ(dst, original);
+  // The matte pointer is required even where it is not read.
+  EXPECT_EQ(sparkCombineBuffers(Info(49), dst.data(), frame.data(), nullptr), 1);
+  EXPECT_EQ(sparkCombineBuffers(Info(24), dst.data(), nullptr, matte.data()), 1);
+  EXPECT_EQ(sparkUnCombineBuffers(Info(24), dst.data(), nullptr), 1);
+  EXPECT_EQ(sparkCombine16FBuffers(Info(49), dst.data(), nullptr), 1);
+  EXPECT_EQ(dst, original);
+  EXPECT_EQ(sparkCombineBuffers(Info(24), nullptr, frame.data(), matte.data()), 1);
+  EXPECT_EQ(sparkUnCombineBuffers(Info(24), nullptr, dst.data()), 1);
+  EXPECT_EQ(sparkCombine16FBuffers(Info(49), nullptr, frame.data()), 1);
+  // Every fork reached the host; every worker asked for its range before giving up.
+  EXPECT_EQ(sparkhost::Calls().mpFork, 14 + 7);
+  EXPECT_TRUE(sparkhost::HostLog().empty());
+}
+
+TEST_F(SparkPack, AWorkerWithoutInfoReturnsBeforeAskingTheHost) {
+  sparkCombineBuffers_mp(nullptr);
+  sparkUnCombineBuffers_mp(nullptr);
+  sparkCombine16FBuffers_mp(nullptr);
+  EXPECT_EQ(sparkhost::Calls().mpInfo, 0);
+  EXPECT_TRUE(sparkhost::HostLog().empty());
+}
+
+// Each processor converts its own pixels; the whole frame comes out the same for any count.
+TEST_F(SparkPack, SameBytesForAnyProcessorCount) {
+  std::vector<uint8_t> halves = Pattern(kPixels * 6, 11), matte = Pattern(kPixels * 6, 12);
+  std::vector<uint8_t> floats1, combined1, back1;
+  for (int32_t p : kPLTestWorkerCounts) {
+    sparkhost::SetProcessors(p);
+    sparkhost::SetFramePixels(kPixels);
+    std::vector<uint8_t> floats(kPixels * 12), combined(kPixels * 8), back(kPixels * 6, 0);
+    sparkCombine16FBuffers(Info(49), floats.data(), halves.data());
+    sparkCombineBuffers(Info(48), combined.data(), halves.data(), matte.data());
+    sparkUnCombineBuffers(Info(49), back.data(), floats.data());
+    if (p == 1) {
+      floats1 = floats;
+      combined1 = combined;
+      back1 = back;
+      continue;
+    }
+    EXPECT_EQ(floats, floats1) << p;
+    EXPECT_EQ(combined, combined1) << p;
+    EXPECT_EQ(back, back1) << p;
+  }
+  EXPECT_EQ(Word(back1, kPixels * 3 - 1),
+            Word(halves, kPixels * 3 - 1) == 0x8000 ? 0 : Word(halves, kPixels * 3 - 1));
+}
+
+}  // namespace
