@@ -1,0 +1,288 @@
+// flowblur: tests of the quality harness's ground truth: true blurs of still and translating
+// scenes against their closed forms, frame coding, PSNR and endpoint error.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+#include "bench/GroundTruth.h"
+
+namespace flowblur {
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+
+// A pixel-cell pattern: the value of cell i, deterministic and irregular.
+double Cell(int64_t i, int32_t c) {
+  uint32_t h = static_cast<uint32_t>(i) * 0x9E3779B1u + static_cast<uint32_t>(c) * 0x85EBCA77u;
+  h ^= h >> 15;
+  h *= 0x2C1B3C6Du;
+  h ^= h >> 12;
+  return (h & 0xFFu) / 255.0;
+}
+
+// Textured, but the same at every time.
+class StillScene : public QualityScene {
+ public:
+  int32_t Width() const override { return 37; }
+  int32_t Height() const override { return 23; }
+  void Sample(double, double x, double y, float rgb[3]) const override {
+    for (int c = 0; c < 3; ++c)
+      rgb[c] = static_cast<float>(0.5 + 0.4 * std::sin(0.7 * x + 1.3 * y + c) * Cell(int64_t(x), c));
+  }
+  void Motion(double, std::vector<float>* uv) const override {
+    uv->assign(static_cast<size_t>(Width()) * Height() * 2, 0.0f);
+  }
+};
+
+// Cells one pixel wide translating along x (or y) at `speed` pixels a frame: the value at
+// (x, y, t) is Cell(floor(p - speed t)), p the coordinate along the motion.
+class CellScene : public QualityScene {
+ public:
+  CellScene(double speed, bool vertical) : speed_(speed), vertical_(vertical) {}
+  int32_t Width() const override { return 41; }
+  int32_t Height() const override { return 19; }
+  void Sample(double t, double x, double y, float rgb[3]) const override {
+    double p = vertical_ ? y : x;
+    int64_t cell = static_cast<int64_t>(std::floor(p - speed_ * t));
+    for (int c = 0; c < 3; ++c) rgb[c] = static_cast<float>(Cell(cell, c));
+  }
+  void Motion(double, std::vector<float>* uv) const override {
+    uv->assign(static_cast<size_t>(Width()) * Height() * 2, 0.0f);
+    for (size_t i = 0; i < uv->size(); i += 2) (*uv)[i + (vertical_ ? 1 : 0)] = float(speed_);
+  }
+  // The closed form: the mean over the shutter of Cell(floor(s)) for s from p - speed t1 to
+  // p - speed t0, i.e. the integral of the piecewise-constant pattern divided by its length.
+  double Analytic(double p, double t0, double t1, int32_t c) const {
+    double lo = std::min(p - speed_ * t1, p - speed_ * t0);
+    double hi = std::max(p - speed_ * t1, p - speed_ * t0);
+    double sum = 0.0;
+    for (int64_t i = static_cast<int64_t>(std::floor(lo)); i < hi; ++i) {
+      double a = std::max(lo, double(i)), b = std::min(hi, double(i + 1));
+      if (b > a) sum += (b - a) * Cell(i, c);
+    }
+    return sum / (hi - lo);
+  }
+
+ private:
+  double speed_;
+  bool vertical_;
+};
+
+// A horizontal sinusoid of period `period` pixels moving at `speed` pixels a frame.
+class WaveScene : public QualityScene {
+ public:
+  WaveScene(double period, double speed) : k_(2.0 * kPi / period), speed_(speed) {}
+  int32_t Width() const override { return 53; }
+  int32_t Height() const override { return 3; }
+  void Sample(double t, double x, double, float rgb[3]) const override {
+    for (int c = 0; c < 3; ++c)
+      rgb[c] = static_cast<float>(0.5 + 0.4 * std::sin(k_ * (x - speed_ * t) + c));
+  }
+  void Motion(double, std::vector<float>* uv) const override { uv->clear(); }
+  // Mean of sin(k (x - v t) + c) over t0..t1, in closed form.
+  double Analytic(double x, double t0, double t1, int32_t c) const {
+    double a = k_ * (x - speed_ * t1) + c, b = k_ * (x - speed_ * t0) + c;
+    return 0.5 + 0.4 * (std::cos(a) - std::cos(b)) / (b - a);
+  }
+  // How far the mean of n mid-slice samples can be from the integral: the sinusoid's phase
+  // spans theta over the shutter, and the midpoint rule's relative error on it is below
+  // theta^2 / (24 n^2); the amplitude is 0.4.
+  double MidpointBound(double open, int32_t n) const {
+    double theta = k_ * speed_ * open;
+    return 0.4 * theta * theta / (24.0 * n * n);
+  }
+
+ private:
+  double k_, speed_;
+};
+
+// Rounding of a float store of a value in 0..1 summed in double: half an ulp at 1.
+constexpr double kFloatRounding = 6e-8;
+
+std::vector<float> TrueBlur(const QualityScene& scene, double frame, double amount,
+                            int32_t threads = 1, int32_t subframes = kTrueBlurSubframes) {
+  std::vector<float> out(static_cast<size_t>(scene.Width()) * scene.Height() * 3);
+  RenderTrueBlur(scene, frame, amount, subframes, threads, out.data());
+  return out;
+}
+
+std::vector<float> Frame(const QualityScene& scene, double t) {
+  std::vector<float> out(static_cast<size_t>(scene.Width()) * scene.Height() * 3);
+  RenderSceneFrame(scene, t, 1, out.data());
+  return out;
+}
+
+TEST(TrueBlur, StillSceneBlursToItself) {
+  StillScene scene;
+  std::vector<float> frame = Frame(scene, 4.0);
+  for (double amount : {0.0, 0.5, 1.0, 3.0}) {
+    std::vector<float> blurred = TrueBlur(scene, 4.0, amount);
+    // 64 equal floats summed in double and divided by 64 are exact.
+    EXPECT_EQ(blurred, frame) << "amount " << amount;
+  }
+}
+
+TEST(TrueBlur, ZeroAmountIsTheFrameOfAMovingScene) {
+  CellScene scene(37.25, false);
+  EXPECT_EQ(TrueBlur(scene, 2.0, 0.0), Frame(scene, 2.0));
+}
+
+// Shutter of 0.5 frame at 128 px a frame: 64 slices of exactly one pixel each, so the mean of
+// the sub-frames is the box integral of the cells, which the closed form computes on its own.
+class TranslatingCells : public ::testing::TestWithParam<bool> {};
+
+TEST_P(TranslatingCells, MatchTheAnalyticBoxAverage) {
+  const bool vertical = GetParam();
+  for (double frame : {0.0, 3.0}) {
+    for (double speed : {128.0, -128.0}) {
+      CellScene scene(speed, vertical);
+      std::vector<float> blurred = TrueBlur(scene, frame, 0.5, 2);
+      double worst = 0.0;
+      for (int32_t y = 0; y < scene.Height(); ++y)
+        for (int32_t x = 0; x < scene.Width(); ++x)
+          for (int32_t c = 0; c < 3; ++c) {
+            double want = scene.Analytic(vertical ? y : x, frame - 0.25, frame + 0.25, c);
+            double got = blurred[(static_cast<size_t>(y) * scene.Width() + x) * 3 + c];
+            worst = std::max(worst, std::fabs(got - want));
+          }
+      EXPECT_LE(worst, kFloatRounding) << "frame " << frame << " speed " << speed;
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(BothAxes, TranslatingCells, ::testing::Values(false, true));
+
+// A sub-pixel speed and other amounts: within the midpoint rule's bound of the closed form. A
+// shutter of the wrong length or off centre misses by far more (checked on the way).
+TEST(TrueBlur, TranslatingWaveMatchesTheClosedFormMean) {
+  WaveScene scene(23.0, 13.7);
+  for (double amount : {0.25, 0.5, 1.0, 2.0}) {
+    const double frame = 5.0;
+    std::vector<float> blurred = TrueBlur(scene, frame, amount);
+    const double bound = scene.MidpointBound(amount, kTrueBlurSubframes) + kFloatRounding;
+    double worst = 0.0, worstShifted = 0.0;
+    for (int32_t x = 0; x < scene.Width(); ++x)
+      for (int32_t c = 0; c < 3; ++c) {
+        double got = blurred[static_cast<size_t>(x) * 3 + c];
+        worst = std::max(worst, std::fabs(got - scene.Analytic(x, frame - amount / 2,
+                                                               frame + amount / 2, c)));
+        worstShifted =
+            std::max(worstShifted, std::fabs(got - scene.Analytic(x, frame, frame + amount, c)));
+      }
+    EXPECT_LE(worst, bound) << "amount " << amount;
+    EXPECT_GT(worstShifted, 100 * bound) << "amount " << amount;
+  }
+}
+
+TEST(TrueBlur, RowBandsDoNotChangeTheResult) {
+  DemoScene scene(96, 54);
+  std::vector<float> one = TrueBlur(scene, 2.0, 0.5, 1, 8);
+  for (int32_t threads : {2, 3, 8}) EXPECT_EQ(TrueBlur(scene, 2.0, 0.5, threads, 8), one);
+}
+
+TEST(DemoScene, StepKeepsMotionPerFrameWhateverTheSize) {
+  for (int32_t width : {480, 960, 1920}) {
+    DemoScene scene(width, width * 9 / 16);
+    double du, dv, bu, bv;
+    scene.Clip().DiscVelocity(&du, &dv);
+    scene.Clip().BackgroundVelocity(&bu, &bv);
+    EXPECT_NEAR(du * scene.Step(), 30.0, 1e-9) << width;
+    EXPECT_NEAR(bu * scene.Step(), -5.0, 1e-9) << width;
+    // The reported motion is per scene frame too.
+    DemoScene small(width / 8, width * 9 / 128);
+    std::vector<float> uv;
+    small.Motion(1.0, &uv);
+    EXPECT_NEAR(uv[0], -5.0, 1e-5) << width;  // top-left corner: background
+    // And the picture agrees: the background at t + 1 is the one at t moved by the motion.
+    float a[3], b[3];
+    small.Sample(1.0, 3.0, 2.0, a);
+    small.Sample(2.0, 3.0 + uv[0], 2.0 + uv[1], b);
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(a[c], b[c], 1e-5) << width;
+  }
+}
+
+TEST(HostFrames, CodingRoundsAndRoundTrips) {
+  const float values[6] = {0.0f, 1.0f, 0.5f, 1.0f / 255.0f, -0.25f, 1.5f};
+  uint8_t bytes[6];
+  ASSERT_TRUE(EncodeHostFrame(values, 2, 24, bytes));
+  const uint8_t want8[6] = {0, 255, 128, 1, 0, 255};
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(bytes[i], want8[i]) << i;
+  uint16_t words[6];
+  ASSERT_TRUE(EncodeHostFrame(values, 2, 48, words));
+  const uint16_t want16[6] = {0, 65535, 32768, 257, 0, 65535};
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(words[i], want16[i]) << i;
+  float back[6];
+  ASSERT_TRUE(DecodeHostFrame(bytes, 2, 24, back));
+  EXPECT_FLOAT_EQ(back[2], 128.0f / 255.0f);
+  EXPECT_FALSE(EncodeHostFrame(values, 2, 32, bytes));
+  EXPECT_EQ(HostBytesPerPixel(49), 6);
+  EXPECT_EQ(HostBytesPerPixel(25), 3);
+  EXPECT_EQ(HostBytesPerPixel(7), 0);
+}
+
+TEST(HostFrames, HalfFloatsRoundToNearestEven) {
+  // Every half converts to float and back to itself (NaNs stay NaNs).
+  for (uint32_t h = 0; h < 65536; ++h) {
+    float f = HalfToFloat(static_cast<uint16_t>(h));
+    if (std::isnan(f)) {
+      EXPECT_TRUE(std::isnan(HalfToFloat(FloatToHalf(f)))) << h;
+      continue;
+    }
+    ASSERT_EQ(FloatToHalf(f), h) << h;
+  }
+  EXPECT_EQ(FloatToHalf(1.0f), 0x3C00);
+  EXPECT_EQ(FloatToHalf(1.0f + 1.0f / 2048.0f), 0x3C00);  // tie to the even neighbour below
+  EXPECT_EQ(FloatToHalf(1.0f + 3.0f / 2048.0f), 0x3C02);  // tie to the even neighbour above
+  EXPECT_EQ(FloatToHalf(65519.0f), 0x7BFF);
+  EXPECT_EQ(FloatToHalf(65520.0f), 0x7C00);
+  EXPECT_EQ(FloatToHalf(std::ldexp(1.0f, -25)), 0x0000);  // tie between 0 and the least
+  EXPECT_EQ(FloatToHalf(std::ldexp(3.0f, -25)), 0x0002);
+}
+
+TEST(Measures, PsnrOfKnownErrors) {
+  std::vector<float> a(300, 0.5f), b(300, 0.5f);
+  EXPECT_TRUE(std::isinf(Psnr(a.data(), b.data(), a.size())));
+  for (float& v : b) v += 0.1f;  // MSE 0.01: 20 dB
+  EXPECT_NEAR(Psnr(a.data(), b.data(), a.size()), 20.0, 1e-4);
+  b = a;
+  b[0] = 1.5f;  // one error of 1 in 300: MSE 1/300
+  EXPECT_NEAR(Psnr(a.data(), b.data(), a.size()), 10.0 * std::log10(300.0), 1e-9);
+}
+
+TEST(Measures, EndpointErrorScalesTheWorkingGridToSourcePixels) {
+  // Source 9 x 5 moving (2, -1) px a frame; a working grid of 5 x 3 (ratios 2 and 2).
+  const int32_t w = 9, h = 5, fw = 5, fh = 3;
+  std::vector<float> truth(w * h * 2);
+  for (size_t i = 0; i < truth.size(); i += 2) {
+    truth[i] = 2.0f;
+    truth[i + 1] = -1.0f;
+  }
+  // A flow to the previous frame measures minus the motion, in working pixels: (-1, 0.5).
+  std::vector<float> flow(fw * fh * 2);
+  for (size_t i = 0; i < flow.size(); i += 2) {
+    flow[i] = -1.0f;
+    flow[i + 1] = 0.5f;
+  }
+  EXPECT_DOUBLE_EQ(AverageEndpointError(flow.data(), fw, fh, truth.data(), w, h, -1.0), 0.0);
+  // The wrong sign is off by twice the motion: sqrt(4^2 + 2^2).
+  EXPECT_NEAR(AverageEndpointError(flow.data(), fw, fh, truth.data(), w, h, 1.0),
+              std::sqrt(20.0), 1e-12);
+  // One working pixel off by (1.5, 2) working px = (3, 4) source px: 5 / 15 on average.
+  flow[2 * (1 * fw + 3)] += 1.5f;
+  flow[2 * (1 * fw + 3) + 1] += 2.0f;
+  EXPECT_NEAR(AverageEndpointError(flow.data(), fw, fh, truth.data(), w, h, -1.0), 5.0 / 15.0,
+              1e-12);
+  // The truth is read at the nearest source pixel of each working pixel: a truth that differs
+  // only at the source pixel under working pixel (3, 1), i.e. (6, 2), finds that pixel.
+  flow[2 * (1 * fw + 3)] -= 1.5f;
+  flow[2 * (1 * fw + 3) + 1] -= 2.0f;
+  truth[2 * (2 * w + 6)] = 5.0f;  // motion u 5 there: the flow misses by 3 source px
+  EXPECT_NEAR(AverageEndpointError(flow.data(), fw, fh, truth.data(), w, h, -1.0), 3.0 / 15.0,
+              1e-12);
+}
+
+}  // namespace
+}  // namespace flowblur
