@@ -13,6 +13,7 @@ namespace {
 
 using pltest::MakeImage;
 using pltest::PixelBytes;
+using pltest::ExpectSameForAllWorkers;
 using pltest::Sample;
 
 void SetPixel4(PLImage* im, int32_t x, int32_t y, float r, float g, float b, float m) {
@@ -360,32 +361,6 @@ TEST(ImageMatte, MembersMoveTheMatteMode) {
 }
 
 // ---- workers ----
-
-template <class Op>
-void ExpectSameForAllWorkers(const char* name, int32_t dstType, int32_t srcType,
-                             int32_t channels, Op op, bool padded = true) {
-  pltest::WorkerGuard guard;
-  for (pltest::Layout layout : pltest::kLayouts) {
-    if (!padded && (layout == pltest::kPadded || layout == pltest::kPaddedFlipped)) continue;
-    std::vector<unsigned char> reference;
-    for (int32_t workers : kPLTestWorkerCounts) {
-      PLTestUseWorkers(workers);
-      auto dst = MakeImage(23, 150, channels, dstType, layout);
-      auto src = MakeImage(23, 150, channels, srcType,
-                           layout == pltest::kFlipped ? pltest::kPadded : pltest::kFlipped);
-      pltest::FillRandom(dst.get(), 51, -1.0f, 1.0f);
-      pltest::FillRandom(src.get(), 52, 0.0f, 1.0f);
-      op(dst.get(), src.get());
-      auto bytes = PixelBytes(dst.get());
-      EXPECT_TRUE(pltest::PaddingIntact(dst)) << name << " " << pltest::LayoutName(layout);
-      if (workers == 1)
-        reference = bytes;
-      else
-        EXPECT_EQ(pltest::CountDiff(bytes, reference), 0u)
-            << name << " " << pltest::LayoutName(layout) << " workers " << workers;
-    }
-  }
-}
 
 TEST(ImageArithWorkers, EveryRowParallelOperationIsIndependentOfWorkers) {
   ExpectSameForAllWorkers("ScaleUShort", PLUShort, PLUShort, 4,

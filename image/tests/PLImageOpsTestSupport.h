@@ -107,4 +107,33 @@ struct WorkerGuard {
   ~WorkerGuard() { PLTestUseWorkers(1); }
 };
 
+// Runs `op(dst, src)` on fresh random images (150 rows, so that 8 workers split them) in
+// each layout of dst for every worker count, and expects the bytes of one worker, with the
+// padding of wrapped images untouched. `padded` false skips the padded layouts.
+template <class Op>
+void ExpectSameForAllWorkers(const char* name, int32_t dstType, int32_t srcType,
+                             int32_t channels, Op op, bool padded = true) {
+  WorkerGuard guard;
+  for (Layout layout : kLayouts) {
+    if (!padded && (layout == kPadded || layout == kPaddedFlipped)) continue;
+    std::vector<unsigned char> reference;
+    for (int32_t workers : kPLTestWorkerCounts) {
+      PLTestUseWorkers(workers);
+      TestImage dst = MakeImage(29, 150, channels, dstType, layout);
+      TestImage src = MakeImage(29, 150, channels, srcType,
+                                layout == kPlain ? kPaddedFlipped : kPlain);
+      FillRandom(dst.get(), 21, -1.0f, 1.0f);
+      FillRandom(src.get(), 22, -0.5f, 1.5f);
+      op(dst.get(), src.get());
+      std::vector<unsigned char> bytes = PixelBytes(dst.get());
+      EXPECT_TRUE(PaddingIntact(dst)) << name << " " << LayoutName(layout);
+      if (workers == 1)
+        reference = bytes;
+      else
+        EXPECT_EQ(CountDiff(bytes, reference), 0u)
+            << name << " " << LayoutName(layout) << " workers " << workers;
+    }
+  }
+}
+
 }  // namespace pltest
