@@ -131,13 +131,13 @@ void ScaledRectWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMP
 // per row on this thread, with the byte count of dst.
 void CopyRectSameType(PLImage* dst, int32_t dstX, int32_t dstY, const PLImage* src,
                       int32_t srcX, int32_t srcY, int32_t w, int32_t h) {
+  size_t bytes = static_cast<size_t>(dst->bytesPerPixel) * static_cast<size_t>(w);
+  if (!RowsReadable(src, srcX, srcY, h, static_cast<int64_t>(bytes))) return;
   if (dstX == 0 && dstY == 0 && srcX == 0 && srcY == 0 && w == dst->width && w == src->width &&
       h == dst->height && h == src->height) {
     CopyWhole(dst, src);
     return;
   }
-  size_t bytes = static_cast<size_t>(dst->bytesPerPixel) * static_cast<size_t>(w);
-  if (!RowsReadable(src, srcX, srcY, h, static_cast<int64_t>(bytes))) return;
   for (int32_t i = 0; i < h; ++i) {
     unsigned char* d = dst->PixelAddress(dstX, dstY + i);
     const unsigned char* s = src->PixelAddress(srcX, srcY + i);

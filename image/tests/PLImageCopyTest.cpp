@@ -133,6 +133,16 @@ TEST(ImageCopy, CopyRectSameTypeSubRectangleAndRawChannelShift) {
   PLImage two(3, 2, 2, PLUChar, 0);
   CopyRect(&two, 0, 0, &src, 0, 1, 3, 1);
   for (int32_t i = 0; i < 6; ++i) EXPECT_EQ(two.Row(0)[i], src.Row(1)[i]);
+  // Equal sizes, more channels in dst: CopyCentered reaches the whole-image raw copy, whose
+  // rows would read past the end of src's memory: refused.
+  PLImage four(6, 4, 4, PLUChar, 0);
+  std::memset(four.data, 1, 96);
+  CopyCentered(&four, &src);
+  for (int32_t i = 0; i < 96; ++i) ASSERT_EQ(four.data[i], 1);
+  // Fewer channels in dst: the raw copy shifts the samples, row by row.
+  PLImage twoWide(6, 4, 2, PLUChar, 1);
+  CopyCentered(&twoWide, &src);
+  for (int32_t y = 0; y < 4; ++y) ASSERT_EQ(std::memcmp(twoWide.Row(y), src.Row(y), 12), 0);
   // A rectangle reaching outside either image is refused.
   auto before = PixelBytes(&dst);
   CopyRect(&dst, 3, 0, &src, 0, 0, 3, 1);
