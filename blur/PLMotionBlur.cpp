@@ -5,15 +5,6 @@
 
 #include "image/PLDispatch.h"
 
-// Rules for this folder:
-// - All checks happen in RenderMotionBlur before the fork; the row members check nothing.
-// - The pixel loop is float geometry with float constants (0.5f, 1e-6f, 1.0f); nothing in
-//   it is promoted to double, and no operation is reordered or fused (the bits are fixed).
-// - One template (PLBlurRows.cpp) makes all 24 members; they are picked once per worker by
-//   the one dispatcher, never inside a pixel loop.
-// - Workers catch PLErr into the job's error slot; RenderMotionBlur throws it after the join.
-// - Every image is addressed by its own row order and padding.
-
 namespace {
 
 // Past this the float pixel counters and x + 0.5 stop being exact.

@@ -7,6 +7,18 @@
 #include "runtime/NuvMP.h"
 #include "runtime/NuvProgress.h"
 
+// Rules for this folder:
+// - All checks happen in RenderMotionBlur before the fork; the row members check nothing.
+// - The pixel loop is float geometry with float constants (0.5f, 1e-6f, 1.0f); nothing in
+//   it is promoted to double, and no operation is reordered or fused (the bits are fixed).
+// - One template (PLBlurRows.cpp) makes all 24 members; they are picked once per worker by
+//   the one dispatcher, never inside a pixel loop.
+// - Workers catch PLErr into the job's error slot; RenderMotionBlur throws it after the join.
+// - Every image is addressed by its own row order and padding.
+// - A pixel's channels live in four float lanes worked on as one SSE vector; each lane
+//   does the scalar rule's operations in the scalar rule's order, so vector and scalar
+//   give the same bits (the tests hold all 24 members to a scalar reference).
+
 // Meaning of the amount: each output pixel is the box average of source samples along a
 // straight line through itself, of total length amount x its flow vector, half on each
 // side. Amount 1 spans the whole motion between the two frames the flow came from; 0 (or
