@@ -66,6 +66,10 @@ void ResizeWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs
 
 void PLResizeBilinear(PLImage* destination, const PLImage* source) {
   if (destination->channels != source->channels) throw PLErrParameter;
+  auto working = [](int32_t type) { return type == PLUChar || type == PLUShort || type == PLFloat; };
+  if (!working(destination->dataType) || !working(source->dataType) ||
+      destination->channels < 1 || destination->channels > 4)
+    return;
   if (destination->width <= 0 || destination->height <= 0) return;
   // Outside the corner-aligned grid's domain: a destination of size 1 has no scale, a source
   // of size 1 has no neighbour to read.

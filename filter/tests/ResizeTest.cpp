@@ -179,6 +179,20 @@ TEST(Resize, RefusesDegenerateSizesAndChannelMismatch) {
   EXPECT_NO_THROW(PLResizeBilinear(empty.get(), src.get()));
 }
 
+TEST(Resize, UnsupportedLayoutsDoNothing) {
+  TestImage src = MakeImage(6, 6, 5, PLUChar);
+  FillRandom(src.get(), 8);
+  TestImage dst = MakeImage(3, 1, 5, PLUChar);  // size 1 too: the layout is checked first
+  Fill(dst.get(), 7);
+  EXPECT_NO_THROW(PLResizeBilinear(dst.get(), src.get()));
+  EXPECT_EQ(Get(dst.get(), 2, 0, 4), 7);
+  TestImage dbl = MakeImage(6, 6, 1, PLDouble);
+  TestImage one = MakeImage(3, 3, 1, PLUChar);
+  Fill(one.get(), 7);
+  EXPECT_NO_THROW(PLResizeBilinear(one.get(), dbl.get()));
+  EXPECT_EQ(Get(one.get(), 1, 1, 0), 7);
+}
+
 TEST(Resize, SameBytesForAnyWorkerCount) {
   TestImage src = MakeImage(333, 257, 3, PLUChar, 1, 1);
   FillRandom(src.get(), 7);
