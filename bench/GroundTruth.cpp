@@ -195,23 +195,26 @@ double Psnr(const float* a, const float* b, size_t count) {
 
 double AverageEndpointError(const float* flow, int32_t flowWidth, int32_t flowHeight,
                             const float* truthUV, int32_t width, int32_t height,
-                            double truthScale) {
+                            double truthScale, const uint8_t* layers, uint8_t layer) {
   if (flowWidth < 2 || flowHeight < 2 || width < 1 || height < 1) return 0.0;
   const double sx = static_cast<double>(width - 1) / (flowWidth - 1);
   const double sy = static_cast<double>(height - 1) / (flowHeight - 1);
   double sum = 0.0;
+  int64_t counted = 0;
   for (int32_t y = 0; y < flowHeight; ++y) {
     const int32_t ty = std::min(height - 1, static_cast<int32_t>(std::lround(y * sy)));
     for (int32_t x = 0; x < flowWidth; ++x) {
       const int32_t tx = std::min(width - 1, static_cast<int32_t>(std::lround(x * sx)));
+      if (layers && layers[static_cast<size_t>(ty) * width + tx] != layer) continue;
       const float* f = flow + (static_cast<size_t>(y) * flowWidth + x) * 2;
       const float* t = truthUV + (static_cast<size_t>(ty) * width + tx) * 2;
       double du = f[0] * sx - truthScale * t[0];
       double dv = f[1] * sy - truthScale * t[1];
       sum += std::sqrt(du * du + dv * dv);
+      ++counted;
     }
   }
-  return sum / (static_cast<double>(flowWidth) * flowHeight);
+  return counted ? sum / static_cast<double>(counted) : 0.0;
 }
 
 }  // namespace flowblur

@@ -36,6 +36,8 @@ class DemoScene : public QualityScene {
   int32_t Height() const override { return clip_.Height(); }
   void Sample(double t, double x, double y, float rgb[3]) const override;
   void Motion(double t, std::vector<float>* uv) const override;
+  // The layer (DemoClip::Layer) seen at each pixel at time t, one byte a pixel.
+  void Layers(double t, uint8_t* layer) const { clip_.Layers(t * step_, layer); }
   double Step() const { return step_; }
   const DemoClip& Clip() const { return clip_; }
 
@@ -88,8 +90,11 @@ double Psnr(const float* a, const float* b, size_t count);
 // by the same ratios, and it is compared with truthScale x the truth at the nearest source
 // pixel. truthScale turns motion per frame into the displacement the flow measures: the frame
 // distance from the pair's first image to its second (-1 for a flow to the previous frame).
+// With `layers` (one byte a source pixel, may be null) only the working pixels whose nearest
+// source pixel has the value `layer` count; none counting gives 0.
 double AverageEndpointError(const float* flow, int32_t flowWidth, int32_t flowHeight,
                             const float* truthUV, int32_t width, int32_t height,
-                            double truthScale);
+                            double truthScale, const uint8_t* layers = nullptr,
+                            uint8_t layer = 0);
 
 }  // namespace flowblur

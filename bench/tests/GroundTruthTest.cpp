@@ -282,6 +282,15 @@ TEST(Measures, EndpointErrorScalesTheWorkingGridToSourcePixels) {
   truth[2 * (2 * w + 6)] = 5.0f;  // motion u 5 there: the flow misses by 3 source px
   EXPECT_NEAR(AverageEndpointError(flow.data(), fw, fh, truth.data(), w, h, -1.0), 3.0 / 15.0,
               1e-12);
+  // Restricted to a layer: only that pixel (layer 2) counts, or all the others (layer 0).
+  std::vector<uint8_t> layers(w * h, 0);
+  layers[2 * w + 6] = 2;
+  EXPECT_NEAR(AverageEndpointError(flow.data(), fw, fh, truth.data(), w, h, -1.0, layers.data(), 2),
+              3.0, 1e-12);
+  EXPECT_DOUBLE_EQ(
+      AverageEndpointError(flow.data(), fw, fh, truth.data(), w, h, -1.0, layers.data(), 0), 0.0);
+  EXPECT_DOUBLE_EQ(
+      AverageEndpointError(flow.data(), fw, fh, truth.data(), w, h, -1.0, layers.data(), 1), 0.0);
 }
 
 }  // namespace
