@@ -10,6 +10,10 @@ using plfilter::StoreWrapped;
 
 namespace {
 
+// Columns are handled in blocks whose source offsets and fractions are worked out once per
+// worker and block, on the stack: they depend on x alone.
+constexpr int32_t kResizeColumnBlock = 1024;
+
 // One loop per destination type D, source type S, channel count C and white-point form.
 template <class D, class S, int32_t C, bool Scaled>
 void ResizeWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
@@ -23,40 +27,53 @@ void ResizeWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs
   const int32_t sourceLastRow = source->lastRow;
   const int32_t pixelBytes = source->bytesPerPixel;
   const int32_t rowStep = source->rowStep;
-  for (int32_t y = firstRow; y <= lastRow; ++y) {
-    const float fy = static_cast<float>(y) * scaleY;
-    const int32_t iy0 = static_cast<int32_t>(fy);
-    unsigned char* out = destination->Row(y);
-    for (int32_t x = 0; x < width; ++x, out += sizeof(D) * C) {
+  int32_t columnOffset[kResizeColumnBlock];
+  float columnFraction[kResizeColumnBlock];
+  for (int32_t x0 = 0; x0 < width; x0 += kResizeColumnBlock) {
+    const int32_t x1 = x0 + kResizeColumnBlock < width ? x0 + kResizeColumnBlock : width;
+    for (int32_t x = x0; x < x1; ++x) {
       const float fx = static_cast<float>(x) * scaleX;
       int32_t ix = static_cast<int32_t>(fx);
       float tx = fx - static_cast<float>(ix);
-      float ty = fy - static_cast<float>(iy0);
-      int32_t iy = iy0;
-      // Slide the cell back at the last column or row, so the four reads stay inside.
+      // Slide the cell back at the last column, so the reads stay inside.
       if (ix >= sourceLastColumn) {
         ix = sourceLastColumn - 1;
         tx = 1.0f;
       }
+      columnOffset[x - x0] = ix * pixelBytes;
+      columnFraction[x - x0] = tx;
+    }
+    for (int32_t y = firstRow; y <= lastRow; ++y) {
+      const float fy = static_cast<float>(y) * scaleY;
+      const int32_t iy0 = static_cast<int32_t>(fy);
+      float ty = fy - static_cast<float>(iy0);
+      int32_t iy = iy0;
+      // The same at the last row.
       if (iy >= sourceLastRow) {
         iy = sourceLastRow - 1;
         ty = 1.0f;
       }
-      const unsigned char* p = source->PixelAddress(ix, iy);
-      const unsigned char* right = p + pixelBytes;
-      const unsigned char* lower = p + rowStep;
-      const unsigned char* lowerRight = lower + pixelBytes;
-      for (int32_t c = 0; c < C; ++c) {
-        const int32_t o = c * static_cast<int32_t>(sizeof(S));
-        const float p00 = LoadSample<S>(p + o);
-        const float p10 = LoadSample<S>(right + o);
-        const float p01 = LoadSample<S>(lower + o);
-        const float p11 = LoadSample<S>(lowerRight + o);
-        const float a = (p10 - p00) * tx + p00;
-        const float b = (p11 - p01) * tx + p01;
-        float v = (b - a) * ty + a;
-        if constexpr (Scaled) v = v * ratio;
-        StoreWrapped<D>(out + c * sizeof(D), v);
+      const unsigned char* upperRow = source->Row(iy);
+      const unsigned char* lowerRow = upperRow + rowStep;
+      unsigned char* out = destination->Row(y) + x0 * static_cast<int32_t>(sizeof(D) * C);
+      for (int32_t x = x0; x < x1; ++x, out += sizeof(D) * C) {
+        const float tx = columnFraction[x - x0];
+        const unsigned char* p = upperRow + columnOffset[x - x0];
+        const unsigned char* right = p + pixelBytes;
+        const unsigned char* lower = lowerRow + columnOffset[x - x0];
+        const unsigned char* lowerRight = lower + pixelBytes;
+        for (int32_t c = 0; c < C; ++c) {
+          const int32_t o = c * static_cast<int32_t>(sizeof(S));
+          const float p00 = LoadSample<S>(p + o);
+          const float p10 = LoadSample<S>(right + o);
+          const float p01 = LoadSample<S>(lower + o);
+          const float p11 = LoadSample<S>(lowerRight + o);
+          const float a = (p10 - p00) * tx + p00;
+          const float b = (p11 - p01) * tx + p01;
+          float v = (b - a) * ty + a;
+          if constexpr (Scaled) v = v * ratio;
+          StoreWrapped<D>(out + c * sizeof(D), v);
+        }
       }
     }
   }
