@@ -12,6 +12,12 @@ constexpr int32_t kMaxSide = 1 << 23;
 
 bool SideOk(int32_t side) { return side >= 2 && side <= kMaxSide; }
 
+// Offsets are formed in 32 bits: every byte of the image must be reachable that way.
+bool Addressable(const NuvImage* v) {
+  int64_t extent = int64_t{v->lastRow} * v->rowBytes + int64_t{v->width} * v->bytesPerPixel;
+  return v->rowBytes > 0 && extent <= INT32_MAX;
+}
+
 // Lowest and one-past-highest address that the rows of a view occupy, as integers (the
 // images are unrelated objects).
 void Span(const NuvImage* v, uintptr_t* low, uintptr_t* high) {
@@ -72,6 +78,7 @@ void RenderMotionBlur(NuvImage* dst, const NuvImage* src, const NuvImage* flow,
   if (!src->data || !dst->data || !flow->data) Refuse();
   if (!SideOk(src->width) || !SideOk(src->height)) Refuse();
   if (!SideOk(flow->width) || !SideOk(flow->height)) Refuse();
+  if (!Addressable(src) || !Addressable(dst) || !Addressable(flow)) Refuse();
   if (y1 < y0 || y0 < 0 || y1 > src->lastRow) Refuse();
   if (x0 <= x1 && (x0 < 0 || x1 > src->lastColumn)) Refuse();
   // Rows are read across bands while others are written: the destination must not share

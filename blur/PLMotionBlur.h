@@ -50,6 +50,7 @@
 //     the bilinear flow cell would leave the image;
 //   - a source or flow wider or taller than 8388608 (2^23): the pixel loop counts in
 //     float, and beyond that x + 0.5 is no longer exact;
+//   - an image whose bytes cannot all be addressed by 32-bit offsets;
 //   - a destination sharing memory with the source or the flow (workers read rows that
 //     others write);
 //   - (rectangle form) y1 < y0, or a rectangle not inside the source. An empty column

@@ -656,6 +656,9 @@ TEST(MotionBlurRefusal, BadImages) {
     PLImage empty(nullptr, 10, 8, 3, PLUChar, 0);
     ExpectRefused(dst.get(), &empty, flow.get());
     ExpectRefused(src.get(), src.get(), flow.get());
+    // Rows too far apart for 32-bit offsets (the wrapped bytes are never touched).
+    PLImage far(src->data, 10, 8, 400000000, 3, PLUChar, 0);
+    ExpectRefused(dst.get(), &far, flow.get());
     // A flow that is the destination.
     TestImage fdst(10, 8, 2, PLFloat), fsrc(10, 8, 2, PLFloat);
     ExpectRefused(fdst.get(), fsrc.get(), fdst.get());
