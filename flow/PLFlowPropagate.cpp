@@ -1,4 +1,6 @@
 // flowblur: the four directional propagation sweeps that repair the flow field.
+#include <emmintrin.h>
+
 #include <cstdint>
 
 #include "flow/PLFlowPrivate.h"
@@ -23,14 +25,34 @@ struct SweepImages {
   int32_t h;
 };
 
+// The 3x3 block of the first image around (x, y): three rows, lanes x - 1 .. x + 1 (lane 3
+// is 0). Read once per pixel and shared by both patch evaluations. Each row is read as two
+// floats and one, never past its third sample.
+struct FirstBlock {
+  __m128 row[3];
+};
+inline __m128 Load3(const float* p) {
+  const __m128 lo = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(p));
+  return _mm_movelh_ps(lo, _mm_load_ss(p + 2));
+}
+inline void LoadFirstBlock(const SweepImages& im, int32_t x, int32_t y, FirstBlock* a) {
+  for (int32_t j = 0; j < 3; ++j) a->row[j] = Load3(im.first.Row(y - 1 + j) + x - 1);
+}
+
 // Sum of squared differences between the 3x3 block of the first image at (x, y) and the
 // 3x3 block of the second image around (x - u, y - v), all nine resampled with one
 // fractional offset from the 4x4 block that holds them. Returns false when invalid.
 // The upper bound (w - 2) is tighter by one than the pixel's own in-frame test; the only
 // lower bound is ix, iy >= 1. A NaN position is invalid.
+//
+// The nine samples of a patch row are formed side by side in the lanes of one vector, each
+// lane with exactly the operations of the scalar rule
+//   s = ((w00 B(i, j) + w10 B(i + 1, j)) + w01 B(i, j + 1)) + w11 B(i + 1, j + 1),
+// and the squares are summed one by one in raster order, so the result is that of the
+// scalar rule to the bit.
 template <bool kMasked>
-inline bool PatchError(const SweepImages& im, int32_t x, int32_t y, float u, float v,
-                       float* error) {
+__attribute__((always_inline)) inline bool PatchError(const SweepImages& im, const FirstBlock& a, int32_t x, int32_t y,
+                       float u, float v, float* error) {
   const float sx = static_cast<float>(x) - u;
   const float sy = static_cast<float>(y) - v;
   const float maxX = static_cast<float>(im.w - 2);
@@ -62,32 +84,65 @@ inline bool PatchError(const SweepImages& im, int32_t x, int32_t y, float u, flo
         if (static_cast<double>(m[ix + i]) < 0.95) return false;
     }
   }
-  const float w00 = 1.0f - tx - ty + tx * ty;
-  const float w10 = tx - tx * ty;
-  const float w01 = ty - tx * ty;
-  const float w11 = tx * ty;
-  float sum = 0.0f;
-  for (int32_t j = 0; j < 3; ++j) {
-    const float* b0 = im.second.Row(iy - 1 + j);
-    const float* b1 = im.second.Row(iy + j);
-    const float* a = im.first.Row(y - 1 + j);
-    for (int32_t i = 0; i < 3; ++i) {
-      const float s = w00 * b0[ix - 1 + i] + w10 * b0[ix + i] + w01 * b1[ix - 1 + i] +
-                      w11 * b1[ix + i];
-      const float d = a[x - 1 + i] - s;
-      sum = sum + d * d;
-    }
-  }
+  const float txty = tx * ty;
+  const __m128 w00 = _mm_set1_ps(1.0f - tx - ty + txty);
+  const __m128 w10 = _mm_set1_ps(tx - txty);
+  const __m128 w01 = _mm_set1_ps(ty - txty);
+  const __m128 w11 = _mm_set1_ps(txty);
+  // The 4x4 block: columns ix - 1 .. ix + 2 (all inside, since ix <= w - 3), rows
+  // iy - 1 .. iy + 2; each `r` is the same row one column on.
+  const float* b = im.second.Row(iy - 1) + (ix - 1);
+  const intptr_t step = im.second.step;
+  const __m128 l0 = _mm_loadu_ps(b);
+  const __m128 l1 = _mm_loadu_ps(b + step);
+  const __m128 l2 = _mm_loadu_ps(b + 2 * step);
+  const __m128 l3 = _mm_loadu_ps(b + 3 * step);
+  const __m128 r0 = _mm_shuffle_ps(l0, l0, _MM_SHUFFLE(3, 3, 2, 1));
+  const __m128 r1 = _mm_shuffle_ps(l1, l1, _MM_SHUFFLE(3, 3, 2, 1));
+  const __m128 r2 = _mm_shuffle_ps(l2, l2, _MM_SHUFFLE(3, 3, 2, 1));
+  const __m128 r3 = _mm_shuffle_ps(l3, l3, _MM_SHUFFLE(3, 3, 2, 1));
+  const __m128 w00l1 = _mm_mul_ps(w00, l1);  // rows 1 and 2 serve two patch rows each
+  const __m128 w00l2 = _mm_mul_ps(w00, l2);
+  const __m128 w10r1 = _mm_mul_ps(w10, r1);
+  const __m128 w10r2 = _mm_mul_ps(w10, r2);
+  const __m128 s0 = _mm_add_ps(
+      _mm_add_ps(_mm_add_ps(_mm_mul_ps(w00, l0), _mm_mul_ps(w10, r0)), _mm_mul_ps(w01, l1)),
+      _mm_mul_ps(w11, r1));
+  const __m128 s1 = _mm_add_ps(_mm_add_ps(_mm_add_ps(w00l1, w10r1), _mm_mul_ps(w01, l2)),
+                               _mm_mul_ps(w11, r2));
+  const __m128 s2 = _mm_add_ps(_mm_add_ps(_mm_add_ps(w00l2, w10r2), _mm_mul_ps(w01, l3)),
+                               _mm_mul_ps(w11, r3));
+  const __m128 d0 = _mm_sub_ps(a.row[0], s0);
+  const __m128 d1 = _mm_sub_ps(a.row[1], s1);
+  const __m128 d2 = _mm_sub_ps(a.row[2], s2);
+  alignas(16) float q[12];
+  _mm_store_ps(q, _mm_mul_ps(d0, d0));
+  _mm_store_ps(q + 4, _mm_mul_ps(d1, d1));
+  _mm_store_ps(q + 8, _mm_mul_ps(d2, d2));
+  // 0 + q(0, 0) is q(0, 0) itself: a square is never -0.
+  float sum = q[0];
+  sum = sum + q[1];
+  sum = sum + q[2];
+  sum = sum + q[4];
+  sum = sum + q[5];
+  sum = sum + q[6];
+  sum = sum + q[8];
+  sum = sum + q[9];
+  sum = sum + q[10];
   *error = sum;
   return true;
 }
 
-// One pixel of any sweep: tries the neighbour's current flow (nx, ny) at (x, y).
+// One pixel of any sweep: the pixel's flow f and the neighbour's current flow g.
 template <bool kMasked>
-inline void TryNeighbour(const SweepImages& im, int32_t x, int32_t y, int32_t nx, int32_t ny) {
-  float* f = im.flow.Row(y) + 2 * x;
+__attribute__((always_inline)) inline void TryNeighbour(const SweepImages& im, int32_t x, int32_t y, float* f, const float* g) {
   const float u = f[0];
   const float v = f[1];
+  const float gu = g[0];
+  const float gv = g[1];
+  // An equal candidate gives an equal error and never wins (a tie keeps the pixel's own).
+  // Equal as floats is enough: +0 and -0 give the same target, and NaN is never equal.
+  if (u == gu && v == gv) return;
   const float sx = static_cast<float>(x) - u;
   const float sy = static_cast<float>(y) - v;
   if (!plflow::InFrame(sx, sy, static_cast<float>(im.w - 1), static_cast<float>(im.h - 1)))
@@ -99,12 +154,11 @@ inline void TryNeighbour(const SweepImages& im, int32_t x, int32_t y, int32_t nx
         if (static_cast<double>(m[x + i]) < 0.95) return;
     }
   }
+  FirstBlock a;
+  LoadFirstBlock(im, x, y, &a);
   float e0, e1;
-  if (!PatchError<kMasked>(im, x, y, u, v, &e0)) return;
-  const float* g = im.flow.Row(ny) + 2 * nx;
-  const float gu = g[0];
-  const float gv = g[1];
-  if (PatchError<kMasked>(im, x, y, gu, gv, &e1) && e1 < e0) {
+  if (!PatchError<kMasked>(im, a, x, y, u, v, &e0)) return;
+  if (PatchError<kMasked>(im, a, x, y, gu, gv, &e1) && e1 < e0) {
     f[0] = gu;
     f[1] = gv;
   }
@@ -115,10 +169,13 @@ template <bool kMasked, int32_t kStep>
 void RowSweepWorker(int32_t, uint8_t, int32_t firstItem, int32_t lastItem, NuvMPArgs* args) {
   const SweepImages& im = *args->Next<const SweepImages*>();
   for (int32_t y = 1 + firstItem; y <= 1 + lastItem; ++y) {
+    float* row = im.flow.Row(y);
     if (kStep > 0) {
-      for (int32_t x = 1; x <= im.w - 2; ++x) TryNeighbour<kMasked>(im, x, y, x - 1, y);
+      for (int32_t x = 1; x <= im.w - 2; ++x)
+        TryNeighbour<kMasked>(im, x, y, row + 2 * x, row + 2 * (x - 1));
     } else {
-      for (int32_t x = im.w - 2; x >= 1; --x) TryNeighbour<kMasked>(im, x, y, x + 1, y);
+      for (int32_t x = im.w - 2; x >= 1; --x)
+        TryNeighbour<kMasked>(im, x, y, row + 2 * x, row + 2 * (x + 1));
     }
   }
 }
@@ -130,14 +187,14 @@ template <bool kMasked, int32_t kStep>
 void ColumnSweepWorker(int32_t, uint8_t, int32_t firstItem, int32_t lastItem,
                        NuvMPArgs* args) {
   const SweepImages& im = *args->Next<const SweepImages*>();
-  if (kStep > 0) {
-    for (int32_t y = 1; y <= im.h - 2; ++y)
-      for (int32_t x = 1 + firstItem; x <= 1 + lastItem; ++x)
-        TryNeighbour<kMasked>(im, x, y, x, y - 1);
-  } else {
-    for (int32_t y = im.h - 2; y >= 1; --y)
-      for (int32_t x = 1 + firstItem; x <= 1 + lastItem; ++x)
-        TryNeighbour<kMasked>(im, x, y, x, y + 1);
+  const int32_t first = 1 + firstItem;
+  const int32_t last = 1 + lastItem;
+  for (int32_t i = 1; i <= im.h - 2; ++i) {
+    const int32_t y = kStep > 0 ? i : im.h - 1 - i;
+    float* row = im.flow.Row(y);
+    const float* previous = im.flow.Row(y - kStep);
+    for (int32_t x = first; x <= last; ++x)
+      TryNeighbour<kMasked>(im, x, y, row + 2 * x, previous + 2 * x);
   }
 }
 
