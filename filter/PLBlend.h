@@ -26,5 +26,6 @@ int32_t PLBlend(PLImage* destination, const PLImage* source, float t);
 // 4 channels: the matte is blended too, colours divided by m = matte / white when m > 1,
 // limited to 0..white and to the stored matte (premultiplied stays legal); a matte not above
 // 0 clears the pixel. Float 4-channel: colours unlimited, matte limited to 0..1.
-// Runs on the calling thread only.
+// Also refused (0): alike images with pixels but a null data pointer. Runs on the calling
+// thread only.
 int32_t PLBlendRows(PLImage* destination, const PLImage* source, int32_t field, float t);

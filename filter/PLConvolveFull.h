@@ -16,7 +16,9 @@
 // Stores: UChar/UShort (int)(v + 0.5) with no clamp, Float as is. Other data types: nothing.
 // A radius below 0.001 returns at once. Scratch per worker slot comes from the library's
 // allocator; PLErrOutOfMemory leaves as a thrown PLErr after everything is released.
-// Refused with PLErrParameter (5), image untouched: count < 1 with work to do, or null
-// weights. Identical output for any worker count.
+// Refused with a thrown PLErrParameter (5), image untouched (checked before the mode): null
+// weights, a count outside 2 * half + 1 .. 2 * half + 3 (the head and tail would index past
+// the weights, or the middle read further past a line than the scratch holds), a radius of
+// 2^20 or more, or NaN. Identical output for any worker count.
 void PLConvolveFull(PLImage* image, int32_t count, const float* weights, int32_t mode,
                     float radius);

@@ -14,7 +14,7 @@
 //   2 rows only, 3 columns only, anything else (0 and 1 included) rows and columns.
 // Weights: 2^(-i^2 / (radius/3)^2) for i in 0 .. (int)radius, normalised; half at radius/3.
 // A fractional radius truncates the count (2.9 gives 3 half-weights) but keeps 2.9 in the
-// shape. Refused with PLErrParameter (5), image untouched: radius of 4096 or more (the
+// shape. Refused with PLErrParameter (5), image untouched: radius of 4096 or more, or NaN (the
 // kernel record holds 4096 half-weights), or width/height + 2 * ((int)radius + 1) above
 // 16,384 for a pass that runs.
 void PLGaussBlur(PLImage* image, uint32_t mode, float radius);
@@ -36,7 +36,8 @@ void PLCosineBlur(PLImage* image, float radius);
 // radius when it has one, all divided by the tap count (so a fractional box sums below 1
 // and darkens the middle slightly while the renormalised borders do not). `mode` goes
 // straight to PLConvolveFull: 0 both, 1 NOTHING, 2 rows, 3+ columns (unlike PLGaussBlur).
-// Integer stores are not clamped.
+// Integer stores are not clamped. Refused with PLErrParameter (5), image untouched: a radius
+// of 2^20 or more, or NaN.
 void PLBoxBlur(PLImage* image, int32_t mode, float radius);
 
 // Three-tap binomial 0.25, 0.5, 0.25 through PLConvolveFull, rows and columns.
