@@ -117,6 +117,8 @@ void HostSession::SetFrame(int32_t n, const void* hostFrame) {
   sparkhost::SetClipFrame(kFrontClip, n, hostFrame);
 }
 
+uint8_t* HostSession::ClipFrame(int32_t n) { return sparkhost::ClipFrame(kFrontClip, n); }
+
 spark_info_struct HostSession::BeginFrame(int32_t n) { return sparkhost::BeginFrame(n); }
 
 bool HostSession::TakeNotes(std::string* said) {

@@ -29,6 +29,8 @@ class HostSession {
   int64_t FrameBytes() const;
   // Frame n of the clip from a packed host frame (FrameBytes() bytes).
   void SetFrame(int32_t n, const void* hostFrame);
+  // The host's copy of frame n (packed rows).
+  uint8_t* ClipFrame(int32_t n);
 
   // The host's step before frame n (frame n into the front buffer) and the call's record.
   // SparkProcess itself reloads frame n, so one record serves any number of calls.

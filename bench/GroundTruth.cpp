@@ -217,4 +217,21 @@ double AverageEndpointError(const float* flow, int32_t flowWidth, int32_t flowHe
   return counted ? sum / static_cast<double>(counted) : 0.0;
 }
 
+void TrueFlowOnGrid(const float* truthUV, int32_t width, int32_t height, double truthScale,
+                    int32_t flowWidth, int32_t flowHeight, float* flow) {
+  if (flowWidth < 2 || flowHeight < 2 || width < 1 || height < 1) return;
+  const double sx = static_cast<double>(width - 1) / (flowWidth - 1);
+  const double sy = static_cast<double>(height - 1) / (flowHeight - 1);
+  for (int32_t y = 0; y < flowHeight; ++y) {
+    const int32_t ty = std::min(height - 1, static_cast<int32_t>(std::lround(y * sy)));
+    for (int32_t x = 0; x < flowWidth; ++x) {
+      const int32_t tx = std::min(width - 1, static_cast<int32_t>(std::lround(x * sx)));
+      const float* t = truthUV + (static_cast<size_t>(ty) * width + tx) * 2;
+      float* f = flow + (static_cast<size_t>(y) * flowWidth + x) * 2;
+      f[0] = static_cast<float>(truthScale * t[0] / sx);
+      f[1] = static_cast<float>(truthScale * t[1] / sy);
+    }
+  }
+}
+
 }  // namespace flowblur

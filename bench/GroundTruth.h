@@ -97,4 +97,11 @@ double AverageEndpointError(const float* flow, int32_t flowWidth, int32_t flowHe
                             double truthScale, const uint8_t* layers = nullptr,
                             uint8_t layer = 0);
 
+// The true displacement as a flow on a working grid, the inverse of the mapping above:
+// flowWidth x flowHeight pairs, each truthScale x the truth at the nearest source pixel, divided
+// by the grid ratios. What a perfect estimator would deliver; rendering it shows how much of
+// the remaining error is the renderer's.
+void TrueFlowOnGrid(const float* truthUV, int32_t width, int32_t height, double truthScale,
+                    int32_t flowWidth, int32_t flowHeight, float* flow);
+
 }  // namespace flowblur

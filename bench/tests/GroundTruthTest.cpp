@@ -293,5 +293,19 @@ TEST(Measures, EndpointErrorScalesTheWorkingGridToSourcePixels) {
       AverageEndpointError(flow.data(), fw, fh, truth.data(), w, h, -1.0, layers.data(), 1), 0.0);
 }
 
+TEST(Measures, TrueFlowOnGridHasNoEndpointError) {
+  DemoScene scene(120, 68);
+  std::vector<float> uv;
+  scene.Motion(2.0, &uv);
+  const int32_t fw = 60, fh = 34;
+  std::vector<float> flow(fw * fh * 2);
+  TrueFlowOnGrid(uv.data(), 120, 68, -1.0, fw, fh, flow.data());
+  // Working units: the background's (-5, 1.25) px a frame, reversed, over ratios 119/59, 67/33.
+  EXPECT_NEAR(flow[0], 5.0 * 59.0 / 119.0, 1e-5);
+  EXPECT_NEAR(flow[1], -1.25 * 33.0 / 67.0, 1e-5);
+  EXPECT_LT(AverageEndpointError(flow.data(), fw, fh, uv.data(), 120, 68, -1.0), 1e-5);
+  EXPECT_GT(AverageEndpointError(flow.data(), fw, fh, uv.data(), 120, 68, 1.0), 9.0);
+}
+
 }  // namespace
 }  // namespace flowblur
