@@ -160,6 +160,9 @@ TEST_F(Render, TheBlurFollowsTheMotion) {
     double along = DistanceFromBox(result, source, w, h, 9, alongX);
     double across = DistanceFromBox(result, source, w, h, 9, !alongX);
     double unchanged = DistanceFromBox(result, source, w, h, 1, true);
+    RecordProperty(
+        alongX ? "x_along_across_unchanged" : "y_along_across_unchanged",
+        std::to_string(along) + " " + std::to_string(across) + " " + std::to_string(unchanged));
     EXPECT_LT(along * 2.0, across) << along << " " << across;
     EXPECT_LT(along * 2.0, unchanged) << along << " " << unchanged;
   }
@@ -169,7 +172,11 @@ TEST_F(Render, AStillClipComesOutUnchanged) {
   for (int32_t format : {24, 48, 49}) {
     sparkhost::Reset();
     SparkMemoryTempBuffers();
-    MakeClips(Layout(64, 48, format, format == 49 ? 0 : 3), 4, 0.0, 0.0, 0.0, 0.0);
+    MakeClips(Layout(64, 48, format,
+                     format == 24   ? 3
+                     : format == 48 ? 6
+                                    : 0),
+              4, 0.0, 0.0, 0.0, 0.0);
     SparkFloat0.value = 3.0f;
     for (int32_t n : {0, 1, 3}) {
       std::vector<uint8_t> got = Process(n);
