@@ -564,7 +564,7 @@ TEST_P(DriverFailures, MessageResultAndPause) {
       EXPECT_TRUE(ResultIs(true, info.FrameBytes));
     } else if (row.inFlow) {
       EXPECT_TRUE(ResultIs(false, info.FrameBytes));
-    } else {
+    } else {  // an unreported render code: the result as rendered so far
       size_t rowUsed = 30 * (format == 24 ? 3 : 6);
       for (size_t i = 0; i < result.size(); ++i)
         ASSERT_EQ(result[i], i < rowUsed ? 0x3C : kUntouched) << i;
