@@ -17,6 +17,7 @@ struct SweepImages {
   FView first;
   FView second;
   FView flow;
+  FView cache;  // 2 floats a pixel: error of the pixel's own flow, and its state
   const float* firstMaskBase;  // null without masks
   intptr_t firstMaskStep;
   const float* secondMaskBase;
@@ -133,34 +134,62 @@ __attribute__((always_inline)) inline bool PatchError(const SweepImages& im, con
   return true;
 }
 
-// One pixel of any sweep: the pixel's flow f and the neighbour's current flow g.
-template <bool kMasked>
-__attribute__((always_inline)) inline void TryNeighbour(const SweepImages& im, int32_t x, int32_t y, float* f, const float* g) {
+// The error of each pixel's own flow is a function of that flow alone (and of images that
+// the sweeps do not change), so it is kept from one sweep to the next in a cache of two
+// floats a pixel: the error, and a state: kUnknown, kValid, or kSkipped (own target out of
+// the frame, a first-mask sample below 0.95, or an invalid patch). The first sweep writes
+// the state of every interior pixel, so no clearing is needed; a pixel that takes a
+// candidate takes its error with it. Only the number of patch evaluations changes.
+constexpr float kUnknown = 0.0f;
+constexpr float kValid = 1.0f;
+constexpr float kSkipped = 2.0f;
+
+// One pixel of any sweep: the pixel's flow f, the neighbour's current flow g, the pixel's
+// cache entry c.
+template <bool kMasked, bool kFirstSweep>
+__attribute__((always_inline)) inline void TryNeighbour(const SweepImages& im, int32_t x,
+                                                        int32_t y, float* f, const float* g,
+                                                        float* c) {
   const float u = f[0];
   const float v = f[1];
   const float gu = g[0];
   const float gv = g[1];
   // An equal candidate gives an equal error and never wins (a tie keeps the pixel's own).
   // Equal as floats is enough: +0 and -0 give the same target, and NaN is never equal.
-  if (u == gu && v == gv) return;
-  const float sx = static_cast<float>(x) - u;
-  const float sy = static_cast<float>(y) - v;
-  if (!plflow::InFrame(sx, sy, static_cast<float>(im.w - 1), static_cast<float>(im.h - 1)))
+  if (u == gu && v == gv) {
+    if (kFirstSweep) c[1] = kUnknown;
     return;
-  if (kMasked) {
-    for (int32_t j = -1; j <= 1; ++j) {
-      const float* m = im.firstMaskBase + (y + j) * im.firstMaskStep;
-      for (int32_t i = -1; i <= 1; ++i)
-        if (static_cast<double>(m[x + i]) < 0.95) return;
-    }
   }
+  const float state = kFirstSweep ? kUnknown : c[1];
+  if (state == kSkipped) return;
   FirstBlock a;
   LoadFirstBlock(im, x, y, &a);
   float e0, e1;
-  if (!PatchError<kMasked>(im, a, x, y, u, v, &e0)) return;
+  if (state == kValid) {
+    e0 = c[0];
+  } else {
+    const float sx = static_cast<float>(x) - u;
+    const float sy = static_cast<float>(y) - v;
+    bool skipped =
+        !plflow::InFrame(sx, sy, static_cast<float>(im.w - 1), static_cast<float>(im.h - 1));
+    if (kMasked && !skipped) {
+      for (int32_t j = -1; j <= 1; ++j) {
+        const float* m = im.firstMaskBase + (y + j) * im.firstMaskStep;
+        for (int32_t i = -1; i <= 1; ++i)
+          if (static_cast<double>(m[x + i]) < 0.95) skipped = true;
+      }
+    }
+    if (skipped || !PatchError<kMasked>(im, a, x, y, u, v, &e0)) {
+      c[1] = kSkipped;
+      return;
+    }
+    c[0] = e0;
+    c[1] = kValid;
+  }
   if (PatchError<kMasked>(im, a, x, y, gu, gv, &e1) && e1 < e0) {
     f[0] = gu;
     f[1] = gv;
+    c[0] = e1;
   }
 }
 
@@ -170,12 +199,13 @@ void RowSweepWorker(int32_t, uint8_t, int32_t firstItem, int32_t lastItem, NuvMP
   const SweepImages& im = *args->Next<const SweepImages*>();
   for (int32_t y = 1 + firstItem; y <= 1 + lastItem; ++y) {
     float* row = im.flow.Row(y);
+    float* cache = im.cache.Row(y);
     if (kStep > 0) {
       for (int32_t x = 1; x <= im.w - 2; ++x)
-        TryNeighbour<kMasked>(im, x, y, row + 2 * x, row + 2 * (x - 1));
+        TryNeighbour<kMasked, true>(im, x, y, row + 2 * x, row + 2 * (x - 1), cache + 2 * x);
     } else {
       for (int32_t x = im.w - 2; x >= 1; --x)
-        TryNeighbour<kMasked>(im, x, y, row + 2 * x, row + 2 * (x + 1));
+        TryNeighbour<kMasked, false>(im, x, y, row + 2 * x, row + 2 * (x + 1), cache + 2 * x);
     }
   }
 }
@@ -193,8 +223,9 @@ void ColumnSweepWorker(int32_t, uint8_t, int32_t firstItem, int32_t lastItem,
     const int32_t y = kStep > 0 ? i : im.h - 1 - i;
     float* row = im.flow.Row(y);
     const float* previous = im.flow.Row(y - kStep);
+    float* cache = im.cache.Row(y);
     for (int32_t x = first; x <= last; ++x)
-      TryNeighbour<kMasked>(im, x, y, row + 2 * x, previous + 2 * x);
+      TryNeighbour<kMasked, false>(im, x, y, row + 2 * x, previous + 2 * x, cache + 2 * x);
   }
 }
 
@@ -217,8 +248,18 @@ void PLOpticalFlowUChar::PropagateFlow(int32_t level, bool skip,
                                        NuvIdleAndProgressClass* progress) {
   if (skip) return;
   const PLImage* flow = flowPyramid[level];
-  SweepImages im{FView(firstPyramid[level]), FView(secondPyramid[level]), FView(flow),
-                 nullptr, 0, nullptr, 0, flow->width, flow->height};
+  // The level's residual is free here (each iteration rewrites it before reading it), and
+  // serves as the cache of errors.
+  SweepImages im{FView(firstPyramid[level]),
+                 FView(secondPyramid[level]),
+                 FView(flow),
+                 FView(residualPyramid[level]),
+                 nullptr,
+                 0,
+                 nullptr,
+                 0,
+                 flow->width,
+                 flow->height};
   const bool masked = firstMaskPyramid && secondMaskPyramid;
   if (masked) {
     const FView fm(firstMaskPyramid[level]);
