@@ -600,6 +600,63 @@ TEST(SparkFlowCalls, SizeMismatchesAreParameterErrorsBeforeAnythingIsWrapped) {
   DestroyFlowEstimator(nullptr);
 }
 
+// Amount 0 copies the source whatever the flow, which shows how each image was wrapped.
+TEST(SparkFlowCalls, RowOrderZeroFlipsTheImage) {
+  const int32_t w = 40, h = 36;
+  std::vector<uint8_t> frame(w * h * 3), out(w * h * 3, 0);
+  for (size_t i = 0; i < frame.size(); ++i) frame[i] = static_cast<uint8_t>(i * 37 + i / 120);
+  PLOpticalFlowUChar* e = CreateFlowEstimator(w, h, 1);
+  ASSERT_NE(e, nullptr);
+  EXPECT_EQ(CalculateFlow(e, frame.data(), w, h, w * 3, 1, frame.data(), w, h, w * 3, 0, 0, false,
+                          0.7f, 65535.0f),
+            0);
+  EXPECT_EQ(
+      RenderBlur(e, out.data(), w, h, w * 3, 1, frame.data(), w, h, w * 3, 0, 0, 0.0f, 65535.0f),
+      0);
+  for (int32_t y = 0; y < h; ++y)
+    ASSERT_EQ(0, std::memcmp(&out[y * w * 3], &frame[(h - 1 - y) * w * 3], w * 3)) << y;
+  EXPECT_EQ(
+      RenderBlur(e, out.data(), w, h, w * 3, 0, frame.data(), w, h, w * 3, 0, 0, 0.0f, 65535.0f),
+      0);
+  EXPECT_EQ(out, frame);
+  DestroyFlowEstimator(e);
+}
+
+// 16-bit frames whose white is not 65535: widened before the render, narrowed back after the
+// flow. The driver always passes 65535, which changes nothing.
+TEST(SparkFlowCalls, SixteenBitWhitePointScaling) {
+  const int32_t w = 32, h = 32;
+  std::vector<uint16_t> a(w * h * 3), b, out(w * h * 3);
+  for (size_t i = 0; i < a.size(); ++i) a[i] = static_cast<uint16_t>(i % 3 == 0 ? 4095 : i);
+  b = a;
+  const std::vector<uint16_t> original = a;
+  PLOpticalFlowUChar* e = CreateFlowEstimator(w, h, 1);
+  ASSERT_NE(e, nullptr);
+  EXPECT_EQ(CalculateFlow(e, a.data(), w, h, w * 6, 1, b.data(), w, h, w * 6, 1, 1, false, 0.7f,
+                          65535.0f),
+            0);
+  EXPECT_EQ(a, original);
+  EXPECT_EQ(RenderBlur(e, out.data(), w, h, w * 6, 1, a.data(), w, h, w * 6, 1, 1, 0.0f, 65535.0f),
+            0);
+  EXPECT_EQ(a, original);
+  EXPECT_EQ(out, original);
+  // White 4095: the source is widened in place, and the render sees the widened values.
+  EXPECT_EQ(RenderBlur(e, out.data(), w, h, w * 6, 1, a.data(), w, h, w * 6, 1, 1, 0.0f, 4095.0f),
+            0);
+  EXPECT_EQ(a[0], 65535);
+  EXPECT_EQ(out, a);
+  EXPECT_NEAR(a[4], 4 * 65535.0 / 4095.0, 1.0);
+  // And after a flow both inputs are narrowed to 4095 again, clamped there.
+  EXPECT_EQ(
+      CalculateFlow(e, a.data(), w, h, w * 6, 1, b.data(), w, h, w * 6, 1, 1, false, 0.7f, 4095.0f),
+      0);
+  EXPECT_EQ(a[0], 4095);
+  EXPECT_NEAR(a[4], 4.0, 1.0);
+  EXPECT_NEAR(b[3071], 3071.0 * 4095.0 / 65535.0, 1.0);
+  EXPECT_EQ(b[0], 256);  // 4095 x 4095 / 65535, rounded
+  DestroyFlowEstimator(e);
+}
+
 TEST(SparkFlowCalls, EstimatorModes) {
   for (int32_t mode : {-1, 3, 4}) EXPECT_EQ(CreateFlowEstimator(64, 48, mode), nullptr) << mode;
   for (int32_t mode : {0, 1, 2}) {
