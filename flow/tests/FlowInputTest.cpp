@@ -1,0 +1,168 @@
+// flowblur: input preparation: the luma table, level-0 chains, the edge mix, the high-pass
+// prefilter, progress reports and interruption of a run.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+#include "flow/tests/FlowTestSupport.h"
+#include "image/PLImageCopy.h"
+
+using flowtest::At;
+
+namespace {
+
+template <class T>
+std::unique_ptr<PLImage> OnePixel(int32_t type, int32_t channels, const T* values) {
+  std::unique_ptr<PLImage> image(new PLImage(1, 1, channels, type, 0));
+  std::memcpy(image->data, values, sizeof(T) * channels);
+  return image;
+}
+
+float Luma(const PLImage* source, uint8_t yuv) {
+  PLOpticalFlowUChar flow(1, 1, 0, 0, 0, 12);
+  PLImage* dest = flow.firstPyramid[0];
+  At(dest, 0, 0) = -12345.0f;
+  flow.ConvertToLuma(dest, source, yuv);
+  return At(dest, 0, 0);
+}
+
+// Each cell of the table written out once more, by hand, with the spec's example pixels.
+TEST(FlowLuma, EveryCellOfTheTable) {
+  const uint8_t c8[4] = {100, 200, 50, 77};
+  const uint16_t c16[4] = {40000, 1234, 65535, 999};
+  const float cf[4] = {0.25f, 0.8f, 0.1f, 0.5f};
+  const double w8 = 0.3 * 100 + 0.59 * 200 + 0.11 * 50;
+  const double w16 = 0.3 * 40000 + 0.59 * 1234 + 0.11 * 65535;
+  const double wf = 0.3 * static_cast<double>(cf[0]) + 0.59 * static_cast<double>(cf[1]) +
+                    0.11 * static_cast<double>(cf[2]);
+  EXPECT_EQ(Luma(OnePixel(PLUChar, 3, c8).get(), 0), 153.5f);  // 30 + 118 + 5.5
+  // UChar
+  EXPECT_EQ(Luma(OnePixel(PLUChar, 1, c8).get(), 0), 100.0f);
+  EXPECT_EQ(Luma(OnePixel(PLUChar, 1, c8).get(), 1), 100.0f);
+  EXPECT_EQ(Luma(OnePixel(PLUChar, 3, c8).get(), 0), static_cast<float>(w8));
+  EXPECT_EQ(Luma(OnePixel(PLUChar, 3, c8).get(), 1), ((100.0f / 257.0f - 16.0f) * 255.0f) / 219.0f);
+  EXPECT_EQ(Luma(OnePixel(PLUChar, 4, c8).get(), 0), 0.3f * 100.0f + 0.59f * 200.0f + 0.11f * 50.0f);
+  EXPECT_EQ(Luma(OnePixel(PLUChar, 4, c8).get(), 1), ((200.0f - 16.0f) * 255.0f) / 219.0f);
+  // UShort
+  EXPECT_EQ(Luma(OnePixel(PLUShort, 1, c16).get(), 0), 40000.0f / 257.0f);
+  EXPECT_EQ(Luma(OnePixel(PLUShort, 1, c16).get(), 1), 40000.0f / 257.0f);
+  EXPECT_EQ(Luma(OnePixel(PLUShort, 3, c16).get(), 0), static_cast<float>(w16 / 257.0));
+  EXPECT_EQ(Luma(OnePixel(PLUShort, 3, c16).get(), 1), ((40000.0f / 257.0f) * 255.0f) / 219.0f);
+  EXPECT_EQ(Luma(OnePixel(PLUShort, 4, c16).get(), 0), static_cast<float>(w16 / 257.0));
+  EXPECT_EQ(Luma(OnePixel(PLUShort, 4, c16).get(), 1),
+            ((1234.0f / 257.0f - 16.0f) * 255.0f) / 219.0f);
+  const uint16_t white[3] = {65535, 65535, 65535};
+  EXPECT_EQ(Luma(OnePixel(PLUShort, 3, white).get(), 0), 255.0f);
+  // Float
+  EXPECT_EQ(Luma(OnePixel(PLFloat, 1, cf).get(), 0), 0.25f * 255.0f);
+  EXPECT_EQ(Luma(OnePixel(PLFloat, 1, cf).get(), 1), 0.25f * 255.0f);
+  EXPECT_EQ(Luma(OnePixel(PLFloat, 3, cf).get(), 0), static_cast<float>(wf * 255.0));
+  EXPECT_EQ(Luma(OnePixel(PLFloat, 3, cf).get(), 1), (0.25f * 255.0f * 255.0f) / 219.0f);
+  EXPECT_EQ(Luma(OnePixel(PLFloat, 4, cf).get(), 0), static_cast<float>(wf * 255.0));
+  EXPECT_EQ(Luma(OnePixel(PLFloat, 4, cf).get(), 1), ((0.8f * 255.0f - 16.0f) * 255.0f) / 219.0f);
+  // Two channels: no luma, no message.
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(Luma(OnePixel(PLUChar, 2, c8).get(), 0), -12345.0f);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST(FlowLuma, RowsFollowEachImagesOwnOrder) {
+  auto top = flowtest::MakeTextured(9, 5, 1, PLUChar, 0, 0);
+  PLImage flipped(9, 5, 1, PLUChar, 1);
+  for (int32_t y = 0; y < 5; ++y) std::memcpy(flipped.Row(y), top->Row(y), 9);
+  PLOpticalFlowUChar flow(9, 5, 0, 0, 0, 12);
+  flow.ConvertToLuma(flow.firstPyramid[0], &flipped, 0);
+  for (int32_t y = 0; y < 5; ++y)
+    for (int32_t x = 0; x < 9; ++x)
+      EXPECT_EQ(At(flow.firstPyramid[0], x, y), static_cast<float>(top->Row(y)[x]));
+}
+
+TEST(FlowInput, ModeZeroLevelZeroIsUnblurredLuma) {
+  auto image = flowtest::MakeTextured(40, 30, 1, PLUChar, 0, 0);
+  PLOpticalFlowUChar flow(40, 30, 0, 0, 0, 12);
+  flow.BuildLevelZero(flow.firstPyramid, image.get());
+  for (int32_t y = 0; y < 30; ++y)
+    for (int32_t x = 0; x < 40; ++x)
+      ASSERT_EQ(At(flow.firstPyramid[0], x, y), static_cast<float>(image->Row(y)[x]));
+}
+
+TEST(FlowInput, EdgeMixOnAConstantImageHalvesIt) {
+  PLImage grey(48, 40, 3, PLUChar, 0);
+  FillColor(&grey, 100.0f / 255.0f, 100.0f / 255.0f, 100.0f / 255.0f, 0);
+  PLOpticalFlowUChar flow(48, 40, 0, 0, 0, 12);
+  flow.BuildInputPyramid(flow.firstPyramid, &grey, true, nullptr);
+  // (100 + 0) * 0.5; the Gaussian's float weights sum to 1 only within a few ulps, so the
+  // blurred grey is 100 give or take 1e-4 and its gradient all but 0.
+  for (int32_t level = 0; level < flow.numLevels; ++level)
+    EXPECT_NEAR(At(flow.firstPyramid[level], 3, 3), 50.0f, 1e-3) << level;
+  // A hard step saturates the magnitude: (value + 255) * 0.5 near it.
+  PLImage step(48, 40, 1, PLUChar, 0);
+  for (int32_t y = 0; y < 40; ++y)
+    for (int32_t x = 0; x < 48; ++x) step.Row(y)[x] = x < 24 ? 0 : 200;
+  flow.BuildInputPyramid(flow.secondPyramid, &step, true, nullptr);
+  EXPECT_GT(At(flow.secondPyramid[0], 24, 20), 127.5f + 50.0f);
+  EXPECT_EQ(At(flow.secondPyramid[0], 2, 20), 0.0f);
+}
+
+TEST(FlowInput, HighPassOfAConstantImageIsZeroAtEveryLevel) {
+  PLImage grey(64, 48, 1, PLUChar, 0);
+  FillColor(&grey, 0.5f, 0, 0, 0);
+  PLOpticalFlowUChar flow(64, 48, 0, 0, 0, 12);
+  flow.BuildPyramidForSide(&grey, nullptr, nullptr, 1, false);
+  EXPECT_EQ(At(flow.secondPyramid[2], 5, 5), 128.0f);
+  flow.PrefilterSide(1);
+  for (int32_t level = 0; level < flow.numLevels; ++level)
+    for (int32_t y = 0; y < flow.secondPyramid[level]->height; ++y)
+      for (int32_t x = 0; x < flow.secondPyramid[level]->width; ++x)
+        ASSERT_EQ(At(flow.secondPyramid[level], x, y), 0.0f);
+}
+
+// ---- Progress ----------------------------------------------------------------------------
+
+struct Recorder : NuvIdleAndProgressClass {
+  Recorder() : NuvIdleAndProgressClass(nullptr) {}
+  std::vector<float> reports;
+  void Progress(float f) override {
+    reports.push_back(f);
+    NuvIdleAndProgressClass::Progress(f);
+  }
+};
+
+TEST(FlowProgress, ReportsPerLevelAndTheFinalThird) {
+  auto a = flowtest::MakeTextured(96, 64, 1, PLUChar, 0, 0);
+  auto b = flowtest::MakeTextured(96, 64, 1, PLUChar, 1, 0);
+  PLOpticalFlowUChar flow(96, 64, 0, 0, 0, 12);  // 96x64, 48x32, 24x16: 3 levels
+  ASSERT_EQ(flow.numLevels, 3);
+  flow.SetLevelFactor(0.7f);  // starts at level 1
+  Recorder first;
+  flow.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, &first);
+  // Per level: 4 Idle before the iterations, 4 per iteration, 4 for the sweeps, 1 Progress.
+  EXPECT_EQ(first.reports.size(), 2u * 21u);
+  // The first run's estimate counted the 3 levels of a new object.
+  const float all = 96 * 64 + 48 * 32 + 24 * 16;
+  EXPECT_EQ(first.reports.back(), (96.0f * 64.0f + 48.0f * 32.0f) / (3.0f * all));
+  Recorder second;
+  flow.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, &second);
+  EXPECT_EQ(second.reports.back(), (48.0f * 32.0f + 96.0f * 64.0f) /
+                                       (3.0f * (48.0f * 32.0f) + 3.0f * (96.0f * 64.0f)));
+  Recorder skipped;
+  flow.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 1, &skipped);
+  EXPECT_EQ(skipped.reports.size(), 2u * 17u);
+}
+
+TEST(FlowProgress, InterruptionLeavesTheRun) {
+  auto a = flowtest::MakeTextured(64, 48, 1, PLUChar, 0, 0);
+  PLOpticalFlowUChar flow(64, 48, 0, 0, 0, 12);
+  NuvIdleAndProgressClass progress(nullptr);
+  progress.SetInterrupted(true);
+  try {
+    flow.ComputeFlow(nullptr, a.get(), a.get(), 1, 1, 0, &progress);
+    FAIL() << "no interruption";
+  } catch (PLErr& err) {
+    EXPECT_EQ(err, PLErrInterrupted);
+  }
+}
+
+}  // namespace
