@@ -2,6 +2,7 @@
 #include "tools/ImageFiles.h"
 
 #include <Imath/half.h>
+#include <OpenImageIO/filesystem.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -251,6 +252,64 @@ std::string TemporaryPathFor(const std::string& path) {
   return folder + "." + stem + ".partial-" + std::to_string(getpid()) + ext;
 }
 
+namespace {
+
+// Writes all of `bytes` to a new file `path`, flushed to the disk; false with errno's words.
+bool WriteBytes(const std::string& path, const std::vector<unsigned char>& bytes,
+                std::string* why) {
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  if (fd < 0) {
+    *why = std::strerror(errno);
+    return false;
+  }
+  size_t done = 0;
+  while (done < bytes.size()) {
+    ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      *why = n < 0 ? std::strerror(errno) : "the disk took no more data";
+      close(fd);
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  if (fsync(fd) != 0) {
+    *why = std::strerror(errno);
+    close(fd);
+    return false;
+  }
+  if (close(fd) != 0) {
+    *why = std::strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+// Some writers do not report a failed write (a full disk gives a short file and success).
+// Reading the whole file back catches what they let through.
+bool VerifyReadable(const std::string& path, const OIIO::ImageSpec& spec, std::string* why) {
+  auto in = OIIO::ImageInput::open(path);
+  if (!in) {
+    *why = "the written file cannot be read back: " + OiioError("unknown error");
+    return false;
+  }
+  const OIIO::ImageSpec& got = in->spec();
+  if (got.width != spec.width || got.height != spec.height) {
+    *why = "the written file cannot be read back whole";
+    return false;
+  }
+  std::vector<float> scratch(static_cast<size_t>(got.width) * got.height * got.nchannels);
+  bool ok = in->read_image(0, 0, 0, got.nchannels, OIIO::TypeDesc::FLOAT, scratch.data());
+  if (!ok) {
+    std::string e = in->geterror();
+    *why = "the written file cannot be read back: " + (e.empty() ? "read failed" : e);
+  }
+  in->close();
+  return ok;
+}
+
+}  // namespace
+
 bool WriteImageSafely(const std::string& path, const OIIO::ImageSpec& spec, OIIO::TypeDesc type,
                       const void* pixels, bool overwrite, std::string* error) {
   std::string temp = TemporaryPathFor(path);
@@ -261,29 +320,47 @@ bool WriteImageSafely(const std::string& path, const OIIO::ImageSpec& spec, OIIO
   };
   if (!overwrite && access(path.c_str(), F_OK) == 0)
     return fail("it exists (use --overwrite to replace it)");
-  // The temporary name carries the final extension, so the writer is chosen by it.
   auto out = OIIO::ImageOutput::create(path);
   if (!out) return fail(OiioError("no writer for this file type"));
-  if (!out->open(temp, spec)) return fail(out->geterror());
-  bool wrote = out->write_image(type, pixels);
-  std::string writeError = wrote ? std::string() : out->geterror();
-  bool closed = out->close();
-  if (!wrote) return fail(writeError.empty() ? "write failed" : writeError);
-  if (!closed) {
-    std::string e = out->geterror();
-    return fail(e.empty() ? "closing failed" : e);
-  }
-  out.reset();
-  // Flush to the disk before the name appears, so that a crash cannot leave a final name
-  // over unwritten data; a full disk can still show up here.
-  int fd = open(temp.c_str(), O_RDONLY);
-  if (fd < 0) return fail(std::string("temporary file vanished: ") + std::strerror(errno));
-  if (fsync(fd) != 0) {
-    int e = errno;
+  if (out->supports("ioproxy")) {
+    // Encode in memory, then write the bytes ourselves: every failure of the disk is seen,
+    // with the system's own words ("No space left on device").
+    std::vector<unsigned char> bytes;
+    OIIO::Filesystem::IOVecOutput proxy(bytes);
+    if (!out->set_ioproxy(&proxy) || !out->open(temp, spec)) return fail(out->geterror());
+    bool wrote = out->write_image(type, pixels);
+    std::string writeError = wrote ? std::string() : out->geterror();
+    bool closed = out->close();
+    if (!wrote) return fail(writeError.empty() ? "encoding failed" : writeError);
+    if (!closed) return fail(out->geterror());
+    out.reset();
+    std::string why;
+    if (!WriteBytes(temp, bytes, &why)) return fail(why);
+  } else {
+    // The writer writes the temporary file itself (its name keeps the final extension).
+    if (!out->open(temp, spec)) return fail(out->geterror());
+    bool wrote = out->write_image(type, pixels);
+    std::string writeError = wrote ? std::string() : out->geterror();
+    bool closed = out->close();
+    if (!wrote) return fail(writeError.empty() ? "write failed" : writeError);
+    if (!closed) {
+      std::string e = out->geterror();
+      return fail(e.empty() ? "closing failed" : e);
+    }
+    out.reset();
+    // Flushed to the disk before the name appears, so a crash cannot leave a final name over
+    // unwritten data; a full disk can still show up here.
+    int fd = open(temp.c_str(), O_RDONLY);
+    if (fd < 0) return fail(std::string("temporary file vanished: ") + std::strerror(errno));
+    if (fsync(fd) != 0) {
+      int e = errno;
+      close(fd);
+      return fail(std::strerror(e));
+    }
     close(fd);
-    return fail(std::strerror(e));
+    std::string why;
+    if (!VerifyReadable(temp, spec, &why)) return fail(why);
   }
-  close(fd);
   if (overwrite) {
     if (rename(temp.c_str(), path.c_str()) != 0) return fail(std::strerror(errno));
     return true;

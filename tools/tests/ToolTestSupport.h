@@ -1,0 +1,149 @@
+// flowblur tool tests: temporary folders, folder snapshots, running the built command.
+#pragma once
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace flowblur::test {
+
+// A fresh folder under $TMPDIR (or /tmp), removed with everything in it at the end.
+class TempDir {
+ public:
+  TempDir() {
+    const char* base = std::getenv("TMPDIR");
+    std::string pattern = std::string(base && *base ? base : "/tmp") + "/flowblur-tools-XXXXXX";
+    std::vector<char> name(pattern.begin(), pattern.end());
+    name.push_back('\0');
+    if (mkdtemp(name.data())) path_ = name.data();
+  }
+  ~TempDir() {
+    if (!path_.empty()) Remove(path_);
+  }
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+  static void Remove(const std::string& path) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) return;
+    if (S_ISDIR(st.st_mode)) {
+      chmod(path.c_str(), 0755);
+      if (DIR* dir = opendir(path.c_str())) {
+        while (dirent* e = readdir(dir)) {
+          std::string name = e->d_name;
+          if (name != "." && name != "..") Remove(path + "/" + name);
+        }
+        closedir(dir);
+      }
+      rmdir(path.c_str());
+    } else {
+      unlink(path.c_str());
+    }
+  }
+
+ private:
+  std::string path_;
+};
+
+// Every file under a folder with its size and contents, to show that a refused run changed
+// nothing (names relative to the folder).
+inline std::map<std::string, std::string> Snapshot(const std::string& folder,
+                                                   const std::string& prefix = "") {
+  std::map<std::string, std::string> files;
+  DIR* dir = opendir(folder.c_str());
+  if (!dir) return files;
+  while (dirent* e = readdir(dir)) {
+    std::string name = e->d_name;
+    if (name == "." || name == "..") continue;
+    std::string path = folder + "/" + name;
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) continue;
+    if (S_ISDIR(st.st_mode)) {
+      files[prefix + name + "/"] = "";
+      for (auto& [k, v] : Snapshot(path, prefix + name + "/")) files[k] = v;
+    } else {
+      std::ifstream in(path, std::ios::binary);
+      std::stringstream content;
+      content << in.rdbuf();
+      files[prefix + name] = content.str();
+    }
+  }
+  closedir(dir);
+  return files;
+}
+
+inline std::vector<std::string> Names(const std::map<std::string, std::string>& snapshot) {
+  std::vector<std::string> names;
+  for (auto& [k, v] : snapshot) names.push_back(k);
+  return names;
+}
+
+struct RunResult {
+  int exitCode = -1;  // the exit status; 128 + signal when killed by one
+  std::string err;    // standard error
+  std::string out;    // standard output
+};
+
+// Options for RunCommand.
+struct RunOptions {
+  long fileSizeLimit = -1;  // RLIMIT_FSIZE in bytes for the child; -1: none
+  // Called in the parent with the child's pid while it runs (e.g. to interrupt it).
+  void (*whileRunning)(pid_t child, void* context) = nullptr;
+  void* context = nullptr;
+};
+
+// Runs the command with `args`, standard input closed, both output streams captured.
+inline RunResult RunCommand(const std::string& exe, const std::vector<std::string>& args,
+                            const RunOptions& options = RunOptions()) {
+  RunResult result;
+  TempDir scratch;
+  std::string errPath = scratch / "stderr", outPath = scratch / "stdout";
+  pid_t child = fork();
+  if (child == 0) {
+    int null = open("/dev/null", O_RDONLY);
+    dup2(null, 0);
+    int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    dup2(err, 2);
+    dup2(out, 1);
+    if (options.fileSizeLimit >= 0) {
+      rlimit limit{static_cast<rlim_t>(options.fileSizeLimit),
+                   static_cast<rlim_t>(options.fileSizeLimit)};
+      setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    std::vector<char*> argv;
+    argv.push_back(const_cast<char*>(exe.c_str()));
+    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    execv(exe.c_str(), argv.data());
+    _exit(127);
+  }
+  if (options.whileRunning) options.whileRunning(child, options.context);
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (WIFEXITED(status))
+    result.exitCode = WEXITSTATUS(status);
+  else if (WIFSIGNALED(status))
+    result.exitCode = 128 + WTERMSIG(status);
+  std::ifstream err(errPath), out(outPath);
+  std::stringstream e, o;
+  e << err.rdbuf();
+  o << out.rdbuf();
+  result.err = e.str();
+  result.out = o.str();
+  return result;
+}
+
+}  // namespace flowblur::test
