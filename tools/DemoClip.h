@@ -12,7 +12,7 @@ namespace flowblur {
 // - a textured square, its centre fixed, rotating slowly about it (texture turns with it);
 // - a textured disc moving fast and in a straight line across the frame (texture moves with it).
 // Positions and speeds are fractions of the frame size, so every size shows the same scene; at the
-// default 960x540 the disc moves about 30 px a frame, the background 5 px, the square's corners up
+// default 960x540 the disc moves about 24 px a frame, the background 5 px, the square's corners up
 // to about 4 px.
 //
 // Coordinates: pixel (x, y) is sampled at its centre, the point (x, y) of the image plane; row 0 is
