@@ -25,9 +25,9 @@ class QualityScene {
 };
 
 // The demo clip with its clock slowed or sped: frame t of the scene is the generator's time
-// t x step. The generator scales its speeds with the frame width (30 px a frame for the disc and
-// 5 for the background at 960 wide), so the default step 960 / width keeps the motion at 5 to
-// 30 pixels a frame at every size.
+// t x step. The generator scales its speeds with the frame width, so the default step
+// 960 / width keeps, at every size, the motion of its 960-wide clip (5 px a frame for the
+// background, 24 to 30 for the disc).
 class DemoScene : public QualityScene {
  public:
   // step <= 0 takes 960 / width.

@@ -38,7 +38,7 @@ const char kUsage[] =
     "                        [--draft] [--amount A] [--processors P] [--subframes S]\n"
     "                        [--threads T]\n"
     "Runs the plug-in (SparkProcess through the host simulator) on frames 0..N-1 (N >= 3) of the demo\n"
-    "clip, whose motion is 5 to 30 px a frame at any size, and compares each output with the\n"
+    "clip, moving as at 960 wide at any size (5 to 30 px a frame), and compares each output with the\n"
     "true blur: the mean of S renders across a shutter open for amount x the frame interval,\n"
     "centred on the frame. Defaults: 960x540, 8 frames, format 24, Best, amount 0.5,\n"
     "2 processors, 64 sub-frames.\n";

@@ -22,7 +22,7 @@ namespace flowblur {
 namespace {
 
 // Inputs: three frames (0, 1, 2) of the demo clip at the given size, its clock set so that
-// everything moves 5 to 30 px a frame whatever the size. The plug-in is timed on frame 2,
+// everything moves as in the 960-wide clip (5 to 30 px a frame) whatever the size. The plug-in is timed on frame 2,
 // which it pairs with frame 1. Rendered once per size, on two threads.
 constexpr int32_t kClipFrames = 3;
 constexpr int32_t kTimedFrame = 2;

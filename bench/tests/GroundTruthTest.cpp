@@ -184,18 +184,25 @@ TEST(TrueBlur, RowBandsDoNotChangeTheResult) {
 }
 
 TEST(DemoScene, StepKeepsMotionPerFrameWhateverTheSize) {
+  // The generator's own speeds at its default width are the per-frame speeds at every size.
+  DemoClip reference(960, 540);
+  double du960, dv960, bu960, bv960;
+  reference.DiscVelocity(&du960, &dv960);
+  reference.BackgroundVelocity(&bu960, &bv960);
   for (int32_t width : {480, 960, 1920}) {
     DemoScene scene(width, width * 9 / 16);
     double du, dv, bu, bv;
     scene.Clip().DiscVelocity(&du, &dv);
     scene.Clip().BackgroundVelocity(&bu, &bv);
-    EXPECT_NEAR(du * scene.Step(), 30.0, 1e-9) << width;
-    EXPECT_NEAR(bu * scene.Step(), -5.0, 1e-9) << width;
+    EXPECT_NEAR(du * scene.Step(), du960, 1e-9) << width;
+    EXPECT_NEAR(dv * scene.Step(), dv960, 1e-9) << width;
+    EXPECT_NEAR(bu * scene.Step(), bu960, 1e-9) << width;
     // The reported motion is per scene frame too.
     DemoScene small(width / 8, width * 9 / 128);
     std::vector<float> uv;
     small.Motion(1.0, &uv);
-    EXPECT_NEAR(uv[0], -5.0, 1e-5) << width;  // top-left corner: background
+    EXPECT_NEAR(uv[0], bu960, 1e-5) << width;  // top-left corner: background
+    EXPECT_NEAR(uv[1], bv960, 1e-5) << width;
     // And the picture agrees: the background at t + 1 is the one at t moved by the motion.
     float a[3], b[3];
     small.Sample(1.0, 3.0, 2.0, a);
