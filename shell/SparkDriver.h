@@ -1,4 +1,4 @@
-// flowblur: the per-frame driver's state, constants and the two seams tests replace.
+// flowblur: the per-frame driver's state, its constants and the seams that tests replace.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -32,13 +32,16 @@
 // clear the result after the message and return null. Flow or render codes 1 and 5 clear
 // the result, report "Cannot process image flow|blur due to out of memory|parameter error",
 // pause one second and return the result buffer; other codes are not reported. A null
-// estimator is reported as the flow's out-of-memory case.
+// estimator is reported as the flow's out-of-memory case. The clean-up runs after every
+// flow or render failure, so format 49 packs the output plane back over a cleared result.
 //
 // Choices of this implementation:
 //   - Planes are zeroed when allocated (calloc) and hold at least as many pixels as the
 //     result frame, so that packing workers split over the host's frame never read or write
 //     past a plane, and a failure path that packs an unwritten C back gives zeros.
 //   - A format outside the table builds no estimator; the result stays untouched.
+//   - Format 49 frames are converted as packed pixel arrays (the packing has no stride), so
+//     a host must give them without row padding.
 
 // Id of the temporary buffer, set by SparkMemoryTempBuffers; 4 until then.
 extern "C" int32_t TempBufferId;
