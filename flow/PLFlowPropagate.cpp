@@ -164,7 +164,8 @@ __attribute__((always_inline)) inline void TryNeighbour(const SweepImages& im, i
   if (state == kSkipped) return;
   FirstBlock a;
   LoadFirstBlock(im, x, y, &a);
-  float e0, e1;
+  float e0;
+  float e1 = 0.0f;
   if (state == kValid) {
     e0 = c[0];
   } else {
@@ -186,11 +187,11 @@ __attribute__((always_inline)) inline void TryNeighbour(const SweepImages& im, i
     c[0] = e0;
     c[1] = kValid;
   }
-  if (PatchError<kMasked>(im, a, x, y, gu, gv, &e1) && e1 < e0) {
-    f[0] = gu;
-    f[1] = gv;
-    c[0] = e1;
-  }
+  // Whether the candidate wins is data-dependent and poorly predicted: select, not branch.
+  const bool take = PatchError<kMasked>(im, a, x, y, gu, gv, &e1) && e1 < e0;
+  f[0] = take ? gu : u;
+  f[1] = take ? gv : v;
+  c[0] = take ? e1 : e0;
 }
 
 // Sweeps 1 and 2: each work item is a row y = 1 + item, walked along x.
