@@ -358,3 +358,41 @@ TEST(FlowOneShot, StatusesAndResult) {
 }
 
 }  // namespace
+
+// ---- The all-outside rule ----------------------------------------------------------------
+
+// Drives the coarsest level's flow through hand-set hint pyramids (weights only at that
+// level, so the rule is skipped there and applies from the next level on), on two identical
+// images, where no step can change a flow whose targets lie outside.
+std::unique_ptr<PLOpticalFlowUChar> RunWithCoarseField(float (*u)(int32_t x)) {
+  std::unique_ptr<PLOpticalFlowUChar> flow(new PLOpticalFlowUChar(48, 48, 0, 1, 0, 12));
+  EXPECT_EQ(flow->numLevels, 3);  // 48, 24, 12
+  for (int32_t level = 0; level < 3; ++level) {
+    Clear(flow->hintFlowPyramid[level]);
+    Clear(flow->hintWeightPyramid[level]);
+  }
+  PLImage* hf = flow->hintFlowPyramid[2];
+  for (int32_t y = 0; y < 12; ++y)
+    for (int32_t x = 0; x < 12; ++x) {
+      At(hf, x, y, 0) = u(x);
+      At(flow->hintWeightPyramid[2], x, y) = 1.0f;
+    }
+  auto a = MakeTextured(48, 48, 1, PLUChar, 0, 0);
+  flow->ComputeFlow(nullptr, a.get(), a.get(), 1, 1, 0, nullptr);
+  return flow;
+}
+
+TEST(FlowAllOutside, ALevelWithEveryPixelOutsideIsDropped) {
+  auto flow = RunWithCoarseField([](int32_t) { return -100.0f; });
+  EXPECT_EQ(At(flow->flowPyramid[2], 5, 5, 0), -100.0f);  // hinted: the rule skipped there
+  EXPECT_TRUE(AllZero(flow->flowPyramid[1]));             // about -209 everywhere: dropped
+  EXPECT_TRUE(AllZero(flow->flowPyramid[0]));
+}
+
+TEST(FlowAllOutside, TheTestAddsTheFlow) {
+  // Internal u = x + 1: sampling at x - u = -1 is outside everywhere, but the rule adds the
+  // flow (x + u = 2x + 1), finds pixels inside, and keeps the field.
+  auto flow = RunWithCoarseField([](int32_t x) { return static_cast<float>(x + 1); });
+  EXPECT_GT(At(flow->flowPyramid[1], 3, 3, 0), 4.0f);
+  EXPECT_LT(At(flow->flowPyramid[0], 6, 6, 0), -8.0f);  // delivered sign
+}
