@@ -180,6 +180,14 @@ TEST(EndToEndMore, GreyFloatAndDepthChoices) {
   EXPECT_EQ(Read(dir / "fo16.0003.tif").info.depth, SampleDepth::k16);
 }
 
+TEST(EndToEndMore, OneFrameHasNoNeighbourAndComesBackUnchanged) {
+  test::TempDir dir;
+  WriteSequence(dir / "in.%04d.png", 3, 1, SampleDepth::k8, 4);
+  test::RunResult r = Flowblur({dir / "in.0003.png", dir / "single.png", "--amount", "2", "-q"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(Read(dir / "single.png").samples, Read(dir / "in.0003.png").samples);
+}
+
 TEST(EndToEndMore, WritesFlowPicturesAndRawFlow) {
   test::TempDir dir;
   WriteSequence(dir / "in.%04d.png", 1, 3, SampleDepth::k8, 3);
