@@ -68,6 +68,27 @@ TEST(FlowLuma, EveryCellOfTheTable) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
+TEST(FlowLuma, EightBitRGBAgainstTheDoubleFormula) {
+  PLImage rgb(256, 256, 3, PLUChar, 0);
+  for (int32_t y = 0; y < 256; ++y)
+    for (int32_t x = 0; x < 256; ++x) {
+      unsigned char* p = rgb.PixelAddress(x, y);
+      p[0] = static_cast<uint8_t>(x);
+      p[1] = static_cast<uint8_t>(y);
+      p[2] = static_cast<uint8_t>(x * 7 + y * 13);
+    }
+  PLOpticalFlowUChar flow(256, 256, 0, 0, 0, 12);
+  flow.ConvertToLuma(flow.firstPyramid[0], &rgb, 0);
+  int64_t mismatches = 0;
+  for (int32_t y = 0; y < 256; ++y)
+    for (int32_t x = 0; x < 256; ++x) {
+      const unsigned char* p = rgb.PixelAddress(x, y);
+      const float expected = static_cast<float>(0.3 * p[0] + 0.59 * p[1] + 0.11 * p[2]);
+      if (At(flow.firstPyramid[0], x, y) != expected) ++mismatches;
+    }
+  EXPECT_EQ(mismatches, 0);
+}
+
 TEST(FlowLuma, RowsFollowEachImagesOwnOrder) {
   auto top = flowtest::MakeTextured(9, 5, 1, PLUChar, 0, 0);
   PLImage flipped(9, 5, 1, PLUChar, 1);
