@@ -269,7 +269,7 @@ TEST(EndToEndMore, CtrlCStopsAtAFrameBoundaryAndSaysWhatWasWritten) {
   // Every output present is whole and the count matches the report; no partial file.
   int32_t written = 0;
   for (const auto& [name, content] : test::Snapshot(dir.path())) {
-    EXPECT_NE(name.find("out.") == 0 || name.find("in.") == 0, false) << name;
+    EXPECT_TRUE(name.rfind("out.", 0) == 0 || name.rfind("in.", 0) == 0) << "left behind: " << name;
     if (name.rfind("out.", 0) == 0) {
       ++written;
       EXPECT_EQ(Read(dir / name).info.width, 256) << name;
@@ -373,6 +373,42 @@ TEST(Help, TellsTheFormatsAndTheControls) {
   for (const char* needle : {"--amount", "-2 to 10", "--quality", "--motion-from", "--threads",
                              "32-bit float", "half", "(49)", "alpha", "--write-flow", "demo"})
     EXPECT_NE(r.out.find(needle), std::string::npos) << needle;
+}
+
+}  // namespace
+}  // namespace flowblur
+
+namespace flowblur {
+namespace {
+
+TEST(Demo, WritesClipResultFlowAndSheetAndRunsAgainInItsOwnFolder) {
+  test::TempDir dir;
+  std::string demo = dir / "demo";
+  for (int run = 0; run < 2; ++run) {
+    test::RunResult r = Flowblur({"demo", demo, "--size", "192", "--length", "4", "-q"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_NE(r.out.find("contact-sheet.png"), std::string::npos) << r.out;
+  }
+  for (int32_t f = 1; f <= 4; ++f) {
+    Stored in = Read(Frame(demo + "/input/demo.%04d.png", f));
+    Stored out = Read(Frame(demo + "/output/demo.%04d.png", f));
+    EXPECT_EQ(in.info.width, 192);
+    EXPECT_EQ(in.info.height, 108);
+    EXPECT_NE(in.samples, out.samples) << "frame " << f << " not blurred";
+    EXPECT_EQ(Read(Frame(demo + "/flow/flow.%04d.png", f)).info.width, 192);
+  }
+  Stored sheet = Read(demo + "/contact-sheet.png");
+  EXPECT_EQ(sheet.info.width, 3 * 96 + 4 * 8);
+  EXPECT_EQ(sheet.info.height, 4 * 54 + 5 * 8);
+  // A folder the demo did not make is refused when it holds anything.
+  std::string other = dir / "other";
+  mkdir(other.c_str(), 0755);
+  std::ofstream(other + "/notes.txt") << "mine";
+  auto before = test::Snapshot(other);
+  test::RunResult r = Flowblur({"demo", other, "--size", "192", "--length", "4"});
+  EXPECT_EQ(r.exitCode, 3);
+  EXPECT_NE(r.err.find("already holds other files"), std::string::npos) << r.err;
+  EXPECT_EQ(test::Snapshot(other), before);
 }
 
 }  // namespace
