@@ -278,6 +278,20 @@ int RunBatch(const BatchOptions& options) {
   // ---- The plug-in session
   const int32_t count = static_cast<int32_t>(frames.size());
   const int32_t formatCode = FormatCodeFor(info.depth);
+  // The host keeps the whole clip in memory. Asking for more than the machine has would end
+  // in the kernel killing the run halfway; say so now instead.
+  double clipBytes = static_cast<double>(PackedFrameBytes(info.width, info.height, formatCode)) *
+                     count * (withBack ? 2.0 : 1.0);
+  double machineBytes = static_cast<double>(sysconf(_SC_PHYS_PAGES)) * sysconf(_SC_PAGESIZE);
+  if (machineBytes > 0.0 && clipBytes > 0.75 * machineBytes) {
+    char text[256];
+    std::snprintf(text, sizeof text,
+                  "the clip needs %.1f GiB of memory in the host, more than this machine can "
+                  "spare (%.1f GiB); process it in parts with --frames",
+                  clipBytes / 1073741824.0, machineBytes / 1073741824.0);
+    Say(text);
+    return kExitInput;
+  }
   const SampleDepth outDepth = options.haveOutDepth ? options.outDepth : info.depth;
   PluginRunner runner(info.width, info.height, formatCode, count, withBack, options.threads,
                       options.controls);

@@ -235,9 +235,13 @@ void UnpackColour(const void* packed, int32_t formatCode, Frame* frame) {
 
 OIIO::ImageSpec OutputSpec(const FrameInfo& input, SampleDepth depth) {
   OIIO::ImageSpec spec = input.spec;
-  spec.set_format(TypeFor(depth));
-  spec.channelformats.clear();
-  if (depth != input.depth) spec.erase_attribute("oiio:BitsPerSample");
+  // At the input's own depth every channel keeps its own format (an EXR may hold half colour
+  // and float alpha), so nothing carried through loses a bit.
+  if (depth != input.depth) {
+    spec.set_format(TypeFor(depth));
+    spec.channelformats.clear();
+    spec.erase_attribute("oiio:BitsPerSample");
+  }
   spec.attribute("oiio:UnassociatedAlpha", 1);
   return spec;
 }

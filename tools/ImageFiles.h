@@ -55,7 +55,8 @@ void PackColour(const Frame& frame, int32_t formatCode, void* packed);
 void UnpackColour(const void* packed, int32_t formatCode, Frame* frame);
 
 // The spec an output frame is written with: the input's spec and metadata (colour space, pixel
-// aspect, timecode, ...), at `depth`, samples marked as stored (no alpha association).
+// aspect, timecode, ...), samples marked as stored (no alpha association). At the input's own
+// depth each channel keeps its own format; at another depth all channels take `depth`.
 OIIO::ImageSpec OutputSpec(const FrameInfo& input, SampleDepth depth);
 
 // Writes an image to `path` so that `path` is never a partial file: the data goes to a hidden

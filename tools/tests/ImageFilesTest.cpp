@@ -165,6 +165,30 @@ TEST(WriteImageSafely, FilesRoundTripExactlyWithMetadata) {
             (std::vector<std::string>{"a.png", "b.tif", "c.exr", "d.exr", "e.png"}));
 }
 
+TEST(OutputSpec, MixedChannelFormatsSurviveAtTheInputDepth) {
+  // Half colour with float alpha: the alpha's float bits must come through.
+  test::TempDir dir;
+  OIIO::ImageSpec spec(3, 2, 4, OIIO::TypeDesc::HALF);
+  spec.channelformats = {OIIO::TypeDesc::HALF, OIIO::TypeDesc::HALF, OIIO::TypeDesc::HALF,
+                         OIIO::TypeDesc::FLOAT};
+  Frame f;
+  std::string error;
+  ASSERT_TRUE(ClassifyFrame("x", spec, &f.info, &error)) << error;
+  EXPECT_EQ(f.info.depth, SampleDepth::kHalf);
+  f.pixels.assign(3 * 2 * 4, 0.25f);
+  for (size_t i = 3; i < f.pixels.size(); i += 4) f.pixels[i] = 0.1f + 1e-6f * i;  // not halves
+  ASSERT_TRUE(WriteImageSafely(dir / "m.exr", OutputSpec(f.info, SampleDepth::kHalf),
+                               OIIO::TypeDesc::FLOAT, f.pixels.data(), false, &error))
+      << error;
+  Frame back;
+  ASSERT_TRUE(ReadFrame(dir / "m.exr", &back, &error)) << error;
+  EXPECT_EQ(back.pixels, f.pixels);
+  // At another depth every channel takes it.
+  OIIO::ImageSpec other = OutputSpec(f.info, SampleDepth::k16);
+  EXPECT_TRUE(other.channelformats.empty());
+  EXPECT_EQ(other.format, OIIO::TypeDesc::UINT16);
+}
+
 TEST(WriteImageSafely, NeverReplacesWithoutOverwrite) {
   test::TempDir dir;
   Frame f = MakeFrame(4, 4, 3, SampleDepth::k8, 2);
