@@ -180,6 +180,25 @@ TEST(EndToEndMore, GreyFloatAndDepthChoices) {
   EXPECT_EQ(Read(dir / "fo16.0003.tif").info.depth, SampleDepth::k16);
 }
 
+TEST(EndToEndMore, TheSameBytesForAnyNumberOfProcessors) {
+  // Tall enough (160 rows) that 8 processors all get rows of their own.
+  test::TempDir dir;
+  WriteSequence(dir / "in.%04d.exr", 1, 3, SampleDepth::kHalf, 4, 96, 160);
+  std::map<std::string, std::string> first;
+  for (int threads : {1, 2, 3, 8}) {
+    std::string out = dir / ("t" + std::to_string(threads));
+    test::RunResult r = Flowblur({dir / "in.%04d.exr", out + "/o.%04d.exr", "--threads",
+                                  std::to_string(threads), "--amount", "1.5", "-q"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    std::map<std::string, std::string> files = test::Snapshot(out);
+    ASSERT_EQ(files.size(), 3u);
+    if (threads == 1)
+      first = files;
+    else
+      EXPECT_TRUE(files == first) << threads << " processors gave other bytes";
+  }
+}
+
 TEST(EndToEndMore, OneFrameHasNoNeighbourAndComesBackUnchanged) {
   test::TempDir dir;
   WriteSequence(dir / "in.%04d.png", 3, 1, SampleDepth::k8, 4);
