@@ -8,6 +8,17 @@
 #include "tools/ImageFiles.h"
 #include "tools/PluginRunner.h"
 
+// Rules for this folder:
+// - The plug-in is driven only as a host drives it: its exported entry points and control
+//   records, through the host simulator (PluginRunner). The flow pictures use the plug-in's
+//   own flow calls; nothing here reaches into the image library.
+// - All file I/O goes through OpenImageIO, and every file the tool makes through
+//   WriteImageSafely: nothing partial under a final name, nothing replaced without --overwrite.
+// - Every check that can refuse a run comes before the first frame; a refused run changes
+//   nothing on disk.
+// - Messages are one line on standard error, "flowblur: ...", naming the file concerned.
+// - DemoClip depends on nothing but the standard library: benchmarks and harnesses link it.
+
 namespace flowblur {
 
 // Exit codes of the command.

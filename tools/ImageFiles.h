@@ -54,9 +54,10 @@ void PackColour(const Frame& frame, int32_t formatCode, void* packed);
 // left alone). For a grey frame the first of the three channels becomes the grey channel.
 void UnpackColour(const void* packed, int32_t formatCode, Frame* frame);
 
-// The spec an output frame is written with: the input's spec and metadata (colour space, pixel
-// aspect, timecode, ...), samples marked as stored (no alpha association). At the input's own
-// depth each channel keeps its own format; at another depth all channels take `depth`.
+// The image description an output frame is written with: the input's, with its metadata
+// (colour space, pixel aspect, timecode, ...), samples marked as stored (no alpha
+// association). At the input's own depth each channel keeps its own format; at another depth
+// all channels take `depth`.
 OIIO::ImageSpec OutputSpec(const FrameInfo& input, SampleDepth depth);
 
 // Writes an image to `path` so that `path` is never a partial file: the data goes to a hidden
