@@ -269,8 +269,11 @@ int RunBatch(const BatchOptions& options) {
       return kExitOutput;
     }
   }
-  if (!PrepareOutputFolder(outPattern.Folder(), &error) ||
-      (!options.flowFolder.empty() && !PrepareOutputFolder(options.flowFolder, &error))) {
+  std::vector<std::string> createdFolders;
+  if (!PrepareOutputFolder(outPattern.Folder(), &error, &createdFolders) ||
+      (!options.flowFolder.empty() &&
+       !PrepareOutputFolder(options.flowFolder, &error, &createdFolders))) {
+    RemoveCreatedFolders(createdFolders);
     Say(error);
     return kExitOutput;
   }

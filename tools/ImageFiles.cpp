@@ -49,7 +49,8 @@ uint16_t To16(float v) {
   return static_cast<uint16_t>(static_cast<double>(v) * 65535.0 + 0.5);
 }
 
-bool MakeFolders(const std::string& folder, std::string* error) {
+bool MakeFolders(const std::string& folder, std::string* error,
+                 std::vector<std::string>* created) {
   struct stat st;
   if (stat(folder.c_str(), &st) == 0) {
     if (S_ISDIR(st.st_mode)) return true;
@@ -57,12 +58,15 @@ bool MakeFolders(const std::string& folder, std::string* error) {
     return false;
   }
   size_t slash = folder.find_last_of('/');
-  if (slash != std::string::npos && slash > 0 && !MakeFolders(folder.substr(0, slash), error))
+  if (slash != std::string::npos && slash > 0 &&
+      !MakeFolders(folder.substr(0, slash), error, created))
     return false;
-  if (mkdir(folder.c_str(), 0777) != 0 && errno != EEXIST) {
+  if (mkdir(folder.c_str(), 0777) != 0) {
+    if (errno == EEXIST) return true;
     *error = "cannot create output folder " + Quote(folder) + ": " + std::strerror(errno);
     return false;
   }
+  created->push_back(folder);
   return true;
 }
 
@@ -383,17 +387,28 @@ bool WriteImageSafely(const std::string& path, const OIIO::ImageSpec& spec, OIIO
   return true;
 }
 
-bool PrepareOutputFolder(const std::string& folder, std::string* error) {
-  if (!MakeFolders(folder, error)) return false;
+bool PrepareOutputFolder(const std::string& folder, std::string* error,
+                         std::vector<std::string>* created) {
+  std::vector<std::string> made;
+  auto undo = [&] {
+    for (auto it = made.rbegin(); it != made.rend(); ++it) rmdir(it->c_str());
+    return false;
+  };
+  if (!MakeFolders(folder, error, &made)) return undo();
   std::string probe = folder + "/.flowblur-probe-" + std::to_string(getpid());
   int fd = open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
   if (fd < 0) {
     *error = "cannot write in output folder " + Quote(folder) + ": " + std::strerror(errno);
-    return false;
+    return undo();
   }
   close(fd);
   unlink(probe.c_str());
+  if (created) created->insert(created->end(), made.begin(), made.end());
   return true;
+}
+
+void RemoveCreatedFolders(const std::vector<std::string>& created) {
+  for (auto it = created.rbegin(); it != created.rend(); ++it) rmdir(it->c_str());
 }
 
 }  // namespace flowblur

@@ -73,7 +73,12 @@ bool WriteImageSafely(const std::string& path, const OIIO::ImageSpec& spec, OIIO
 std::string TemporaryPathFor(const std::string& path);
 
 // Whether `folder` exists (or can be created, which is then done) and a file can be created in
-// it: a probe file is created and removed. False with a message naming the folder.
-bool PrepareOutputFolder(const std::string& folder, std::string* error);
+// it: a probe file is created and removed. False with a message naming the folder; folders it
+// made are then removed again. The folders it made are appended to `created` (may be null),
+// outermost first, so that a run refused later can take them away (RemoveCreatedFolders).
+bool PrepareOutputFolder(const std::string& folder, std::string* error,
+                         std::vector<std::string>* created = nullptr);
+// Removes the folders, innermost first, where they are still empty.
+void RemoveCreatedFolders(const std::vector<std::string>& created);
 
 }  // namespace flowblur

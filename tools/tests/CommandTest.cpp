@@ -363,6 +363,10 @@ TEST_F(Refused, UnwritableOutputFolder) {
          "'" + dir / "plainfile" + "'");
   Expect({dir / "in.%04d.png", "/proc/flowblur-nowhere/out.%04d.png"}, 3,
          "cannot create output folder '/proc/flowblur-nowhere'");
+  // The output folder could be made, the flow folder not: neither is left behind.
+  Expect({dir / "in.%04d.png", dir / "new/deeper/out.%04d.png", "--write-flow",
+          dir / "plainfile/flow"},
+         3, "'" + dir / "plainfile" + "'");
 }
 
 TEST_F(Refused, ControlsOutsideTheirRange) {

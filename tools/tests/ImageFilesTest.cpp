@@ -254,6 +254,12 @@ TEST(PrepareOutputFolder, CreatesFoldersAndRefusesWhatCannotBeWritten) {
   EXPECT_EQ(test::Names(test::Snapshot(dir.path())),
             (std::vector<std::string>{"a/", "a/b/", "a/b/c/"}));
   std::ofstream(dir / "file") << "x";
+  std::vector<std::string> created;
+  EXPECT_TRUE(PrepareOutputFolder(dir / "a/x/y", &error, &created)) << error;
+  EXPECT_EQ(created, (std::vector<std::string>{dir / "a/x", dir / "a/x/y"}));
+  RemoveCreatedFolders(created);
+  EXPECT_EQ(test::Names(test::Snapshot(dir.path())),
+            (std::vector<std::string>{"a/", "a/b/", "a/b/c/", "file"}));
   EXPECT_FALSE(PrepareOutputFolder(dir / "file/sub", &error));
   EXPECT_NE(error.find(dir / "file"), std::string::npos) << error;
   EXPECT_FALSE(PrepareOutputFolder(dir / "file", &error));
