@@ -247,7 +247,7 @@ void RunSweeps(const SweepImages& im, NuvIdleAndProgressClass* progress) {
 
 void PLOpticalFlowUChar::PropagateFlow(int32_t level, bool skip,
                                        NuvIdleAndProgressClass* progress) {
-  if (skip) return;
+  if (skip || !flowPyramid) return;
   const PLImage* flow = flowPyramid[level];
   // The level's residual is free here (each iteration rewrites it before reading it), and
   // serves as the cache of errors.

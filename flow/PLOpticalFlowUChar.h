@@ -118,8 +118,9 @@ class PLOpticalFlowUChar : public NuvMem {
   PLImage* GetHintWeight();
   PLImage* GetFirstMask();
 
-  // The four propagation sweeps at a level (nothing at all when skip is true). Uses
-  // residualPyramid[level] as scratch: the run rewrites it before every read.
+  // The four propagation sweeps at level (0 .. numLevels - 1; nothing at all when skip is
+  // true or the object failed). progress may be null. Uses residualPyramid[level] as
+  // scratch: the run rewrites it before every read.
   void PropagateFlow(int32_t level, bool skip, NuvIdleAndProgressClass* progress);
 
   int32_t iterationsPerLevel = 3;

@@ -173,7 +173,16 @@ TEST(FlowBadInput, IncompatibleInputsDoNothing) {
   EXPECT_EQ(RunCapturing(&flow, nullptr, otherChannels.get(), a.get()), message);
   EXPECT_EQ(RunCapturing(&flow, nullptr, &longs, &longs), message);
   EXPECT_EQ(RunCapturing(&flow, nullptr, nullptr, a.get()), message);
+
   EXPECT_FALSE(std::signbit(At(flow.flowPyramid[0], 0, 0, 0)));  // no run: no sign flip
+}
+
+TEST(FlowBadInput, EmptyImagesAreReportedAndNothingIsRead) {
+  PLOpticalFlowUChar flow(32, 32, 1, 0, 0, 12);
+  PLImage empty("none", 0);  // no pixels at all
+  empty.dataType = PLUChar;
+  EXPECT_EQ(RunCapturing(&flow, nullptr, &empty, &empty),
+            "incorrect with and height\nincorrect with and height\nincorrect with and height\n");
 }
 
 TEST(FlowBadInput, WrongFlowOutIsReportedAndClipped) {
