@@ -81,7 +81,12 @@ void BM_FlowComputeHD(benchmark::State& state) {
   }
   PLTestUseWorkers(1);
 }
-BENCHMARK(BM_FlowComputeHD)->Args({1, 2})->Args({2, 2})->Args({1, 1})->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FlowComputeHD)
+    ->Args({1, 2})
+    ->Args({2, 2})
+    ->Args({1, 1})
+    ->Args({2, 1})
+    ->Unit(benchmark::kMillisecond);
 
 // Construction and run, as one frame of the plug-in does it.
 void BM_FlowBuildAndComputeHD(benchmark::State& state) {
