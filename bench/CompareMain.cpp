@@ -2,6 +2,7 @@
 // estimator on the same demo frames, working size and threads, each rendered by the same gather
 // and scored against the same true shutter blur.
 #include <opencv2/core.hpp>
+#include <opencv2/core/utility.hpp>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/video/tracking.hpp>
 
@@ -87,6 +88,16 @@ bool Parse(int argc, char** argv, Options* o) {
     ++i;
   }
   return true;
+}
+
+// The build's "Parallel framework:" line, which says what runs OpenCV's threads.
+std::string ParallelFramework() {
+  const std::string info = cv::getBuildInformation();
+  const std::string key = "Parallel framework:";
+  size_t at = info.find(key);
+  if (at == std::string::npos) return "unknown";
+  at = info.find_first_not_of(' ', at + key.size());
+  return info.substr(at, info.find('\n', at) - at);
 }
 
 double Milliseconds(std::chrono::steady_clock::time_point since) {
@@ -187,7 +198,7 @@ int Run(const Options& o) {
     return true;
   };
 
-  // The truth itself on the working grid: what a perfect estimator would give the gather.
+  // The truth itself on the working grid: the exact motion of each pixel's surface.
   std::vector<float> motion;
   int32_t distance = 0;
   methods.emplace_back("true motion", [&](uint8_t*, uint8_t*, cv::Mat* flow) {
@@ -269,6 +280,8 @@ int Run(const Options& o) {
               "%.2f, %d thread%s, true blur of %d sub-frames\n",
               o.width, o.height, o.frames, workWidth, workHeight, o.amount, o.processors,
               o.processors == 1 ? "" : "s", o.subframes);
+  std::printf("OpenCV %s, %d threads, parallel framework: %s\n", CV_VERSION,
+              cv::getNumThreads(), ParallelFramework().c_str());
   std::printf("%-16s %14s %9s %8s %9s %9s\n", "flow", "flow ms/frame", "PSNR dB", "gain dB",
               "EPE px", "disc EPE");
   for (size_t m = 0; m < scores.size(); ++m) {

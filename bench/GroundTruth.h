@@ -99,8 +99,9 @@ double AverageEndpointError(const float* flow, int32_t flowWidth, int32_t flowHe
 
 // The true displacement as a flow on a working grid, the inverse of the mapping above:
 // flowWidth x flowHeight pairs, each truthScale x the truth at the nearest source pixel, divided
-// by the grid ratios. What a perfect estimator would deliver; rendering it shows how much of
-// the remaining error is the renderer's.
+// by the grid ratios: the motion of the surface each pixel shows, which is what a flow measures.
+// Rendered, it is no ceiling for a gather: a moving edge smears over pixels whose own surface
+// moves otherwise, which only a flow that spreads beyond the edge reproduces.
 void TrueFlowOnGrid(const float* truthUV, int32_t width, int32_t height, double truthScale,
                     int32_t flowWidth, int32_t flowHeight, float* flow);
 

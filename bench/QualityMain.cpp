@@ -189,7 +189,8 @@ int Run(const Options& o) {
                                           o.width, o.height, second - first, layers.data(),
                                           DemoClip::kDisc);
     // The same render along the plug-in's own flow must give the plug-in's output: then the
-    // render along the true motion below is what the plug-in would give with a perfect flow.
+    // render along the true motion below is what the plug-in's renderer makes of the exact
+    // motion of each pixel's surface (no ceiling: see TrueFlowOnGrid).
     RenderAlong(session.ClipFrame(n), o.width, o.height, o.format, flow.data(), flowWidth,
                 flowHeight, o.amount, o.processors, oracle.data());
     reproduced += oracle == output ? 1 : 0;
@@ -215,7 +216,7 @@ int Run(const Options& o) {
   std::printf("the harness's render along the plug-in's flow reproduced the plug-in's output on "
               "%d of %d frames\n", reproduced, o.frames);
   std::printf("(PSNR in dB against the true blur, peak 1; PSNR truth: the plug-in's renderer "
-              "along the true motion instead of the estimate; EPE: mean endpoint error of the flow on "
+              "along the true motion of each pixel's surface instead of the estimate; EPE: mean endpoint error of the flow on "
               "its working grid, in source pixels, over all pixels and over the fast disc; ms/frame: "
               "SparkProcess wall time; means are of the per-frame figures)\n");
   return 0;

@@ -63,7 +63,9 @@ void BM_SparkProcess(benchmark::State& state) {
 
     // One untimed call with counting hooks: the heap figures.
     const void* result = nullptr;
+    const int64_t forksBefore = sparkhost::Calls().mpFork;
     HeapPeak heap = MeasureHeap(info, &result);
+    const int64_t forks = sparkhost::Calls().mpFork - forksBefore;
     std::string said;
     if (!result || session.TakeNotes(&said)) {
       state.SkipWithError(("SparkProcess failed: " + said).c_str());
@@ -80,6 +82,8 @@ void BM_SparkProcess(benchmark::State& state) {
         Counter(double(heap.libraryPeak), Counter::kDefaults, Counter::kIs1024);
     state.counters["planes"] = Counter(double(heap.planes), Counter::kDefaults, Counter::kIs1024);
     state.counters["library_left"] = double(heap.libraryLeft);
+    // Host forks of one frame: the simulator starts its processor threads afresh for each.
+    state.counters["host_forks"] = double(forks);
     state.SetItemsProcessed(state.iterations());  // frames a second
   }
   // Leave the host as the other benchmarks expect it: no clips, no buffers.

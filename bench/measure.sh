@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# flowblur: runs every benchmark and quality measure the same way and prints the README's tables.
+# Usage: bench/measure.sh [build-dir] [out-dir]   (defaults: build-bench, /tmp/flowblur-figures)
+# Build first: ninja -C <build-dir> flowblur_bench flowblur_quality [flowblur_compare]
+set -euo pipefail
+build=${1:-build-bench}
+out=${2:-/tmp/flowblur-figures}
+mkdir -p "$out"
+bin="$build/bench"
+
+{
+  echo "machine: nproc $(nproc), $(grep -m1 'model name' /proc/cpuinfo | sed 's/.*: //')"
+  echo "start: $(date -u +%FT%TZ), load average $(cut -d' ' -f1-3 /proc/loadavg)"
+} | tee "$out/machine.txt"
+
+# Three repetitions, median reported: the machine is shared, so one run says little.
+"$bin/flowblur_bench" --benchmark_repetitions=3 --benchmark_report_aggregates_only=true \
+  --benchmark_out="$out/bench.json" --benchmark_out_format=json > "$out/bench.txt"
+echo "after flowblur_bench: load average $(cut -d' ' -f1-3 /proc/loadavg)" | tee -a "$out/machine.txt"
+
+"$bin/flowblur_quality" > "$out/quality-best.txt"
+"$bin/flowblur_quality" --draft > "$out/quality-draft.txt"
+"$bin/flowblur_quality" --format 48 > "$out/quality-48.txt"
+"$bin/flowblur_quality" --format 49 > "$out/quality-49.txt"
+if [[ -x "$bin/flowblur_compare" ]]; then
+  "$bin/flowblur_compare" > "$out/compare-best.txt"
+  "$bin/flowblur_compare" --draft > "$out/compare-draft.txt"
+fi
+echo "end: $(date -u +%FT%TZ), load average $(cut -d' ' -f1-3 /proc/loadavg)" | tee -a "$out/machine.txt"
+
+# The benchmark medians as a Markdown table.
+python3 - "$out/bench.json" <<'EOF'
+import json, sys
+data = json.load(open(sys.argv[1]))
+print("| Benchmark | median ms | peak heap MiB | library peak MiB | planes MiB |")
+print("|---|---:|---:|---:|---:|")
+for b in data["benchmarks"]:
+    if b.get("aggregate_name") != "median":
+        continue
+    name = b["run_name"].replace("/real_time", "")
+    ms = b["real_time"] if b["time_unit"] == "ms" else b["real_time"] / 1e6
+    mib = lambda k: "%.1f" % (b[k] / 1048576.0) if k in b else ""
+    print("| %s | %.1f | %s | %s | %s |" % (name, ms, mib("peak_heap"), mib("library_peak"), mib("planes")))
+EOF
+for f in "$out"/quality-*.txt "$out"/compare-*.txt; do
+  [[ -f "$f" ]] || continue
+  echo
+  echo "$(basename "$f"):"
+  grep -E '^(flowblur_|flow |flowblur |DIS|Farneback|true motion|none| mean|render|the harness)' "$f"
+done
