@@ -209,6 +209,7 @@ struct Temporaries {
 }  // namespace
 
 void PLOpticalFlowUChar::BuildLevelZero(PLImage** pyramid, const PLImage* image) {
+  if (!pyramid || !image) return;
   CheckInputSize(image);
   Temporaries temps;
   temps.Make(mode, image->width, image->height);

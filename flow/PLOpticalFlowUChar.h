@@ -27,15 +27,19 @@ class PLOpticalFlowUChar : public NuvMem {
  public:
   // One estimator for one input size and reduction mode:
   //   mode 0: works at the input size; 1, 2, 3: the input halved once, twice, three times
-  //   (truncating); any other value: sizes as mode 0, but no luma is ever produced, so such
-  //   an object must not be run.
+  //   (truncating); any other value: sizes as mode 0, but no luma is ever produced (such an
+  //   object is not meant to be run; its level-0 luma starts at 0 so that a run on it is at
+  //   least repeatable, and delivers a zero flow).
   //   useHints, useMasks: 0 or 1, turn the hint and mask pyramids on.
   //   minLevelSize: smallest width or height a coarser level may have (12 on the plug-in
   //   path, 2 for the deepest pyramid).
-  // A failed image allocation (or a working size with a negative dimension, refused as
-  // PLErrParameter) leaves every pyramid null and its value in errorCode; the value is
-  // thrown as well when throwOnError is 1. A failed object must not be run.
-  // A working size of 0 in a dimension is accepted; runs on it do nothing visible.
+  // Level count: halve the working size while both halves stay at least minLevelSize and
+  // at least 3; level sizes halve with a floor of 2 (a guard that never acts).
+  // A failed image allocation leaves every pyramid null and its PLErr value in errorCode;
+  // the value is thrown as well when throwOnError is 1. A working size below 1 in either
+  // dimension (for example a 1x1 input in mode 1) has no pixel to estimate and fails the
+  // same way with PLErrParameter. A failed object is never run: every entry point returns
+  // at once.
   PLOpticalFlowUChar(int32_t throwOnError, int32_t width, int32_t height, int32_t mode,
                      int32_t useHints, int32_t useMasks, int32_t minLevelSize);
   PLOpticalFlowUChar(int32_t width, int32_t height, int32_t mode, int32_t useHints,

@@ -177,6 +177,15 @@ TEST(FlowBadInput, IncompatibleInputsDoNothing) {
   EXPECT_FALSE(std::signbit(At(flow.flowPyramid[0], 0, 0, 0)));  // no run: no sign flip
 }
 
+TEST(FlowBadInput, UnknownModeRunsOnZeroLumaAndDeliversZero) {
+  auto a = MakeTextured(40, 30, 3, PLUChar, 0, 0);
+  auto b = MakeTextured(40, 30, 3, PLUChar, 2, 1);
+  PLOpticalFlowUChar flow(40, 30, 7, 0, 0, 2);
+  flow.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, nullptr);
+  EXPECT_TRUE(AllZero(flow.flowPyramid[0]));
+  EXPECT_EQ(At(flow.firstPyramid[0], 20, 15), 0.0f);
+}
+
 TEST(FlowBadInput, EmptyImagesAreReportedAndNothingIsRead) {
   PLOpticalFlowUChar flow(32, 32, 1, 0, 0, 12);
   PLImage empty("none", 0);  // no pixels at all
