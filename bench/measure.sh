@@ -32,15 +32,18 @@ echo "end: $(date -u +%FT%TZ), load average $(cut -d' ' -f1-3 /proc/loadavg)" | 
 python3 - "$out/bench.json" <<'EOF'
 import json, sys
 data = json.load(open(sys.argv[1]))
-print("| Benchmark | median ms | peak heap MiB | library peak MiB | planes MiB |")
-print("|---|---:|---:|---:|---:|")
+print("| Benchmark | median ms | peak heap MiB | library peak MiB | planes MiB | host forks |")
+print("|---|---:|---:|---:|---:|---:|")
 for b in data["benchmarks"]:
     if b.get("aggregate_name") != "median":
         continue
     name = b["run_name"].replace("/real_time", "")
-    ms = b["real_time"] if b["time_unit"] == "ms" else b["real_time"] / 1e6
+    scale = {"ns": 1e-6, "us": 1e-3, "ms": 1.0, "s": 1e3}[b["time_unit"]]
+    ms = b["real_time"] * scale
     mib = lambda k: "%.1f" % (b[k] / 1048576.0) if k in b else ""
-    print("| %s | %.1f | %s | %s | %s |" % (name, ms, mib("peak_heap"), mib("library_peak"), mib("planes")))
+    forks = "%d" % b["host_forks"] if "host_forks" in b else ""
+    print("| %s | %s | %s | %s | %s | %s |" % (name, "%.1f" % ms if ms >= 10 else "%.3f" % ms,
+          mib("peak_heap"), mib("library_peak"), mib("planes"), forks))
 EOF
 for f in "$out"/quality-*.txt "$out"/compare-*.txt; do
   [[ -f "$f" ]] || continue
