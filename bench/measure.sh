@@ -32,7 +32,7 @@ echo "end: $(date -u +%FT%TZ), load average $(cut -d' ' -f1-3 /proc/loadavg)" | 
 python3 - "$out/bench.json" <<'EOF'
 import json, sys
 data = json.load(open(sys.argv[1]))
-print("| Benchmark | median ms | peak heap MiB | library peak MiB | planes MiB | host forks |")
+print("| Benchmark | median | peak heap MiB | library peak MiB | planes MiB | host forks |")
 print("|---|---:|---:|---:|---:|---:|")
 for b in data["benchmarks"]:
     if b.get("aggregate_name") != "median":
@@ -42,7 +42,8 @@ for b in data["benchmarks"]:
     ms = b["real_time"] * scale
     mib = lambda k: "%.1f" % (b[k] / 1048576.0) if k in b else ""
     forks = "%d" % b["host_forks"] if "host_forks" in b else ""
-    print("| %s | %s | %s | %s | %s | %s |" % (name, "%.1f" % ms if ms >= 10 else "%.3f" % ms,
+    time = "%.1f ms" % ms if ms >= 10 else "%.3f ms" % ms if ms >= 0.01 else "%.3f us" % (ms * 1e3)
+    print("| %s | %s | %s | %s | %s | %s |" % (name, time,
           mib("peak_heap"), mib("library_peak"), mib("planes"), forks))
 EOF
 for f in "$out"/quality-*.txt "$out"/compare-*.txt; do

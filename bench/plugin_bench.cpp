@@ -15,6 +15,7 @@
 #include "blur/blur.h"
 #include "flow/PLOpticalFlowUChar.h"
 #include "host/SparkHost.h"
+#include "runtime/NuvMP.h"
 #include "shell/SparkDriver.h"
 #include "tests/support/PLTestWorkers.h"
 
@@ -214,6 +215,26 @@ BENCHMARK(BM_PluginMotionBlur)
     ->Args({2, 1, 2})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
+
+// ---- What one fork costs by itself: an empty worker over 64 rows
+
+void EmptyRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
+  int32_t* rows = args->Next<int32_t*>();
+  benchmark::DoNotOptimize(rows[firstRow] = lastRow);
+}
+
+// Argument: workers. Every row-parallel stage pays this once; an HD frame has about 220.
+void BM_EmptyFork(benchmark::State& state) {
+  const int32_t workers = static_cast<int32_t>(state.range(0));
+  PLTestUseWorkers(workers);
+  std::vector<int32_t> rows(64);
+  for (auto _ : state) {
+    const int32_t threads = NuvMPThreadsForRows(64);
+    NuvMPFork(threads, 64, EmptyRows, rows.data());
+  }
+  PLTestUseWorkers(1);
+}
+BENCHMARK(BM_EmptyFork)->ArgName("workers")->Arg(1)->Arg(2)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 }  // namespace
 }  // namespace flowblur
