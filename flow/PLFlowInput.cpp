@@ -264,25 +264,33 @@ void EdgeMixWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArg
 }
 }  // namespace
 
-void PLOpticalFlowUChar::ReducePyramid(PLImage** pyramid, bool binarise) {
+void PLOpticalFlowUChar::ReducePyramid(PLImage** pyramid, bool binarise, PLImage** keep) {
   for (int32_t level = 1; level < numLevels; ++level) {
     const PLImage* finer = pyramid[level - 1];
-    PLImage* temp = plflow::NewLuma(finer->width, finer->height);
+    // The blurred copy either is a temporary of its own or stays in keep[level - 1] for the
+    // high-pass prefilter, which would blur the same level into the same bits.
+    PLImage* temp = keep ? keep[level - 1] : plflow::NewLuma(finer->width, finer->height);
     try {
       CopyRect(temp, 0, 0, const_cast<PLImage*>(finer), 0, 0, finer->width, finer->height);
       PLBinomial5Blur(temp);
       plflow::Reduce(pyramid[level], temp);
     } catch (PLErr&) {
-      delete temp;
+      if (!keep) delete temp;
       throw;
     }
-    delete temp;
+    if (!keep) delete temp;
     if (binarise) Binarise(pyramid[level]);
   }
 }
 
 void PLOpticalFlowUChar::BuildInputPyramid(PLImage** pyramid, const PLImage* image,
                                            bool edgeBlend, const PLImage* mask) {
+  BuildInputPyramidKeeping(pyramid, image, edgeBlend, mask, nullptr);
+}
+
+void PLOpticalFlowUChar::BuildInputPyramidKeeping(PLImage** pyramid, const PLImage* image,
+                                                  bool edgeBlend, const PLImage* mask,
+                                                  PLImage** keep) {
   if (!pyramid || !image) return;
   BuildLevelZero(pyramid, image);
   if (edgeBlend) {
@@ -294,7 +302,7 @@ void PLOpticalFlowUChar::BuildInputPyramid(PLImage** pyramid, const PLImage* ima
                     static_cast<const PLImage*>(gradXPyramid[0]),
                     static_cast<const PLImage*>(gradYPyramid[0]));
   }
-  ReducePyramid(pyramid, false);
+  ReducePyramid(pyramid, false, keep);
 }
 
 // ---- High-pass prefilter -----------------------------------------------------------------
@@ -308,6 +316,22 @@ void PLOpticalFlowUChar::PrefilterPyramid(PLImage** pyramid) {
     CopyRect(scratch, 0, 0, image, 0, 0, image->width, image->height);
     PLBinomial5Blur(scratch);
     Subtract(image, scratch);
+  }
+}
+
+// The prefilter of a pyramid whose levels 0 .. numLevels - 2 were blurred into kept[] while
+// it was reduced (and not changed since): the subtraction alone; the last level as usual.
+void PLOpticalFlowUChar::PrefilterPyramidFromKept(PLImage** pyramid, PLImage** kept) {
+  for (int32_t level = 0; level < numLevels; ++level) {
+    PLImage* image = pyramid[level];
+    if (level + 1 < numLevels) {
+      Subtract(image, kept[level]);
+    } else {
+      PLImage* scratch = gradXPyramid[level];
+      CopyRect(scratch, 0, 0, image, 0, 0, image->width, image->height);
+      PLBinomial5Blur(scratch);
+      Subtract(image, scratch);
+    }
   }
 }
 
@@ -350,7 +374,7 @@ void PLOpticalFlowUChar::BuildMaskPyramid(const PLImage* image, int32_t side) {
     }
   }
   Binarise(level0);
-  ReducePyramid(pyramid, true);
+  ReducePyramid(pyramid, true, nullptr);
 }
 
 // ---- Hints -------------------------------------------------------------------------------

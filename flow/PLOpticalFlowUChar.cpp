@@ -193,9 +193,20 @@ void PLOpticalFlowUChar::ComputeFlow(PLImage* flowOut, const PLImage* first,
     std::fputs("calculating flow, incompatible inputs!\n", stderr);
   if (!firstPyramid) return;  // a failed object is never run
   CheckInputSize(first);
-  BuildInputPyramid(secondPyramid, second, edgeBlend, nullptr);
-  BuildInputPyramid(firstPyramid, first, edgeBlend, nullptr);
-  PrefilterPyramids(prefilter);
+  if (prefilter == 1 && !edgeBlend) {
+    // The reduction blurs every level but the last exactly as the prefilter would blur it
+    // again; keep those blurs in the gradient pyramids (free until the solve) and only
+    // subtract. Without the edge mix, which writes level 0 of both gradient pyramids, the
+    // outcome is the same to the bit, minus one copy and one blur a level and side.
+    BuildInputPyramidKeeping(secondPyramid, second, false, nullptr, gradYPyramid);
+    BuildInputPyramidKeeping(firstPyramid, first, false, nullptr, gradXPyramid);
+    PrefilterPyramidFromKept(firstPyramid, gradXPyramid);
+    PrefilterPyramidFromKept(secondPyramid, gradYPyramid);
+  } else {
+    BuildInputPyramid(secondPyramid, second, edgeBlend, nullptr);
+    BuildInputPyramid(firstPyramid, first, edgeBlend, nullptr);
+    PrefilterPyramids(prefilter);
+  }
   SolvePyramid(flowOut, smoothing, skipPropagation, progress);
 }
 

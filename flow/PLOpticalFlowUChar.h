@@ -164,7 +164,12 @@ class PLOpticalFlowUChar : public NuvMem {
   // working size.
   void CheckInputSize(const PLImage* image) const;
   void PrefilterPyramid(PLImage** pyramid);
-  void ReducePyramid(PLImage** pyramid, bool binarise);
+  void PrefilterPyramidFromKept(PLImage** pyramid, PLImage** kept);
+  // Levels 1 and up from level 0; with `keep`, the blurred copy of each finer level is made
+  // in keep[level - 1] instead of a temporary, and stays there.
+  void ReducePyramid(PLImage** pyramid, bool binarise, PLImage** keep);
+  void BuildInputPyramidKeeping(PLImage** pyramid, const PLImage* image, bool edgeBlend,
+                                const PLImage* mask, PLImage** keep);
 };
 
 // Number of levels and the size of each, as the constructor finds them.

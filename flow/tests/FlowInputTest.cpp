@@ -187,3 +187,30 @@ TEST(FlowProgress, InterruptionLeavesTheRun) {
 }
 
 }  // namespace
+
+namespace {
+
+// ComputeFlow keeps the reduction's blurs for the prefilter; the step-by-step entries blur
+// each level again. Both must give the same pyramids and the same flow, to the bit.
+TEST(FlowInput, KeptBlursGiveTheSamePyramidsAsTheStepByStepPath) {
+  auto a = flowtest::MakeTextured(200, 160, 3, PLUChar, 0, 0);
+  auto b = flowtest::MakeTextured(200, 160, 3, PLUChar, 2.5, -1.5);
+  PLOpticalFlowUChar whole(200, 160, 1, 0, 0, 2);
+  PLOpticalFlowUChar steps(200, 160, 1, 0, 0, 2);
+  ASSERT_GE(whole.numLevels, 4);
+  whole.SetLevelFactor(0.7f);
+  steps.SetLevelFactor(0.7f);
+  whole.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, nullptr);
+  steps.BuildPyramidForSide(b.get(), nullptr, nullptr, 1, false);
+  steps.BuildPyramidForSide(a.get(), nullptr, nullptr, 0, false);
+  steps.ComputeFlowFromPyramids(nullptr, 1, 1, 0, nullptr);
+  for (int32_t level = 0; level < whole.numLevels; ++level) {
+    EXPECT_TRUE(flowtest::SameBytes(whole.firstPyramid[level], steps.firstPyramid[level]))
+        << level;
+    EXPECT_TRUE(flowtest::SameBytes(whole.secondPyramid[level], steps.secondPyramid[level]))
+        << level;
+  }
+  EXPECT_TRUE(flowtest::SameBytes(whole.flowPyramid[0], steps.flowPyramid[0]));
+}
+
+}  // namespace
