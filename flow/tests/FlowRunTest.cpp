@@ -124,16 +124,18 @@ TEST(FlowRun, SecondRunGivesTheSameFlow) {
 TEST(FlowRun, IdenticalForAnyWorkerCount) {
   auto a = MakeTextured(300, 260, 3, PLUChar, 0, 0);
   auto b = MakeTextured(300, 260, 3, PLUChar, -2.2, 1.4);
-  std::vector<uint64_t> hashes;
-  for (int32_t workers : kPLTestWorkerCounts) {
-    PLTestUseWorkers(workers);
-    PLOpticalFlowUChar flow(300, 260, 0, 0, 0, 12);
-    flow.SetLevelFactor(0.7f);
-    flow.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, nullptr, true);
-    hashes.push_back(flowtest::Hash(flow.flowPyramid[0]));
+  for (bool edgeBlend : {false, true}) {
+    std::vector<uint64_t> hashes;
+    for (int32_t workers : kPLTestWorkerCounts) {
+      PLTestUseWorkers(workers);
+      PLOpticalFlowUChar flow(300, 260, 0, 0, 0, 12);
+      flow.SetLevelFactor(0.7f);
+      flow.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, nullptr, edgeBlend);
+      hashes.push_back(flowtest::Hash(flow.flowPyramid[0]));
+    }
+    PLTestUseWorkers(1);
+    for (uint64_t h : hashes) EXPECT_EQ(h, hashes[0]) << "edge blend " << edgeBlend;
   }
-  PLTestUseWorkers(1);
-  for (uint64_t h : hashes) EXPECT_EQ(h, hashes[0]);
 }
 
 TEST(FlowRun, OneLevelWithFactorPointSevenIsAllZero) {
