@@ -416,3 +416,28 @@ TEST(FlowAllOutside, TheTestAddsTheFlow) {
   EXPECT_GT(At(flow->flowPyramid[1], 3, 3, 0), 4.0f);
   EXPECT_LT(At(flow->flowPyramid[0], 6, 6, 0), -8.0f);  // delivered sign
 }
+
+TEST(FlowAllOutside, OncePassedTheRuleIsNeverAppliedAgain) {
+  PLOpticalFlowUChar flow(96, 96, 0, 1, 0, 12);  // 96, 48, 24, 12
+  ASSERT_EQ(flow.numLevels, 4);
+  for (int32_t level = 0; level < 4; ++level) {
+    Clear(flow.hintFlowPyramid[level]);
+    Clear(flow.hintWeightPyramid[level]);
+  }
+  // Level 3: u = x + 1, which passes the test at level 2. Level 1: u = -100 everywhere,
+  // which carries level 0 wholly outside; the rule is over by then and keeps it.
+  for (int32_t y = 0; y < 12; ++y)
+    for (int32_t x = 0; x < 12; ++x) {
+      At(flow.hintFlowPyramid[3], x, y, 0) = static_cast<float>(x + 1);
+      At(flow.hintWeightPyramid[3], x, y) = 1.0f;
+    }
+  for (int32_t y = 0; y < 48; ++y)
+    for (int32_t x = 0; x < 48; ++x) {
+      At(flow.hintFlowPyramid[1], x, y, 0) = -100.0f;
+      At(flow.hintWeightPyramid[1], x, y) = 1.0f;
+    }
+  auto a = MakeTextured(96, 96, 1, PLUChar, 0, 0);
+  flow.ComputeFlow(nullptr, a.get(), a.get(), 1, 1, 0, nullptr);
+  EXPECT_GT(At(flow.flowPyramid[2], 3, 3, 0), 4.0f);
+  EXPECT_GT(At(flow.flowPyramid[0], 50, 50, 0), 150.0f);  // about +202, delivered sign
+}
