@@ -67,9 +67,16 @@ class PLOpticalFlowUChar : public NuvMem {
   // the run goes on; then, so that nothing is read or written outside an image, a 2-channel
   // Float flowOut receives only the rectangle both images share, and any other flowOut is
   // left unwritten.
+  // Inputs whose size, halved as the mode says, is not the working size are reported with
+  // "incorrect with and height\n" (three times) and the run goes on; mode 0 then converts
+  // only the rectangle both share, other modes resample the whole input. Where a working
+  // axis has length 1 (modes 1 to 3 on inputs under 4, 8, 16 pixels), which the bilinear
+  // resize refuses, the reduction maps that axis to its first sample.
   // prefilter 1: high-pass both pyramids. smoothing: 0 box, 1 or 2 Gaussian, other none.
   // skipPropagation nonzero leaves out the sweeps. progress may be null. edgeBlend mixes
-  // gradient magnitude into level 0. Throws PLErr only for memory and interruption.
+  // gradient magnitude into level 0. Throws PLErr for memory and interruption, and
+  // PLErrParameter from the blurs for a level beyond their line limit (about 16,000 pixels
+  // a side).
   void ComputeFlow(PLImage* flowOut, const PLImage* first, const PLImage* second,
                    int32_t prefilter, int32_t smoothing, int32_t skipPropagation,
                    NuvIdleAndProgressClass* progress, bool edgeBlend);
@@ -104,7 +111,10 @@ class PLOpticalFlowUChar : public NuvMem {
   void SwapInputs();
 
   // Input preparation (public for callers that build levels themselves).
-  // Luma of `source` into the 1-channel Float `dest` of the same size, nominally 0..255.
+  // Luma of `source` into the 1-channel Float `dest` of the same size, nominally 0..255
+  // (of images of different sizes, only the rectangle both share). A Float source whose
+  // whitePoint is not 1.0 is refused with " floating image input to PLOpticalFlowUChar is
+  // not in correct range\n"; 2 channels, or more than 4, leave dest as it was.
   void ConvertToLuma(PLImage* dest, const PLImage* source, uint8_t isYUV);
   void BuildInputPyramid(PLImage** pyramid, const PLImage* image, bool edgeBlend,
                          const PLImage* mask);
