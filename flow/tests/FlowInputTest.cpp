@@ -6,6 +6,7 @@
 #include <cstring>
 #include <vector>
 
+#include "flow/PLFlowPrivate.h"
 #include "flow/tests/FlowTestSupport.h"
 #include "image/PLImageCopy.h"
 
@@ -211,6 +212,33 @@ TEST(FlowInput, KeptBlursGiveTheSamePyramidsAsTheStepByStepPath) {
         << level;
   }
   EXPECT_TRUE(flowtest::SameBytes(whole.flowPyramid[0], steps.flowPyramid[0]));
+}
+
+}  // namespace
+
+namespace {
+
+// The resize refuses axes of length 1; the estimator's reduction maps such an axis to its
+// first sample and keeps the corner-aligned rule on the other.
+TEST(FlowInput, ReductionAlongAnAxisOfOne) {
+  auto src = flowtest::MakeFloat(5, 3, 1);
+  for (int32_t y = 0; y < 3; ++y)
+    for (int32_t x = 0; x < 5; ++x) At(src.get(), x, y) = 10.0f * x + y;
+  auto column = flowtest::MakeFloat(1, 2, 1, -1.0f);
+  plflow::Reduce(column.get(), src.get());
+  EXPECT_EQ(At(column.get(), 0, 0), 0.0f);
+  EXPECT_EQ(At(column.get(), 0, 1), 2.0f);
+  auto thin = flowtest::MakeFloat(1, 3, 1);
+  for (int32_t y = 0; y < 3; ++y) At(thin.get(), 0, y) = 5.0f + y;
+  auto wide = flowtest::MakeFloat(4, 2, 1, -1.0f);
+  plflow::Reduce(wide.get(), thin.get());
+  for (int32_t x = 0; x < 4; ++x) {
+    EXPECT_EQ(At(wide.get(), x, 0), 5.0f);
+    EXPECT_EQ(At(wide.get(), x, 1), 7.0f);
+  }
+  auto regular = flowtest::MakeFloat(3, 2, 1, -1.0f);  // both axes of 2 or more: the resize
+  plflow::Reduce(regular.get(), src.get());
+  EXPECT_EQ(At(regular.get(), 2, 1), 42.0f);
 }
 
 }  // namespace
