@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # flowblur: runs every benchmark and quality measure the same way and prints the README's tables.
-# Usage: bench/measure.sh [build-dir] [out-dir]   (defaults: build-bench, /tmp/flowblur-figures)
+# Usage: bench/measure.sh [build-dir] [out-dir] [benchmark filter]
+#        (defaults: build-bench, /tmp/flowblur-figures, every benchmark; with a filter only the
+#        benchmarks are run, not the quality and comparison tools)
 # Build first: ninja -C <build-dir> flowblur_bench flowblur_quality [flowblur_compare]
 set -euo pipefail
 build=${1:-build-bench}
@@ -10,21 +12,27 @@ bin="$build/bench"
 
 {
   echo "machine: nproc $(nproc), $(grep -m1 'model name' /proc/cpuinfo | sed 's/.*: //')"
+  echo "source: $(git -C "$(dirname "$0")/.." log -1 --format='%h %cI' 2>/dev/null)," \
+       "uncommitted: $(git -C "$(dirname "$0")/.." status --short --untracked-files=no 2>/dev/null | wc -l) files"
   echo "start: $(date -u +%FT%TZ), load average $(cut -d' ' -f1-3 /proc/loadavg)"
 } | tee "$out/machine.txt"
 
 # Three repetitions, median reported: the machine is shared, so one run says little.
-"$bin/flowblur_bench" --benchmark_repetitions=3 --benchmark_report_aggregates_only=true \
-  --benchmark_out="$out/bench.json" --benchmark_out_format=json > "$out/bench.txt"
+filter=${3:-}
+"$bin/flowblur_bench" ${filter:+--benchmark_filter="$filter"} --benchmark_repetitions=3 \
+  --benchmark_report_aggregates_only=true --benchmark_out="$out/bench.json" \
+  --benchmark_out_format=json > "$out/bench.txt"
 echo "after flowblur_bench: load average $(cut -d' ' -f1-3 /proc/loadavg)" | tee -a "$out/machine.txt"
 
-"$bin/flowblur_quality" > "$out/quality-best.txt"
-"$bin/flowblur_quality" --draft > "$out/quality-draft.txt"
-"$bin/flowblur_quality" --format 48 > "$out/quality-48.txt"
-"$bin/flowblur_quality" --format 49 > "$out/quality-49.txt"
-if [[ -x "$bin/flowblur_compare" ]]; then
-  "$bin/flowblur_compare" > "$out/compare-best.txt"
-  "$bin/flowblur_compare" --draft > "$out/compare-draft.txt"
+if [[ -z "$filter" ]]; then
+  "$bin/flowblur_quality" > "$out/quality-best.txt"
+  "$bin/flowblur_quality" --draft > "$out/quality-draft.txt"
+  "$bin/flowblur_quality" --format 48 > "$out/quality-48.txt"
+  "$bin/flowblur_quality" --format 49 > "$out/quality-49.txt"
+  if [[ -x "$bin/flowblur_compare" ]]; then
+    "$bin/flowblur_compare" > "$out/compare-best.txt"
+    "$bin/flowblur_compare" --draft > "$out/compare-draft.txt"
+  fi
 fi
 echo "end: $(date -u +%FT%TZ), load average $(cut -d' ' -f1-3 /proc/loadavg)" | tee -a "$out/machine.txt"
 
