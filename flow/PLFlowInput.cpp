@@ -68,42 +68,44 @@ namespace {
 
 // One pixel's luma by the table of layouts. Cells marked double form the weighted sum in
 // double with double constants and narrow once; all else is single precision. The YUV
-// cells are built as they stand, uneven as they look.
+// cells are built as they stand, uneven as they look. `bytes` is the pixel's first byte: a
+// wrapped host row may sit at any address, so samples are read with PLLoad.
 template <class T, int32_t C, bool kYUV>
-inline float Luma(const T* p) {
+inline float Luma(const unsigned char* bytes) {
+  const auto p = [bytes](int32_t c) { return PLLoad<T>(bytes + c * sizeof(T)); };
   if constexpr (C == 1) {
-    const float c0 = static_cast<float>(p[0]);
+    const float c0 = static_cast<float>(p(0));
     if constexpr (std::is_same<T, uint8_t>::value) return c0;
     if constexpr (std::is_same<T, uint16_t>::value) return c0 / 257.0f;
     if constexpr (std::is_same<T, float>::value) return c0 * 255.0f;
   } else if constexpr (C == 3) {
     if constexpr (kYUV) {
-      const float c0 = static_cast<float>(p[0]);
+      const float c0 = static_cast<float>(p(0));
       if constexpr (std::is_same<T, uint8_t>::value) return ((c0 / 257.0f - 16.0f) * 255.0f) / 219.0f;
       if constexpr (std::is_same<T, uint16_t>::value) return ((c0 / 257.0f) * 255.0f) / 219.0f;
       if constexpr (std::is_same<T, float>::value) return (c0 * 255.0f * 255.0f) / 219.0f;
     } else {
-      const double w = 0.3 * static_cast<double>(p[0]) + 0.59 * static_cast<double>(p[1]) +
-                       0.11 * static_cast<double>(p[2]);
+      const double w = 0.3 * static_cast<double>(p(0)) + 0.59 * static_cast<double>(p(1)) +
+                       0.11 * static_cast<double>(p(2));
       if constexpr (std::is_same<T, uint8_t>::value) return static_cast<float>(w);
       if constexpr (std::is_same<T, uint16_t>::value) return static_cast<float>(w / 257.0);
       if constexpr (std::is_same<T, float>::value) return static_cast<float>(w * 255.0);
     }
   } else {  // 4 channels: luma is channel 1 in the YUV layout
     if constexpr (kYUV) {
-      const float c1 = static_cast<float>(p[1]);
+      const float c1 = static_cast<float>(p(1));
       if constexpr (std::is_same<T, uint8_t>::value) return ((c1 - 16.0f) * 255.0f) / 219.0f;
       if constexpr (std::is_same<T, uint16_t>::value) return ((c1 / 257.0f - 16.0f) * 255.0f) / 219.0f;
       if constexpr (std::is_same<T, float>::value) return ((c1 * 255.0f - 16.0f) * 255.0f) / 219.0f;
     } else {
       if constexpr (std::is_same<T, uint8_t>::value) {
-        const float c0 = static_cast<float>(p[0]);
-        const float c1 = static_cast<float>(p[1]);
-        const float c2 = static_cast<float>(p[2]);
+        const float c0 = static_cast<float>(p(0));
+        const float c1 = static_cast<float>(p(1));
+        const float c2 = static_cast<float>(p(2));
         return 0.3f * c0 + 0.59f * c1 + 0.11f * c2;
       } else {
-        const double w = 0.3 * static_cast<double>(p[0]) + 0.59 * static_cast<double>(p[1]) +
-                         0.11 * static_cast<double>(p[2]);
+        const double w = 0.3 * static_cast<double>(p(0)) + 0.59 * static_cast<double>(p(1)) +
+                         0.11 * static_cast<double>(p(2));
         if constexpr (std::is_same<T, uint16_t>::value) return static_cast<float>(w / 257.0);
         if constexpr (std::is_same<T, float>::value) return static_cast<float>(w * 255.0);
       }
@@ -135,7 +137,7 @@ void LumaWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* 
   const PLImage* source = args->Next<const PLImage*>();
   const int32_t w = args->Next<int32_t>();
   for (int32_t y = firstRow; y <= lastRow; ++y) {
-    const T* s = PLRowPtr<const T>(source, y);
+    const unsigned char* s = source->Row(y);
     float* d = FRow(dest, y);
     if constexpr (std::is_same<T, uint8_t>::value && C == 3 && !kYUV) {
       // The frame path of the plug-in: table products instead of three conversions and
@@ -144,7 +146,8 @@ void LumaWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* 
       for (int32_t x = 0; x < w; ++x, s += 3)
         d[x] = static_cast<float>(p.t[0][s[0]] + p.t[1][s[1]] + p.t[2][s[2]]);
     } else {
-      for (int32_t x = 0; x < w; ++x) d[x] = Luma<T, C, kYUV>(s + C * x);
+      constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(T));
+      for (int32_t x = 0; x < w; ++x) d[x] = Luma<T, C, kYUV>(s + kPixelBytes * x);
     }
   }
 }

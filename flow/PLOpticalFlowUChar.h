@@ -21,6 +21,8 @@
 //   operations, since results are compared to the bit.
 // - A target position that is not a number counts as outside the frame everywhere, so
 //   that no bilinear read can leave an image.
+// - The input frames may wrap host rows at any address: their samples are read through
+//   PLLoad. The estimator's own float images are aligned and walked by typed pointers.
 
 // A flow image is a PLImage of two Float channels, u then v, in pixels of its own grid.
 class PLOpticalFlowUChar : public NuvMem {
