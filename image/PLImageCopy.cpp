@@ -303,10 +303,11 @@ void FillColor(PLImage* image, float r, float g, float b, float a) {
         value[c] = in[c] * image->whitePoint;
       }
     }
+    // The image may wrap a host row at any address: samples are stored with PLStore.
     for (int32_t y = 0; y < image->height; ++y) {
-      T* row = PLRowPtr<T>(image, y);
-      for (int32_t x = 0; x < image->width; ++x, row += C)
-        for (int32_t c = 0; c < C; ++c) row[c] = value[c];
+      unsigned char* row = image->Row(y);
+      for (int32_t x = 0; x < image->width; ++x, row += C * sizeof(T))
+        for (int32_t c = 0; c < C; ++c) PLStore<T>(row + c * sizeof(T), value[c]);
     }
   });
 }
