@@ -66,9 +66,9 @@ void SubtractRun(float* d, const float* s, int32_t n) {
 void ScaleUShortRows(const PLImage* image, float factor, int32_t firstRow, int32_t lastRow) {
   const int32_t n = image->width * image->channels;
   for (int32_t y = lastRow; y >= firstRow; --y) {
-    uint16_t* p = PLRowPtr<uint16_t>(image, y);
-    for (int32_t i = 0; i < n; ++i)
-      p[i] = StoreUShortDoubleHalf(static_cast<float>(p[i]) * factor);
+    unsigned char* p = image->Row(y);  // a wrapped host row: any address
+    for (int32_t i = 0; i < n; ++i, p += 2)
+      PLStore<uint16_t>(p, StoreUShortDoubleHalf(static_cast<float>(PLLoad<uint16_t>(p)) * factor));
   }
 }
 
@@ -84,12 +84,12 @@ void ScaleClampWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMP
   const float maximum = *args->Next<const float*>();
   const int32_t n = image->width * image->channels;
   for (int32_t y = firstRow; y <= lastRow; ++y) {
-    uint16_t* p = PLRowPtr<uint16_t>(image, y);
-    for (int32_t i = 0; i < n; ++i) {
-      float v = static_cast<float>(p[i]) * factor + 0.5f;
+    unsigned char* p = image->Row(y);  // a wrapped host row: any address
+    for (int32_t i = 0; i < n; ++i, p += 2) {
+      float v = static_cast<float>(PLLoad<uint16_t>(p)) * factor + 0.5f;
       if (v > maximum) v = maximum;
       if (!(v > 0.0f)) v = 0.0f;
-      p[i] = PLFloatToUShort(v);
+      PLStore<uint16_t>(p, PLFloatToUShort(v));
     }
   }
 }
