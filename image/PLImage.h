@@ -15,6 +15,9 @@
 //   call with PLDispatch (image/PLDispatch.h), then run; kernels check nothing.
 // - Conversions between types are numeric casts; scaling is a separate step.
 // - Unsupported types or channel counts are a silent no-op (or one stderr line).
+// - Rows of wrapped images may sit at any address (a host's odd stride or odd buffer
+//   start): read and write their samples through PLLoad/PLStore. Typed pointer walks
+//   (PLRowPtr) are kept for images the library allocated itself, which are aligned.
 
 enum PLDataType : int32_t {
   PLUChar = 0,
