@@ -3,7 +3,9 @@
 
 #include <emmintrin.h>
 
+#include <cstddef>
 #include <cstring>
+#include <type_traits>
 
 #include "filter/PLFilterPrivate.h"
 #include "image/PLDispatch.h"
@@ -19,7 +21,27 @@ void ExpandKernel(ExpandedKernel* expanded, const SeparableKernel* kernel) {
     for (int32_t lane = 0; lane < 4; ++lane) expanded->lanes[k * 4 + lane] = kernel->weights[k];
 }
 
+// How the lines are laid out. Every pass works on a float buffer of interleaved samples,
+// C floats a pixel, with c margin pixels at each end; output sample j takes its taps at
+// j +- k * stride, stride being C along a row and the strip's row width down a column.
+// Each float of the buffer is thus one lane of its own: a vector of four neighbouring floats
+// holds four independent outputs (two pixels of a 2-channel row, a third of a column strip),
+// and every lane goes through exactly the operations of the one-sample rule, in its order.
+// Margins hold 0.0 in 1-channel lines (outside tested by index) and the marker of the
+// sample's channel otherwise (outside tested by value, lane by lane).
+//
+// Columns go in strips of neighbouring pixels: each row of the strip is read and written
+// contiguously, and the strip buffer holds the whole height, so the in-place pass reads
+// only copies. The strip is as wide as the stack buffer allows for that height, up to
+// kStripMaxFloats, and always at least one pixel.
+
 namespace {
+
+// Floats of the column strip buffer: the stack of a line of kSeparableLineMax four-lane
+// samples, 256 KiB.
+constexpr int32_t kStripFloats = kSeparableLineMax * 4;
+// Widest strip row, in floats: 256 bytes, four cache lines of each image row per visit.
+constexpr int32_t kStripMaxFloats = 64;
 
 // Marker lanes of the multi-channel line buffers: a tap whose lane equals the marker is
 // outside the line. Four-channel Float images need markers that a matte of -1.0 alone
@@ -33,130 +55,204 @@ struct LineMarkers<float, 4> {
   static constexpr float lanes[4] = {-3.0f, -1415.0f, -9265.0f, -1.0f};
 };
 
-// One channel: four outputs side by side in the middle run, outside taps by index.
+// The margin value of sample slot q of a line (q counts floats from a pixel boundary).
+template <class T, int32_t C>
+inline float MarginValue(int32_t q) {
+  return C == 1 ? 0.0f : LineMarkers<T, C>::lanes[q % C];
+}
+
+// ---- Loads and stores of contiguous samples -----------------------------------------------
+
 template <class T>
-void ConvolveLineGray(const unsigned char* input, unsigned char* output, int32_t n,
-                      int32_t spacing, const SeparableKernel* kernel,
-                      const ExpandedKernel* expanded) {
-  float line[kSeparableLineMax];
+inline void LoadSamples(float* to, const unsigned char* from, int32_t count) {
+  if constexpr (std::is_same<T, float>::value) {
+    std::memcpy(to, from, static_cast<size_t>(count) * sizeof(float));
+  } else {
+    for (int32_t q = 0; q < count; ++q) to[q] = LoadSample<T>(from + q * sizeof(T));
+  }
+}
+
+// The first `count` lanes of `value` as samples of T at `to`, by the store rule of T:
+// (int)(v + 0.5) clamped for the integer types, Float as is. The vector conversion truncates
+// like PLTruncToInt32 (0x80000000 out of range and for NaN), and the saturating packs clamp.
+template <class T>
+inline void StoreSamples(unsigned char* to, __m128 value, int32_t count) {
+  if (count == 4) {
+    if constexpr (std::is_same<T, float>::value) {
+      _mm_storeu_ps(reinterpret_cast<float*>(to), value);
+      return;
+    } else {
+      const __m128i i = _mm_cvttps_epi32(_mm_add_ps(value, _mm_set1_ps(0.5f)));
+      if constexpr (std::is_same<T, uint8_t>::value) {
+        const __m128i packed = _mm_packus_epi16(_mm_packs_epi32(i, i), _mm_setzero_si128());
+        const int32_t bytes = _mm_cvtsi128_si32(packed);
+        std::memcpy(to, &bytes, 4);
+      } else {
+        // Clamp to 0 .. 65535 in 32 bits, then shift into the signed range for the pack.
+        __m128i v = _mm_andnot_si128(_mm_cmplt_epi32(i, _mm_setzero_si128()), i);
+        const __m128i top = _mm_set1_epi32(65535);
+        const __m128i over = _mm_cmpgt_epi32(v, top);
+        v = _mm_or_si128(_mm_and_si128(over, top), _mm_andnot_si128(over, v));
+        v = _mm_sub_epi32(v, _mm_set1_epi32(32768));
+        const __m128i packed = _mm_xor_si128(_mm_packs_epi32(v, v), _mm_set1_epi16(-32768));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(to), packed);
+      }
+      return;
+    }
+  }
+  float out[4];
+  _mm_storeu_ps(out, value);
+  for (int32_t lane = 0; lane < count; ++lane) StoreClamped<T>(to + lane * sizeof(T), out[lane]);
+}
+
+// ---- The three rules, on a float buffer with taps `stride` floats apart ------------------
+
+// Middle run, V vectors side by side: value = w0 * p, then for k from c - 1 down to 1,
+// value = w[k] * (p[+k] + p[-k]) + value. No division.
+template <int32_t V>
+inline void MiddleVectors(__m128* value, const float* p, ptrdiff_t stride, int32_t c,
+                          const float* lanes) {
+  const __m128 w0 = _mm_loadu_ps(lanes);
+#pragma GCC unroll 8
+  for (int32_t v = 0; v < V; ++v) value[v] = _mm_mul_ps(w0, _mm_loadu_ps(p + 4 * v));
+  for (int32_t k = c - 1; k >= 1; --k) {
+    const __m128 wk = _mm_loadu_ps(lanes + 4 * k);
+    const float* right = p + k * stride;
+    const float* left = p - k * stride;
+#pragma GCC unroll 8
+    for (int32_t v = 0; v < V; ++v) {
+      const __m128 pair = _mm_add_ps(_mm_loadu_ps(right + 4 * v), _mm_loadu_ps(left + 4 * v));
+      value[v] = _mm_add_ps(_mm_mul_ps(wk, pair), value[v]);
+    }
+  }
+}
+
+inline float MiddleScalar(const float* p, ptrdiff_t stride, int32_t c, const float* w) {
+  float value = w[0] * p[0];
+  for (int32_t k = c - 1; k >= 1; --k) value = w[k] * (p[k * stride] + p[-k * stride]) + value;
+  return value;
+}
+
+// Head or tail by marker: the centre tap always counts; taps k >= 1 drop out in the lanes
+// where the sample equals that lane's marker. Then the renormalising division.
+inline __m128 BorderMarked(const float* p, ptrdiff_t stride, int32_t c, const float* lanes,
+                           __m128 marker) {
+  const __m128 w0 = _mm_loadu_ps(lanes);
+  __m128 sum = _mm_mul_ps(_mm_loadu_ps(p), w0);
+  __m128 norm = w0;
+  for (int32_t k = c - 1; k >= 1; --k) {
+    const __m128 wk = _mm_loadu_ps(lanes + 4 * k);
+    const __m128 pr = _mm_loadu_ps(p + k * stride);
+    const __m128 pl = _mm_loadu_ps(p - k * stride);
+    const __m128 wr = _mm_andnot_ps(_mm_cmpeq_ps(pr, marker), wk);
+    const __m128 wl = _mm_andnot_ps(_mm_cmpeq_ps(pl, marker), wk);
+    norm = _mm_add_ps(_mm_add_ps(norm, wr), wl);
+    sum = _mm_add_ps(_mm_add_ps(sum, _mm_mul_ps(pr, wr)), _mm_mul_ps(pl, wl));
+  }
+  return _mm_div_ps(sum, norm);
+}
+
+inline float BorderMarkedScalar(const float* p, ptrdiff_t stride, int32_t c, const float* w,
+                                float marker) {
+  float sum = p[0] * w[0];
+  float norm = w[0];
+  for (int32_t k = c - 1; k >= 1; --k) {
+    const float pr = p[k * stride];
+    const float pl = p[-k * stride];
+    const float wr = pr == marker ? 0.0f : w[k];
+    const float wl = pl == marker ? 0.0f : w[k];
+    norm = norm + wr + wl;
+    sum = sum + pr * wr + pl * wl;
+  }
+  return sum / norm;
+}
+
+// Head or tail by index, for output i of a line of n (1 channel): the same taps for every
+// lane of the vector, which holds neighbouring columns of one row.
+inline __m128 BorderIndexed(const float* p, ptrdiff_t stride, int32_t c, const float* lanes,
+                            int32_t i, int32_t n) {
+  const __m128 w0 = _mm_loadu_ps(lanes);
+  const __m128 zero = _mm_setzero_ps();
+  __m128 sum = _mm_mul_ps(_mm_loadu_ps(p), w0);
+  __m128 norm = w0;
+  for (int32_t k = c - 1; k >= 1; --k) {
+    const __m128 wk = _mm_loadu_ps(lanes + 4 * k);
+    const __m128 wr = i + k <= n - 1 ? wk : zero;
+    const __m128 wl = i - k >= 0 ? wk : zero;
+    norm = _mm_add_ps(_mm_add_ps(norm, wr), wl);
+    sum = _mm_add_ps(_mm_add_ps(sum, _mm_mul_ps(_mm_loadu_ps(p + k * stride), wr)),
+                     _mm_mul_ps(_mm_loadu_ps(p - k * stride), wl));
+  }
+  return _mm_div_ps(sum, norm);
+}
+
+inline float BorderIndexedScalar(const float* p, int32_t c, const float* w, int32_t i,
+                                 int32_t n) {
+  float sum = p[0] * w[0];
+  float norm = w[0];
+  for (int32_t k = c - 1; k >= 1; --k) {
+    const float wr = (i + k <= n - 1) ? w[k] : 0.0f;
+    const float wl = (i - k >= 0) ? w[k] : 0.0f;
+    norm = norm + wr + wl;
+    sum = sum + p[k] * wr + p[-k] * wl;
+  }
+  return sum / norm;
+}
+
+// ---- Rows ---------------------------------------------------------------------------------
+
+// One row of n pixels from input to output (which may coincide), through `line`, a buffer
+// of at least (n + 2c) * C floats.
+template <class T, int32_t C>
+void ConvolveRow(const unsigned char* input, unsigned char* output, int32_t n,
+                 const SeparableKernel* kernel, const ExpandedKernel* expanded, float* line) {
   const int32_t c = kernel->count;
   const float* w = kernel->weights;
-  // Copy the line out first: the column pass runs in place.
-  for (int32_t j = 0; j < c; ++j) line[j] = 0.0f;
-  const unsigned char* in = input;
-  for (int32_t j = 0; j < n; ++j, in += spacing) line[c + j] = LoadSample<T>(in);
-  for (int32_t j = 0; j < c; ++j) line[c + n + j] = 0.0f;
-  const float* p = line + c;  // p[-c .. n + c - 1] are valid
+  const float* lanes = expanded->lanes;
+  const int32_t margin = c * C;
+  // Copy the row out first: the pass may run in place.
+  for (int32_t q = 0; q < margin; ++q) line[q] = MarginValue<T, C>(q);
+  LoadSamples<T>(line + margin, input, n * C);
+  for (int32_t q = 0; q < margin; ++q) line[margin + n * C + q] = MarginValue<T, C>(q);
+  const float* p = line + margin;  // sample j of the row at p[j], j in -cC .. (n + c)C - 1
 
   const int32_t head = c < n ? c : n;
   const int32_t middle = n - 2 * c > 0 ? n - 2 * c : 0;
-  const int32_t tailStart = head + middle;
+  const int32_t headEnd = head * C;
+  const int32_t middleEnd = (head + middle) * C;
+  const int32_t end = n * C;
+  auto out = [&](int32_t j) { return output + static_cast<ptrdiff_t>(j) * sizeof(T); };
 
-  auto border = [&](int32_t i) {
-    float sum = p[i] * w[0];
-    float norm = w[0];
-    for (int32_t k = c - 1; k >= 1; --k) {
-      float wr = (i + k <= n - 1) ? w[k] : 0.0f;
-      float wl = (i - k >= 0) ? w[k] : 0.0f;
-      norm = norm + wr + wl;
-      sum = sum + p[i + k] * wr + p[i - k] * wl;
+  // Head and tail. Vectors start at pixel boundaries in the 4-channel rows, so lane and
+  // channel agree with the marker vector; the other layouts have one marker for all lanes.
+  auto border = [&](int32_t from, int32_t to) {
+    if constexpr (C == 1) {
+      for (int32_t i = from; i < to; ++i)
+        StoreClamped<T>(out(i), BorderIndexedScalar(p + i, c, w, i, n));
+    } else {
+      const __m128 marker = _mm_loadu_ps(LineMarkers<T, C>::lanes);
+      int32_t j = from;
+      for (; j + 4 <= to; j += 4) StoreSamples<T>(out(j), BorderMarked(p + j, C, c, lanes, marker), 4);
+      for (; j < to; ++j)
+        StoreClamped<T>(out(j), BorderMarkedScalar(p + j, C, c, w, MarginValue<T, C>(j)));
     }
-    StoreClamped<T>(output + static_cast<intptr_t>(i) * spacing, sum / norm);
   };
 
-  for (int32_t i = 0; i < head; ++i) border(i);
-
-  int32_t i = head;
-  const int32_t middleEnd = head + middle;
-  const __m128 w0 = _mm_loadu_ps(expanded->lanes);
-  for (; i + 4 <= middleEnd; i += 4) {
-    __m128 value = _mm_mul_ps(w0, _mm_loadu_ps(p + i));
-    for (int32_t k = c - 1; k >= 1; --k) {
-      __m128 pair = _mm_add_ps(_mm_loadu_ps(p + i + k), _mm_loadu_ps(p + i - k));
-      value = _mm_add_ps(_mm_mul_ps(_mm_loadu_ps(expanded->lanes + 4 * k), pair), value);
-    }
-    float out[4];
-    _mm_storeu_ps(out, value);
-    for (int32_t lane = 0; lane < 4; ++lane)
-      StoreClamped<T>(output + static_cast<intptr_t>(i + lane) * spacing, out[lane]);
+  border(0, headEnd);
+  int32_t j = headEnd;
+  for (; j + 16 <= middleEnd; j += 16) {
+    __m128 value[4];
+    MiddleVectors<4>(value, p + j, C, c, lanes);
+#pragma GCC unroll 4
+    for (int32_t v = 0; v < 4; ++v) StoreSamples<T>(out(j + 4 * v), value[v], 4);
   }
-  for (; i < middleEnd; ++i) {
-    float value = w[0] * p[i];
-    for (int32_t k = c - 1; k >= 1; --k) value = w[k] * (p[i + k] + p[i - k]) + value;
-    StoreClamped<T>(output + static_cast<intptr_t>(i) * spacing, value);
+  for (; j + 4 <= middleEnd; j += 4) {
+    __m128 value[1];
+    MiddleVectors<1>(value, p + j, C, c, lanes);
+    StoreSamples<T>(out(j), value[0], 4);
   }
-
-  for (int32_t t = tailStart; t < n; ++t) border(t);
-}
-
-// Two to four channels: one pixel of four lanes per vector, outside taps by marker lanes.
-template <class T, int32_t C>
-void ConvolveLineLanes(const unsigned char* input, unsigned char* output, int32_t n,
-                       int32_t spacing, const SeparableKernel* kernel,
-                       const ExpandedKernel* expanded) {
-  float line[kSeparableLineMax * 4];
-  const int32_t c = kernel->count;
-  const float* markers = LineMarkers<T, C>::lanes;
-  const __m128 marker = _mm_loadu_ps(markers);
-  for (int32_t j = 0; j < c; ++j) _mm_storeu_ps(line + 4 * j, marker);
-  const unsigned char* in = input;
-  for (int32_t j = 0; j < n; ++j, in += spacing) {
-    float* s = line + 4 * (c + j);
-    for (int32_t lane = 0; lane < 4; ++lane)
-      s[lane] = lane < C ? LoadSample<T>(in + lane * sizeof(T)) : 0.0f;
-  }
-  for (int32_t j = 0; j < c; ++j) _mm_storeu_ps(line + 4 * (c + n + j), marker);
-  const float* p = line + 4 * c;  // pixel j at p + 4 * j, j in -c .. n + c - 1
-
-  const int32_t head = c < n ? c : n;
-  const int32_t middle = n - 2 * c > 0 ? n - 2 * c : 0;
-  const int32_t middleEnd = head + middle;
-  const __m128 w0 = _mm_loadu_ps(expanded->lanes);
-
-  auto store = [&](int32_t i, __m128 value) {
-    float out[4];
-    _mm_storeu_ps(out, value);
-    unsigned char* o = output + static_cast<intptr_t>(i) * spacing;
-    for (int32_t lane = 0; lane < C; ++lane) StoreClamped<T>(o + lane * sizeof(T), out[lane]);
-  };
-  // The centre tap always counts; taps k >= 1 drop out lane by lane where the sample equals
-  // that lane's marker.
-  auto border = [&](int32_t i) {
-    __m128 sum = _mm_mul_ps(_mm_loadu_ps(p + 4 * i), w0);
-    __m128 norm = w0;
-    for (int32_t k = c - 1; k >= 1; --k) {
-      const __m128 wk = _mm_loadu_ps(expanded->lanes + 4 * k);
-      const __m128 pr = _mm_loadu_ps(p + 4 * (i + k));
-      const __m128 pl = _mm_loadu_ps(p + 4 * (i - k));
-      const __m128 wr = _mm_andnot_ps(_mm_cmpeq_ps(pr, marker), wk);
-      const __m128 wl = _mm_andnot_ps(_mm_cmpeq_ps(pl, marker), wk);
-      norm = _mm_add_ps(_mm_add_ps(norm, wr), wl);
-      sum = _mm_add_ps(_mm_add_ps(sum, _mm_mul_ps(pr, wr)), _mm_mul_ps(pl, wl));
-    }
-    store(i, _mm_div_ps(sum, norm));
-  };
-
-  for (int32_t i = 0; i < head; ++i) border(i);
-  for (int32_t i = head; i < middleEnd; ++i) {
-    __m128 value = _mm_mul_ps(w0, _mm_loadu_ps(p + 4 * i));
-    for (int32_t k = c - 1; k >= 1; --k) {
-      __m128 pair = _mm_add_ps(_mm_loadu_ps(p + 4 * (i + k)), _mm_loadu_ps(p + 4 * (i - k)));
-      value = _mm_add_ps(_mm_mul_ps(_mm_loadu_ps(expanded->lanes + 4 * k), pair), value);
-    }
-    store(i, value);
-  }
-  for (int32_t i = middleEnd; i < n; ++i) border(i);
-}
-
-// One line of n samples, `spacing` bytes apart, from input to output (which may coincide).
-template <class T, int32_t C>
-void ConvolveSeparableLine(const unsigned char* input, unsigned char* output, int32_t n,
-                           int32_t spacing, const SeparableKernel* kernel,
-                           const ExpandedKernel* expanded) {
-  if constexpr (C == 1)
-    ConvolveLineGray<T>(input, output, n, spacing, kernel, expanded);
-  else
-    ConvolveLineLanes<T, C>(input, output, n, spacing, kernel, expanded);
+  for (; j < middleEnd; ++j) StoreClamped<T>(out(j), MiddleScalar(p + j, C, c, w));
+  border(middleEnd, end);
 }
 
 template <class T, int32_t C>
@@ -167,12 +263,80 @@ void RowWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* a
   const int32_t rowBytes = args->Next<int32_t>();
   const SeparableKernel* kernel = args->Next<const SeparableKernel*>();
   const ExpandedKernel* expanded = args->Next<const ExpandedKernel*>();
-  const int32_t pixelBytes = static_cast<int32_t>(sizeof(T)) * C;
+  float line[kSeparableLineMax * C];  // width + 2c <= kSeparableLineMax pixels
   for (int32_t y = firstRow; y <= lastRow; ++y) {
-    int32_t offset = y * rowBytes;
-    ConvolveSeparableLine<T, C>(source + offset, destination + offset, width, pixelBytes,
-                                kernel, expanded);
+    const ptrdiff_t offset = static_cast<ptrdiff_t>(y) * rowBytes;
+    ConvolveRow<T, C>(source + offset, destination + offset, width, kernel, expanded, line);
   }
+}
+
+// ---- Columns ------------------------------------------------------------------------------
+
+// A strip of `pixels` neighbouring columns of n rows, in place from its top-left sample
+// `first`, through `strip`, a buffer of at least (n + 2c) * stride floats, where stride is
+// pixels * C rounded up to whole vectors. The lanes past pixels * C are loaded as 0.0 and
+// never stored.
+template <class T, int32_t C>
+void ConvolveStrip(unsigned char* first, int32_t pixels, int32_t n, ptrdiff_t rowBytes,
+                   const SeparableKernel* kernel, const ExpandedKernel* expanded, float* strip) {
+  const int32_t c = kernel->count;
+  const float* lanes = expanded->lanes;
+  const int32_t samples = pixels * C;
+  const int32_t stride = (samples + 3) & ~3;
+  const int32_t vectors = stride / 4;
+  const int32_t lastCount = samples - 4 * (vectors - 1);  // lanes stored of the last vector
+
+  // Copy the strip out first: the pass runs in place. In 4-channel strips stride is a
+  // multiple of 4, so slot q holds channel q % 4 as the marker vector expects.
+  for (int32_t q = 0; q < c * stride; ++q) strip[q] = MarginValue<T, C>(q % stride);
+  float* rows = strip + static_cast<ptrdiff_t>(c) * stride;
+  for (int32_t r = 0; r < n; ++r) {
+    float* s = rows + static_cast<ptrdiff_t>(r) * stride;
+    LoadSamples<T>(s, first + r * rowBytes, samples);
+    for (int32_t q = samples; q < stride; ++q) s[q] = 0.0f;
+  }
+  float* after = rows + static_cast<ptrdiff_t>(n) * stride;
+  for (int32_t q = 0; q < c * stride; ++q) after[q] = MarginValue<T, C>(q % stride);
+
+  auto storeRow = [&](int32_t r, const __m128* value, int32_t v0, int32_t count) {
+    unsigned char* o = first + r * rowBytes;
+#pragma GCC unroll 4
+    for (int32_t v = v0; v < v0 + count; ++v)
+      StoreSamples<T>(o + static_cast<ptrdiff_t>(4 * v) * sizeof(T), value[v - v0],
+                      v == vectors - 1 ? lastCount : 4);
+  };
+
+  const int32_t head = c < n ? c : n;
+  const int32_t middle = n - 2 * c > 0 ? n - 2 * c : 0;
+  const __m128 marker = _mm_loadu_ps(LineMarkers<T, C>::lanes);
+  auto border = [&](int32_t r) {
+    const float* p = rows + static_cast<ptrdiff_t>(r) * stride;
+    for (int32_t v = 0; v < vectors; ++v) {
+      __m128 value;
+      if constexpr (C == 1)
+        value = BorderIndexed(p + 4 * v, stride, c, lanes, r, n);
+      else
+        value = BorderMarked(p + 4 * v, stride, c, lanes, marker);
+      storeRow(r, &value, v, 1);
+    }
+  };
+
+  for (int32_t r = 0; r < head; ++r) border(r);
+  for (int32_t r = head; r < head + middle; ++r) {
+    const float* p = rows + static_cast<ptrdiff_t>(r) * stride;
+    int32_t v = 0;
+    for (; v + 4 <= vectors; v += 4) {
+      __m128 value[4];
+      MiddleVectors<4>(value, p + 4 * v, stride, c, lanes);
+      storeRow(r, value, v, 4);
+    }
+    for (; v < vectors; ++v) {
+      __m128 value[1];
+      MiddleVectors<1>(value, p + 4 * v, stride, c, lanes);
+      storeRow(r, value, v, 1);
+    }
+  }
+  for (int32_t r = head + middle; r < n; ++r) border(r);
 }
 
 template <class T, int32_t C>
@@ -182,10 +346,16 @@ void ColumnWorker(int32_t, uint8_t, int32_t firstColumn, int32_t lastColumn, Nuv
   const int32_t rowBytes = args->Next<int32_t>();
   const SeparableKernel* kernel = args->Next<const SeparableKernel*>();
   const ExpandedKernel* expanded = args->Next<const ExpandedKernel*>();
-  const int32_t pixelBytes = static_cast<int32_t>(sizeof(T)) * C;
-  for (int32_t x = firstColumn; x <= lastColumn; ++x) {
-    unsigned char* column = destination + x * pixelBytes;
-    ConvolveSeparableLine<T, C>(column, column, height, rowBytes, kernel, expanded);
+  float strip[kStripFloats];
+  // height + 2c <= kSeparableLineMax, so at least one vector of floats a row: one pixel.
+  int32_t floatsPerRow = (kStripFloats / (height + 2 * kernel->count)) & ~3;
+  if (floatsPerRow > kStripMaxFloats) floatsPerRow = kStripMaxFloats;
+  const int32_t stripPixels = floatsPerRow / C;
+  const ptrdiff_t pixelBytes = static_cast<ptrdiff_t>(sizeof(T)) * C;
+  for (int32_t x = firstColumn; x <= lastColumn; x += stripPixels) {
+    const int32_t pixels = lastColumn - x + 1 < stripPixels ? lastColumn - x + 1 : stripPixels;
+    ConvolveStrip<T, C>(destination + x * pixelBytes, pixels, height, rowBytes, kernel,
+                        expanded, strip);
   }
 }
 
