@@ -1,9 +1,12 @@
-// flowblur: the host simulator: clips and buffers in memory, processors as real threads,
-// and records of everything the plug-in asked of the host.
+// flowblur: the host simulator: clips and buffers in memory, processors as persistent real
+// threads, and records of everything the plug-in asked of the host.
 #include "host/SparkHost.h"
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <cstring>
 #include <exception>
 #include <mutex>
@@ -67,6 +70,164 @@ thread_local uint64_t tOffset = 0;
 thread_local uint64_t tCount = 0;
 
 using Lock = std::lock_guard<std::mutex>;
+
+// ---- Processors
+
+// One fork as every processor sees it.
+struct ForkJob {
+  SparkMpWorker worker;
+  void* arg;
+  int32_t processors;
+  uint64_t pixels;  // divided among the processors
+  uint64_t share;
+  std::exception_ptr* errors;  // one slot a processor
+};
+
+// Processor k's part of a fork: where it stands for sparkMpInfo, then the worker. An
+// exception stays in the processor's slot until the fork has joined.
+void RunOnProcessor(const ForkJob& job, int32_t k) {
+  tInWorker = true;
+  tOffset = job.share * static_cast<uint64_t>(k);
+  tCount = k == job.processors - 1 ? job.pixels - tOffset : job.share;
+  try {
+    job.worker(job.arg);
+  } catch (...) {
+    job.errors[k] = std::current_exception();
+  }
+}
+
+// A fork that cannot use the pool gets threads of its own, as every fork once did.
+void RunOnNewThreads(const ForkJob& job) {
+  std::vector<std::thread> threads;
+  threads.reserve(static_cast<size_t>(job.processors));
+  try {
+    for (int32_t k = 0; k < job.processors; ++k)
+      threads.emplace_back([&job, k] { RunOnProcessor(job, k); });
+  } catch (...) {
+    for (std::thread& t : threads) t.join();
+    throw;
+  }
+  for (std::thread& t : threads) t.join();
+}
+
+// Held through a fork on the pool below, and to start or stop it. A fork that finds it
+// taken (from a worker, or another thread's fork) runs on new threads instead of waiting.
+std::mutex gPoolOwner;
+// Set once the pool is destroyed at exit; a fork after that (from another static's
+// destructor) runs on new threads. A plain bool, readable to the very end.
+bool gPoolGone = false;
+
+// The host's processors, lent to fork after fork as a real host lends its running ones:
+// starting threads for every fork would cost more than many of the plug-in's stages. The
+// threads sleep on a generation count between forks (no spinning: the machine may have
+// fewer cores than processors). Run and Stop belong to whoever holds gPoolOwner.
+class ProcessorPool {
+ public:
+  ~ProcessorPool() {
+    gPoolGone = true;
+    // A child made by fork() has none of these threads, and a fork still running (the
+    // process ended from a worker or beside a fork) keeps them busy: the thread objects
+    // are then left to the exit.
+    if (getpid() == pid_ && gPoolOwner.try_lock()) {
+      Stop();
+      gPoolOwner.unlock();
+    } else if (!threads_.empty()) {
+      abandoned = new std::vector<std::thread>(std::move(threads_));
+    }
+  }
+
+  int32_t Size() const { return static_cast<int32_t>(threads_.size()); }
+
+  // Runs the job on each of its processors and returns when all have ended; starts them
+  // first when the pool has another count.
+  void Run(const ForkJob& job) {
+    if (Size() != job.processors) {
+      Stop();
+      Start(job.processors);
+    }
+    {
+      Lock lock(mutex_);
+      job_ = &job;
+      running_ = job.processors;
+      ++generation_;
+    }
+    wake_.notify_all();
+    // The mutex orders every processor's writes before the caller's return.
+    std::unique_lock<std::mutex> lock(mutex_);
+    done_.wait(lock, [this] { return running_ == 0; });
+    job_ = nullptr;
+  }
+
+  // Ends and joins the threads; only between forks.
+  void Stop() {
+    if (threads_.empty()) return;
+    {
+      Lock lock(mutex_);
+      stop_ = true;
+    }
+    wake_.notify_all();
+    for (std::thread& t : threads_) t.join();
+    threads_.clear();
+    Lock lock(mutex_);
+    stop_ = false;
+  }
+
+ private:
+  void Start(int32_t processors) {
+    pid_ = getpid();
+    threads_.reserve(static_cast<size_t>(processors));
+    try {
+      // Each thread starts from the current generation, so that the fork about to be
+      // announced is not missed by a thread that wakes up late.
+      for (int32_t k = 0; k < processors; ++k)
+        threads_.emplace_back(&ProcessorPool::Serve, this, k, generation_);
+    } catch (...) {
+      Stop();
+      throw;
+    }
+  }
+
+  void Serve(int32_t k, uint64_t seen) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+      wake_.wait(lock, [&] { return stop_ || generation_ != seen; });
+      if (stop_) return;
+      seen = generation_;
+      const ForkJob* job = job_;
+      lock.unlock();
+      RunOnProcessor(*job, k);
+      lock.lock();
+      if (--running_ == 0) done_.notify_one();
+    }
+  }
+
+  std::mutex mutex_;  // guards the fields below threads_
+  std::condition_variable wake_;
+  std::condition_variable done_;
+  std::vector<std::thread> threads_;
+  const ForkJob* job_ = nullptr;
+  uint64_t generation_ = 0;
+  int32_t running_ = 0;
+  bool stop_ = false;
+  pid_t pid_ = 0;
+  static inline std::vector<std::thread>* abandoned = nullptr;  // kept reachable
+};
+
+ProcessorPool gPool;
+// Set when the pool could not be stopped at once (Reset() while a fork runs); the next
+// fork on the pool stops it first.
+std::atomic<bool> gPoolStale{false};
+
+// Stops the pool unless it has `keep` processors (0: whatever it has).
+void RetireProcessors(int32_t keep) {
+  std::unique_lock<std::mutex> owner(gPoolOwner, std::defer_lock);
+  if (!tInWorker) owner.try_lock();
+  if (!owner.owns_lock()) {
+    if (keep == 0) gPoolStale = true;
+    return;  // a pool of the wrong count is restarted by its next fork anyway
+  }
+  if (keep == 0 || gPool.Size() != keep) gPool.Stop();
+}
 
 bool IsEmpty(const FrameLayout& layout) { return layout.width <= 0 || layout.height <= 0; }
 
@@ -167,8 +328,11 @@ uint8_t* SampleAddress(const void* block, const FrameLayout& layout, int32_t x, 
 }  // namespace
 
 void SetProcessors(int32_t processors) {
-  Lock lock(gMutex);
-  gState.processors = processors;
+  {
+    Lock lock(gMutex);
+    gState.processors = processors;
+  }
+  RetireProcessors(std::max(processors, 1));
 }
 
 int32_t Processors() {
@@ -387,9 +551,12 @@ std::vector<SetupCall> SetupCalls() {
 }
 
 void Reset() {
-  Lock lock(gMutex);
-  gState = State();
-  gMpInfoCalls = 0;
+  {
+    Lock lock(gMutex);
+    gState = State();
+    gMpInfoCalls = 0;
+  }
+  RetireProcessors(0);
 }
 
 }  // namespace sparkhost
@@ -557,21 +724,19 @@ extern "C" void sparkMpFork(SparkMpWorker worker, int nargs, void* arg) {
   }
   uint64_t share = pixels / static_cast<uint64_t>(processors);
   std::vector<std::exception_ptr> errors(static_cast<size_t>(processors));
-  std::vector<std::thread> threads;
-  threads.reserve(static_cast<size_t>(processors));
-  for (int32_t k = 0; k < processors; ++k) {
-    threads.emplace_back([=, &errors] {
-      tInWorker = true;
-      tOffset = share * static_cast<uint64_t>(k);
-      tCount = k == processors - 1 ? pixels - tOffset : share;
-      try {
-        worker(arg);
-      } catch (...) {
-        errors[static_cast<size_t>(k)] = std::current_exception();
-      }
-    });
+  ForkJob job{worker, arg, processors, pixels, share, errors.data()};
+  // A fork from inside a worker would wait for the processors it runs on: it gets new
+  // threads, as does a fork while another thread's fork has the pool.
+  std::unique_lock<std::mutex> owner(gPoolOwner, std::defer_lock);
+  if (!tInWorker) owner.try_lock();
+  if (owner.owns_lock() && !gPoolGone) {
+    if (gPoolStale.exchange(false)) gPool.Stop();
+    gPool.Run(job);
+    owner.unlock();
+  } else {
+    if (owner.owns_lock()) owner.unlock();
+    RunOnNewThreads(job);
   }
-  for (std::thread& t : threads) t.join();
   std::exception_ptr first;
   {
     Lock lock(gMutex);

@@ -41,7 +41,11 @@
 // - sparkMpFork(worker, 1, arg): runs worker(arg) once on each of Processors() real
 //   threads (never the caller's) and returns when all have ended. An exception that
 //   leaves a worker is caught there, written to HostLog() after the join, and the one
-//   from the lowest-numbered processor is rethrown on the calling thread.
+//   from the lowest-numbered processor is rethrown on the calling thread. The threads are
+//   the host's processors and outlive the fork: started by the first fork after the
+//   count is set, reused by every later fork, ended by Reset(), by a new count, or at
+//   the end of the process. A fork from inside a worker (also logged), or from another
+//   thread while a fork runs, gets threads of its own for that fork instead of waiting.
 // - sparkMpInfo(offset, count): inside a worker, processor k of P gets offset k x share
 //   and count share, the last processor share plus the remainder, share being
 //   FramePixels() / P at the time of the fork. Outside a worker: 0 and 0, and a line.
@@ -208,7 +212,7 @@ std::vector<SetupCall> SetupCalls();
 
 // Everything back to defaults: 1 processor, no frame pixels, no clips, no buffer layouts,
 // no registered buffers (the next id is 4 again), no injections, no records, version 4.0,
-// no setup values.
+// no setup values. Ends the processor threads (see sparkMpFork).
 void Reset();
 
 }  // namespace sparkhost

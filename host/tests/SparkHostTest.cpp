@@ -1,12 +1,16 @@
 // flowblur: the host simulator's buffers, frames, injections, records and processors.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstring>
+#include <map>
 #include <mutex>
 #include <set>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include "host/SparkHost.h"
 
@@ -456,6 +460,245 @@ TEST_F(HostTest, SamplesOfEachWidth) {
   std::memcpy(&word, w.data() + 8, 2);
   EXPECT_EQ(word, 0x3C00);
   EXPECT_EQ(sh::BytesPerPixel(26), 6) << "unknown codes are stored generously";
+}
+
+
+// ---- Processors that outlive the fork
+
+// Counts the processor threads that have ended: each worker arms a thread-local watch
+// whose destructor runs when its thread ends, before that thread can be joined.
+std::atomic<int32_t> gEnded{0};
+struct EndWatch {
+  bool armed = false;
+  ~EndWatch() {
+    if (armed) ++gEnded;
+  }
+};
+thread_local EndWatch tWatch;
+
+// The thread that ran each processor, by its first pixel (the frame has 1000 pixels, so
+// the offsets tell the processors apart).
+struct ThreadLog {
+  std::mutex mutex;
+  std::map<uint64_t, std::thread::id> byOffset;
+};
+
+void LogThread(void* arg) {
+  tWatch.armed = true;
+  ThreadLog* log = static_cast<ThreadLog*>(arg);
+  uint64_t offset = 0, count = 0;
+  sparkMpInfo(&offset, &count);
+  std::lock_guard<std::mutex> lock(log->mutex);
+  log->byOffset[offset] = std::this_thread::get_id();
+}
+
+std::map<uint64_t, std::thread::id> ForkThreads() {
+  ThreadLog log;
+  sparkMpFork(LogThread, 1, &log);
+  return log.byOffset;
+}
+
+struct PoolTest : HostTest {
+  void SetUp() override {
+    HostTest::SetUp();
+    sh::SetFramePixels(1000);
+    gEnded = 0;
+  }
+};
+
+TEST_F(PoolTest, ConsecutiveForksRunOnTheSameProcessors) {
+  sh::SetProcessors(3);
+  std::map<uint64_t, std::thread::id> first = ForkThreads();
+  std::map<uint64_t, std::thread::id> second = ForkThreads();
+  ASSERT_EQ(first.size(), 3u);
+  EXPECT_EQ(second, first) << "processor k is the same thread in every fork";
+  std::set<std::thread::id> distinct;
+  for (auto& [offset, id] : first) distinct.insert(id);
+  EXPECT_EQ(distinct.size(), 3u);
+  EXPECT_EQ(distinct.count(std::this_thread::get_id()), 0u);
+  EXPECT_EQ(gEnded.load(), 0) << "no processor ended between the forks";
+  sh::Reset();
+  EXPECT_EQ(gEnded.load(), 3) << "Reset() ends and joins the processors";
+}
+
+TEST_F(PoolTest, OneProcessorIsStillNotTheCaller) {
+  sh::SetProcessors(1);
+  std::map<uint64_t, std::thread::id> first = ForkThreads();
+  ASSERT_EQ(first.size(), 1u);
+  EXPECT_NE(first.begin()->second, std::this_thread::get_id());
+  EXPECT_EQ(ForkThreads(), first);
+}
+
+// One fork on the current processors: each gets its range of a 1000-pixel frame, on a
+// thread of its own. Returns the threads by processor.
+std::map<uint64_t, std::thread::id> CheckedFork(int32_t p) {
+  ForkLog log;
+  sparkMpFork(LogRange, 1, &log);
+  std::sort(log.ranges.begin(), log.ranges.end());
+  uint64_t share = 1000 / static_cast<uint64_t>(p);
+  std::vector<std::pair<uint64_t, uint64_t>> want;
+  for (int32_t k = 0; k < p; ++k)
+    want.push_back({share * k, k == p - 1 ? 1000 - share * k : share});
+  EXPECT_EQ(log.ranges, want) << p << " processors";
+  EXPECT_EQ(log.threads.size(), static_cast<size_t>(p));
+  EXPECT_EQ(log.threads.count(std::this_thread::get_id()), 0u);
+  return ForkThreads();
+}
+
+TEST_F(PoolTest, ANewCountReplacesTheProcessors) {
+  sh::SetProcessors(1);
+  EXPECT_EQ(CheckedFork(1).size(), 1u);
+  sh::SetProcessors(8);
+  EXPECT_EQ(gEnded.load(), 1) << "the one processor ended with the new count";
+  EXPECT_EQ(CheckedFork(8).size(), 8u);
+  sh::SetProcessors(3);
+  EXPECT_EQ(gEnded.load(), 9);
+  std::map<uint64_t, std::thread::id> three = CheckedFork(3);
+  sh::SetProcessors(3);
+  EXPECT_EQ(gEnded.load(), 9) << "the same count keeps its processors";
+  EXPECT_EQ(CheckedFork(3), three);
+  sh::SetProcessors(0);
+  EXPECT_EQ(gEnded.load(), 12);
+  EXPECT_EQ(CheckedFork(1).size(), 1u) << "no processors acts as one";
+}
+
+TEST_F(PoolTest, ResetBetweenForksStartsAfreshAtTheNextFork) {
+  sh::SetProcessors(2);
+  CheckedFork(2);
+  sh::Reset();
+  EXPECT_EQ(gEnded.load(), 2);
+  EXPECT_EQ(sh::Calls().mpFork, 0);
+  sh::SetFramePixels(1000);
+  CheckedFork(1);
+  sh::SetProcessors(2);
+  CheckedFork(2);
+  EXPECT_EQ(sh::Calls().mpFork, 4);
+  EXPECT_TRUE(sh::HostLog().empty());
+}
+
+// Processor 0 throws at once; the others finish their work after it.
+void ThrowFirstFinishRest(void* arg) {
+  uint64_t offset = 0, count = 0;
+  sparkMpInfo(&offset, &count);
+  if (offset == 0) throw std::runtime_error("processor zero");
+  std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  static_cast<std::atomic<int32_t>*>(arg)->fetch_add(1);
+}
+
+TEST_F(PoolTest, AnExceptionLeavesTheOthersToFinishAndTheProcessorsInService) {
+  sh::SetProcessors(4);
+  std::map<uint64_t, std::thread::id> before = ForkThreads();
+  std::atomic<int32_t> finished{0};
+  EXPECT_THROW(sparkMpFork(ThrowFirstFinishRest, 1, &finished), std::runtime_error);
+  EXPECT_EQ(finished.load(), 3) << "the join waits for every processor";
+  std::vector<std::string> log = sh::HostLog();
+  ASSERT_EQ(log.size(), 1u);
+  EXPECT_EQ(log[0], "sparkMpFork: the worker on processor 0 of 4 ended with std::exception: "
+                    "processor zero");
+  EXPECT_EQ(ForkThreads(), before) << "the same processors serve the next fork";
+  EXPECT_EQ(gEnded.load(), 0);
+}
+
+void CountCall(void* arg) { static_cast<std::atomic<int64_t>*>(arg)->fetch_add(1); }
+
+TEST_F(PoolTest, ThousandsOfTinyForksAllJoin) {
+  std::atomic<int64_t> calls{0};
+  for (int32_t p : {3, 2}) {
+    sh::SetProcessors(p);
+    int64_t before = calls.load();
+    for (int32_t i = 0; i < 1000; ++i) {
+      sparkMpFork(CountCall, 1, &calls);
+      // Each fork has joined: every processor has run, and nothing runs on.
+      ASSERT_EQ(calls.load(), before + int64_t{i + 1} * p) << p << " processors, fork " << i;
+    }
+  }
+  EXPECT_EQ(sh::Calls().mpFork, 2000);
+}
+
+// A worker that forks: the host logs it and gives the inner fork threads of its own, so
+// nothing waits for the processor that is waiting.
+struct Nested {
+  ForkLog inner[2];
+  std::set<std::thread::id> outer;
+  std::mutex mutex;
+};
+
+void ForkInside(void* arg) {
+  Nested* nested = static_cast<Nested*>(arg);
+  uint64_t offset = 0, count = 0;
+  sparkMpInfo(&offset, &count);
+  sparkMpFork(LogRange, 1, &nested->inner[offset == 0 ? 0 : 1]);
+  uint64_t after = 99, afterCount = 99;
+  sparkMpInfo(&after, &afterCount);
+  std::lock_guard<std::mutex> lock(nested->mutex);
+  nested->outer.insert(std::this_thread::get_id());
+  EXPECT_EQ(after, offset) << "the inner fork leaves the outer processor's range alone";
+  EXPECT_EQ(afterCount, count);
+}
+
+TEST_F(PoolTest, AForkFromAWorkerRunsOnThreadsOfItsOwn) {
+  sh::SetProcessors(2);
+  Nested nested;
+  sparkMpFork(ForkInside, 1, &nested);
+  for (ForkLog& inner : nested.inner) {
+    std::sort(inner.ranges.begin(), inner.ranges.end());
+    EXPECT_EQ(inner.ranges, (std::vector<std::pair<uint64_t, uint64_t>>{{0, 500}, {500, 500}}));
+    EXPECT_EQ(inner.threads.size(), 2u);
+    for (const std::thread::id& id : inner.threads) EXPECT_EQ(nested.outer.count(id), 0u);
+  }
+  std::vector<std::string> log = sh::HostLog();
+  ASSERT_EQ(log.size(), 2u);
+  EXPECT_EQ(log[0], "sparkMpFork: called from inside a worker");
+  EXPECT_EQ(log[1], "sparkMpFork: called from inside a worker");
+  EXPECT_EQ(sh::Calls().mpFork, 3);
+}
+
+// A fork from a second thread while the first thread's fork holds the processors.
+struct Beside {
+  ForkLog log;
+  std::atomic<bool> started{false};
+};
+
+void ForkBesideTheFirst(void* arg) {
+  Beside* beside = static_cast<Beside*>(arg);
+  uint64_t offset = 0, count = 0;
+  sparkMpInfo(&offset, &count);
+  if (offset != 0) return;
+  std::thread other([beside] { sparkMpFork(LogRange, 1, &beside->log); });
+  other.join();
+}
+
+TEST_F(PoolTest, AForkBesideARunningForkGetsThreadsOfItsOwn) {
+  sh::SetProcessors(2);
+  Beside beside;
+  sparkMpFork(ForkBesideTheFirst, 1, &beside);
+  std::sort(beside.log.ranges.begin(), beside.log.ranges.end());
+  EXPECT_EQ(beside.log.ranges, (std::vector<std::pair<uint64_t, uint64_t>>{{0, 500}, {500, 500}}));
+  EXPECT_TRUE(sh::HostLog().empty()) << "not from inside a worker";
+}
+
+// Reset() from another thread while a fork runs cannot end the busy processors; the next
+// fork ends them before it runs.
+void WaitForRelease(void* arg) {
+  tWatch.armed = true;
+  auto* release = static_cast<std::atomic<int32_t>*>(arg);
+  release->fetch_add(1);
+  while (release->load() < 100) std::this_thread::yield();
+}
+
+TEST_F(PoolTest, AResetDuringAForkEndsTheProcessorsAtTheNextFork) {
+  sh::SetProcessors(2);
+  std::atomic<int32_t> release{0};
+  std::thread caller([&release] { sparkMpFork(WaitForRelease, 1, &release); });
+  while (release.load() < 2) std::this_thread::yield();
+  sh::Reset();
+  EXPECT_EQ(gEnded.load(), 0) << "busy processors are not joined";
+  release = 100;
+  caller.join();
+  sh::SetFramePixels(1000);
+  sh::SetProcessors(2);
+  CheckedFork(2);
+  EXPECT_EQ(gEnded.load(), 2) << "the next fork replaced them";
 }
 
 }  // namespace
