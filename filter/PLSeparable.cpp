@@ -107,9 +107,23 @@ inline void StoreSamples(unsigned char* to, __m128 value, int32_t count) {
 
 // ---- The three rules, on a float buffer with taps `stride` floats apart ------------------
 
+// Where both operands of an addition are NaN, SSE returns the first one's NaN, and the
+// compiler may swap the operands of a + b. The additions that can meet two NaN samples are
+// pinned here to the operand order the engine has always had, so that even the NaN an
+// output carries does not change: accumulators first; a middle pair left tap first, except
+// in the one-sample remainders of the 1-channel middle run (right tap first).
+inline __m128 AddKeepFirst(__m128 a, __m128 b) {
+  asm("addps %1, %0" : "+x"(a) : "x"(b));
+  return a;
+}
+inline float AddKeepFirst(float a, float b) {
+  asm("addss %1, %0" : "+x"(a) : "x"(b));
+  return a;
+}
+
 // Middle run, V vectors side by side: value = w0 * p, then for k from c - 1 down to 1,
 // value = w[k] * (p[+k] + p[-k]) + value. No division.
-template <int32_t V>
+template <int32_t V, bool RightFirst = false>
 inline void MiddleVectors(__m128* value, const float* p, ptrdiff_t stride, int32_t c,
                           const float* lanes) {
   const __m128 w0 = _mm_loadu_ps(lanes);
@@ -121,15 +135,23 @@ inline void MiddleVectors(__m128* value, const float* p, ptrdiff_t stride, int32
     const float* left = p - k * stride;
 #pragma GCC unroll 8
     for (int32_t v = 0; v < V; ++v) {
-      const __m128 pair = _mm_add_ps(_mm_loadu_ps(right + 4 * v), _mm_loadu_ps(left + 4 * v));
-      value[v] = _mm_add_ps(_mm_mul_ps(wk, pair), value[v]);
+      const __m128 r = _mm_loadu_ps(right + 4 * v);
+      const __m128 l = _mm_loadu_ps(left + 4 * v);
+      const __m128 pair = RightFirst ? AddKeepFirst(r, l) : AddKeepFirst(l, r);
+      value[v] = AddKeepFirst(value[v], _mm_mul_ps(wk, pair));
     }
   }
 }
 
+template <bool RightFirst>
 inline float MiddleScalar(const float* p, ptrdiff_t stride, int32_t c, const float* w) {
   float value = w[0] * p[0];
-  for (int32_t k = c - 1; k >= 1; --k) value = w[k] * (p[k * stride] + p[-k * stride]) + value;
+  for (int32_t k = c - 1; k >= 1; --k) {
+    const float r = p[k * stride];
+    const float l = p[-k * stride];
+    const float pair = RightFirst ? AddKeepFirst(r, l) : AddKeepFirst(l, r);
+    value = AddKeepFirst(value, w[k] * pair);
+  }
   return value;
 }
 
@@ -146,8 +168,8 @@ inline __m128 BorderMarked(const float* p, ptrdiff_t stride, int32_t c, const fl
     const __m128 pl = _mm_loadu_ps(p - k * stride);
     const __m128 wr = _mm_andnot_ps(_mm_cmpeq_ps(pr, marker), wk);
     const __m128 wl = _mm_andnot_ps(_mm_cmpeq_ps(pl, marker), wk);
-    norm = _mm_add_ps(_mm_add_ps(norm, wr), wl);
-    sum = _mm_add_ps(_mm_add_ps(sum, _mm_mul_ps(pr, wr)), _mm_mul_ps(pl, wl));
+    norm = AddKeepFirst(AddKeepFirst(norm, wr), wl);
+    sum = AddKeepFirst(AddKeepFirst(sum, _mm_mul_ps(pr, wr)), _mm_mul_ps(pl, wl));
   }
   return _mm_div_ps(sum, norm);
 }
@@ -161,8 +183,8 @@ inline float BorderMarkedScalar(const float* p, ptrdiff_t stride, int32_t c, con
     const float pl = p[-k * stride];
     const float wr = pr == marker ? 0.0f : w[k];
     const float wl = pl == marker ? 0.0f : w[k];
-    norm = norm + wr + wl;
-    sum = sum + pr * wr + pl * wl;
+    norm = AddKeepFirst(AddKeepFirst(norm, wr), wl);
+    sum = AddKeepFirst(AddKeepFirst(sum, pr * wr), pl * wl);
   }
   return sum / norm;
 }
@@ -179,9 +201,9 @@ inline __m128 BorderIndexed(const float* p, ptrdiff_t stride, int32_t c, const f
     const __m128 wk = _mm_loadu_ps(lanes + 4 * k);
     const __m128 wr = i + k <= n - 1 ? wk : zero;
     const __m128 wl = i - k >= 0 ? wk : zero;
-    norm = _mm_add_ps(_mm_add_ps(norm, wr), wl);
-    sum = _mm_add_ps(_mm_add_ps(sum, _mm_mul_ps(_mm_loadu_ps(p + k * stride), wr)),
-                     _mm_mul_ps(_mm_loadu_ps(p - k * stride), wl));
+    norm = AddKeepFirst(AddKeepFirst(norm, wr), wl);
+    sum = AddKeepFirst(AddKeepFirst(sum, _mm_mul_ps(_mm_loadu_ps(p + k * stride), wr)),
+                       _mm_mul_ps(_mm_loadu_ps(p - k * stride), wl));
   }
   return _mm_div_ps(sum, norm);
 }
@@ -193,8 +215,8 @@ inline float BorderIndexedScalar(const float* p, int32_t c, const float* w, int3
   for (int32_t k = c - 1; k >= 1; --k) {
     const float wr = (i + k <= n - 1) ? w[k] : 0.0f;
     const float wl = (i - k >= 0) ? w[k] : 0.0f;
-    norm = norm + wr + wl;
-    sum = sum + p[k] * wr + p[-k] * wl;
+    norm = AddKeepFirst(AddKeepFirst(norm, wr), wl);
+    sum = AddKeepFirst(AddKeepFirst(sum, p[k] * wr), p[-k] * wl);
   }
   return sum / norm;
 }
@@ -251,7 +273,7 @@ void ConvolveRow(const unsigned char* input, unsigned char* output, int32_t n,
     MiddleVectors<1>(value, p + j, C, c, lanes);
     StoreSamples<T>(out(j), value[0], 4);
   }
-  for (; j < middleEnd; ++j) StoreClamped<T>(out(j), MiddleScalar(p + j, C, c, w));
+  for (; j < middleEnd; ++j) StoreClamped<T>(out(j), MiddleScalar<C == 1>(p + j, C, c, w));
   border(middleEnd, end);
 }
 
@@ -322,20 +344,26 @@ void ConvolveStrip(unsigned char* first, int32_t pixels, int32_t n, ptrdiff_t ro
   };
 
   for (int32_t r = 0; r < head; ++r) border(r);
-  for (int32_t r = head; r < head + middle; ++r) {
+  // A 1-channel column was once filtered four rows a vector with the last zero to three rows
+  // one at a time; those rows keep their own pair order (see AddKeepFirst).
+  const int32_t pairedEnd = C == 1 ? head + (middle & ~3) : head + middle;
+  auto middleRow = [&](int32_t r, auto rightFirst) {
+    constexpr bool kRightFirst = decltype(rightFirst)::value;
     const float* p = rows + static_cast<ptrdiff_t>(r) * stride;
     int32_t v = 0;
     for (; v + 4 <= vectors; v += 4) {
       __m128 value[4];
-      MiddleVectors<4>(value, p + 4 * v, stride, c, lanes);
+      MiddleVectors<4, kRightFirst>(value, p + 4 * v, stride, c, lanes);
       storeRow(r, value, v, 4);
     }
     for (; v < vectors; ++v) {
       __m128 value[1];
-      MiddleVectors<1>(value, p + 4 * v, stride, c, lanes);
+      MiddleVectors<1, kRightFirst>(value, p + 4 * v, stride, c, lanes);
       storeRow(r, value, v, 1);
     }
-  }
+  };
+  for (int32_t r = head; r < pairedEnd; ++r) middleRow(r, std::false_type());
+  for (int32_t r = pairedEnd; r < head + middle; ++r) middleRow(r, std::true_type());
   for (int32_t r = head + middle; r < n; ++r) border(r);
 }
 
