@@ -1,59 +1,16 @@
-// flowblur: the plug-in driven through the host simulator for benchmarks and the quality
-// harness, with its flow recomputed through the same calls and its heap counted.
+// flowblur: what the benchmarks and the quality harness add to the shared plug-in session:
+// their controls and the heap of one SparkProcess call, counted.
 #pragma once
 #include <cstdint>
-#include <string>
-#include <vector>
 
 #include "shell/spark.h"
+#include "tools/PluginSession.h"
 
 namespace flowblur {
 
-// One plug-in session: a front clip of `frames` frames of width x height in `formatCode` (24,
-// 25, 48, 49 or 64), packed rows, on `processors` host processors (1 to 127), with the
-// controls Amount of Blur = amount and Best (draft false) or Draft quality, motion from the
-// front clip. The constructor resets the host simulator, lays out clip and buffers and calls
-// SparkInitialise and SparkMemoryTempBuffers; the destructor calls SparkUnInitialise. One at a
-// time per process: host and plug-in state are process-wide.
-class HostSession {
- public:
-  HostSession(int32_t width, int32_t height, int32_t formatCode, int32_t frames,
-              int32_t processors, float amount, bool draft);
-  ~HostSession();
-  HostSession(const HostSession&) = delete;
-  HostSession& operator=(const HostSession&) = delete;
-
-  int32_t Width() const { return width_; }
-  int32_t Height() const { return height_; }
-  int32_t FormatCode() const { return formatCode_; }
-  int64_t FrameBytes() const;
-  // Frame n of the clip from a packed host frame (FrameBytes() bytes).
-  void SetFrame(int32_t n, const void* hostFrame);
-  // The host's copy of frame n (packed rows).
-  uint8_t* ClipFrame(int32_t n);
-
-  // The host's step before frame n (frame n into the front buffer) and the call's record.
-  // SparkProcess itself reloads frame n, so one record serves any number of calls.
-  spark_info_struct BeginFrame(int32_t n);
-  // BeginFrame, then SparkProcess: the result buffer, or null with `error` set when the
-  // plug-in returned null or said anything to the user.
-  const void* Process(int32_t n, std::string* error);
-  // Whether the plug-in has said anything to the user since the session began (or since the
-  // last call), with the texts.
-  bool TakeNotes(std::string* said);
-
-  // The flow the plug-in computes for frame n, computed again through the plug-in's own calls
-  // (CreateFlowEstimator, CalculateFlow) on the same pair of frames, in the same order, mode
-  // and settings: at the estimator's working size, in pixels of that grid, from the pair's
-  // first image to its second. `first` and `second` receive the pair's frame numbers.
-  bool PluginFlow(int32_t n, std::vector<float>* uv, int32_t* flowWidth, int32_t* flowHeight,
-                  int32_t* first, int32_t* second, std::string* error);
-
- private:
-  int32_t width_, height_, formatCode_, frames_, processors_;
-  bool draft_;
-  size_t notesSeen_ = 0;
-};
+// The controls the benchmarks and harnesses run with: Amount of Blur `amount`, Best (draft
+// false) or Draft quality, motion from the front clip. Their sessions have no back clip.
+PluginControls BenchControls(float amount, bool draft);
 
 // Heap of one SparkProcess call, in bytes as malloc hands them out (malloc_usable_size).
 struct HeapPeak {

@@ -120,7 +120,8 @@ int Run(const Options& o) {
   const int64_t pixels = static_cast<int64_t>(o.width) * o.height;
   const size_t samples = static_cast<size_t>(pixels) * 3;
   DemoScene scene(o.width, o.height);
-  HostSession session(o.width, o.height, 24, o.frames, o.processors, o.amount, o.draft);
+  PluginSession session(o.width, o.height, 24, o.frames, false, o.processors,
+                        BenchControls(o.amount, o.draft));
 
   std::vector<std::vector<uint8_t>> frames(o.frames, std::vector<uint8_t>(samples));
   std::vector<std::vector<float>> seen(o.frames, std::vector<float>(samples));
@@ -130,7 +131,7 @@ int Run(const Options& o) {
       RenderSceneFrame(scene, n, threads, rgb.data());
       EncodeHostFrame(rgb.data(), pixels, 24, frames[n].data());
       DecodeHostFrame(frames[n].data(), pixels, 24, seen[n].data());
-      session.SetFrame(n, frames[n].data());
+      session.SetFrame(kFrontClip, n, frames[n].data());
     }
   }
 

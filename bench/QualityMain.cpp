@@ -126,7 +126,8 @@ int Run(const Options& o) {
   const int32_t threads =
       o.threads > 0 ? o.threads : std::max(1, static_cast<int32_t>(std::thread::hardware_concurrency()));
   DemoScene scene(o.width, o.height);
-  HostSession session(o.width, o.height, o.format, o.frames, o.processors, o.amount, o.draft);
+  PluginSession session(o.width, o.height, o.format, o.frames, false, o.processors,
+                        BenchControls(o.amount, o.draft));
   const int64_t pixels = static_cast<int64_t>(o.width) * o.height;
   const size_t samples = static_cast<size_t>(pixels) * 3;
 
@@ -138,7 +139,7 @@ int Run(const Options& o) {
     for (int32_t n = 0; n < o.frames; ++n) {
       RenderSceneFrame(scene, n, threads, rgb.data());
       EncodeHostFrame(rgb.data(), pixels, o.format, host.data());
-      session.SetFrame(n, host.data());
+      session.SetFrame(kFrontClip, n, host.data());
       DecodeHostFrame(host.data(), pixels, o.format, seen[n].data());
     }
   }
@@ -191,13 +192,13 @@ int Run(const Options& o) {
     // The same render along the plug-in's own flow must give the plug-in's output: then the
     // render along the true motion below is what the plug-in's renderer makes of the exact
     // motion of each pixel's surface (no ceiling: see TrueFlowOnGrid).
-    RenderAlong(session.ClipFrame(n), o.width, o.height, o.format, flow.data(), flowWidth,
+    RenderAlong(session.ClipFrame(kFrontClip, n), o.width, o.height, o.format, flow.data(), flowWidth,
                 flowHeight, o.amount, o.processors, oracle.data());
     reproduced += oracle == output ? 1 : 0;
     trueFlow.resize(flow.size());
     TrueFlowOnGrid(motion.data(), o.width, o.height, second - first, flowWidth, flowHeight,
                    trueFlow.data());
-    RenderAlong(session.ClipFrame(n), o.width, o.height, o.format, trueFlow.data(), flowWidth,
+    RenderAlong(session.ClipFrame(kFrontClip, n), o.width, o.height, o.format, trueFlow.data(), flowWidth,
                 flowHeight, o.amount, o.processors, oracle.data());
     double psnrOracle = Psnr(oracle.data(), truth.data(), samples);
     std::printf("%5d %3d->%-3d %14.2f %15.2f %+7.2f %11.2f %9.3f %9.3f %10.1f\n", n, first,

@@ -58,8 +58,10 @@ void BM_SparkProcess(benchmark::State& state) {
   const int32_t processors = static_cast<int32_t>(state.range(4));
   const std::vector<std::vector<float>>& frames = DemoFrames(width, height);
   {
-    HostSession session(width, height, format, kClipFrames, processors, 0.5f, draft);
-    for (int32_t n = 0; n < kClipFrames; ++n) session.SetFrame(n, HostFrame(frames[n], format).data());
+    PluginSession session(width, height, format, kClipFrames, false, processors,
+                          BenchControls(0.5f, draft));
+    for (int32_t n = 0; n < kClipFrames; ++n)
+      session.SetFrame(kFrontClip, n, HostFrame(frames[n], format).data());
     const spark_info_struct info = session.BeginFrame(kTimedFrame);
 
     // One untimed call with counting hooks: the heap figures.

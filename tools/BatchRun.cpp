@@ -125,12 +125,13 @@ std::string FramePath(const SequencePattern& pattern, int64_t frame) {
 }
 
 // The written flow pictures: hue for direction, saturation for length, a legend wheel.
-bool WriteFlowFiles(PluginRunner& runner, int32_t index, int64_t fileFrame,
+bool WriteFlowFiles(PluginSession& session, int32_t index, int64_t fileFrame,
                     const std::vector<int64_t>& frames, const FrameInfo& info,
                     const BatchOptions& options, std::string* error) {
   FlowField flow;
   int32_t first, second;
-  if (!runner.FrameFlow(index, &flow, &first, &second, error)) return false;
+  if (!session.PluginFlow(index, &flow.uv, &flow.width, &flow.height, &first, &second, error))
+    return false;
   // Shown as motion forward in time at the frame's own size, whichever way the pair runs.
   FlowField picture = ResampleFlow(flow, info.width, info.height);
   if (second < first)
@@ -296,10 +297,9 @@ int RunBatch(const BatchOptions& options) {
     return kExitInput;
   }
   const SampleDepth outDepth = options.haveOutDepth ? options.outDepth : info.depth;
-  PluginRunner runner(info.width, info.height, formatCode, count, withBack, options.threads,
-                      options.controls);
-  std::vector<uint8_t> packed(static_cast<size_t>(runner.FrameBytes()));
-  std::vector<uint8_t> result(packed.size());
+  PluginSession session(info.width, info.height, formatCode, count, withBack, options.threads,
+                        options.controls);
+  std::vector<uint8_t> packed(static_cast<size_t>(session.FrameBytes()));
   std::vector<bool> loaded[2] = {std::vector<bool>(frames.size()), std::vector<bool>(frames.size())};
   std::map<int32_t, Frame> frontFrames;  // read but not yet written
 
@@ -317,7 +317,7 @@ int RunBatch(const BatchOptions& options) {
 
   for (int32_t k = 0; k < count; ++k) {
     if (gInterrupted.load()) return stopped("interrupted", kExitInterrupted);
-    for (const auto& [clip, index] : runner.FramesNeeded(k)) {
+    for (const auto& [clip, index] : session.FramesNeeded(k)) {
       if (loaded[clip][static_cast<size_t>(index)]) continue;
       const std::string& path = (clip == 0 ? inputPaths : backPaths)[static_cast<size_t>(index)];
       Frame frame;
@@ -325,11 +325,12 @@ int RunBatch(const BatchOptions& options) {
       if (frame.info.width != info.width || frame.info.height != info.height)
         return stopped(Quote(path) + " changed size while the run was under way", kExitInput);
       PackColour(frame, formatCode, packed.data());
-      runner.SetFrame(clip, index, packed.data());
+      session.SetFrame(clip, index, packed.data());
       loaded[clip][static_cast<size_t>(index)] = true;
       if (clip == 0 && index >= k) frontFrames[index] = std::move(frame);
     }
-    if (!runner.Process(k, result.data(), &error))
+    const void* result = session.Process(k, &error);
+    if (!result)
       return stopped("frame " + Quote(inputPaths[static_cast<size_t>(k)]) + ": " + error,
                      kExitPlugin);
     auto it = frontFrames.find(k);
@@ -341,7 +342,7 @@ int RunBatch(const BatchOptions& options) {
       it = frontFrames.emplace(k, std::move(frame)).first;
     }
     Frame& out = it->second;
-    UnpackColour(result.data(), formatCode, &out);
+    UnpackColour(result, formatCode, &out);
     OIIO::ImageSpec spec = OutputSpec(out.info, outDepth);
     if (!WriteImageSafely(outputPaths[static_cast<size_t>(k)], spec, OIIO::TypeDesc::FLOAT,
                           out.pixels.data(), options.overwrite, &error))
@@ -349,7 +350,7 @@ int RunBatch(const BatchOptions& options) {
     ++gFramesWritten;
     frontFrames.erase(frontFrames.begin(), frontFrames.upper_bound(k));
     if (!options.flowFolder.empty() &&
-        !WriteFlowFiles(runner, k, frames[static_cast<size_t>(k)], frames, info, options, &error))
+        !WriteFlowFiles(session, k, frames[static_cast<size_t>(k)], frames, info, options, &error))
       return stopped(error, kExitOutput);
     progress.Update(k + 1, frames[static_cast<size_t>(k)]);
   }

@@ -6,11 +6,11 @@
 #include <string>
 
 #include "tools/ImageFiles.h"
-#include "tools/PluginRunner.h"
+#include "tools/PluginSession.h"
 
 // Rules for this folder:
 // - The plug-in is driven only as a host drives it: its exported entry points and control
-//   records, through the host simulator (PluginRunner). The flow pictures use the plug-in's
+//   records, through the host simulator (PluginSession). The flow pictures use the plug-in's
 //   own flow calls; nothing here reaches into the image library.
 // - All file I/O goes through OpenImageIO, and every file the tool makes through
 //   WriteImageSafely: nothing partial under a final name, nothing replaced without --overwrite.

@@ -8,7 +8,7 @@
 #include "tools/BatchRun.h"
 #include "tools/Demo.h"
 #include "tools/ImageFiles.h"
-#include "tools/PluginRunner.h"
+#include "tools/PluginSession.h"
 #include "tools/Sequence.h"
 
 namespace {

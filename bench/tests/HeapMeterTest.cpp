@@ -13,14 +13,14 @@ namespace {
 
 constexpr int32_t kWidth = 160, kHeight = 128, kFrames = 3;
 
-void LoadDemoFrames(HostSession* session, int32_t format) {
+void LoadDemoFrames(PluginSession* session, int32_t format) {
   DemoScene scene(kWidth, kHeight);
   std::vector<float> rgb(static_cast<size_t>(kWidth) * kHeight * 3);
   std::vector<uint8_t> host(static_cast<size_t>(session->FrameBytes()));
   for (int32_t n = 0; n < kFrames; ++n) {
     RenderSceneFrame(scene, n, 1, rgb.data());
     ASSERT_TRUE(EncodeHostFrame(rgb.data(), int64_t{kWidth} * kHeight, format, host.data()));
-    session->SetFrame(n, host.data());
+    session->SetFrame(kFrontClip, n, host.data());
   }
 }
 
@@ -28,7 +28,7 @@ class HeapMeter : public ::testing::TestWithParam<int32_t> {};
 
 TEST_P(HeapMeter, CountsLibraryBlocksAndDriverPlanesWithoutChangingTheResult) {
   const int32_t format = GetParam();
-  HostSession session(kWidth, kHeight, format, kFrames, 2, 0.5f, false);
+  PluginSession session(kWidth, kHeight, format, kFrames, false, 2, BenchControls(0.5f, false));
   LoadDemoFrames(&session, format);
   const spark_info_struct info = session.BeginFrame(2);
   const void* result = nullptr;
@@ -63,8 +63,8 @@ TEST_P(HeapMeter, CountsLibraryBlocksAndDriverPlanesWithoutChangingTheResult) {
 
 INSTANTIATE_TEST_SUITE_P(Formats, HeapMeter, ::testing::Values(24, 48, 49));
 
-TEST(HostSession, PluginFlowUsesTheDriversPairAndWorkingSize) {
-  HostSession session(kWidth, kHeight, 24, kFrames, 1, 0.5f, true);
+TEST(PluginSession, PluginFlowUsesTheDriversPairAndWorkingSize) {
+  PluginSession session(kWidth, kHeight, 24, kFrames, false, 1, BenchControls(0.5f, true));
   LoadDemoFrames(&session, 24);
   std::vector<float> uv;
   int32_t w = 0, h = 0, first = -1, second = -1;
