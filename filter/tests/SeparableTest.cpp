@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cmath>
+#include <cstring>
 #include <vector>
 
 #include "filter/PLKernels.h"
@@ -367,6 +368,167 @@ TEST(Separable, SameBytesForAnyWorkerCount) {
     for (int32_t workers : kPLTestWorkerCounts) {
       PLTestUseWorkers(workers);
       TestImage got = MakeImage(150, 140, c.channels, c.type, 1, 4);
+      CopyPixels(got.get(), input.get());
+      Filter(got.get(), got.get(), k, 0);
+      EXPECT_TRUE(SamePixels(got.get(), want.get()))
+          << "type " << c.type << " channels " << c.channels << " workers " << workers;
+    }
+    PLTestUseWorkers(1);
+  }
+}
+
+// ---- Column strips and vector stores ------------------------------------------------------
+
+// Columns are filtered in strips of neighbouring pixels (64 floats a row at most, fewer for
+// tall images): widths around and past a strip, the last strip narrower than the others, and
+// columns shorter than the count, between it and twice it, exactly twice it and longer.
+class SeparableStrips : public ::testing::TestWithParam<std::tuple<int32_t, int32_t>> {};
+
+TEST_P(SeparableStrips, PartialStripsAtTheRightEdge) {
+  const int32_t type = std::get<0>(GetParam());
+  const int32_t channels = std::get<1>(GetParam());
+  const Shape shapes[] = {{70, 5}, {70, 9}, {133, 14}, {65, 33}, {97, 1}, {64, 40}, {22, 17}};
+  SeparableKernel binomial;
+  binomial.count = 3;
+  binomial.weights[0] = 0.375f;
+  binomial.weights[1] = 0.25f;
+  binomial.weights[2] = 0.0625f;
+  const SeparableKernel kernels[] = {GaussKernel(6.5f), binomial};
+  uint32_t seed = 100;
+  for (const Shape& s : shapes)
+    for (const SeparableKernel& k : kernels)
+      for (uint32_t mode : {0u, 2u})
+        for (int32_t flipped : {0, 1}) {
+          TestImage got = MakeImage(s.width, s.height, channels, type, flipped, flipped ? 6 : 2);
+          FillRandom(got.get(), seed++);
+          PlantMarkers(got.get());
+          TestImage want = MakeImage(s.width, s.height, channels, type, flipped, flipped ? 6 : 2);
+          CopyPixels(want.get(), got.get());
+          ASSERT_EQ(Filter(got.get(), got.get(), k, mode), 0);
+          RefConvolve(want.get(), k, mode);
+          ASSERT_TRUE(SamePixels(got.get(), want.get()))
+              << s.width << "x" << s.height << " count " << k.count << " mode " << mode
+              << " flipped " << flipped;
+          ASSERT_TRUE(PaddingUntouched(got));
+        }
+}
+
+// Tall images narrow the strip so that the whole height fits the stack buffer, down to one
+// vector of floats a row (a single pixel for 3 and 4 channels) at the longest legal column.
+TEST_P(SeparableStrips, TallColumnsNarrowTheStrip) {
+  const int32_t type = std::get<0>(GetParam());
+  const int32_t channels = std::get<1>(GetParam());
+  SeparableKernel k = GaussKernel(7.0f);  // count 8
+  uint32_t seed = 200;
+  for (int32_t height : {1100, 5000, kSeparableLineMax - 2 * 8}) {
+    TestImage got = MakeImage(9, height, channels, type, 1, 4);
+    FillRandom(got.get(), seed++);
+    PlantMarkers(got.get());
+    TestImage want = MakeImage(9, height, channels, type, 1, 4);
+    CopyPixels(want.get(), got.get());
+    ASSERT_EQ(Filter(got.get(), got.get(), k, 0), 0);
+    RefConvolve(want.get(), k, 0);
+    ASSERT_TRUE(SamePixels(got.get(), want.get())) << "height " << height;
+    ASSERT_TRUE(PaddingUntouched(got));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(AllMembers, SeparableStrips,
+                         ::testing::Combine(::testing::Values(PLUChar, PLUShort, PLFloat),
+                                            ::testing::Values(1, 2, 3, 4)));
+
+// The integer stores convert four samples at once: values past the type's range clamp, and
+// values past 32 bits truncate to 0x80000000 and so store 0, exactly as one at a time.
+TEST(Separable, IntegerStoresOutOfRangeLikeTheScalarRule) {
+  const float weightSets[][2] = {{1e10f, 0.0f}, {300.0f, -40.0f}, {-3.0f, 0.5f}, {70000.0f, 0.0f}};
+  uint32_t seed = 300;
+  for (int32_t type : {PLUChar, PLUShort})
+    for (int32_t channels = 1; channels <= 4; ++channels)
+      for (const auto& weights : weightSets)
+        for (uint32_t mode : {0u, 1u, 2u}) {
+          SeparableKernel k;
+          k.count = 2;
+          k.weights[0] = weights[0];
+          k.weights[1] = weights[1];
+          TestImage got = MakeImage(37, 19, channels, type, 0, 3);
+          FillRandom(got.get(), seed++);
+          TestImage want = MakeImage(37, 19, channels, type, 0, 3);
+          CopyPixels(want.get(), got.get());
+          Filter(got.get(), got.get(), k, mode);
+          RefConvolve(want.get(), k, mode);
+          ASSERT_TRUE(SamePixels(got.get(), want.get()))
+              << "type " << type << " channels " << channels << " weight " << weights[0]
+              << " mode " << mode;
+          ASSERT_TRUE(PaddingUntouched(got));
+        }
+}
+
+// NaN samples keep their bits through the filter. Where two NaNs meet in one addition the
+// output carries one of them, and which one is part of the engine's output: the accumulated
+// sum first at the ends (so the right tap's, added first), the left tap's in the middle run,
+// except in the last zero to three outputs of a 1-channel middle run (the right tap's).
+TEST(Separable, NaNSamplesKeepTheirBits) {
+  const uint32_t right = 0x7fc00001u;  // quiet NaNs with different signs and payloads
+  const uint32_t left = 0xffc00002u;
+  SeparableKernel k;
+  k.count = 3;
+  k.weights[0] = 0.375f;
+  k.weights[1] = 0.25f;
+  k.weights[2] = 0.0625f;
+  auto bitsOf = [](double v) {
+    float f = static_cast<float>(v);
+    uint32_t b;
+    std::memcpy(&b, &f, 4);
+    return b;
+  };
+  auto nanOf = [](uint32_t b) {
+    float f;
+    std::memcpy(&f, &b, 4);
+    return static_cast<double>(f);
+  };
+  for (int32_t channels = 1; channels <= 4; ++channels)
+    for (int32_t n : {19, 40})
+      for (bool columns : {false, true})
+        for (int32_t i = 0; i < n; ++i) {
+          TestImage im = columns ? MakeImage(1, n, channels, PLFloat, 0, 4)
+                                 : MakeImage(n, 1, channels, PLFloat);
+          Fill(im.get(), 0.5);
+          auto set = [&](int32_t j, uint32_t b) {
+            if (j < 0 || j >= n) return;
+            for (int32_t c = 0; c < channels; ++c)
+              Set(im.get(), columns ? 0 : j, columns ? j : 0, c, nanOf(b));
+          };
+          set(i + 2, right);
+          set(i - 2, left);
+          Filter(im.get(), im.get(), k, columns ? 2 : 1);
+          const int32_t middle = n - 2 * k.count;
+          const bool inMiddle = i >= k.count && i < n - k.count;
+          const bool rightFirst =
+              inMiddle ? channels == 1 && i >= k.count + (middle & ~3) : i + 2 < n;
+          for (int32_t c = 0; c < channels; ++c)
+            ASSERT_EQ(bitsOf(Get(im.get(), columns ? 0 : i, columns ? i : 0, c)),
+                      rightFirst ? right : left)
+                << "channels " << channels << " n " << n << " columns " << columns << " output "
+                << i << " lane " << c;
+        }
+}
+
+TEST(Separable, StripsSameBytesForAnyWorkerCount) {
+  struct Case {
+    int32_t type, channels;
+  };
+  const Case cases[] = {{PLFloat, 1}, {PLFloat, 3}, {PLUChar, 2}, {PLUShort, 4}};
+  SeparableKernel k = GaussKernel(7.0f);
+  for (const Case& c : cases) {
+    TestImage input = MakeImage(211, 130, c.channels, c.type, 1, 4);
+    FillRandom(input.get(), 400);
+    PlantMarkers(input.get());
+    TestImage want = MakeImage(211, 130, c.channels, c.type, 1, 4);
+    CopyPixels(want.get(), input.get());
+    RefConvolve(want.get(), k, 0);
+    for (int32_t workers : kPLTestWorkerCounts) {
+      PLTestUseWorkers(workers);
+      TestImage got = MakeImage(211, 130, c.channels, c.type, 1, 4);
       CopyPixels(got.get(), input.get());
       Filter(got.get(), got.get(), k, 0);
       EXPECT_TRUE(SamePixels(got.get(), want.get()))
