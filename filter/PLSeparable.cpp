@@ -254,7 +254,8 @@ void ConvolveRow(const unsigned char* input, unsigned char* output, int32_t n,
     } else {
       const __m128 marker = _mm_loadu_ps(LineMarkers<T, C>::lanes);
       int32_t j = from;
-      for (; j + 4 <= to; j += 4) StoreSamples<T>(out(j), BorderMarked(p + j, C, c, lanes, marker), 4);
+      for (; j + 4 <= to; j += 4)
+        StoreSamples<T>(out(j), BorderMarked(p + j, C, c, lanes, marker), 4);
       for (; j < to; ++j)
         StoreClamped<T>(out(j), BorderMarkedScalar(p + j, C, c, w, MarginValue<T, C>(j)));
     }

@@ -56,6 +56,7 @@ enum : uint32_t {
 // done). Refused, with nothing written and PLErrParameter (5) returned: a kernel count
 // outside 0..4096, or a pass whose line (width for rows, height for columns) plus twice the
 // count exceeds kSeparableLineMax; this keeps the stack line buffer from overflowing.
-// Forks over rows, then over columns; identical output for any worker count.
+// Forks over rows, then over columns (in strips of neighbouring columns); identical output
+// for any worker count. No heap: each worker holds one stack buffer of at most 256 KiB.
 int32_t ConvolveSeparable(const NuvImage* source, NuvImage* destination,
                           const SeparableKernel* kernel, uint32_t mode);
