@@ -309,17 +309,22 @@ void ConvolveStrip(unsigned char* first, int32_t pixels, int32_t n, ptrdiff_t ro
   const int32_t vectors = stride / 4;
   const int32_t lastCount = samples - 4 * (vectors - 1);  // lanes stored of the last vector
 
-  // Copy the strip out first: the pass runs in place. In 4-channel strips stride is a
-  // multiple of 4, so slot q holds channel q % 4 as the marker vector expects.
-  for (int32_t q = 0; q < c * stride; ++q) strip[q] = MarginValue<T, C>(q % stride);
+  // Margin rows, a vector at a time: stride is a multiple of 4, so in 4-channel strips lane
+  // q % 4 is the channel, as the marker vector expects; the other layouts have one margin
+  // value for all lanes.
+  const __m128 margin = C == 1 ? _mm_setzero_ps() : _mm_loadu_ps(LineMarkers<T, C>::lanes);
   float* rows = strip + static_cast<ptrdiff_t>(c) * stride;
+  float* after = rows + static_cast<ptrdiff_t>(n) * stride;
+  for (int32_t q = 0; q < c * stride; q += 4) {
+    _mm_storeu_ps(strip + q, margin);
+    _mm_storeu_ps(after + q, margin);
+  }
+  // Copy the strip out before any output is stored: the pass runs in place.
   for (int32_t r = 0; r < n; ++r) {
     float* s = rows + static_cast<ptrdiff_t>(r) * stride;
     LoadSamples<T>(s, first + r * rowBytes, samples);
     for (int32_t q = samples; q < stride; ++q) s[q] = 0.0f;
   }
-  float* after = rows + static_cast<ptrdiff_t>(n) * stride;
-  for (int32_t q = 0; q < c * stride; ++q) after[q] = MarginValue<T, C>(q % stride);
 
   auto storeRow = [&](int32_t r, const __m128* value, int32_t v0, int32_t count) {
     unsigned char* o = first + r * rowBytes;
