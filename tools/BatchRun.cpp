@@ -141,8 +141,8 @@ bool WriteFlowFiles(PluginSession& session, int32_t index, int64_t fileFrame,
   DrawFlowLegend(&rgb, info.width, info.height, longest);
   char name[64];
   std::snprintf(name, sizeof name, "/flow.%04lld", static_cast<long long>(fileFrame));
-  OIIO::ImageSpec spec(info.width, info.height, 3, OIIO::TypeDesc::UINT8);
-  if (!WriteImageSafely(options.flowFolder + name + ".png", spec, OIIO::TypeDesc::UINT8,
+  OIIO::ImageSpec imageSpec(info.width, info.height, 3, OIIO::TypeDesc::UINT8);
+  if (!WriteImageSafely(options.flowFolder + name + ".png", imageSpec, OIIO::TypeDesc::UINT8,
                         rgb.data(), options.overwrite, error))
     return false;
   if (options.flowExr) {
@@ -343,8 +343,8 @@ int RunBatch(const BatchOptions& options) {
     }
     Frame& out = it->second;
     UnpackColour(result, formatCode, &out);
-    OIIO::ImageSpec spec = OutputSpec(out.info, outDepth);
-    if (!WriteImageSafely(outputPaths[static_cast<size_t>(k)], spec, OIIO::TypeDesc::FLOAT,
+    OIIO::ImageSpec imageSpec = OutputSpec(out.info, outDepth);
+    if (!WriteImageSafely(outputPaths[static_cast<size_t>(k)], imageSpec, OIIO::TypeDesc::FLOAT,
                           out.pixels.data(), options.overwrite, &error))
       return stopped(error, kExitOutput);
     ++gFramesWritten;

@@ -132,13 +132,13 @@ int RunDemo(const std::string& folder, const BatchOptions& base, int32_t width, 
     Say("rendering the demo clip: " + std::to_string(frames) + " frames of " +
         std::to_string(width) + "x" + std::to_string(height));
   std::vector<uint8_t> rgb(static_cast<size_t>(width) * height * 3);
-  OIIO::ImageSpec spec(width, height, 3, OIIO::TypeDesc::UINT8);
-  spec.attribute("oiio:ColorSpace", "sRGB");
+  OIIO::ImageSpec imageSpec(width, height, 3, OIIO::TypeDesc::UINT8);
+  imageSpec.attribute("oiio:ColorSpace", "sRGB");
   for (int32_t t = 0; t < frames; ++t) {
     clip.Render8(t, rgb.data());
     char name[64];
     std::snprintf(name, sizeof name, "/input/demo.%04d.png", t + 1);
-    if (!WriteImageSafely(folder + name, spec, OIIO::TypeDesc::UINT8, rgb.data(), true, &error)) {
+    if (!WriteImageSafely(folder + name, imageSpec, OIIO::TypeDesc::UINT8, rgb.data(), true, &error)) {
       Say(error);
       return kExitOutput;
     }

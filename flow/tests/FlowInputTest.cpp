@@ -29,7 +29,7 @@ float Luma(const PLImage* source, uint8_t yuv) {
   return At(dest, 0, 0);
 }
 
-// Each cell of the table written out once more, by hand, with the spec's example pixels.
+// Each cell of the table written out once more, by hand, with the example pixels of its definition.
 TEST(FlowLuma, EveryCellOfTheTable) {
   const uint8_t c8[4] = {100, 200, 50, 77};
   const uint16_t c16[4] = {40000, 1234, 65535, 999};
