@@ -4,7 +4,9 @@
 #include <malloc.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
+#include <string>
 
 #include "runtime/NuvMem.h"
 #include "shell/SparkDriver.h"
@@ -83,6 +85,52 @@ HeapPeak MeasureHeap(const spark_info_struct& info, const void** result) {
   heap.planes = gPlanes;
   heap.libraryLeft = gLibraryLive;
   return heap;
+}
+
+namespace {
+bool ParseInt(const char* text, int32_t low, int32_t high, int32_t* value) {
+  char* end = nullptr;
+  long v = std::strtol(text, &end, 10);
+  if (!*text || *end || v < low || v > high) return false;
+  *value = static_cast<int32_t>(v);
+  return true;
+}
+}  // namespace
+
+bool ParseHarnessOptions(int argc, char** argv, const HarnessOptionRules& rules,
+                         HarnessOptions* o) {
+  for (int i = 1; i < argc; ++i) {
+    std::string a = argv[i];
+    if (a == "--draft") {
+      o->draft = true;
+      continue;
+    }
+    const char* next = i + 1 < argc ? argv[i + 1] : nullptr;
+    if (!next || a == "--help" || a == "-h") return false;
+    bool ok = true;
+    if (a == "--width") ok = ParseInt(next, rules.minimumSide, 16384, &o->width);
+    else if (a == "--height") ok = ParseInt(next, rules.minimumSide, 16384, &o->height);
+    else if (a == "--frames") ok = ParseInt(next, 3, 10000, &o->frames);
+    else if (a == "--format" && rules.takesFormat)
+      ok = ParseInt(next, 0, 1000, &o->format) && HostBytesPerPixel(o->format) > 0;
+    else if (a == "--processors") ok = ParseInt(next, 1, 127, &o->processors);
+    else if (a == "--subframes") ok = ParseInt(next, 1, 4096, &o->subframes);
+    else if (a == "--repeat" && rules.takesRepeat) ok = ParseInt(next, 1, 100, &o->repeat);
+    else if (a == "--threads") ok = ParseInt(next, 1, 256, &o->threads);
+    else if (a == "--amount") {
+      char* end = nullptr;
+      o->amount = std::strtof(next, &end);
+      ok = *next && !*end && o->amount >= 0.0f && o->amount <= 10.0f;
+    } else {
+      ok = false;
+    }
+    if (!ok) {
+      std::fprintf(stderr, "%s: bad option %s %s\n", rules.program, a.c_str(), next);
+      return false;
+    }
+    ++i;
+  }
+  return true;
 }
 
 }  // namespace flowblur

@@ -28,17 +28,7 @@
 namespace flowblur {
 namespace {
 
-struct Options {
-  int32_t width = 960;
-  int32_t height = 540;
-  int32_t frames = 8;
-  bool draft = false;
-  float amount = 0.5f;
-  int32_t processors = 2;
-  int32_t subframes = kTrueBlurSubframes;
-  int32_t repeat = 3;
-  int32_t threads = 0;
-};
+using Options = HarnessOptions;
 
 const char kUsage[] =
     "usage: flowblur_compare [--width W] [--height H] [--frames N] [--draft] [--amount A]\n"
@@ -48,47 +38,6 @@ const char kUsage[] =
     "fast, medium) and Farneback, at the plug-in's working size (half, or a quarter with\n"
     "--draft) and on P threads, renders each flow with the plug-in's renderer and scores it\n"
     "against the true blur. Flow times are the best of R runs per frame, from the RGB frames.\n";
-
-bool ParseInt(const char* text, int32_t low, int32_t high, int32_t* value) {
-  char* end = nullptr;
-  long v = std::strtol(text, &end, 10);
-  if (!*text || *end || v < low || v > high) return false;
-  *value = static_cast<int32_t>(v);
-  return true;
-}
-
-bool Parse(int argc, char** argv, Options* o) {
-  for (int i = 1; i < argc; ++i) {
-    std::string a = argv[i];
-    if (a == "--draft") {
-      o->draft = true;
-      continue;
-    }
-    const char* next = i + 1 < argc ? argv[i + 1] : nullptr;
-    if (!next || a == "--help" || a == "-h") return false;
-    bool ok = true;
-    if (a == "--width") ok = ParseInt(next, 32, 16384, &o->width);
-    else if (a == "--height") ok = ParseInt(next, 32, 16384, &o->height);
-    else if (a == "--frames") ok = ParseInt(next, 3, 10000, &o->frames);
-    else if (a == "--processors") ok = ParseInt(next, 1, 127, &o->processors);
-    else if (a == "--subframes") ok = ParseInt(next, 1, 4096, &o->subframes);
-    else if (a == "--repeat") ok = ParseInt(next, 1, 100, &o->repeat);
-    else if (a == "--threads") ok = ParseInt(next, 1, 256, &o->threads);
-    else if (a == "--amount") {
-      char* end = nullptr;
-      o->amount = std::strtof(next, &end);
-      ok = *next && !*end && o->amount >= 0.0f && o->amount <= 10.0f;
-    } else {
-      ok = false;
-    }
-    if (!ok) {
-      std::fprintf(stderr, "flowblur_compare: bad option %s %s\n", a.c_str(), next);
-      return false;
-    }
-    ++i;
-  }
-  return true;
-}
 
 // The build's "Parallel framework:" line, which says what runs OpenCV's threads.
 std::string ParallelFramework() {
@@ -307,7 +256,7 @@ int Run(const Options& o) {
 
 int main(int argc, char** argv) {
   flowblur::Options options;
-  if (!flowblur::Parse(argc, argv, &options)) {
+  if (!flowblur::ParseHarnessOptions(argc, argv, {"flowblur_compare", false, true, 32}, &options)) {
     std::fputs(flowblur::kUsage, stderr);
     return 2;
   }

@@ -21,17 +21,7 @@
 namespace flowblur {
 namespace {
 
-struct Options {
-  int32_t width = 960;
-  int32_t height = 540;
-  int32_t frames = 8;
-  int32_t format = 24;
-  bool draft = false;
-  float amount = 0.5f;
-  int32_t processors = 2;
-  int32_t subframes = kTrueBlurSubframes;
-  int32_t threads = 0;  // ground-truth render threads; 0: the machine's
-};
+using Options = HarnessOptions;
 
 const char kUsage[] =
     "usage: flowblur_quality [--width W] [--height H] [--frames N] [--format 24|48|49]\n"
@@ -42,49 +32,6 @@ const char kUsage[] =
     "true blur: the mean of S renders across a shutter open for amount x the frame interval,\n"
     "centred on the frame. Defaults: 960x540, 8 frames, format 24, Best, amount 0.5,\n"
     "2 processors, 64 sub-frames.\n";
-
-bool ParseInt(const char* text, int32_t low, int32_t high, int32_t* value) {
-  char* end = nullptr;
-  long v = std::strtol(text, &end, 10);
-  if (!*text || *end || v < low || v > high) return false;
-  *value = static_cast<int32_t>(v);
-  return true;
-}
-
-bool Parse(int argc, char** argv, Options* o) {
-  for (int i = 1; i < argc; ++i) {
-    std::string a = argv[i];
-    const char* next = i + 1 < argc ? argv[i + 1] : nullptr;
-    bool ok = true;
-    if (a == "--draft") {
-      o->draft = true;
-      continue;
-    }
-    if (a == "--help" || a == "-h") return false;
-    if (!next) return false;
-    if (a == "--width") ok = ParseInt(next, 16, 16384, &o->width);
-    else if (a == "--height") ok = ParseInt(next, 16, 16384, &o->height);
-    else if (a == "--frames") ok = ParseInt(next, 3, 10000, &o->frames);
-    else if (a == "--format") ok = ParseInt(next, 0, 1000, &o->format) && HostBytesPerPixel(o->format) > 0;
-    else if (a == "--processors") ok = ParseInt(next, 1, 127, &o->processors);
-    else if (a == "--subframes") ok = ParseInt(next, 1, 4096, &o->subframes);
-    else if (a == "--threads") ok = ParseInt(next, 1, 256, &o->threads);
-    else if (a == "--amount") {
-      char* end = nullptr;
-      o->amount = std::strtof(next, &end);
-      // A negative amount sharpens; no shutter corresponds to it.
-      ok = *next && !*end && o->amount >= 0.0f && o->amount <= 10.0f;
-    } else {
-      ok = false;
-    }
-    if (!ok) {
-      std::fprintf(stderr, "flowblur_quality: bad option %s %s\n", a.c_str(), next);
-      return false;
-    }
-    ++i;
-  }
-  return true;
-}
 
 // The plug-in's renderer as RenderBlur calls it (bilinear, edges not counted) on a packed host
 // frame along `flow`, decoded to floats as the host would receive it. Half frames go through
@@ -228,7 +175,7 @@ int Run(const Options& o) {
 
 int main(int argc, char** argv) {
   flowblur::Options options;
-  if (!flowblur::Parse(argc, argv, &options)) {
+  if (!flowblur::ParseHarnessOptions(argc, argv, {"flowblur_quality", true, false, 16}, &options)) {
     std::fputs(flowblur::kUsage, stderr);
     return 2;
   }
