@@ -110,29 +110,29 @@ OIIO::TypeDesc TypeFor(SampleDepth depth) {
   return OIIO::TypeDesc::FLOAT;
 }
 
-bool ClassifyFrame(const std::string& path, const OIIO::ImageSpec& spec, FrameInfo* info,
+bool ClassifyFrame(const std::string& path, const OIIO::ImageSpec& imageSpec, FrameInfo* info,
                    std::string* error) {
   FrameInfo f;
   f.path = path;
-  f.spec = spec;
-  f.width = spec.width;
-  f.height = spec.height;
-  f.channels = spec.nchannels;
-  if (spec.width <= 0 || spec.height <= 0 || spec.nchannels <= 0) {
+  f.imageSpec = imageSpec;
+  f.width = imageSpec.width;
+  f.height = imageSpec.height;
+  f.channels = imageSpec.nchannels;
+  if (imageSpec.width <= 0 || imageSpec.height <= 0 || imageSpec.nchannels <= 0) {
     *error = Quote(path) + " has no pixels";
     return false;
   }
   int32_t byName[3] = {-1, -1, -1};
   const char* names[3] = {"r", "g", "b"};
   std::vector<int32_t> plain;  // channels that are neither alpha nor depth
-  for (int32_t c = 0; c < spec.nchannels; ++c) {
-    std::string name = c < static_cast<int32_t>(spec.channelnames.size())
-                           ? Lower(spec.channelnames[static_cast<size_t>(c)])
+  for (int32_t c = 0; c < imageSpec.nchannels; ++c) {
+    std::string name = c < static_cast<int32_t>(imageSpec.channelnames.size())
+                           ? Lower(imageSpec.channelnames[static_cast<size_t>(c)])
                            : std::string();
     for (int k = 0; k < 3; ++k)
       if (name == names[k] || name == (k == 0 ? "red" : k == 1 ? "green" : "blue")) byName[k] = c;
-    bool alpha = c == spec.alpha_channel || name == "a" || name == "alpha";
-    bool depthChannel = c == spec.z_channel || name == "z";
+    bool alpha = c == imageSpec.alpha_channel || name == "a" || name == "alpha";
+    bool depthChannel = c == imageSpec.z_channel || name == "z";
     if (!alpha && !depthChannel) plain.push_back(c);
   }
   if (byName[0] >= 0 && byName[1] >= 0 && byName[2] >= 0) {
@@ -147,7 +147,7 @@ bool ClassifyFrame(const std::string& path, const OIIO::ImageSpec& spec, FrameIn
              " colour channels: RGB or greyscale is needed";
     return false;
   }
-  OIIO::TypeDesc type = spec.channelformat(f.colour[0]);
+  OIIO::TypeDesc type = imageSpec.channelformat(f.colour[0]);
   switch (type.basetype) {
     case OIIO::TypeDesc::UINT8: f.depth = SampleDepth::k8; break;
     case OIIO::TypeDesc::HALF: f.depth = SampleDepth::kHalf; break;
@@ -179,9 +179,9 @@ bool ReadFrame(const std::string& path, Frame* frame, std::string* error) {
     return false;
   }
   if (!ClassifyFrame(path, in->spec(), &frame->info, error)) return false;
-  const OIIO::ImageSpec& spec = in->spec();
-  frame->pixels.assign(static_cast<size_t>(spec.width) * spec.height * spec.nchannels, 0.0f);
-  if (!in->read_image(0, 0, 0, spec.nchannels, OIIO::TypeDesc::FLOAT, frame->pixels.data())) {
+  const OIIO::ImageSpec& imageSpec = in->spec();
+  frame->pixels.assign(static_cast<size_t>(imageSpec.width) * imageSpec.height * imageSpec.nchannels, 0.0f);
+  if (!in->read_image(0, 0, 0, imageSpec.nchannels, OIIO::TypeDesc::FLOAT, frame->pixels.data())) {
     std::string e = in->geterror();
     *error = "cannot read " + Quote(path) + ": " + (e.empty() ? "read failed" : e);
     return false;
@@ -238,16 +238,16 @@ void UnpackColour(const void* packed, int32_t formatCode, Frame* frame) {
 }
 
 OIIO::ImageSpec OutputSpec(const FrameInfo& input, SampleDepth depth) {
-  OIIO::ImageSpec spec = input.spec;
+  OIIO::ImageSpec imageSpec = input.imageSpec;
   // At the input's own depth every channel keeps its own format (an EXR may hold half colour
   // and float alpha), so nothing carried through loses a bit.
   if (depth != input.depth) {
-    spec.set_format(TypeFor(depth));
-    spec.channelformats.clear();
-    spec.erase_attribute("oiio:BitsPerSample");
+    imageSpec.set_format(TypeFor(depth));
+    imageSpec.channelformats.clear();
+    imageSpec.erase_attribute("oiio:BitsPerSample");
   }
-  spec.attribute("oiio:UnassociatedAlpha", 1);
-  return spec;
+  imageSpec.attribute("oiio:UnassociatedAlpha", 1);
+  return imageSpec;
 }
 
 std::string TemporaryPathFor(const std::string& path) {
@@ -295,14 +295,14 @@ bool WriteBytes(const std::string& path, const std::vector<unsigned char>& bytes
 
 // Some writers do not report a failed write (a full disk gives a short file and success).
 // Reading the whole file back catches what they let through.
-bool VerifyReadable(const std::string& path, const OIIO::ImageSpec& spec, std::string* why) {
+bool VerifyReadable(const std::string& path, const OIIO::ImageSpec& imageSpec, std::string* why) {
   auto in = OIIO::ImageInput::open(path);
   if (!in) {
     *why = "the written file cannot be read back: " + OiioError("unknown error");
     return false;
   }
   const OIIO::ImageSpec& got = in->spec();
-  if (got.width != spec.width || got.height != spec.height) {
+  if (got.width != imageSpec.width || got.height != imageSpec.height) {
     *why = "the written file cannot be read back whole";
     return false;
   }
@@ -318,7 +318,7 @@ bool VerifyReadable(const std::string& path, const OIIO::ImageSpec& spec, std::s
 
 }  // namespace
 
-bool WriteImageSafely(const std::string& path, const OIIO::ImageSpec& spec, OIIO::TypeDesc type,
+bool WriteImageSafely(const std::string& path, const OIIO::ImageSpec& imageSpec, OIIO::TypeDesc type,
                       const void* pixels, bool overwrite, std::string* error) {
   std::string temp = TemporaryPathFor(path);
   auto fail = [&](const std::string& why) {
@@ -335,7 +335,7 @@ bool WriteImageSafely(const std::string& path, const OIIO::ImageSpec& spec, OIIO
     // with the system's own words ("No space left on device").
     std::vector<unsigned char> bytes;
     OIIO::Filesystem::IOVecOutput proxy(bytes);
-    if (!out->set_ioproxy(&proxy) || !out->open(temp, spec)) return fail(out->geterror());
+    if (!out->set_ioproxy(&proxy) || !out->open(temp, imageSpec)) return fail(out->geterror());
     bool wrote = out->write_image(type, pixels);
     std::string writeError = wrote ? std::string() : out->geterror();
     bool closed = out->close();
@@ -346,7 +346,7 @@ bool WriteImageSafely(const std::string& path, const OIIO::ImageSpec& spec, OIIO
     if (!WriteBytes(temp, bytes, &why)) return fail(why);
   } else {
     // The writer writes the temporary file itself (its name keeps the final extension).
-    if (!out->open(temp, spec)) return fail(out->geterror());
+    if (!out->open(temp, imageSpec)) return fail(out->geterror());
     bool wrote = out->write_image(type, pixels);
     std::string writeError = wrote ? std::string() : out->geterror();
     bool closed = out->close();
@@ -367,7 +367,7 @@ bool WriteImageSafely(const std::string& path, const OIIO::ImageSpec& spec, OIIO
     }
     close(fd);
     std::string why;
-    if (!VerifyReadable(temp, spec, &why)) return fail(why);
+    if (!VerifyReadable(temp, imageSpec, &why)) return fail(why);
   }
   if (overwrite) {
     if (rename(temp.c_str(), path.c_str()) != 0) return fail(std::strerror(errno));

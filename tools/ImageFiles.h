@@ -20,7 +20,7 @@ OIIO::TypeDesc TypeFor(SampleDepth depth);
 // What a file's header says, and which channels the plug-in sees.
 struct FrameInfo {
   std::string path;
-  OIIO::ImageSpec spec;  // size, channels, depth and metadata as read
+  OIIO::ImageSpec imageSpec;  // size, channels, depth and metadata as read
   int32_t width = 0, height = 0, channels = 0;
   SampleDepth depth = SampleDepth::k8;
   bool grey = false;     // one colour channel, expanded to R = G = B for the plug-in
@@ -32,7 +32,7 @@ struct FrameInfo {
 // through unchanged. 8-bit integers go as 8-bit; other integer types as 16-bit; half as half;
 // float and double as float. Only the first subimage of a file is used. False, with a message
 // naming the file, for a file with two colour channels and no R, G, B, or with none.
-bool ClassifyFrame(const std::string& path, const OIIO::ImageSpec& spec, FrameInfo* info,
+bool ClassifyFrame(const std::string& path, const OIIO::ImageSpec& imageSpec, FrameInfo* info,
                    std::string* error);
 // Opens the file and reads and classifies its header only.
 bool ReadFrameInfo(const std::string& path, FrameInfo* info, std::string* error);
@@ -65,7 +65,7 @@ OIIO::ImageSpec OutputSpec(const FrameInfo& input, SampleDepth depth);
 // renamed into place. Without `overwrite` an existing `path` is an error and is left alone,
 // also when it appeared while the write was under way. Any failure removes the temporary
 // file and leaves a message naming `path`.
-bool WriteImageSafely(const std::string& path, const OIIO::ImageSpec& spec, OIIO::TypeDesc type,
+bool WriteImageSafely(const std::string& path, const OIIO::ImageSpec& imageSpec, OIIO::TypeDesc type,
                       const void* pixels, bool overwrite, std::string* error);
 
 // The hidden temporary name WriteImageSafely uses for `path` (used by tests to check that

@@ -45,19 +45,19 @@ void WriteSequence(const std::string& pattern, int32_t first, int32_t count, Sam
                           : Sample(t, x, y, channels < 3 ? 0 : c);
           pixels[(static_cast<size_t>(y) * width + x) * channels + c] = v;
         }
-    OIIO::ImageSpec spec(width, height, channels, TypeFor(depth));
+    OIIO::ImageSpec imageSpec(width, height, channels, TypeFor(depth));
     if (channels == 2) {
-      spec.channelnames = {"Y", "A"};
-      spec.alpha_channel = 1;
+      imageSpec.channelnames = {"Y", "A"};
+      imageSpec.alpha_channel = 1;
     }
-    spec.attribute("oiio:UnassociatedAlpha", 1);
-    spec.attribute("PixelAspectRatio", 1.5f);
+    imageSpec.attribute("oiio:UnassociatedAlpha", 1);
+    imageSpec.attribute("PixelAspectRatio", 1.5f);
     uint32_t timecode[2] = {0x10203000u + static_cast<uint32_t>(t), 0};
-    spec.attribute("smpte:TimeCode", OIIO::TypeTimeCode, timecode);
+    imageSpec.attribute("smpte:TimeCode", OIIO::TypeTimeCode, timecode);
     char path[512];
     std::snprintf(path, sizeof path, pattern.c_str(), first + t);
     std::string error;
-    ASSERT_TRUE(WriteImageSafely(path, spec, OIIO::TypeDesc::FLOAT, pixels.data(), false, &error))
+    ASSERT_TRUE(WriteImageSafely(path, imageSpec, OIIO::TypeDesc::FLOAT, pixels.data(), false, &error))
         << error;
   }
 }
@@ -132,8 +132,8 @@ TEST_P(EndToEnd, BlursWhereThingsMoveKeepsTheRestAndEveryOtherChannel) {
   // Metadata of the input is kept where the format holds it.
   if (std::string(c.ext) == "exr") {
     Stored b = Read(Frame(out, 2));
-    EXPECT_FLOAT_EQ(b.info.spec.get_float_attribute("PixelAspectRatio"), 1.5f);
-    const OIIO::ParamValue* tc = b.info.spec.find_attribute("smpte:TimeCode");
+    EXPECT_FLOAT_EQ(b.info.imageSpec.get_float_attribute("PixelAspectRatio"), 1.5f);
+    const OIIO::ParamValue* tc = b.info.imageSpec.find_attribute("smpte:TimeCode");
     ASSERT_NE(tc, nullptr);
     EXPECT_EQ(static_cast<const uint32_t*>(tc->data())[0], 0x10203001u);
   }

@@ -13,10 +13,10 @@
 namespace flowblur {
 namespace {
 
-FrameInfo Classify(const OIIO::ImageSpec& spec, bool expectOk = true) {
+FrameInfo Classify(const OIIO::ImageSpec& imageSpec, bool expectOk = true) {
   FrameInfo info;
   std::string error;
-  EXPECT_EQ(ClassifyFrame("f.exr", spec, &info, &error), expectOk) << error;
+  EXPECT_EQ(ClassifyFrame("f.exr", imageSpec, &info, &error), expectOk) << error;
   return info;
 }
 
@@ -57,14 +57,14 @@ TEST(ClassifyFrame, ColourChannelsAlphaAndDepth) {
 // A frame of `channels` channels with every representable 8-bit, 16-bit or half value spread
 // over it, so packing and unpacking can be checked to be exact.
 Frame MakeFrame(int32_t w, int32_t h, int32_t channels, SampleDepth depth, uint32_t seed) {
-  OIIO::ImageSpec spec(w, h, channels, TypeFor(depth));
+  OIIO::ImageSpec imageSpec(w, h, channels, TypeFor(depth));
   if (channels == 2) {
-    spec.channelnames = {"Y", "A"};
-    spec.alpha_channel = 1;
+    imageSpec.channelnames = {"Y", "A"};
+    imageSpec.alpha_channel = 1;
   }
   Frame f;
   std::string error;
-  EXPECT_TRUE(ClassifyFrame("x", spec, &f.info, &error)) << error;
+  EXPECT_TRUE(ClassifyFrame("x", imageSpec, &f.info, &error)) << error;
   f.pixels.resize(static_cast<size_t>(w) * h * channels);
   std::mt19937 random(seed);
   for (float& v : f.pixels) {
@@ -128,7 +128,7 @@ std::vector<double> Stored(const std::vector<float>& pixels, SampleDepth depth) 
   return out;
 }
 
-// Written with the tool's spec and read back: the same samples, the same depth.
+// Written with the tool's imageSpec and read back: the same samples, the same depth.
 TEST(WriteImageSafely, FilesRoundTripExactlyWithMetadata) {
   test::TempDir dir;
   struct Case {
@@ -142,8 +142,8 @@ TEST(WriteImageSafely, FilesRoundTripExactlyWithMetadata) {
     Frame f = MakeFrame(9, 6, c.channels, c.depth, 11);
     if (c.depth == SampleDepth::kFloat)
       for (float& v : f.pixels) v = v * 3.25f - 0.5f;  // float keeps out-of-range values
-    f.info.spec.attribute("PixelAspectRatio", 2.0f);
-    f.info.spec.attribute("smpte:TimeCode", OIIO::TypeTimeCode, std::vector<uint32_t>{0x01020304u, 0}.data());
+    f.info.imageSpec.attribute("PixelAspectRatio", 2.0f);
+    f.info.imageSpec.attribute("smpte:TimeCode", OIIO::TypeTimeCode, std::vector<uint32_t>{0x01020304u, 0}.data());
     std::string error, path = dir / c.name;
     ASSERT_TRUE(WriteImageSafely(path, OutputSpec(f.info, c.depth), OIIO::TypeDesc::FLOAT,
                                  f.pixels.data(), false, &error))
@@ -154,8 +154,8 @@ TEST(WriteImageSafely, FilesRoundTripExactlyWithMetadata) {
     EXPECT_EQ(back.info.channels, c.channels) << c.name;
     EXPECT_EQ(Stored(back.pixels, c.depth), Stored(f.pixels, c.depth)) << c.name;
     if (std::string(c.name).find(".exr") != std::string::npos) {
-      EXPECT_FLOAT_EQ(back.info.spec.get_float_attribute("PixelAspectRatio"), 2.0f);
-      const OIIO::ParamValue* tc = back.info.spec.find_attribute("smpte:TimeCode");
+      EXPECT_FLOAT_EQ(back.info.imageSpec.get_float_attribute("PixelAspectRatio"), 2.0f);
+      const OIIO::ParamValue* tc = back.info.imageSpec.find_attribute("smpte:TimeCode");
       ASSERT_NE(tc, nullptr);
       EXPECT_EQ(static_cast<const uint32_t*>(tc->data())[0], 0x01020304u);
     }
@@ -168,12 +168,12 @@ TEST(WriteImageSafely, FilesRoundTripExactlyWithMetadata) {
 TEST(OutputSpec, MixedChannelFormatsSurviveAtTheInputDepth) {
   // Half colour with float alpha: the alpha's float bits must come through.
   test::TempDir dir;
-  OIIO::ImageSpec spec(3, 2, 4, OIIO::TypeDesc::HALF);
-  spec.channelformats = {OIIO::TypeDesc::HALF, OIIO::TypeDesc::HALF, OIIO::TypeDesc::HALF,
+  OIIO::ImageSpec imageSpec(3, 2, 4, OIIO::TypeDesc::HALF);
+  imageSpec.channelformats = {OIIO::TypeDesc::HALF, OIIO::TypeDesc::HALF, OIIO::TypeDesc::HALF,
                          OIIO::TypeDesc::FLOAT};
   Frame f;
   std::string error;
-  ASSERT_TRUE(ClassifyFrame("x", spec, &f.info, &error)) << error;
+  ASSERT_TRUE(ClassifyFrame("x", imageSpec, &f.info, &error)) << error;
   EXPECT_EQ(f.info.depth, SampleDepth::kHalf);
   f.pixels.assign(3 * 2 * 4, 0.25f);
   for (size_t i = 3; i < f.pixels.size(); i += 4) f.pixels[i] = 0.1f + 1e-6f * i;  // not halves
