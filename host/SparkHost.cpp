@@ -2,10 +2,12 @@
 // threads, and records of everything the plug-in asked of the host.
 #include "host/SparkHost.h"
 
+#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <exception>
@@ -117,10 +119,31 @@ std::mutex gPoolOwner;
 // destructor) runs on new threads. A plain bool, readable to the very end.
 bool gPoolGone = false;
 
+// Polls `ready` until it holds or `bound` has passed, yielding the core between polls so
+// that a thread with real work (the caller between forks, a processor within one) is not
+// starved when the machine has fewer cores than busy threads. Only a hint: whoever spins
+// still checks the real state under the pool's mutex afterwards.
+template <class Ready>
+bool SpinUntil(Ready ready, std::chrono::microseconds bound) {
+  const auto start = std::chrono::steady_clock::now();
+  for (int32_t polls = 1;; ++polls) {
+    if (ready()) return true;
+    if (polls % 4 == 0 && std::chrono::steady_clock::now() - start >= bound) return false;
+    sched_yield();
+  }
+}
+
+// How long an idle processor polls for the next fork, and the caller for the join, before
+// sleeping: waking a sleeping thread costs tens of microseconds, and the plug-in makes
+// fork after fork with short serial steps between them.
+constexpr std::chrono::microseconds kProcessorSpin{200};
+constexpr std::chrono::microseconds kCallerSpin{100};
+
 // The host's processors, lent to fork after fork as a real host lends its running ones:
 // starting threads for every fork would cost more than many of the plug-in's stages. The
-// threads sleep on a generation count between forks (no spinning: the machine may have
-// fewer cores than processors). Run and Stop belong to whoever holds gPoolOwner.
+// threads wait on a generation count between forks, polling it briefly (bounded by time,
+// yielding the core) and then sleeping, since the machine may have fewer cores than
+// processors. Run and Stop belong to whoever holds gPoolOwner.
 class ProcessorPool {
  public:
   ~ProcessorPool() {
@@ -149,10 +172,14 @@ class ProcessorPool {
       Lock lock(mutex_);
       job_ = &job;
       running_ = job.processors;
+      runningMirror_.store(running_, std::memory_order_relaxed);
       ++generation_;
+      generationMirror_.store(generation_, std::memory_order_release);
     }
     wake_.notify_all();
-    // The mutex orders every processor's writes before the caller's return.
+    SpinUntil([this] { return runningMirror_.load(std::memory_order_acquire) == 0; },
+              kCallerSpin);
+    // The mutex orders every processor's writes before the caller's return, spin or not.
     std::unique_lock<std::mutex> lock(mutex_);
     done_.wait(lock, [this] { return running_ == 0; });
     job_ = nullptr;
@@ -164,12 +191,14 @@ class ProcessorPool {
     {
       Lock lock(mutex_);
       stop_ = true;
+      stopMirror_.store(true, std::memory_order_release);
     }
     wake_.notify_all();
     for (std::thread& t : threads_) t.join();
     threads_.clear();
     Lock lock(mutex_);
     stop_ = false;
+    stopMirror_.store(false, std::memory_order_relaxed);
   }
 
  private:
@@ -190,6 +219,16 @@ class ProcessorPool {
   void Serve(int32_t k, uint64_t seen) {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
+      if (!stop_ && generation_ == seen) {
+        lock.unlock();
+        SpinUntil(
+            [&] {
+              return generationMirror_.load(std::memory_order_acquire) != seen ||
+                     stopMirror_.load(std::memory_order_acquire);
+            },
+            kProcessorSpin);
+        lock.lock();
+      }
       wake_.wait(lock, [&] { return stop_ || generation_ != seen; });
       if (stop_) return;
       seen = generation_;
@@ -197,7 +236,8 @@ class ProcessorPool {
       lock.unlock();
       RunOnProcessor(*job, k);
       lock.lock();
-      if (--running_ == 0) done_.notify_one();
+      runningMirror_.store(--running_, std::memory_order_release);
+      if (running_ == 0) done_.notify_one();
     }
   }
 
@@ -209,6 +249,10 @@ class ProcessorPool {
   uint64_t generation_ = 0;
   int32_t running_ = 0;
   bool stop_ = false;
+  // Written under the mutex beside the fields they mirror, read without it by the spins.
+  std::atomic<uint64_t> generationMirror_{0};
+  std::atomic<int32_t> runningMirror_{0};
+  std::atomic<bool> stopMirror_{false};
   pid_t pid_ = 0;
   static inline std::vector<std::thread>* abandoned = nullptr;  // kept reachable
 };
