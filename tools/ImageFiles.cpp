@@ -28,6 +28,24 @@ std::string OiioError(const std::string& fallback) {
   return e.empty() ? fallback : e;
 }
 
+// Opens `path` for reading with `config` and fills `header` with the file's description
+// (size, channels, sample format, metadata). Null, with the reason in `why`, on failure.
+std::unique_ptr<OIIO::ImageInput> OpenToRead(const std::string& path,
+                                             const OIIO::ImageSpec& config,
+                                             OIIO::ImageSpec* header, std::string* why) {
+  auto in = OIIO::ImageInput::create(path, false, &config);
+  if (!in) {
+    *why = OiioError("no reader for this file");
+    return nullptr;
+  }
+  if (!in->open(path, *header, config)) {
+    std::string e = in->geterror();
+    *why = e.empty() ? OiioError("unknown error") : e;
+    return nullptr;
+  }
+  return in;
+}
+
 // Samples are taken as the file stores them: no premultiplication by alpha on read, none
 // undone on write, so alpha and colour go through exactly.
 OIIO::ImageSpec ReadConfig() {
@@ -160,26 +178,27 @@ bool ClassifyFrame(const std::string& path, const OIIO::ImageSpec& imageSpec, Fr
 }
 
 bool ReadFrameInfo(const std::string& path, FrameInfo* info, std::string* error) {
-  OIIO::ImageSpec config = ReadConfig();
-  auto in = OIIO::ImageInput::open(path, &config);
+  OIIO::ImageSpec header;
+  std::string why;
+  auto in = OpenToRead(path, ReadConfig(), &header, &why);
   if (!in) {
-    *error = "cannot read " + Quote(path) + ": " + OiioError("unknown error");
+    *error = "cannot read " + Quote(path) + ": " + why;
     return false;
   }
-  bool ok = ClassifyFrame(path, in->spec(), info, error);
+  bool ok = ClassifyFrame(path, header, info, error);
   in->close();
   return ok;
 }
 
 bool ReadFrame(const std::string& path, Frame* frame, std::string* error) {
-  OIIO::ImageSpec config = ReadConfig();
-  auto in = OIIO::ImageInput::open(path, &config);
+  OIIO::ImageSpec imageSpec;
+  std::string why;
+  auto in = OpenToRead(path, ReadConfig(), &imageSpec, &why);
   if (!in) {
-    *error = "cannot read " + Quote(path) + ": " + OiioError("unknown error");
+    *error = "cannot read " + Quote(path) + ": " + why;
     return false;
   }
-  if (!ClassifyFrame(path, in->spec(), &frame->info, error)) return false;
-  const OIIO::ImageSpec& imageSpec = in->spec();
+  if (!ClassifyFrame(path, imageSpec, &frame->info, error)) return false;
   frame->pixels.assign(static_cast<size_t>(imageSpec.width) * imageSpec.height * imageSpec.nchannels, 0.0f);
   if (!in->read_image(0, 0, 0, imageSpec.nchannels, OIIO::TypeDesc::FLOAT, frame->pixels.data())) {
     std::string e = in->geterror();
@@ -296,12 +315,13 @@ bool WriteBytes(const std::string& path, const std::vector<unsigned char>& bytes
 // Some writers do not report a failed write (a full disk gives a short file and success).
 // Reading the whole file back catches what they let through.
 bool VerifyReadable(const std::string& path, const OIIO::ImageSpec& imageSpec, std::string* why) {
-  auto in = OIIO::ImageInput::open(path);
+  OIIO::ImageSpec got;
+  std::string reason;
+  auto in = OpenToRead(path, OIIO::ImageSpec(), &got, &reason);
   if (!in) {
-    *why = "the written file cannot be read back: " + OiioError("unknown error");
+    *why = "the written file cannot be read back: " + reason;
     return false;
   }
-  const OIIO::ImageSpec& got = in->spec();
   if (got.width != imageSpec.width || got.height != imageSpec.height) {
     *why = "the written file cannot be read back whole";
     return false;
