@@ -1,0 +1,149 @@
+// flowblur test support: images with chosen layouts, exact compares, and worker-count checks.
+// Every folder's tests use this one kit.
+#pragma once
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "image/PLImage.h"
+#include "image/PLPixelConvert.h"
+#include "tests/support/PLTestWorkers.h"
+
+namespace pltest {
+
+// An image over a buffer of our own, optionally flipped and with padded rows, so that every
+// routine is seen addressing each image by its own fields.
+struct TestImage {
+  std::vector<unsigned char> buffer;
+  std::unique_ptr<PLImage> image;
+  PLImage* operator->() const { return image.get(); }
+  PLImage* get() const { return image.get(); }
+};
+
+inline TestImage MakeImage(int32_t width, int32_t height, int32_t channels, int32_t dataType,
+                           int32_t flipped = 0, int32_t padBytes = 0) {
+  TestImage t;
+  int32_t rowBytes = width * channels * PLBytesPerSample(dataType) + padBytes;
+  t.buffer.assign(static_cast<size_t>(rowBytes) * (height > 0 ? height : 1) + 16, 0xCD);
+  t.image.reset(new PLImage(t.buffer.data(), width, height, rowBytes, channels, dataType, flipped));
+  return t;
+}
+
+// Sample c of pixel (x, y) as a double, by the image's own addressing.
+inline double Get(const PLImage* im, int32_t x, int32_t y, int32_t c) {
+  const unsigned char* p = im->PixelAddress(x, y) + c * im->bytesPerSample;
+  switch (im->dataType) {
+    case PLUChar: return *p;
+    case PLUShort: return PLLoad<uint16_t>(p);
+    default: return PLLoad<float>(p);
+  }
+}
+inline void Set(PLImage* im, int32_t x, int32_t y, int32_t c, double v) {
+  unsigned char* p = im->PixelAddress(x, y) + c * im->bytesPerSample;
+  switch (im->dataType) {
+    case PLUChar: *p = static_cast<uint8_t>(v); break;
+    case PLUShort: PLStore<uint16_t>(p, static_cast<uint16_t>(v)); break;
+    default: PLStore<float>(p, static_cast<float>(v)); break;
+  }
+}
+
+// Random content in the type's range (Float in -0.25 .. 1.25, so that negative values and
+// values past white occur).
+inline void FillRandom(PLImage* im, uint32_t seed) {
+  std::mt19937 rng(seed);
+  for (int32_t y = 0; y < im->height; ++y)
+    for (int32_t x = 0; x < im->width; ++x)
+      for (int32_t c = 0; c < im->channels; ++c) {
+        uint32_t r = rng();
+        double v = im->dataType == PLUChar    ? r % 256
+                   : im->dataType == PLUShort ? r % 65536
+                                              : (r % 100000) / 66666.0 - 0.25;
+        Set(im, x, y, c, v);
+      }
+}
+
+inline void Fill(PLImage* im, double v) {
+  for (int32_t y = 0; y < im->height; ++y)
+    for (int32_t x = 0; x < im->width; ++x)
+      for (int32_t c = 0; c < im->channels; ++c) Set(im, x, y, c, v);
+}
+
+// Copies pixels of an image of equal size, type and channels, layouts free.
+inline void CopyPixels(PLImage* dst, const PLImage* src) {
+  for (int32_t y = 0; y < src->height; ++y)
+    std::memcpy(dst->Row(y), src->Row(y), static_cast<size_t>(src->width) * src->bytesPerPixel);
+}
+
+// Exact equality of the pixels (not the padding); on failure the count of differing samples
+// and the largest difference are reported.
+inline ::testing::AssertionResult SamePixels(const PLImage* a, const PLImage* b) {
+  if (a->width != b->width || a->height != b->height || a->channels != b->channels)
+    return ::testing::AssertionFailure() << "shapes differ";
+  int64_t differing = 0;
+  double maxDiff = 0.0;
+  int32_t fx = -1, fy = -1, fc = -1;
+  for (int32_t y = 0; y < a->height; ++y)
+    for (int32_t x = 0; x < a->width; ++x)
+      for (int32_t c = 0; c < a->channels; ++c) {
+        const unsigned char* pa = a->PixelAddress(x, y) + c * a->bytesPerSample;
+        const unsigned char* pb = b->PixelAddress(x, y) + c * b->bytesPerSample;
+        if (std::memcmp(pa, pb, a->bytesPerSample) != 0) {
+          if (differing++ == 0) {
+            fx = x;
+            fy = y;
+            fc = c;
+          }
+          double d = std::fabs(Get(a, x, y, c) - Get(b, x, y, c));
+          if (!(d <= maxDiff)) maxDiff = d;
+        }
+      }
+  if (differing == 0) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << differing << " samples differ, first at (" << fx << ", "
+                                       << fy << ") channel " << fc << ", max difference "
+                                       << maxDiff;
+}
+
+// Row padding must stay as it was filled (0xCD).
+inline bool PaddingUntouched(const TestImage& t) {
+  const PLImage* im = t.get();
+  int32_t used = im->width * im->bytesPerPixel;
+  for (int32_t r = 0; r < im->height; ++r)
+    for (int32_t b = used; b < im->rowBytes; ++b)
+      if (t.buffer[static_cast<size_t>(r) * im->rowBytes + b] != 0xCD) return false;
+  return true;
+}
+
+// Runs `produce` once per worker count of kPLTestWorkerCounts and expects the same bytes each
+// time; `produce` returns the bytes of whatever it made (PixelBytes of its output, say).
+template <typename Produce>
+inline void ExpectSameForAllWorkers(Produce produce) {
+  std::vector<unsigned char> first;
+  for (int32_t workers : kPLTestWorkerCounts) {
+    PLTestUseWorkers(workers);
+    std::vector<unsigned char> bytes = produce();
+    if (workers == kPLTestWorkerCounts[0])
+      first = bytes;
+    else
+      EXPECT_TRUE(first == bytes) << "output differs with " << workers << " workers";
+  }
+  PLTestUseWorkers(1);
+}
+
+// The pixel bytes of an image in row order, padding left out.
+inline std::vector<unsigned char> PixelBytes(const PLImage* im) {
+  std::vector<unsigned char> out;
+  size_t used = static_cast<size_t>(im->width) * im->bytesPerPixel;
+  out.reserve(used * (im->height > 0 ? im->height : 0));
+  for (int32_t y = 0; y < im->height; ++y) {
+    const unsigned char* row = im->Row(y);
+    out.insert(out.end(), row, row + used);
+  }
+  return out;
+}
+
+}  // namespace pltest
