@@ -114,4 +114,14 @@ class NuvMotionBlur : public NuvMem {
   void Clear();
 
   NuvMotionBlurInternal* cache = nullptr;  // owned; null until the first render
+
+ private:
+  // The layered path over checked inputs, farthest layer first: cut, flow (when
+  // computeFlow), hole fill, blur, composite into the destination.
+  void RenderLayers(float amount, int32_t layerCount, bool computeFlow,
+                    const PLImage* const* firstMattes, const PLImage* const* secondMattes,
+                    const float* layerAmounts, const float* levelFactors, const float* chokes,
+                    PLImage* destination, PLImage* source, PLImage* firstMotion,
+                    PLImage* secondMotion, int32_t quality, int32_t reserved,
+                    NuvIdleAndProgressClass* local);
 };

@@ -93,7 +93,7 @@ void CompositeOver(PLImage* dst, int32_t x, int32_t y, const PLImage* src, int32
 // "PLMatte Choke, invalid input\n" to the standard error stream and does nothing more.
 // (The rules work on values in 0..1, so integer mattes are read as not accepted.)
 // The result lies in 0..1. A NaN radius, or one whose blur would be refused (|radius| of
-// about 4093 or more), throws PLErrParameter with the image untouched. May throw
+// 4090 or more), throws PLErrParameter with the image untouched. May throw
 // PLErrOutOfMemory (the copy of a fractional radius).
 void PLMatteChoke(PLImage* image, float radius);
 
