@@ -2,18 +2,15 @@
 // threads, and records of everything the plug-in asked of the host.
 #include "host/SparkHost.h"
 
-#include <sched.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <exception>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
+
+#include "host/WorkerPool.h"
 
 namespace sparkhost {
 namespace {
@@ -119,142 +116,38 @@ std::mutex gPoolOwner;
 // destructor) runs on new threads. A plain bool, readable to the very end.
 bool gPoolGone = false;
 
-// Polls `ready` until it holds or `bound` has passed, yielding the core between polls so
-// that a thread with real work (the caller between forks, a processor within one) is not
-// starved when the machine has fewer cores than busy threads. Only a hint: whoever spins
-// still checks the real state under the pool's mutex afterwards.
-template <class Ready>
-bool SpinUntil(Ready ready, std::chrono::microseconds bound) {
-  const auto start = std::chrono::steady_clock::now();
-  for (int32_t polls = 1;; ++polls) {
-    if (ready()) return true;
-    if (polls % 4 == 0 && std::chrono::steady_clock::now() - start >= bound) return false;
-    sched_yield();
-  }
-}
-
-// How long an idle processor polls for the next fork, and the caller for the join, before
-// sleeping: waking a sleeping thread costs tens of microseconds, and the plug-in makes
-// fork after fork with short serial steps between them.
-constexpr std::chrono::microseconds kProcessorSpin{200};
-constexpr std::chrono::microseconds kCallerSpin{100};
-
-// The host's processors, lent to fork after fork as a real host lends its running ones:
-// starting threads for every fork would cost more than many of the plug-in's stages. The
-// threads wait on a generation count between forks, polling it briefly (bounded by time,
-// yielding the core) and then sleeping, since the machine may have fewer cores than
-// processors. Run and Stop belong to whoever holds gPoolOwner.
+// The host's processors, lent to fork after fork as a real host lends its running ones
+// (see WorkerPool). Run and Stop belong to whoever holds gPoolOwner.
 class ProcessorPool {
  public:
   ~ProcessorPool() {
     gPoolGone = true;
-    // A child made by fork() has none of these threads, and a fork still running (the
-    // process ended from a worker or beside a fork) keeps them busy: the thread objects
-    // are then left to the exit.
-    if (getpid() == pid_ && gPoolOwner.try_lock()) {
-      Stop();
+    // A fork still running (the process ended from a worker or beside a fork) keeps the
+    // threads busy: they are then left to the exit.
+    if (gPoolOwner.try_lock()) {
+      pool_.Stop();
       gPoolOwner.unlock();
-    } else if (!threads_.empty()) {
-      abandoned = new std::vector<std::thread>(std::move(threads_));
+    } else {
+      pool_.Abandon();
     }
   }
 
-  int32_t Size() const { return static_cast<int32_t>(threads_.size()); }
+  int32_t Size() const { return pool_.Size(); }
 
   // Runs the job on each of its processors and returns when all have ended; starts them
   // first when the pool has another count.
   void Run(const ForkJob& job) {
-    if (Size() != job.processors) {
-      Stop();
-      Start(job.processors);
-    }
-    {
-      Lock lock(mutex_);
-      job_ = &job;
-      running_ = job.processors;
-      runningMirror_.store(running_, std::memory_order_relaxed);
-      ++generation_;
-      generationMirror_.store(generation_, std::memory_order_release);
-    }
-    wake_.notify_all();
-    SpinUntil([this] { return runningMirror_.load(std::memory_order_acquire) == 0; },
-              kCallerSpin);
-    // The mutex orders every processor's writes before the caller's return, spin or not.
-    std::unique_lock<std::mutex> lock(mutex_);
-    done_.wait(lock, [this] { return running_ == 0; });
-    job_ = nullptr;
+    pool_.Run(job.processors, RunJob, const_cast<ForkJob*>(&job));
   }
 
   // Ends and joins the threads; only between forks.
-  void Stop() {
-    if (threads_.empty()) return;
-    {
-      Lock lock(mutex_);
-      stop_ = true;
-      stopMirror_.store(true, std::memory_order_release);
-    }
-    wake_.notify_all();
-    for (std::thread& t : threads_) t.join();
-    threads_.clear();
-    Lock lock(mutex_);
-    stop_ = false;
-    stopMirror_.store(false, std::memory_order_relaxed);
-  }
+  void Stop() { pool_.Stop(); }
 
  private:
-  void Start(int32_t processors) {
-    pid_ = getpid();
-    threads_.reserve(static_cast<size_t>(processors));
-    try {
-      // Each thread starts from the current generation, so that the fork about to be
-      // announced is not missed by a thread that wakes up late.
-      for (int32_t k = 0; k < processors; ++k)
-        threads_.emplace_back(&ProcessorPool::Serve, this, k, generation_);
-    } catch (...) {
-      Stop();
-      throw;
-    }
+  static void RunJob(void* job, int32_t k) {
+    RunOnProcessor(*static_cast<const ForkJob*>(job), k);
   }
-
-  void Serve(int32_t k, uint64_t seen) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    for (;;) {
-      if (!stop_ && generation_ == seen) {
-        lock.unlock();
-        SpinUntil(
-            [&] {
-              return generationMirror_.load(std::memory_order_acquire) != seen ||
-                     stopMirror_.load(std::memory_order_acquire);
-            },
-            kProcessorSpin);
-        lock.lock();
-      }
-      wake_.wait(lock, [&] { return stop_ || generation_ != seen; });
-      if (stop_) return;
-      seen = generation_;
-      const ForkJob* job = job_;
-      lock.unlock();
-      RunOnProcessor(*job, k);
-      lock.lock();
-      runningMirror_.store(--running_, std::memory_order_release);
-      if (running_ == 0) done_.notify_one();
-    }
-  }
-
-  std::mutex mutex_;  // guards the fields below threads_
-  std::condition_variable wake_;
-  std::condition_variable done_;
-  std::vector<std::thread> threads_;
-  const ForkJob* job_ = nullptr;
-  uint64_t generation_ = 0;
-  int32_t running_ = 0;
-  bool stop_ = false;
-  // Written under the mutex beside the fields they mirror, read without it by the spins.
-  std::atomic<uint64_t> generationMirror_{0};
-  std::atomic<int32_t> runningMirror_{0};
-  std::atomic<bool> stopMirror_{false};
-  pid_t pid_ = 0;
-  static inline std::vector<std::thread>* abandoned = nullptr;  // kept reachable
+  WorkerPool pool_;
 };
 
 ProcessorPool gPool;
