@@ -20,7 +20,7 @@ class PLMorphFlow : public NuvMem {
   // Levels: from the working size, each dimension becomes max(half, minLevelSize, 2) and a
   // level is counted, until both dimensions equal minLevelSize or both equal 2; so there
   // are always at least 2 levels. The images of level l are sized max(2, half) per halving,
-  // whatever minLevelSize says (a 100x100 working size with minLevelSize 12 counts 5 levels
+  // whatever minLevelSize says (a 100x100 working size with minLevelSize 10 counts 5 levels
   // of 100, 50, 25, 12 and 6). Each pyramid holds numLevels + 1 levels; the solve uses
   // numLevels of them. Every image starts cleared to 0.
   // A working size below 2 in either dimension has no coarser grid to spread hints into
