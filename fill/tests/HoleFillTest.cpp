@@ -1,0 +1,399 @@
+// flowblur tests: hole fills against literal references, their edge cases and worker counts.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "fill/PLHoleFill.h"
+#include "tests/support/PLTestImages.h"
+
+using namespace pltest;
+
+namespace {
+
+constexpr int32_t kTypes[] = {PLUChar, PLUShort, PLFloat};
+
+// A mask with roughly `percent` holes in small square blobs.
+void FillBlobMask(PLImage* mask, uint32_t seed, int32_t percent) {
+  std::mt19937 rng(seed);
+  Fill(mask, 0);
+  const int64_t target = int64_t{mask->width} * mask->height * percent / 100;
+  for (int64_t placed = 0; placed < target;) {
+    const int32_t cx = rng() % mask->width, cy = rng() % mask->height, r = rng() % 3;
+    for (int32_t y = cy - r; y <= cy + r; ++y)
+      for (int32_t x = cx - r; x <= cx + r; ++x)
+        if (x >= 0 && y >= 0 && x < mask->width && y < mask->height) {
+          Set(mask, x, y, 0, mask->dataType == PLFloat ? 0.5 : 1);
+          ++placed;
+        }
+  }
+}
+
+// The diffusion written from its description: groups in order, mask tested per visit, the
+// bottom row's upper read taken by flat sample index.
+void RefSmallHoleFill(PLImage* im, const PLImage* mask, int32_t iterations) {
+  const int32_t lx = im->lastColumn, ly = im->lastRow, C = im->channels;
+  const bool isFloat = im->dataType == PLFloat;
+  auto hole = [&](int32_t x, int32_t y) { return Get(mask, x, y, 0) != 0.0; };
+  auto g = [&](int32_t x, int32_t y, int32_t c) { return Get(im, x, y, c); };
+  // `sum` holds a float sum exactly when the image is Float.
+  auto put = [&](int32_t x, int32_t y, int32_t c, double sum, double f) {
+    if (isFloat)
+      Set(im, x, y, c, static_cast<float>(sum) * (f == 0.25 ? 0.25f : 0.33333334f));
+    else
+      Set(im, x, y, c, static_cast<int32_t>(sum * f + 0.5));
+  };
+  auto add = [&](std::initializer_list<double> t) {
+    if (!isFloat) {
+      double s = 0;
+      for (double v : t) s += v;
+      return s;
+    }
+    float s = 0.0f;
+    bool first = true;
+    for (double v : t) s = first ? (first = false, static_cast<float>(v)) : s + static_cast<float>(v);
+    return static_cast<double>(s);
+  };
+  for (int32_t it = 0; it < iterations; ++it) {
+    for (int32_t y = 1; y < ly; ++y)
+      for (int32_t x = 1; x < lx; ++x)
+        if (hole(x, y))
+          for (int32_t c = 0; c < C; ++c)
+            put(x, y, c, add({g(x - 1, y, c), g(x + 1, y, c), g(x, y - 1, c), g(x, y + 1, c)}), 0.25);
+    for (int32_t side = 0; side < 2 && lx >= 1; ++side)
+      for (int32_t y = 1; y < ly; ++y) {
+        const int32_t x = side ? lx : 0, n = side ? lx - 1 : 1;
+        if (hole(x, y))
+          for (int32_t c = 0; c < C; ++c)
+            put(x, y, c, add({g(n, y, c), g(x, y - 1, c), g(x, y + 1, c)}), 0.33333333);
+      }
+    for (int32_t x = 1; x < lx && ly >= 1; ++x)
+      if (hole(x, 0))
+        for (int32_t c = 0; c < C; ++c)
+          put(x, 0, c, add({g(x - 1, 0, c), g(x + 1, 0, c), g(x, 1, c)}), 0.33333333);
+    for (int32_t x = 1; x < lx && ly >= 1; ++x)
+      if (hole(x, ly))
+        for (int32_t c = 0; c < C; ++c) {
+          const int32_t k = x * C + 2 * c;  // flat index in the row above
+          const double u = g(k / C, ly - 1, k % C);
+          put(x, ly, c, add({2 * u, g(x + 1, ly, c)}), 0.33333333);
+        }
+    const int32_t corners[4][4] = {{0, 0, 1, 1}, {0, ly, 1, -1}, {lx, 0, -1, 1}, {lx, ly, -1, -1}};
+    for (auto& k : corners)
+      if (hole(k[0], k[1]))
+        for (int32_t c = 0; c < C; ++c) {
+          const bool hx = k[0] + k[2] >= 0 && k[0] + k[2] <= lx;
+          const bool hy = k[1] + k[3] >= 0 && k[1] + k[3] <= ly;
+          const double a = hx ? g(k[0] + k[2], k[1], c) : 0.0;
+          const double b = hy ? g(k[0], k[1] + k[3], c) : 0.0;
+          put(k[0], k[1], c, hx && hy ? add({a, b}) : a + b, 0.25);
+        }
+  }
+}
+
+class SmallHoleFillPairs : public ::testing::TestWithParam<std::tuple<int32_t, int32_t>> {};
+
+// Every image/mask type pair, 1 to 4 channels, flipped and padded layouts, narrow shapes.
+TEST_P(SmallHoleFillPairs, MatchesLiteralReference) {
+  const int32_t it = std::get<0>(GetParam()), mt = std::get<1>(GetParam());
+  const int32_t sizes[][2] = {{23, 17}, {2, 5}, {5, 2}, {1, 6}, {6, 1}, {1, 1}, {3, 3}};
+  uint32_t seed = 7;
+  for (auto& s : sizes)
+    for (int32_t channels = 1; channels <= 4; ++channels)
+      for (int32_t odd = 0; odd < 2; ++odd) {
+        TestImage mask = MakeImage(s[0], s[1], 1, mt, 1 - odd, 3 * odd);
+        FillBlobMask(mask.get(), seed, 30);
+        TestImage got = MakeImage(s[0], s[1], channels, it, odd, 5 * odd);
+        FillRandom(got.get(), seed++);
+        TestImage want = MakeImage(s[0], s[1], channels, it);
+        CopyPixels(want.get(), got.get());
+        PLSmallHoleFill(got.get(), mask.get(), 3);
+        RefSmallHoleFill(want.get(), mask.get(), 3);
+        ASSERT_TRUE(SamePixels(got.get(), want.get()))
+            << s[0] << "x" << s[1] << " channels " << channels << " layout " << odd;
+        ASSERT_TRUE(PaddingUntouched(got));
+      }
+}
+
+INSTANTIATE_TEST_SUITE_P(TypePairs, SmallHoleFillPairs,
+                         ::testing::Combine(::testing::ValuesIn(kTypes), ::testing::ValuesIn(kTypes)));
+
+TEST(SmallHoleFill, InteriorHoleTakesNeighboursAndCornerDarkens) {
+  for (int32_t type : kTypes) {
+    const double v = type == PLFloat ? 0.5 : 100;
+    TestImage im = MakeImage(5, 5, 3, type, 1, 2);
+    TestImage mask = MakeImage(5, 5, 1, PLUChar);
+    Fill(im.get(), v);
+    Fill(mask.get(), 0);
+    Set(mask.get(), 2, 2, 0, 1);
+    Set(mask.get(), 0, 0, 0, 1);
+    Set(im.get(), 2, 2, 1, 0);
+    Set(im.get(), 0, 0, 2, 0);
+    for (int32_t sweeps = 1; sweeps <= 2; ++sweeps) {
+      PLSmallHoleFill(im.get(), mask.get(), 1);
+      for (int32_t c = 0; c < 3; ++c) {
+        EXPECT_EQ(Get(im.get(), 2, 2, c), v) << "type " << type;       // 100.5 truncated
+        EXPECT_EQ(Get(im.get(), 0, 0, c), v / 2) << "type " << type;   // 0.25 of two known
+      }
+    }
+  }
+}
+
+TEST(SmallHoleFill, IterationsZeroStillChecksSizes) {
+  TestImage im = MakeImage(4, 3, 2, PLUShort, 0, 4);
+  TestImage mask = MakeImage(4, 3, 1, PLUChar);
+  FillRandom(im.get(), 3);
+  Fill(mask.get(), 1);
+  TestImage before = MakeImage(4, 3, 2, PLUShort);
+  CopyPixels(before.get(), im.get());
+  testing::internal::CaptureStderr();
+  PLSmallHoleFill(im.get(), mask.get(), 0);
+  PLSmallHoleFill(im.get(), mask.get(), -5);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_TRUE(SamePixels(im.get(), before.get()));
+  TestImage wide = MakeImage(5, 3, 1, PLUChar);
+  testing::internal::CaptureStderr();
+  PLSmallHoleFill(im.get(), wide.get(), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "input problem in PLSmallHoleFill\n");
+  for (unsigned char b : PixelBytes(im.get())) ASSERT_EQ(b, 0);
+  EXPECT_TRUE(PaddingUntouched(im));
+}
+
+// A 1-pixel-wide image: only the corners are visited; the middle holes keep their values.
+TEST(SmallHoleFill, OnePixelWideVisitsOnlyCorners) {
+  TestImage im = MakeImage(1, 4, 1, PLUChar);
+  TestImage mask = MakeImage(1, 4, 1, PLUChar);
+  const double start[4] = {9, 40, 60, 7};
+  for (int32_t y = 0; y < 4; ++y) Set(im.get(), 0, y, 0, start[y]), Set(mask.get(), 0, y, 0, 1);
+  PLSmallHoleFill(im.get(), mask.get(), 1);
+  EXPECT_EQ(Get(im.get(), 0, 0, 0), 10);  // 40 * 0.25, the one neighbour inside
+  EXPECT_EQ(Get(im.get(), 0, 1, 0), 40);
+  EXPECT_EQ(Get(im.get(), 0, 2, 0), 60);
+  EXPECT_EQ(Get(im.get(), 0, 3, 0), 15);  // 60 * 0.25
+}
+
+TEST(FillHolesWithBlack, ZeroesHolesAndRefusesOtherMasks) {
+  for (int32_t type : kTypes) {
+    TestImage im = MakeImage(7, 5, 4, type, 1, 3);
+    TestImage mask = MakeImage(7, 5, 1, PLUChar, 0, 1);
+    FillRandom(im.get(), 11);
+    FillBlobMask(mask.get(), 5, 40);
+    TestImage want = MakeImage(7, 5, 4, type);
+    CopyPixels(want.get(), im.get());
+    for (int32_t y = 0; y < 5; ++y)
+      for (int32_t x = 0; x < 7; ++x)
+        for (int32_t c = 0; c < 4; ++c)
+          if (Get(mask.get(), x, y, 0) != 0) Set(want.get(), x, y, c, 0);
+    TestImage floatMask = MakeImage(7, 5, 1, PLFloat);
+    Fill(floatMask.get(), 1);
+    testing::internal::CaptureStderr();
+    PLFillHolesWithBlack(im.get(), floatMask.get());
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "input problem in PLFillHolesWithBlack\n");
+    PLFillHolesWithBlack(im.get(), mask.get());
+    EXPECT_TRUE(SamePixels(im.get(), want.get()));
+    EXPECT_TRUE(PaddingUntouched(im));
+  }
+}
+
+// ---- Nearest sites and the Voronoi fill ---------------------------------------------------
+
+// The four sweeps and their merge written out over plain arrays.
+std::vector<uint32_t> RefSiteMap(const PLImage* mask) {
+  const int32_t w = mask->width, h = mask->height;
+  auto dist = [](int32_t x, int32_t y, uint32_t s) {
+    const float dx = static_cast<float>(x - static_cast<int32_t>(s & 0xFFFF));
+    const float dy = static_cast<float>(y - static_cast<int32_t>(s >> 16));
+    return dx * dx + dy * dy;
+  };
+  std::vector<uint32_t> best;
+  const int32_t dirs[4][2] = {{1, 1}, {-1, 1}, {-1, -1}, {1, -1}};
+  for (auto& d : dirs) {
+    std::vector<uint32_t> sw(static_cast<size_t>(w) * h, 0xFFFFFFFFu);
+    for (int32_t i = 0; i < h; ++i)
+      for (int32_t j = 0; j < w; ++j) {
+        const int32_t y = d[1] > 0 ? i : h - 1 - i, x = d[0] > 0 ? j : w - 1 - j;
+        uint32_t& out = sw[static_cast<size_t>(y) * w + x];
+        if (Get(mask, x, y, 0) == 0) {
+          out = static_cast<uint32_t>(x) | static_cast<uint32_t>(y) << 16;
+          continue;
+        }
+        std::vector<uint32_t> cands;
+        if (j > 0) cands.push_back(sw[static_cast<size_t>(y) * w + x - d[0]]);
+        if (i > 0) cands.push_back(sw[static_cast<size_t>(y - d[1]) * w + x]);
+        if (j > 0 && i > 0) cands.push_back(sw[static_cast<size_t>(y - d[1]) * w + x - d[0]]);
+        for (size_t k = 0; k < cands.size(); ++k)
+          if (k == 0 || dist(x, y, cands[k]) < dist(x, y, out)) out = cands[k];
+      }
+    if (best.empty()) {
+      best = sw;
+      continue;
+    }
+    for (int32_t y = 0; y < h; ++y)
+      for (int32_t x = 0; x < w; ++x) {
+        uint32_t& b = best[static_cast<size_t>(y) * w + x];
+        const uint32_t c = sw[static_cast<size_t>(y) * w + x];
+        if (dist(x, y, c) < dist(x, y, b)) b = c;
+      }
+  }
+  return best;
+}
+
+class SiteMapTypes : public ::testing::TestWithParam<int32_t> {};
+
+TEST_P(SiteMapTypes, MatchesLiteralSweepsAndIsNearlyExact) {
+  for (int32_t percent : {3, 60, 99})
+    for (int32_t odd = 0; odd < 2; ++odd) {
+      const int32_t w = 37 + odd * 20, h = 29 - odd * 10;
+      TestImage mask = MakeImage(w, h, 1, GetParam(), odd, 2 * odd);
+      FillBlobMask(mask.get(), 40 + percent, percent);
+      TestImage map = MakeImage(w, h, 2, PLUShort, 1 - odd, odd);
+      TestImage scratch = MakeImage(w, h, 2, PLUShort, odd, 0);
+      NearestSiteMap(mask.get(), map.get(), scratch.get());
+      const std::vector<uint32_t> want = RefSiteMap(mask.get());
+      int32_t exact = 0, holes = 0;
+      for (int32_t y = 0; y < h; ++y)
+        for (int32_t x = 0; x < w; ++x) {
+          const uint32_t sx = static_cast<uint32_t>(Get(map.get(), x, y, 0));
+          const uint32_t sy = static_cast<uint32_t>(Get(map.get(), x, y, 1));
+          ASSERT_EQ(sx | sy << 16, want[static_cast<size_t>(y) * w + x]) << x << "," << y;
+          if (Get(mask.get(), x, y, 0) == 0 || sx == kPLNoSite) continue;
+          ASSERT_EQ(Get(mask.get(), sx, sy, 0), 0);  // a site is a known pixel
+          // Brute-force nearest distance: the sweeps should find it nearly everywhere.
+          double bestD = 1e30;
+          for (int32_t v = 0; v < h; ++v)
+            for (int32_t u = 0; u < w; ++u)
+              if (Get(mask.get(), u, v, 0) == 0)
+                bestD = std::min(bestD, double(u - x) * (u - x) + double(v - y) * (v - y));
+          ++holes;
+          exact += (double(sx) - x) * (double(sx) - x) + (double(sy) - y) * (double(sy) - y) == bestD;
+        }
+      EXPECT_GE(exact, holes * 95 / 100) << percent << "% holes";
+      EXPECT_TRUE(PaddingUntouched(map));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(MaskTypes, SiteMapTypes, ::testing::ValuesIn(kTypes));
+
+TEST(VoronoiFill, OneKnownPixelAllHolesAndTies) {
+  for (int32_t type : kTypes) {
+    TestImage im = MakeImage(9, 7, 3, type, 1, 4);
+    TestImage mask = MakeImage(9, 7, 1, PLFloat, 0, 0);
+    FillRandom(im.get(), 2);
+    TestImage before = MakeImage(9, 7, 3, type);
+    CopyPixels(before.get(), im.get());
+    Fill(mask.get(), 1.0);
+    PLVoronoiFill(im.get(), mask.get());  // no site anywhere: nothing changes
+    EXPECT_TRUE(SamePixels(im.get(), before.get()));
+    Set(mask.get(), 6, 2, 0, -0.0);  // negative zero is a known pixel
+    PLVoronoiFill(im.get(), mask.get());
+    for (int32_t y = 0; y < 7; ++y)
+      for (int32_t x = 0; x < 9; ++x)
+        for (int32_t c = 0; c < 3; ++c) ASSERT_EQ(Get(im.get(), x, y, c), Get(before.get(), 6, 2, c));
+    EXPECT_TRUE(PaddingUntouched(im));
+  }
+  // (1, 1) is as near to (0, 1) as to (1, 0): the left one came first in the first sweep.
+  TestImage im = MakeImage(3, 3, 1, PLUChar);
+  TestImage mask = MakeImage(3, 3, 1, PLUChar);
+  Fill(mask.get(), 1);
+  Set(mask.get(), 0, 1, 0, 0);
+  Set(mask.get(), 1, 0, 0, 0);
+  Set(im.get(), 0, 1, 0, 11);
+  Set(im.get(), 1, 0, 0, 22);
+  PLVoronoiFill(im.get(), mask.get());
+  EXPECT_EQ(Get(im.get(), 1, 1, 0), 11);
+  // (0, 0) is first reached by the second sweep, through (1, 0); later ties keep it.
+  EXPECT_EQ(Get(im.get(), 0, 0, 0), 22);
+}
+
+TEST(VoronoiFill, JitterDisplacesSitesInRasterOrder) {
+  // One row: known 10 at x = 0 and 50 at x = 5; sites 0, 0, 5, 5 for holes 1 to 4.
+  auto run = [](const std::vector<float>& first, float amount, uint32_t count) {
+    TestImage im = MakeImage(6, 1, 1, PLUChar);
+    TestImage mask = MakeImage(6, 1, 1, PLUChar);
+    const double v[6] = {10, 21, 22, 23, 24, 50};
+    for (int32_t x = 0; x < 6; ++x) Set(im.get(), x, 0, 0, v[x]), Set(mask.get(), x, 0, 0, x % 5 != 0);
+    std::vector<float> second(first.size(), 0.7f);  // y can only leave the one row: kept
+    PLHoleFillNoise noise;
+    noise.first = first.data();
+    noise.second = second.data();
+    noise.count = count;
+    PLVoronoiFill(im.get(), mask.get(), &noise, amount);
+    std::vector<double> out;
+    for (int32_t x = 0; x < 6; ++x) out.push_back(Get(im.get(), x, 0, 0));
+    return out;
+  };
+  using V = std::vector<double>;
+  EXPECT_EQ(run({0, 0, 0, 0, 0, 0}, 1.0f, 6), (V{10, 10, 10, 50, 50, 50}));
+  EXPECT_EQ(run({0, 3, 3, 3, 3, 0}, 0.0f, 6), (V{10, 10, 10, 50, 50, 50}));  // amount 0
+  // x=1: n = -2 * -1 = 2, site 2, not yet filled (22). x=2: n = 1.5 * -2 = -3 -> -3, then
+  // 0 - 1.5: both outside, site 0. x=3: n = 2, 7 then 6: outside, site 5. x=4: n = -2 -> 3,
+  // already filled with 50.
+  EXPECT_EQ(run({0, -2, 1.5f, 1, -2, 0}, 1.0f, 6), (V{10, 22, 10, 50, 50, 50}));
+  // With four entries, x = 4 gives i == count: past the arrays, read as no noise.
+  EXPECT_EQ(run({0, -2, 1.5f, 1, -2, 0}, 1.0f, 4), (V{10, 22, 10, 50, 50, 50}));
+  EXPECT_EQ(run({0, -2, 1.5f, 1, -3, 0}, 1.0f, 6), (V{10, 22, 10, 50, 10, 50}));
+}
+
+TEST(VoronoiFill, RefusesWhatAMapCannotAddress) {
+  // Headers over a tiny buffer: the refusal must come before any pixel is read.
+  std::vector<unsigned char> tiny(64, 0);
+  PLImage huge(tiny.data(), 70000, 2, 4, 1, PLUChar, 0);
+  PLImage hugeMask(tiny.data(), 70000, 2, 4, 1, PLUChar, 0);
+  PLImage map(tiny.data(), 70000, 2, 4, 2, PLUShort, 0);
+  EXPECT_THROW(PLVoronoiFill(&huge, &hugeMask), PLErr);
+  EXPECT_THROW(NearestSiteMap(&hugeMask, &map, &map), PLErr);
+  EXPECT_THROW(ApplyNearestSites(&huge, &map), PLErr);
+  try {
+    PLVoronoiFill(&huge, &hugeMask);
+  } catch (PLErr e) {
+    EXPECT_EQ(e, PLErrParameter);
+  }
+  TestImage im = MakeImage(4, 4, 1, PLUChar);
+  TestImage mask = MakeImage(4, 5, 1, PLUChar);
+  testing::internal::CaptureStderr();
+  PLVoronoiFill(im.get(), mask.get());
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "input problem in PLVoronoiFill\n");
+  TestImage m2 = MakeImage(4, 4, 2, PLUShort), m3 = MakeImage(4, 3, 2, PLUShort);
+  EXPECT_THROW(MergeNearest(m2.get(), m3.get()), PLErr);
+}
+
+TEST(ApplyNearestSites, CopiesSitesAndSkipsOutsideOnes) {
+  TestImage im = MakeImage(3, 2, 2, PLFloat, 1, 4);
+  TestImage map = MakeImage(3, 2, 2, PLUShort, 0, 2);
+  FillRandom(im.get(), 9);
+  TestImage before = MakeImage(3, 2, 2, PLFloat);
+  CopyPixels(before.get(), im.get());
+  const int32_t sites[6][2] = {{0, 0}, {2, 1}, {3, 0}, {0, 2}, {1, 1}, {65535, 65535}};
+  for (int32_t i = 0; i < 6; ++i)
+    Set(map.get(), i % 3, i / 3, 0, sites[i][0]), Set(map.get(), i % 3, i / 3, 1, sites[i][1]);
+  ApplyNearestSites(im.get(), map.get());
+  for (int32_t c = 0; c < 2; ++c) {
+    EXPECT_EQ(Get(im.get(), 1, 0, c), Get(before.get(), 2, 1, c));
+    for (int32_t i : {0, 2, 3, 4, 5})
+      EXPECT_EQ(Get(im.get(), i % 3, i / 3, c), Get(before.get(), i % 3, i / 3, c)) << i;
+  }
+}
+
+TEST(MergeNearest, SameBytesForAllWorkerCounts) {
+  TestImage best = MakeImage(61, 211, 2, PLUShort, 1, 2);
+  TestImage cand = MakeImage(61, 211, 2, PLUShort, 0, 0);
+  ExpectSameForAllWorkers([&] {
+    FillRandom(best.get(), 1);
+    FillRandom(cand.get(), 2);
+    MergeNearest(best.get(), cand.get());
+    return PixelBytes(best.get());
+  });
+  TestImage im = MakeImage(150, 120, 3, PLUChar, 1, 3);
+  TestImage mask = MakeImage(150, 120, 1, PLUShort);
+  FillBlobMask(mask.get(), 4, 10);
+  ExpectSameForAllWorkers([&] {
+    FillRandom(im.get(), 5);
+    PLVoronoiFill(im.get(), mask.get());
+    PLSmallHoleFill(im.get(), mask.get(), 30);
+    return PixelBytes(im.get());
+  });
+}
+
+}  // namespace
