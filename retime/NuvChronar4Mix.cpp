@@ -1,0 +1,497 @@
+// flowblur: the retimer's pixel operations: gather warp, masked and motion-weighted mixes,
+// flow agreement, vector pictures, comparison views, and the warp-and-mix step.
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+
+#include "fill/PLSingleChannelFill.h"
+#include "filter/PLKernels.h"
+#include "image/PLDispatch.h"
+#include "image/PLImageCopy.h"
+#include "image/PLPixelConvert.h"
+#include "retime/NuvChronar4Private.h"
+#include "retime/PLLayerOps.h"
+#include "warp/PLWarp.h"
+
+namespace {
+
+template <class T>
+constexpr float White() {
+  return std::is_same<T, float>::value ? 1.0f : static_cast<float>(std::numeric_limits<T>::max());
+}
+
+// Store of a computed sample: integer types add 0.5, truncate and are limited to the type's
+// range (NaN gives 0); Float keeps the value.
+template <class T>
+inline void StoreSample(unsigned char* p, float v) {
+  if constexpr (std::is_same<T, float>::value) {
+    PLStore<float>(p, v);
+  } else {
+    float r = v + 0.5f;
+    T s = !(r > 0.0f) ? T(0) : r >= White<T>() ? static_cast<T>(White<T>()) : static_cast<T>(r);
+    PLStore<T>(p, s);
+  }
+}
+
+template <class T>
+inline float LoadSample(const unsigned char* p) {
+  return static_cast<float>(PLLoad<T>(p));
+}
+
+// Corner-aligned bilinear read of a Float image of `channels` samples at (fx, fy), the cell
+// slid back at the last row and column (positions are clamped into the image first).
+struct FloatGrid {
+  const PLImage* image;
+  float lastX, lastY;
+  explicit FloatGrid(const PLImage* im)
+      : image(im),
+        lastX(static_cast<float>(im->lastColumn)),
+        lastY(static_cast<float>(im->lastRow)) {}
+  void Read(float fx, float fy, float* out, int32_t channels) const {
+    fx = !(fx > 0.0f) ? 0.0f : fx > lastX ? lastX : fx;
+    fy = !(fy > 0.0f) ? 0.0f : fy > lastY ? lastY : fy;
+    int32_t ix = static_cast<int32_t>(fx), iy = static_cast<int32_t>(fy);
+    float tx = fx - static_cast<float>(ix), ty = fy - static_cast<float>(iy);
+    if (ix >= image->lastColumn) {
+      ix = image->lastColumn - 1;
+      tx = 1.0f;
+    }
+    if (iy >= image->lastRow) {
+      iy = image->lastRow - 1;
+      ty = 1.0f;
+    }
+    const unsigned char* r0 = image->PixelAddress(ix, iy);
+    const unsigned char* r1 = image->PixelAddress(ix, iy + 1);
+    const int32_t bpp = image->bytesPerPixel;
+    for (int32_t c = 0; c < channels; ++c) {
+      float s00 = PLLoad<float>(r0 + 4 * c), s10 = PLLoad<float>(r0 + bpp + 4 * c);
+      float s01 = PLLoad<float>(r1 + 4 * c), s11 = PLLoad<float>(r1 + bpp + 4 * c);
+      float top = s00 + (s10 - s00) * tx;
+      float bottom = s01 + (s11 - s01) * tx;
+      out[c] = top + (bottom - top) * ty;
+    }
+  }
+};
+
+// Grid ratio by last indices; 0 for a one-pixel axis.
+float Ratio(int32_t toLast, int32_t fromLast) {
+  return fromLast > 0 ? static_cast<float>(toLast) / static_cast<float>(fromLast) : 0.0f;
+}
+
+// ---- Gather warp --------------------------------------------------------------------------
+
+template <class T, int32_t C>
+void GatherRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
+  PLImage* dst = args->Next<PLImage*>();
+  const PLImage* src = args->Next<const PLImage*>();
+  const PLImage* flow = args->Next<const PLImage*>();
+  const int32_t bilinear = args->Next<int32_t>();
+  PLImage* mask = args->Next<PLImage*>();
+  const int32_t clampOutside = args->Next<int32_t>();
+  const float share = *args->Next<const float*>();
+  const FloatGrid grid(flow);
+  const float toFlowX = Ratio(flow->lastColumn, dst->lastColumn);
+  const float toFlowY = Ratio(flow->lastRow, dst->lastRow);
+  const float toDstX = Ratio(dst->lastColumn, flow->lastColumn);
+  const float toDstY = Ratio(dst->lastRow, flow->lastRow);
+  const float lastX = static_cast<float>(src->lastColumn);
+  const float lastY = static_cast<float>(src->lastRow);
+  const int32_t bpp = src->bytesPerPixel, bps = src->bytesPerSample;
+  for (int32_t y = firstRow; y <= lastRow; ++y) {
+    unsigned char* out = dst->Row(y);
+    unsigned char* maskRow = mask ? mask->Row(y) : nullptr;
+    for (int32_t x = 0; x < dst->width; ++x, out += dst->bytesPerPixel) {
+      float uv[2];
+      grid.Read(static_cast<float>(x) * toFlowX, static_cast<float>(y) * toFlowY, uv, 2);
+      float px = static_cast<float>(x) + share * (uv[0] * toDstX);
+      float py = static_cast<float>(y) + share * (uv[1] * toDstY);
+      bool inside = px >= 0.0f && px <= lastX && py >= 0.0f && py <= lastY;
+      if (maskRow) maskRow[x] = inside ? 255 : 0;
+      if (!inside) {
+        if (!clampOutside) continue;
+        px = !(px > 0.0f) ? 0.0f : px > lastX ? lastX : px;
+        py = !(py > 0.0f) ? 0.0f : py > lastY ? lastY : py;
+      }
+      if (!bilinear) {
+        int32_t ix = static_cast<int32_t>(px + 0.5f), iy = static_cast<int32_t>(py + 0.5f);
+        if (ix > src->lastColumn) ix = src->lastColumn;
+        if (iy > src->lastRow) iy = src->lastRow;
+        std::memcpy(out, src->PixelAddress(ix, iy), bpp);
+        continue;
+      }
+      int32_t ix = static_cast<int32_t>(px), iy = static_cast<int32_t>(py);
+      float tx = px - static_cast<float>(ix), ty = py - static_cast<float>(iy);
+      if (ix >= src->lastColumn) {
+        ix = src->lastColumn - 1;
+        tx = 1.0f;
+      }
+      if (iy >= src->lastRow) {
+        iy = src->lastRow - 1;
+        ty = 1.0f;
+      }
+      const unsigned char* r0 = src->PixelAddress(ix, iy);
+      const unsigned char* r1 = src->PixelAddress(ix, iy + 1);
+      for (int32_t c = 0; c < C; ++c) {
+        float s00 = LoadSample<T>(r0 + c * bps), s10 = LoadSample<T>(r0 + bpp + c * bps);
+        float s01 = LoadSample<T>(r1 + c * bps), s11 = LoadSample<T>(r1 + bpp + c * bps);
+        float top = s00 + (s10 - s00) * tx;
+        float bottom = s01 + (s11 - s01) * tx;
+        StoreSample<T>(out + c * bps, top + (bottom - top) * ty);
+      }
+    }
+  }
+}
+
+bool Alike(const PLImage* a, const PLImage* b) {
+  return a && b && a->data && b->data && a->width == b->width && a->height == b->height &&
+         a->channels == b->channels && a->dataType == b->dataType;
+}
+
+bool WorkingImage(const PLImage* a) {
+  return a && a->data && a->width > 0 && a->height > 0 && a->channels >= 1 && a->channels <= 4 &&
+         a->dataType >= PLUChar && a->dataType <= PLFloat;
+}
+
+bool FlowImage(const PLImage* f) {
+  return f && f->data && f->channels == 2 && f->dataType == PLFloat && f->width >= 2 &&
+         f->height >= 2;
+}
+
+bool MaskFor(const PLImage* mask, const PLImage* like) {
+  return !mask || (mask->data && mask->channels == 1 && mask->dataType == PLUChar &&
+                   mask->width == like->width && mask->height == like->height);
+}
+
+// ---- Mixes --------------------------------------------------------------------------------
+
+template <class T, int32_t C>
+void MixRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
+  PLImage* dst = args->Next<PLImage*>();
+  const PLImage* a = args->Next<const PLImage*>();
+  const PLImage* b = args->Next<const PLImage*>();
+  const float f = *args->Next<const float*>();
+  const PLImage* maskA = args->Next<const PLImage*>();
+  const PLImage* maskB = args->Next<const PLImage*>();
+  const PLImage* agreement = args->Next<const PLImage*>();
+  PLImage* holes = args->Next<PLImage*>();
+  const int32_t bps = dst->bytesPerSample;
+  const float toMapX = agreement ? Ratio(agreement->lastColumn, dst->lastColumn) : 0.0f;
+  const float toMapY = agreement ? Ratio(agreement->lastRow, dst->lastRow) : 0.0f;
+  const FloatGrid map(agreement ? agreement : dst);
+  const float t = 1.0f - f;  // share of a
+  for (int32_t y = firstRow; y <= lastRow; ++y) {
+    unsigned char* out = dst->Row(y);
+    const unsigned char* pa = a->Row(y);
+    const unsigned char* pb = b->Row(y);
+    for (int32_t x = 0; x < dst->width; ++x) {
+      float share = f;
+      if (agreement) {
+        // The crossing narrows where the flows disagree, down to a cut at the midpoint.
+        float s;
+        map.Read(static_cast<float>(x) * toMapX, static_cast<float>(y) * toMapY, &s, 1);
+        float lo, hi;
+        if (s >= 1.0f) {
+          lo = 0.0f;
+          hi = 1.0f;
+        } else if (!(s > 0.0f)) {
+          lo = 0.5f;
+          hi = 0.5f;
+        } else {
+          lo = (1.0f - s) / 2.0f;
+          hi = 1.0f - (1.0f - s) / 2.0f;
+        }
+        share = t <= lo ? 1.0f : t >= hi ? 0.0f : 1.0f - (t - lo) / (hi - lo);
+      }
+      bool coveredA = !maskA || maskA->Row(y)[x] != 0;
+      bool coveredB = !maskB || maskB->Row(y)[x] != 0;
+      if (coveredA && !coveredB) share = 0.0f;
+      if (coveredB && !coveredA) share = 1.0f;
+      if (holes) holes->Row(y)[x] = coveredA || coveredB ? 0 : 255;
+      const unsigned char* sa = pa + x * a->bytesPerPixel;
+      const unsigned char* sb = pb + x * b->bytesPerPixel;
+      unsigned char* so = out + x * dst->bytesPerPixel;
+      for (int32_t c = 0; c < C; ++c) {
+        float va = LoadSample<T>(sa + c * bps), vb = LoadSample<T>(sb + c * bps);
+        StoreSample<T>(so + c * bps, va + (vb - va) * share);
+      }
+    }
+  }
+}
+
+void AgreementRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
+  PLImage* agreement = args->Next<PLImage*>();
+  const PLImage* forward = args->Next<const PLImage*>();
+  const PLImage* backward = args->Next<const PLImage*>();
+  const FloatGrid back(backward);
+  const float lo = static_cast<float>(forward->width) / 320.0f;
+  const float hi = static_cast<float>((forward->width * 12) / 320);
+  const float lastX = static_cast<float>(forward->lastColumn);
+  const float lastY = static_cast<float>(forward->lastRow);
+  for (int32_t y = firstRow; y <= lastRow; ++y) {
+    const unsigned char* f = forward->Row(y);
+    unsigned char* out = agreement->Row(y);
+    for (int32_t x = 0; x < forward->width; ++x) {
+      float u = PLLoad<float>(f + 8 * x), v = PLLoad<float>(f + 8 * x + 4);
+      float px = static_cast<float>(x) + u, py = static_cast<float>(y) + v;
+      float c = 0.0f;
+      if (px >= 0.0f && px <= lastX && py >= 0.0f && py <= lastY) {
+        float uv[2];
+        back.Read(px, py, uv, 2);
+        float dx = static_cast<float>(x) - (px + uv[0]);
+        float dy = static_cast<float>(y) - (py + uv[1]);
+        float e2 = dx * dx + dy * dy;
+        if (e2 < lo * lo) {
+          c = 1.0f;
+        } else if (e2 > hi * hi || !(hi > lo)) {
+          c = 0.0f;
+        } else {
+          c = 1.0f - (std::sqrt(e2) - lo) / (hi - lo);
+          c = !(c > 0.0f) ? 0.0f : c > 1.0f ? 1.0f : c;
+        }
+      }
+      PLStore<float>(out + 4 * x, c);
+    }
+  }
+}
+
+template <class T, int32_t C>
+void PictureRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
+  PLImage* dst = args->Next<PLImage*>();
+  const PLImage* flow = args->Next<const PLImage*>();
+  const float scale = *args->Next<const float*>();
+  const PLImage* matte = args->Next<const PLImage*>();
+  const FloatGrid grid(flow);
+  const float toFlowX = Ratio(flow->lastColumn, dst->lastColumn);
+  const float toFlowY = Ratio(flow->lastRow, dst->lastRow);
+  const float toDstX = Ratio(dst->lastColumn, flow->lastColumn);
+  const float toDstY = Ratio(dst->lastRow, flow->lastRow);
+  const float white = White<T>();
+  const int32_t bps = dst->bytesPerSample;
+  for (int32_t y = firstRow; y <= lastRow; ++y) {
+    unsigned char* out = dst->Row(y);
+    for (int32_t x = 0; x < dst->width; ++x, out += dst->bytesPerPixel) {
+      float m = 0.0f;
+      if (matte) {
+        m = LoadSample<T>(matte->PixelAddress(x, y));
+        if (!(m > white * 0.5f)) continue;
+      }
+      float uv[2];
+      grid.Read(static_cast<float>(x) * toFlowX, static_cast<float>(y) * toFlowY, uv, 2);
+      float values[4] = {(0.5f + uv[0] * toDstX * scale) * white,
+                         (0.5f + uv[1] * toDstY * scale) * white, matte ? m : 0.0f, white};
+      if (!std::is_same<T, float>::value)
+        for (float& v : values) v = !(v > 0.0f) ? 0.0f : v > white ? white : v;
+      for (int32_t c = 0; c < C; ++c) {
+        if (std::is_same<T, float>::value)
+          PLStore<float>(out + c * bps, values[c]);
+        else
+          StoreSample<T>(out + c * bps, values[c]);
+      }
+    }
+  }
+}
+
+template <class T, int32_t C>
+void StyleRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
+  PLImage* dst = args->Next<PLImage*>();
+  const PLImage* src = args->Next<const PLImage*>();
+  const int32_t style = args->Next<int32_t>();
+  const float amount = *args->Next<const float*>();
+  const int32_t colours = C < 3 ? C : 3;
+  const int32_t bps = dst->bytesPerSample;
+  const float grey = White<T>() * 0.5f;
+  for (int32_t y = firstRow; y <= lastRow; ++y) {
+    for (int32_t x = 0; x < dst->width; ++x) {
+      unsigned char* d = dst->PixelAddress(x, y);
+      const unsigned char* s = src->PixelAddress(x, y);
+      if (style == 3) {
+        if (((x / 16 + y / 16) & 1) != 0)
+          for (int32_t c = 0; c < colours; ++c) std::memcpy(d + c * bps, s + c * bps, bps);
+        continue;
+      }
+      for (int32_t c = 0; c < colours; ++c) {
+        float vd = LoadSample<T>(d + c * bps), vs = LoadSample<T>(s + c * bps);
+        float v = style == 0 ? vs + (vd - vs) * amount : grey + (vd - vs) * amount;
+        StoreSample<T>(d + c * bps, v);
+      }
+    }
+  }
+}
+
+const char kWarpMessage[] = "can't warp image, input files not of correct types and sizes\n";
+
+}  // namespace
+
+int32_t PLGatherWarp(PLImage* dst, const PLImage* src, const PLImage* flow, int32_t bilinear,
+                     PLImage* mask, int32_t clampOutside, float share) {
+  if (!WorkingImage(dst) || !Alike(dst, src) || !FlowImage(flow) || dst->width < 2 ||
+      dst->height < 2 || !MaskFor(mask, dst) || dst == src || !std::isfinite(share)) {
+    std::fputs(kWarpMessage, stderr);
+    return 0;
+  }
+  PLDispatch(dst->dataType, dst->channels, [&](auto tag) {
+    using Tag = decltype(tag);
+    PLForkImageRows(dst->height, GatherRows<typename Tag::Type, Tag::Channels>, dst, src, flow,
+                    bilinear, mask, clampOutside, &share);
+  });
+  return 1;
+}
+
+int32_t PLRetimeMix(PLImage* dst, const PLImage* a, const PLImage* b, float f,
+                    const PLImage* maskA, const PLImage* maskB, const PLImage* agreement,
+                    PLImage* holes) {
+  if (!WorkingImage(dst) || !Alike(dst, a) || !Alike(dst, b) || !MaskFor(maskA, dst) ||
+      !MaskFor(maskB, dst) || !MaskFor(holes, dst))
+    return 0;
+  if (agreement && !(agreement->data && agreement->channels == 1 &&
+                     agreement->dataType == PLFloat && agreement->width >= 2 &&
+                     agreement->height >= 2))
+    return 0;
+  PLDispatch(dst->dataType, dst->channels, [&](auto tag) {
+    using Tag = decltype(tag);
+    PLForkImageRows(dst->height, MixRows<typename Tag::Type, Tag::Channels>, dst, a, b, &f, maskA,
+                    maskB, agreement, holes);
+  });
+  return 1;
+}
+
+int32_t PLFlowAgreement(PLImage* agreement, const PLImage* forward, const PLImage* backward) {
+  if (!FlowImage(forward) || !FlowImage(backward) || !agreement || !agreement->data ||
+      agreement->channels != 1 || agreement->dataType != PLFloat ||
+      backward->width != forward->width || backward->height != forward->height ||
+      agreement->width != forward->width || agreement->height != forward->height)
+    return 0;
+  PLForkImageRows(forward->height, AgreementRows, agreement, forward, backward);
+  return 1;
+}
+
+int32_t PLFlowPicture(PLImage* dst, const PLImage* flow, float scale, const PLImage* matte) {
+  if (!WorkingImage(dst) || !FlowImage(flow) || dst->width < 2 || dst->height < 2) return 0;
+  if (matte && !(matte->data && matte->channels == 1 && matte->dataType == dst->dataType &&
+                 matte->width == dst->width && matte->height == dst->height))
+    return 0;
+  PLDispatch(dst->dataType, dst->channels, [&](auto tag) {
+    using Tag = decltype(tag);
+    PLForkImageRows(dst->height, PictureRows<typename Tag::Type, Tag::Channels>, dst, flow, &scale,
+                    matte);
+  });
+  return 1;
+}
+
+int32_t PLRetimeStyleMix(PLImage* dst, const PLImage* src, int32_t style, float amount) {
+  if (!WorkingImage(dst) || !Alike(dst, src)) return 0;
+  if (style != 0 && style != 2 && style != 3) return 1;
+  PLDispatch(dst->dataType, dst->channels, [&](auto tag) {
+    using Tag = decltype(tag);
+    PLForkImageRows(dst->height, StyleRows<typename Tag::Type, Tag::Channels>, dst, src, style,
+                    &amount);
+  });
+  return 1;
+}
+
+namespace chronar {
+
+namespace {
+
+bool AnyHole(const PLImage* holes) {
+  for (int32_t y = 0; y < holes->height; ++y) {
+    const unsigned char* row = holes->Row(y);
+    for (int32_t x = 0; x < holes->width; ++x)
+      if (row[x]) return true;
+  }
+  return false;
+}
+
+// Fills the pixels where `holes` is non-zero, smoothly from the others.
+void FillHoles(PLImage* dst, const PLImage* holes, NuvIdleAndProgressClass* progress) {
+  if (!AnyHole(holes)) return;
+  NuvIdleAndProgressClass collapsed(progress);
+  collapsed.CollapseSubRange();
+  PLSingleChannelFill(dst, holes, &collapsed);
+}
+
+// One frame towards the output time by `share` of a flow: `gatherFlow` for the gather
+// styles (it lives on the grid of the other frame and points to this one), `pushFlow` for
+// the forward styles (on this frame's grid, pointing away). `covered` (styles 1 and 2) gets
+// the coverage mask.
+void WarpFrame(PLImage* dst, const PLImage* src, const PLImage* gatherFlow,
+               const PLImage* pushFlow, float share, int32_t style, PLImage* covered) {
+  if (style <= 1) {
+    if (!PLGatherWarp(dst, src, gatherFlow, 1, style == 1 ? covered : nullptr, 1, share))
+      throw PLErrParameter;
+    return;
+  }
+  if (style == 3) {
+    CopyWhole(dst, src);  // what no triangle reaches keeps the frame itself
+  } else {
+    Clear(dst);
+  }
+  if (!Warp(dst, src, pushFlow, 1, 0, 0, nullptr, 1, 0, 0.0f, share)) throw PLErrParameter;
+  if (style == 2) {
+    ImagePtr white = NewImage(src->width, src->height, 1, PLUChar);
+    FillColor(white.get(), 1.0f, 1.0f, 1.0f, 1.0f);
+    Clear(covered);
+    if (!Warp(covered, white.get(), pushFlow, 0, 0, 0, nullptr, 1, 0, 0.0f, share))
+      throw PLErrParameter;
+  }
+}
+
+}  // namespace
+
+void WarpAndMix(NuvChronar4Internal* in, PLImage* dst, const PLImage* a, const PLImage* b,
+                float w, bool exact, const PLImage* forwardFlow, const PLImage* backwardFlow,
+                NuvIdleAndProgressClass* progress, bool layerImages) {
+  const int32_t style = in->warpStyle;
+  const bool masked = style == 1 || style == 2;
+  if (in->interpolation == 0) {
+    const PLImage* nearer = w >= 0.5f ? a : b;
+    const float share = w >= 0.5f ? 1.0f - w : w;
+    if (exact || !forwardFlow) {
+      CopyWhole(dst, nearer);
+      return;
+    }
+    ImagePtr covered = masked ? NewImage(dst->width, dst->height, 1, PLUChar) : nullptr;
+    WarpFrame(dst, nearer, forwardFlow, forwardFlow, share, style, covered.get());
+    if (masked) {
+      Invert(covered.get());
+      FillHoles(dst, covered.get(), progress);
+    }
+    return;
+  }
+  if (exact || !forwardFlow || !backwardFlow) {
+    if (!PLRetimeMix(dst, a, b, 1.0f - w, nullptr, nullptr, nullptr, nullptr))
+      throw PLErrParameter;
+    return;
+  }
+  // Frame i moves forward by 1 - w, frame j back by w.
+  ImagePtr wa = NewImageLike(dst, dst->channels);
+  ImagePtr wb = NewImageLike(dst, dst->channels);
+  ImagePtr ma = masked ? NewImage(dst->width, dst->height, 1, PLUChar) : nullptr;
+  ImagePtr mb = masked ? NewImage(dst->width, dst->height, 1, PLUChar) : nullptr;
+  WarpFrame(wa.get(), a, forwardFlow, backwardFlow, 1.0f - w, style, ma.get());
+  WarpFrame(wb.get(), b, backwardFlow, forwardFlow, w, style, mb.get());
+  if (layerImages) {
+    // Each side over the other's picture of the layer, so that where a matte edge moved
+    // the layer is not faded against the hole beside it.
+    ImagePtr aOverB = NewImageLike(dst, dst->channels);
+    CopyWhole(aOverB.get(), wb.get());
+    CompositeOver(aOverB.get(), 0, 0, wa.get(), 0, 0, dst->lastColumn, dst->lastRow);
+    CompositeOver(wa.get(), 0, 0, wb.get(), 0, 0, dst->lastColumn, dst->lastRow);
+    wb = std::move(wa);  // b over a
+    wa = std::move(aOverB);
+  }
+  ImagePtr agreement;
+  if (in->interpolation == 2) {
+    agreement = NewImage(backwardFlow->width, backwardFlow->height, 1, PLFloat);
+    PLFlowAgreement(agreement.get(), backwardFlow, forwardFlow);
+    PLGaussBlur(agreement.get(), 0, 4.0f);
+  }
+  ImagePtr holes = masked ? NewImage(dst->width, dst->height, 1, PLUChar) : nullptr;
+  if (!PLRetimeMix(dst, wa.get(), wb.get(), 1.0f - w, ma.get(), mb.get(), agreement.get(),
+                   holes.get()))
+    throw PLErrParameter;
+  if (masked) FillHoles(dst, holes.get(), progress);
+}
+
+}  // namespace chronar

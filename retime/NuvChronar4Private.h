@@ -1,0 +1,95 @@
+// flowblur: what the retimer's source files share: the state of one render (fetched views,
+// work images, the local progress object) and the steps both render paths use.
+#pragma once
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "retime/NuvChronar4.h"
+
+namespace chronar {
+
+// Owned work image, deleted through NuvMem.
+struct ImageDeleter {
+  void operator()(PLImage* image) const { delete image; }
+};
+using ImagePtr = std::unique_ptr<PLImage, ImageDeleter>;
+
+// A new image (throws the allocation's PLErr), cleared.
+ImagePtr NewImage(int32_t width, int32_t height, int32_t channels, int32_t dataType);
+ImagePtr NewImageLike(const PLImage* like, int32_t channels);
+
+enum class Source { kDisplay, kMotion, kMatte };
+
+// Everything one render fetches or makes, given back on every way out.
+class RenderState {
+ public:
+  RenderState(NuvChronar4* engine, NuvImage* output, NuvIdleAndProgressClass* progress);
+  ~RenderState();  // gives back whatever is still held
+  RenderState(const RenderState&) = delete;
+  RenderState& operator=(const RenderState&) = delete;
+
+  // Fetches a frame (or a matte of layer `matte`) and checks it against the output: same
+  // width, height and dataType; frames also the same channel count (any of 1..4), mattes
+  // one channel. With input fields (1 or 2), frame n / 2 is fetched and field n made whole.
+  // Throws the fetch status as PLErr (5 missing, empty or mismatched; 6 interrupted; 1 any
+  // other status). The image stays valid until ReleaseFetched.
+  PLImage* Fetch(Source source, int32_t frameNumber, int32_t matte = 0);
+  // Gives back every fetched view, restoring the channel order of reordered ones first.
+  void ReleaseFetched();
+
+  NuvChronar4* engine;
+  NuvChronar4Internal* in;
+  NuvImage* outputView;
+  PLImage* output;  // the output's wrapper
+  NuvIdleAndProgressClass progress;
+  int32_t inputFields = 0;
+
+ private:
+  struct Held {
+    NuvImage* view;
+    Source source;
+    int32_t frameNumber, matte;
+    bool reordered;
+    ImagePtr field;  // the whole frame made from one field, when input is in fields
+  };
+  std::vector<Held> held_;
+};
+
+// Brings up the solver a layer asks for (estimator or morph solver) at the flow size, and
+// sets its level factor. Replaces one that does not fit (size, mode, masks, hints).
+void BringUpSolver(NuvChronar4Internal* in, int32_t layer, float levelFactor);
+
+// One flow run of the current solver from `from` to `to` into `flowOut` (allocated at the
+// flow size if null), hints of `layer` added first when hintsPresent. With masks (several
+// layers) the pyramids are built from the matted pictures and their mask images.
+struct LayerInputs {
+  const PLImage* fromMaskImage = nullptr;  // inverted "other layers" matte, side 0
+  const PLImage* toMaskImage = nullptr;
+  const PLImage* fromMatte = nullptr;  // this layer's matte on each side
+  const PLImage* toMatte = nullptr;
+  const PLImage* fromFullMatte = nullptr;  // the layer's own matte, nearer layers kept
+  const PLImage* toFullMatte = nullptr;
+};
+void RunFlow(NuvChronar4* engine, NuvChronar4Internal* in, PLImage** flowOut,
+             const PLImage* from, const PLImage* to, float fromTime, float toTime,
+             int32_t layer, NuvIdleAndProgressClass* progress, const LayerInputs* layerInputs);
+
+// The picture of one pair: frames (or layer images) a = frame i, b = frame j, w the weight
+// of i, the flows of the pair (either may be null when not needed), exact or not. Writes
+// `dst` (alike to a and b). Uses in->interpolation, in->warpStyle, in->useFlow.
+void WarpAndMix(NuvChronar4Internal* in, PLImage* dst, const PLImage* a, const PLImage* b,
+                float w, bool exact, const PLImage* forwardFlow, const PLImage* backwardFlow,
+                NuvIdleAndProgressClass* progress, bool layerImages = false);
+
+// The layered path: each layer from TopLayer down to BottomLayer cut out by its matte (the
+// nearer layers taken away), its holes filled, warped and mixed, then composited over the
+// farther ones. dst has 3 or 4 channels.
+void LayeredPath(NuvChronar4* engine, RenderState& st, PLImage* dst, int32_t i, int32_t j,
+                 float w, bool exact, bool newPair, const float* levelFactors,
+                 const float* chokes, int32_t matteCount);
+
+// True when the value is a whole number of fields/frames within 0.005.
+bool NearWhole(float t);
+
+}  // namespace chronar
