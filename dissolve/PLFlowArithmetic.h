@@ -10,9 +10,9 @@
 // the larger of f's width and height).
 //
 // All three change f in place and return nothing. A refusal prints
-// "can't add two flows together\n" to stderr and changes nothing. f and g must be distinct
-// images whose pixel memory does not overlap (workers read g anywhere while others write
-// f): an overlap is refused too.
+// "can't add two flows together\n" to stderr and changes nothing. For the two chains, f
+// and g must be distinct images whose pixel memory does not overlap (workers read g
+// anywhere while others write f): an overlap is refused too.
 
 // ChainFlows(f, g): f becomes the motion across two steps, f then g. Both 2-channel, both
 // Float or both UShort, each at least 2 x 2 (the grid ratio and the bilinear cell need two
