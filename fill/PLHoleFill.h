@@ -71,8 +71,9 @@ void PLVoronoiFill(PLImage* image, const PLImage* mask);
 // with site (sx, sy) and i = x + x * y (reduced modulo noise->count only when it exceeds it):
 //   n = amount * first[i] * (sx - x); new x = x + (sx - x) + n; if outside 0..lastColumn,
 //   sx + n / 2; if still outside, sx. m = amount * second[i]; new y = sy + m; then sy + m / 2;
-//   then sy. Both truncated to 16 bits. Sites beyond the image become the pixel's own
-//   coordinates (so the pixel keeps its value); known pixels keep theirs.
+//   then sy. Both truncated to 16 bits. Known pixels keep their sites. A site beyond the
+//   image (no site reached) first becomes the pixel's own coordinates; a hole then still
+//   moves in y by the rule above (dx is 0, so not in x), and otherwise keeps its value.
 // Choices where the rule leaves no value: the single index i == count (not reduced, one past
 // the arrays) reads a noise of 0; a NaN position counts as outside.
 // A displaced site may be a hole: the sites are applied in raster order on the calling
