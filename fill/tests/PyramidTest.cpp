@@ -1,0 +1,247 @@
+// flowblur tests: Laplacian, Gaussian and step pyramids; expansion, reconstruction and the
+// multiband blend.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+
+#include "fill/PLPyramid.h"
+#include "tests/support/PLTestImages.h"
+
+using namespace pltest;
+
+namespace {
+
+float At(const PLImage* level, int32_t x, int32_t y) {
+  return static_cast<float>(Get(level, x, y, 0));
+}
+
+// Expand as written: corner-aligned, the last cell slid back with a fraction of 1.0.
+void RefExpand(PLImage* dst, const PLImage* src) {
+  const float sx = 1.0f / ((dst->width - 1.0f) / static_cast<float>(src->width - 1));
+  const float sy = 1.0f / ((dst->height - 1.0f) / static_cast<float>(src->height - 1));
+  for (int32_t y = 0; y < dst->height; ++y)
+    for (int32_t x = 0; x < dst->width; ++x) {
+      float fx = x * sx, fy = y * sy;
+      int32_t ix = static_cast<int32_t>(fx), iy = static_cast<int32_t>(fy);
+      fx -= ix;
+      fy -= iy;
+      if (ix >= src->lastColumn) ix = src->width - 2, fx = 1.0f;
+      if (iy >= src->lastRow) iy = src->height - 2, fy = 1.0f;
+      const float a = (At(src, ix + 1, iy) - At(src, ix, iy)) * fx + At(src, ix, iy);
+      const float b = (At(src, ix + 1, iy + 1) - At(src, ix, iy + 1)) * fx + At(src, ix, iy + 1);
+      Set(dst, x, y, 0, (b - a) * fy + a);
+    }
+}
+
+TEST(Pyramid, LevelCountsAndSizes) {
+  const int32_t cases[][3] = {{20, 20, 2}, {19, 1000, 1}, {1000, 19, 1}, {21, 21, 2},
+                              {40, 40, 3}, {1, 1, 1},     {100, 45, 3}};
+  for (auto& c : cases) {
+    LaplacePyramid p(c[0], c[1]);
+    GaussPyramid g(c[0], c[1]);
+    EXPECT_EQ(p.levelCount, c[2]) << c[0] << "x" << c[1];
+    EXPECT_EQ(p.numLevels(), p.levelCount);
+    EXPECT_EQ(g.levelCount, c[2]);
+    for (int32_t i = 0; i < p.levelCount; ++i) {
+      EXPECT_EQ(p.levels[i]->width, c[0] >> i);
+      EXPECT_EQ(p.levels[i]->height, c[1] >> i);
+      EXPECT_EQ(p.levels[i]->dataType, PLFloat);
+    }
+  }
+  for (int32_t length : {1, 19, 20, 39, 40, 1000}) {
+    GaussStepOneDPyramid s(length);
+    LaplacePyramid square(length, length);
+    EXPECT_EQ(s.levelCount, square.levelCount) << length;
+    EXPECT_EQ(s.levels[s.levelCount - 1]->height, 1);
+  }
+  EXPECT_THROW(LaplacePyramid(0, 5), PLErr);
+  EXPECT_THROW(GaussStepOneDPyramid(-3), PLErr);
+}
+
+TEST(Pyramid, ExpandMatchesReference) {
+  const int32_t sizes[][4] = {{10, 10, 20, 21}, {12, 7, 25, 14}, {2, 2, 5, 3}, {9, 4, 9, 4}};
+  for (auto& z : sizes) {
+    PLImage src(z[0], z[1], 1, PLFloat, 0), got(z[2], z[3], 1, PLFloat, 1), want(z[2], z[3], 1, PLFloat, 0);
+    FillRandom(&src, z[0] * 31 + z[3]);
+    Expand(&got, &src);
+    RefExpand(&want, &src);
+    EXPECT_TRUE(SamePixels(&got, &want)) << z[0] << "x" << z[1] << " -> " << z[2] << "x" << z[3];
+  }
+  PLImage one(1, 5, 1, PLFloat, 0), dst(4, 4, 1, PLFloat, 0), rgb(3, 3, 3, PLFloat, 0);
+  EXPECT_THROW(Expand(&dst, &one), PLErr);
+  EXPECT_THROW(Expand(&one, &dst), PLErr);
+  EXPECT_THROW(Expand(&dst, &rgb), PLErr);
+}
+
+// Each band is the low-pass level less the expansion of the next; the top is low-pass.
+TEST(Pyramid, LaplaceLevelsAreGaussDifferences) {
+  TestImage image = MakeImage(83, 61, 3, PLUShort, 1, 6);
+  FillRandom(image.get(), 11);
+  LaplacePyramid lap(83, 61);
+  GaussPyramid gauss(83, 61);
+  lap.Build(image.get(), 2);
+  gauss.Build(image.get(), 2);
+  ASSERT_EQ(lap.levelCount, 3);
+  EXPECT_EQ(At(gauss.levels[0], 5, 7), Get(image.get(), 5, 7, 2));
+  const int32_t top = lap.levelCount - 1;
+  EXPECT_TRUE(SamePixels(lap.levels[top], gauss.levels[top]));
+  for (int32_t i = 0; i < top; ++i) {
+    PLImage up(gauss.levels[i]->width, gauss.levels[i]->height, 1, PLFloat, 0);
+    RefExpand(&up, gauss.levels[i + 1]);
+    for (int32_t y = 0; y < up.height; ++y)
+      for (int32_t x = 0; x < up.width; ++x)
+        ASSERT_EQ(At(lap.levels[i], x, y), At(gauss.levels[i], x, y) - At(&up, x, y)) << i;
+  }
+}
+
+class RoundTrip : public ::testing::TestWithParam<int32_t> {};
+
+// Build then Reconstruct gives the channel back within the rounding; other channels stay.
+TEST_P(RoundTrip, ReturnsTheChannel) {
+  const int32_t type = GetParam();
+  const int32_t sizes[][2] = {{20, 20}, {19, 1000}, {57, 33}, {1, 1}, {130, 24}};
+  for (auto& z : sizes)
+    for (int32_t channel = 0; channel < 2; ++channel) {
+      TestImage image = MakeImage(z[0], z[1], 2, type, channel, 2);
+      FillRandom(image.get(), z[0] + channel);
+      TestImage out = MakeImage(z[0], z[1], 2, type);
+      CopyPixels(out.get(), image.get());
+      LaplacePyramid p(z[0], z[1]);
+      p.Build(image.get(), channel);
+      if (type == PLUChar) Set(out.get(), 0, 0, channel, 0);  // must be rewritten
+      p.Reconstruct(out.get(), channel);
+      const double tolerance = p.levelCount == 1 ? 0.0 : 1.0;  // one level: exact copy
+      for (int32_t y = 0; y < z[1]; ++y)
+        for (int32_t x = 0; x < z[0]; ++x) {
+          ASSERT_NEAR(Get(out.get(), x, y, channel), Get(image.get(), x, y, channel), tolerance)
+              << z[0] << "x" << z[1] << " at " << x << "," << y;
+          ASSERT_EQ(Get(out.get(), x, y, 1 - channel), Get(image.get(), x, y, 1 - channel));
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Types, RoundTrip, ::testing::Values(PLUChar, PLUShort));
+
+TEST(Pyramid, ReconstructUsesThePyramidUpAndKeepsUShortRange) {
+  TestImage image = MakeImage(64, 48, 1, PLUShort);
+  FillRandom(image.get(), 5);
+  LaplacePyramid p(64, 48);
+  p.Build(image.get(), 0);
+  TestImage once = MakeImage(64, 48, 1, PLUShort), twice = MakeImage(64, 48, 1, PLUShort);
+  p.Reconstruct(once.get(), 0);
+  p.Reconstruct(twice.get(), 0);
+  EXPECT_FALSE(SamePixels(once.get(), twice.get()));
+  double largest = 0;
+  for (int32_t y = 0; y < 48; ++y)
+    for (int32_t x = 0; x < 64; ++x) largest = std::max(largest, Get(once.get(), x, y, 0));
+  EXPECT_GT(largest, 60000.0);  // no 255 clamp on UShort
+}
+
+TEST(Pyramid, MismatchesPrintAndDoNothing) {
+  TestImage image = MakeImage(30, 30, 1, PLUChar), floats = MakeImage(30, 30, 1, PLFloat);
+  Fill(image.get(), 9);
+  LaplacePyramid p(30, 31), q(30, 30);
+  GaussStepOneDPyramid step(30);
+  for (auto call : {+[](LaplacePyramid& p, LaplacePyramid&, PLImage* im, PLImage*, GaussStepOneDPyramid&) { p.Build(im, 0); },
+                    +[](LaplacePyramid& p, LaplacePyramid&, PLImage* im, PLImage*, GaussStepOneDPyramid&) { p.Reconstruct(im, 0); },
+                    +[](LaplacePyramid&, LaplacePyramid& q, PLImage*, PLImage* f, GaussStepOneDPyramid&) { q.Build(f, 0); },
+                    +[](LaplacePyramid&, LaplacePyramid& q, PLImage* im, PLImage*, GaussStepOneDPyramid&) { q.Build(im, 1); },
+                    +[](LaplacePyramid& p, LaplacePyramid& q, PLImage* im, PLImage*, GaussStepOneDPyramid& s) { BlendPyramids(0.5f, im, 0, &q, &p, &s); }}) {
+    ::testing::internal::CaptureStderr();
+    call(p, q, image.get(), floats.get(), step);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "can't make laplacian pyramid\n");
+    EXPECT_EQ(Get(image.get(), 4, 4, 0), 9);
+  }
+  ::testing::internal::CaptureStderr();
+  GaussStepOneDPyramid flat(1);  // one sample: constant, so the stretch has nothing to span
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "what?\n");
+}
+
+TEST(Pyramid, StepCurves) {
+  GaussStepOneDPyramid step(300);
+  ASSERT_EQ(step.levelCount, 5);
+  for (int32_t l = 0; l < step.levelCount; ++l) {
+    const PLImage* curve = step.levels[l];
+    float lo = 1e9f, hi = -1e9f;
+    for (int32_t x = 0; x < curve->width; ++x) {
+      lo = std::min(lo, At(curve, x, 0));
+      hi = std::max(hi, At(curve, x, 0));
+      if (x) {
+        ASSERT_GE(At(curve, x, 0), At(curve, x - 1, 0)) << l;  // a rising step
+      }
+    }
+    EXPECT_EQ(lo, 0.0f);
+    EXPECT_EQ(hi, 1.0f);
+    EXPECT_EQ(step.Lookup(1.0f, l), 1.0f);
+    EXPECT_EQ(step.Lookup(0.0f, l), 0.0f);
+    const float t = 0.37f, p = curve->lastColumn * t;
+    const int32_t i = static_cast<int32_t>(p);
+    EXPECT_EQ(StepValue(&step, l, t),
+              (At(curve, i + 1, 0) - At(curve, i, 0)) * (p - i) + At(curve, i, 0));
+    EXPECT_EQ(step.Lookup(t, l), StepValue(&step, l, t));
+  }
+  // The coarser the level, the softer the step relative to its width.
+  EXPECT_GT(step.Lookup(0.4f, 4), step.Lookup(0.4f, 0));
+  // Outside the domain: the ends, the nearest level, NaN for NaN.
+  EXPECT_EQ(StepValue(&step, 0, 7.0f), 1.0f);
+  EXPECT_EQ(StepValue(&step, 0, -3.0f), 0.0f);
+  EXPECT_EQ(StepValue(&step, 99, 0.3f), StepValue(&step, 4, 0.3f));
+  EXPECT_TRUE(std::isnan(StepValue(&step, 0, NAN)));
+}
+
+TEST(Pyramid, BlendApproachesEachSide) {
+  const int32_t w = 96, h = 80;
+  TestImage a = MakeImage(w, h, 1, PLUChar), b = MakeImage(w, h, 1, PLUChar);
+  FillRandom(a.get(), 1);
+  FillRandom(b.get(), 2);
+  LaplacePyramid pa(w, h), pb(w, h);
+  GaussStepOneDPyramid step(std::min(w, h));
+  pa.Build(a.get(), 0);
+  pb.Build(b.get(), 0);
+  auto meanDiff = [&](const PLImage* x, const PLImage* y) {
+    double sum = 0;
+    for (int32_t r = 0; r < h; ++r)
+      for (int32_t c = 0; c < w; ++c) sum += std::fabs(Get(x, c, r, 0) - Get(y, c, r, 0));
+    return sum / (w * h);
+  };
+  TestImage out = MakeImage(w, h, 1, PLUChar, 1, 3);
+  BlendPyramids(1.0f, out.get(), 0, &pa, &pb, &step);
+  EXPECT_LT(meanDiff(out.get(), a.get()), 1.0);
+  LaplacePyramid::BlendInto(0.0f, out.get(), 0, &pa, &pb, &step);
+  EXPECT_LT(meanDiff(out.get(), b.get()), 1.0);
+  BlendPyramids(0.5f, out.get(), 0, &pa, &pb, &step);
+  EXPECT_GT(meanDiff(out.get(), a.get()), 20.0);
+  EXPECT_GT(meanDiff(out.get(), b.get()), 20.0);
+  EXPECT_TRUE(PaddingUntouched(out));
+}
+
+// Build, Reconstruct, the step curves and the blend fork inside; the bytes must not move.
+TEST(Pyramid, SameBytesForAnyWorkerCount) {
+  TestImage a = MakeImage(203, 151, 3, PLUChar, 1, 5), b = MakeImage(203, 151, 3, PLUChar);
+  FillRandom(a.get(), 8);
+  FillRandom(b.get(), 9);
+  ExpectSameForAllWorkers([&] {
+    LaplacePyramid pa(203, 151), pb(203, 151);
+    GaussStepOneDPyramid step(151);
+    pa.Build(a.get(), 1);
+    pb.Build(b.get(), 1);
+    std::vector<unsigned char> bytes;
+    for (int32_t l = 0; l < pa.levelCount; ++l) {
+      auto more = PixelBytes(pa.levels[l]);
+      bytes.insert(bytes.end(), more.begin(), more.end());
+    }
+    for (int32_t l = 0; l < step.levelCount; ++l) {
+      auto more = PixelBytes(step.levels[l]);
+      bytes.insert(bytes.end(), more.begin(), more.end());
+    }
+    TestImage out = MakeImage(203, 151, 3, PLUChar);
+    BlendPyramids(0.3f, out.get(), 1, &pa, &pb, &step);
+    pb.Reconstruct(out.get(), 2);
+    auto more = PixelBytes(out.get());
+    bytes.insert(bytes.end(), more.begin(), more.end());
+    return bytes;
+  });
+}
+
+}  // namespace

@@ -1,0 +1,303 @@
+// flowblur tests: the zoom resampler against a literal two-pass reference, its filters, its
+// storage reuse and its rule for concurrent use.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <thread>
+#include <vector>
+
+#include "fill/LirpedTable.h"
+#include "fill/PLZoom.h"
+#include "tests/support/PLTestImages.h"
+
+using namespace pltest;
+
+namespace {
+
+struct RefContributor {
+  int32_t j;
+  float w;
+};
+
+int32_t Reflect(int32_t j, int32_t n) {
+  if (j < 0) j = -j;
+  if (j >= n) j = 2 * n - j - 1;
+  return j;
+}
+
+// The lists exactly as described: one per output index.
+std::vector<std::vector<RefContributor>> RefLists(int32_t srcSize, int32_t dstSize,
+                                                  PLZoomFilter f, float support) {
+  std::vector<std::vector<RefContributor>> lists(dstSize);
+  const float scale = static_cast<float>(dstSize) / static_cast<float>(srcSize);
+  for (int32_t i = 0; i < dstSize; ++i) {
+    const float center = static_cast<float>(i) * (1.0f / scale);
+    if (scale >= 1.0f) {
+      const int32_t left = static_cast<int32_t>(std::ceil(center - support));
+      const int32_t right = static_cast<int32_t>(std::floor(center + support));
+      for (int32_t j = left; j <= right; ++j)
+        lists[i].push_back({Reflect(j, srcSize), f(center - static_cast<float>(j))});
+    } else {
+      const float w = support / scale;
+      const int32_t left = static_cast<int32_t>(std::ceil(center - w));
+      const int32_t right = static_cast<int32_t>(std::floor(center + w));
+      float d = center - static_cast<float>(left);
+      for (int32_t j = left; j <= right; ++j, d -= 1.0f)
+        lists[i].push_back({Reflect(j, srcSize), f(d * scale) * scale});
+    }
+  }
+  return lists;
+}
+
+float Sum(const std::vector<RefContributor>& list, const std::vector<float>& line, int32_t size,
+          int32_t channels, int32_t c) {
+  float sum = 0.0f;
+  for (const RefContributor& k : list)
+    if (k.j >= 0 && k.j < size) sum += k.w * line[k.j * channels + c];
+  return std::min(std::max(sum, 0.0f), 255.0f);
+}
+
+// Columns through GetPixel/SetPixel into an intermediate image, then column by column.
+void RefZoom(PLImage* dst, const PLImage* src, PLZoomFilter f, float support) {
+  const int32_t C = src->channels;
+  PLImage middle(dst->width, src->height, C, src->dataType, 0);
+  auto lists = RefLists(src->width, dst->width, f, support);
+  std::vector<float> line(src->width * C), px(C);
+  for (int32_t y = 0; y < src->height; ++y) {
+    for (int32_t x = 0; x < src->width; ++x) src->GetPixel(x, y, &line[x * C]);
+    for (int32_t i = 0; i < dst->width; ++i) {
+      for (int32_t c = 0; c < C; ++c) px[c] = Sum(lists[i], line, src->width, C, c);
+      middle.SetPixel(i, y, px.data());
+    }
+  }
+  lists = RefLists(src->height, dst->height, f, support);
+  line.assign(src->height * C, 0.0f);
+  for (int32_t x = 0; x < dst->width; ++x) {
+    for (int32_t y = 0; y < src->height; ++y) middle.GetPixel(x, y, &line[y * C]);
+    for (int32_t i = 0; i < dst->height; ++i) {
+      for (int32_t c = 0; c < C; ++c) px[c] = Sum(lists[i], line, src->height, C, c);
+      dst->SetPixel(x, i, px.data());
+    }
+  }
+}
+
+struct NamedFilter {
+  PLZoomFilter f;
+  float support;
+};
+const NamedFilter kFilters[] = {
+    {PLHermiteFilter, kPLHermiteSupport},     {PLTriangleFilter, kPLTriangleSupport},
+    {PLQuadraticBSplineFilter, 1.5f},         {PLCubicBSplineFilter, 2.0f},
+    {PLTabulatedCubicBSplineFilter, 2.0f},    {PLSincFilter, 3.0f},
+    {PLLanczos3Filter, kPLLanczos3Support},   {PLMitchellFilter, kPLMitchellSupport},
+    {PLBoxFilter, kPLBoxSupport},             {PLTriangleFilter, 0.0f}};
+
+class ZoomReference : public ::testing::TestWithParam<std::tuple<int32_t, int32_t>> {};
+
+// Every filter, channels 1 to 4, enlarging, reducing, equal and odd ratios, flipped and
+// padded images; dst of the source's type and of another.
+TEST_P(ZoomReference, MatchesLiteralTwoPassReference) {
+  const int32_t st = std::get<0>(GetParam()), dt = std::get<1>(GetParam());
+  const int32_t sizes[][4] = {{9, 7, 9, 7}, {7, 5, 17, 12}, {23, 19, 6, 4}, {1, 1, 3, 2},
+                              {5, 3, 1, 1}, {13, 2, 4, 9}};
+  uint32_t seed = 1;
+  for (const NamedFilter& nf : kFilters)
+    for (auto& z : sizes)
+      for (int32_t channels = 1; channels <= 4; ++channels) {
+        const int32_t odd = seed & 1;
+        TestImage src = MakeImage(z[0], z[1], channels, st, odd, 3 * odd);
+        FillRandom(src.get(), seed++);
+        if (st == PLFloat)  // read as 16-bit words: give the words small values
+          for (int32_t y = 0; y < z[1]; ++y)
+            for (int32_t w = 0; w < z[0] * channels * 2; ++w)
+              PLStore<uint16_t>(src->Row(y) + 2 * w, static_cast<uint16_t>((w * 37 + y * 11) % 300));
+        TestImage got = MakeImage(z[2], z[3], channels, dt, 1 - odd, 2);
+        TestImage want = MakeImage(z[2], z[3], channels, dt);
+        PLZoom(got.get(), src.get(), nf.f, nullptr, nf.support);
+        RefZoom(want.get(), src.get(), nf.f, nf.support);
+        ASSERT_TRUE(SamePixels(got.get(), want.get()))
+            << z[0] << "x" << z[1] << " -> " << z[2] << "x" << z[3] << " channels " << channels
+            << " support " << nf.support;
+        ASSERT_TRUE(PaddingUntouched(got));
+      }
+}
+
+INSTANTIATE_TEST_SUITE_P(Types, ZoomReference,
+                         ::testing::Values(std::make_tuple(PLUChar, PLUChar),
+                                           std::make_tuple(PLUShort, PLUShort),
+                                           std::make_tuple(PLFloat, PLFloat),
+                                           std::make_tuple(PLUChar, PLFloat),
+                                           std::make_tuple(PLUShort, PLUChar)));
+
+// A filter that takes only the left neighbour: at column 0 that is index -1, which reflects
+// to column 1 (a clamp would give column 0).
+float LeftNeighbour(float d) { return d == 1.0f ? 1.0f : 0.0f; }
+
+TEST(Zoom, BorderIndexReflects) {
+  TestImage src = MakeImage(5, 2, 1, PLUChar);
+  for (int32_t y = 0; y < 2; ++y)
+    for (int32_t x = 0; x < 5; ++x) Set(src.get(), x, y, 0, 10 * (x + 1) + y);
+  TestImage out = MakeImage(5, 2, 1, PLUChar);
+  PLZoom(out.get(), src.get(), LeftNeighbour, nullptr, 1.0f);
+  EXPECT_EQ(Get(out.get(), 0, 0, 0), 21);  // column -1 read column 1, row -1 read row 1
+  EXPECT_EQ(Get(out.get(), 3, 1, 0), 30);  // an inner pixel takes its left and upper one
+}
+
+// The clamp is to 255 whatever the type; weights are not normalised.
+TEST(Zoom, UShortLimitedTo255AndWeightsUnnormalised) {
+  TestImage src = MakeImage(8, 6, 3, PLUShort);
+  FillRandom(src.get(), 9);
+  TestImage dst = MakeImage(12, 9, 3, PLUShort);
+  PLZoom(dst.get(), src.get());
+  for (int32_t y = 0; y < 9; ++y)
+    for (int32_t x = 0; x < 12; ++x)
+      for (int32_t c = 0; c < 3; ++c) ASSERT_LE(Get(dst.get(), x, y, c), 255.0);
+  // A triangle at scale 1 copies; a wide box sums its three taps on each axis, unscaled.
+  TestImage flat = MakeImage(6, 6, 1, PLUChar);
+  Fill(flat.get(), 50);
+  TestImage out = MakeImage(6, 6, 1, PLUChar);
+  PLZoom(out.get(), flat.get(), PLTriangleFilter, nullptr, 1.0f);
+  EXPECT_EQ(Get(out.get(), 3, 3, 0), 50);
+  PLZoom(out.get(), flat.get(), [](float d) { return std::fabs(d) <= 1.0f ? 1.0f : 0.0f; },
+         nullptr, 1.0f);
+  EXPECT_EQ(Get(out.get(), 3, 3, 0), 255);  // 9 * 50 clamped
+}
+
+TEST(Zoom, StorageReusedWithoutNewBlocks) {
+  PLZoomTempStorage storage;
+  TestImage src = MakeImage(40, 30, 4, PLUChar);
+  FillRandom(src.get(), 2);
+  TestImage big = MakeImage(64, 50, 4, PLUChar), small = MakeImage(20, 16, 4, PLUChar);
+  TestImage want = MakeImage(64, 50, 4, PLUChar);
+  PLZoom(big.get(), src.get(), &storage);
+  const unsigned char* blocks[] = {storage.pool, storage.lists, storage.middle};
+  const uint64_t caps[] = {storage.poolCapacity, storage.listsCapacity, storage.middleCapacity};
+  PLZoom(big.get(), src.get(), &storage);
+  PLZoom(small.get(), src.get(), &storage);
+  PLZoom(big.get(), src.get(), &storage);
+  EXPECT_EQ(storage.pool, blocks[0]);
+  EXPECT_EQ(storage.lists, blocks[1]);
+  EXPECT_EQ(storage.middle, blocks[2]);
+  EXPECT_EQ(storage.poolCapacity, caps[0]);
+  EXPECT_EQ(storage.listsCapacity, caps[1]);
+  EXPECT_EQ(storage.middleCapacity, caps[2]);
+  EXPECT_EQ(storage.poolBusy | storage.listsBusy | storage.poolUsed, 0u);
+  PLZoom(want.get(), src.get());  // temporary storage: the same pixels
+  EXPECT_TRUE(SamePixels(big.get(), want.get()));
+
+  // Members: busy lists refuse, the pool hands out in order and refuses past its end.
+  EXPECT_NE(storage.AcquireLists(16), nullptr);
+  EXPECT_EQ(storage.AcquireLists(16), nullptr);
+  EXPECT_THROW(PLZoom(big.get(), src.get(), &storage), PLErr);
+  storage.ReleaseLists();
+  storage.ReservePool(64);
+  EXPECT_EQ(storage.TakeFromPool(8), storage.pool);
+  EXPECT_EQ(storage.TakeFromPool(storage.poolCapacity), nullptr);
+  storage.ResetPool();
+  EXPECT_EQ(storage.poolUsed, 0u);
+}
+
+TEST(Zoom, FilterValues) {
+  const float ds[] = {0.0f, 0.25f, 0.5f, 0.75f, 1.0f, 1.3f, 1.5f, 1.99f, 2.0f, 2.5f, 3.0f};
+  auto sinc = [](double x) { return x == 0 ? 1.0 : std::sin(M_PI * x) / (M_PI * x); };
+  const double kFloatFormula = 2e-6;  // float evaluation of a polynomial near 1
+  for (float d : ds) {
+    const double a = d;
+    for (const NamedFilter& nf : kFilters)  // even, but for the box's half-open end
+      if (nf.f != PLBoxFilter || d != 0.5f) {
+        ASSERT_EQ(nf.f(d), nf.f(-d)) << d;
+      }
+    EXPECT_NEAR(PLHermiteFilter(d), a < 1 ? (2 * a - 3) * a * a + 1 : 0, 1e-7) << d;
+    EXPECT_NEAR(PLTriangleFilter(d), a < 1 ? 1 - a : 0, kFloatFormula) << d;
+    EXPECT_NEAR(PLQuadraticBSplineFilter(d),
+                a < 0.5 ? 0.75 - a * a : a < 1.5 ? 0.5 * (a - 1.5) * (a - 1.5) : 0, kFloatFormula);
+    const double cubic = a < 1 ? 0.5 * a * a * a - a * a + 2.0 / 3 : a < 2 ? std::pow(2 - a, 3) / 6 : 0;
+    EXPECT_NEAR(PLCubicBSplineFilter(d), cubic, kFloatFormula) << d;
+    EXPECT_NEAR(PLTabulatedCubicBSplineFilter(d), cubic, 0.004) << d;  // table step 2/299
+    EXPECT_NEAR(PLSincFilter(d), sinc(a), kFloatFormula) << d;
+    EXPECT_NEAR(PLLanczos3Filter(d), a < 3 ? sinc(a) * sinc(a / 3) : 0, kFloatFormula) << d;
+    const double mitchell = a < 1   ? (7 * a * a * a - 12 * a * a + 16.0 / 3) / 6
+                            : a < 2 ? (-7.0 / 3 * a * a * a + 12 * a * a - 20 * a + 32.0 / 3) / 6
+                                    : 0;
+    EXPECT_NEAR(PLMitchellFilter(d), mitchell, kFloatFormula) << d;
+  }
+  EXPECT_EQ(PLSincFilter(0.0f), 1.0f);
+  EXPECT_EQ(PLBoxFilter(0.5f), 1.0f);  // half-open: 0.5 in, -0.5 out
+  EXPECT_EQ(PLBoxFilter(-0.5f), 0.0f);
+  EXPECT_EQ(PLTabulatedCubicBSplineFilter(1.0f),
+            PLCubicBSplineTable.table[static_cast<int32_t>(1.0f * PLCubicBSplineTable.scale + 0.5f)]);
+  EXPECT_EQ(PLTabulatedCubicBSplineFilter(NAN), 0.0f);
+}
+
+TEST(Zoom, RefusesBeforeTouchingAnything) {
+  TestImage src = MakeImage(6, 6, 3, PLUChar), dst = MakeImage(4, 4, 3, PLUChar);
+  TestImage one = MakeImage(4, 4, 1, PLUChar), none = MakeImage(0, 4, 3, PLUChar);
+  Fill(dst.get(), 7);
+  auto refused = [&](auto call) {
+    try {
+      call();
+      return false;
+    } catch (PLErr& e) {
+      return e == PLErrParameter;
+    }
+  };
+  EXPECT_TRUE(refused([&] { PLZoom(one.get(), src.get()); }));
+  EXPECT_TRUE(refused([&] { PLZoom(dst.get(), none.get()); }));
+  EXPECT_TRUE(refused([&] { PLZoom(nullptr, src.get()); }));
+  EXPECT_TRUE(refused([&] { PLZoom(dst.get(), src.get(), PLBoxFilter, nullptr, NAN); }));
+  EXPECT_TRUE(refused([&] { PLZoom(dst.get(), src.get(), PLBoxFilter, nullptr, -1.0f); }));
+  EXPECT_TRUE(refused([&] { PLZoom(dst.get(), src.get(), nullptr, nullptr, 1.0f); }));
+  EXPECT_EQ(Get(dst.get(), 3, 3, 2), 7);
+  TestImage dbl = MakeImage(6, 6, 3, PLDouble);
+  EXPECT_NO_THROW(PLZoom(dst.get(), dbl.get()));  // unsupported type: nothing
+  EXPECT_EQ(Get(dst.get(), 3, 3, 2), 7);
+}
+
+// One storage per zoom: different storages run together; a storage in use is refused.
+std::atomic<int32_t> gate{0};
+float GatedTriangle(float d) {
+  int32_t expected = 0;
+  if (gate.compare_exchange_strong(expected, 1))
+    while (gate.load() != 2) std::this_thread::yield();
+  return PLTriangleFilter(d);
+}
+
+TEST(Zoom, TwoThreads) {
+  TestImage src = MakeImage(90, 70, 4, PLUChar);
+  FillRandom(src.get(), 4);
+  TestImage want = MakeImage(45, 100, 4, PLUChar);
+  PLZoom(want.get(), src.get());
+  std::vector<TestImage> outs;
+  for (int32_t i = 0; i < 2; ++i) outs.push_back(MakeImage(45, 100, 4, PLUChar));
+  auto many = [&](int32_t i) {
+    PLZoomTempStorage own;
+    for (int32_t k = 0; k < 10; ++k) PLZoom(outs[i].get(), src.get(), k & 1 ? &own : nullptr);
+  };
+  std::thread a(many, 0), b(many, 1);
+  a.join();
+  b.join();
+  for (auto& o : outs) EXPECT_TRUE(SamePixels(o.get(), want.get()));
+
+  PLZoomTempStorage shared;
+  TestImage first = MakeImage(45, 100, 4, PLUChar), second = MakeImage(45, 100, 4, PLUChar);
+  Fill(second.get(), 3);
+  gate = 0;
+  std::thread owner([&] { PLZoom(first.get(), src.get(), GatedTriangle, &shared, 1.0f); });
+  while (gate.load() != 1) std::this_thread::yield();  // the owner is inside its zoom
+  PLErr caught = PLErrNone;
+  try {
+    PLZoom(second.get(), src.get(), PLTriangleFilter, &shared, 1.0f);
+  } catch (PLErr& e) {
+    caught = e;
+  }
+  gate = 2;
+  owner.join();
+  EXPECT_EQ(caught, PLErrParameter);
+  EXPECT_EQ(Get(second.get(), 10, 10, 0), 3);
+  TestImage check = MakeImage(45, 100, 4, PLUChar);
+  PLZoom(check.get(), src.get(), PLTriangleFilter, &shared, 1.0f);  // free again
+  EXPECT_TRUE(SamePixels(first.get(), check.get()));
+}
+
+}  // namespace
