@@ -37,6 +37,9 @@ TEST(SingleChannelFill, LevelCounts) {
     EXPECT_EQ(fill.solution[fill.topLevel]->height, 2);
   }
   EXPECT_THROW(LevelStack(0, 5), PLErr);
+  LevelStack fill(5, 4);  // modes 1 and 2 are not built: refused
+  EXPECT_THROW(fill.Solve(nullptr, 1), PLErr);
+  EXPECT_THROW(fill.Solve(nullptr, 2), PLErr);
 }
 
 // Per type, channel count and layout: no holes changes nothing; all holes give 0; a one-pixel
@@ -197,27 +200,6 @@ TEST(SingleChannelFill, UpsampleMatchesFormula) {
       EXPECT_EQ(e, PLErrParameter);
     }
   }
-}
-
-TEST(SingleChannelFill, CombineSmoothAndModes) {
-  TestImage r = MakeImage(5, 4, 1, PLFloat, 1, 4), v = MakeImage(5, 4, 1, PLFloat);
-  TestImage w = MakeImage(5, 4, 1, PLFloat, 0, 8);
-  FillRandom(v.get(), 1);
-  FillRandom(w.get(), 2);
-  Fill(r.get(), 42);
-  Set(w.get(), 3, 2, 0, 0.0);
-  Set(w.get(), 1, 1, 0, -0.0);
-  LevelStack::Combine(r.get(), v.get(), w.get());
-  for (int32_t y = 0; y < 4; ++y)
-    for (int32_t x = 0; x < 5; ++x) {
-      const float wv = float(Get(w.get(), x, y, 0));
-      const double want = wv == 0.0f ? 42.0 : double(float(Get(v.get(), x, y, 0)) / wv);
-      ASSERT_EQ(Get(r.get(), x, y, 0), want);
-    }
-  EXPECT_THROW(LevelStack::Smooth(r.get(), 1, 1), PLErr);
-  LevelStack fill(5, 4);
-  EXPECT_THROW(fill.Solve(nullptr, 1), PLErr);
-  EXPECT_THROW(fill.Solve(nullptr, 2), PLErr);
 }
 
 // An interruption rises out of the first smoothing tick as value 6.
