@@ -1,0 +1,233 @@
+// flowblur: the warp folder's private helpers: mesh records, the one triangle scan converter,
+// guarded source cells and a buffer from the library's allocator.
+#pragma once
+#include <cmath>
+#include <cstdint>
+
+#include "image/PLImage.h"
+#include "runtime/NuvMem.h"
+
+// A mesh point of the warp: where it lands in the target, where it reads the source, and a
+// fifth value that is carried along and never read.
+struct MeshVertex {
+  float targetX;
+  float targetY;
+  float sourceX;
+  float sourceY;
+  float carried;
+};
+
+// A mesh point of the flow inversion: where it lands, and the backward vector it carries.
+struct InvertVertex {
+  float targetX;
+  float targetY;
+  float u;
+  float v;
+};
+
+// One edge of a triangle being scan-converted, between its upper and lower end. The two
+// source slots carry whatever the vertices carry: a source position for the warp, a vector
+// for the inversion. Steps are per row.
+struct TriangleEdge {
+  float upperX;
+  float lowerX;
+  float upperY;
+  float lowerY;
+  float x;
+  float sourceX;
+  float sourceY;
+  float unused0;
+  float stepX;
+  float stepSourceX;
+  float stepSourceY;
+  float unused1;
+};
+
+// The two interpolated values of each vertex kind.
+inline float ScanValueA(const MeshVertex& v) { return v.sourceX; }
+inline float ScanValueB(const MeshVertex& v) { return v.sourceY; }
+inline float ScanValueA(const InvertVertex& v) { return v.u; }
+inline float ScanValueB(const InvertVertex& v) { return v.v; }
+
+// Narrowest spans drawn, and how far below its row a flat bottom may lie.
+constexpr float kScanNarrowestSpan = 1e-8f;
+constexpr float kScanNarrowestFlatBottom = 1e-5f;
+constexpr float kScanFlatBottomTolerance = 0.01f;
+
+namespace meshscan {
+
+struct Point {
+  float x, y, a, b;
+};
+
+// One span on `row` between two points of x leftX < rightX carrying (a, b). Start and stop
+// are clipped in float first: only values inside 0..maxX reach an integer conversion, and
+// a NaN fails the comparison and draws nothing.
+template <class Plot>
+inline void Span(int32_t row, float leftX, float leftA, float leftB, float rightX, float rightA,
+                 float rightB, float maxX, float narrowest, Plot& plot) {
+  float start = std::ceil(leftX);
+  if (start < 0.0f) start = 0.0f;
+  float stop = std::floor(rightX);
+  if (stop > maxX) stop = maxX;
+  const float width = rightX - leftX;
+  if (!(start <= stop && width > narrowest)) return;
+  const float inverse = 1.0f / width;
+  const float spanA = rightA - leftA;
+  const float spanB = rightB - leftB;
+  if (start == stop) {
+    const float t = (stop - leftX) * inverse;
+    plot(static_cast<int32_t>(stop), row, leftA + t * spanA, leftB + t * spanB);
+    return;
+  }
+  const float t = (start - leftX) * inverse;
+  float a = leftA + t * spanA;
+  float b = leftB + t * spanB;
+  const float stepA = spanA * inverse;
+  const float stepB = spanB * inverse;
+  const int32_t last = static_cast<int32_t>(stop);
+  for (int32_t x = static_cast<int32_t>(start); x <= last; ++x) {
+    plot(x, row, a, b);
+    // Repeated addition, as the walk is defined; not recomputed from x.
+    a += stepA;
+    b += stepB;
+  }
+}
+
+}  // namespace meshscan
+
+// Scan-converts one triangle into a target whose last column and row are maxX and maxY,
+// calling plot(x, y, a, b) for each covered pixel in row order, left to right, with the
+// vertices' two values interpolated. Rows are half-open (a lower end stays out), spans run
+// from ceil(left x) to floor(right x), a span of width kScanNarrowestSpan or less draws
+// nothing, and two lower corners lying exactly on the last row draw that row as a flat
+// bottom. Any float input is safe: NaN and infinite coordinates clip or draw nothing, and
+// plot() only ever gets x in 0..maxX and y in 0..maxY (its values may be anything).
+template <class Vertex, class Plot>
+inline void ScanTriangle(const Vertex& v0, const Vertex& v1, const Vertex& v2, float maxX,
+                         float maxY, Plot& plot) {
+  using meshscan::Point;
+  if (v0.targetX < 0.0f && v1.targetX < 0.0f && v2.targetX < 0.0f) return;
+  if (v0.targetY < 0.0f && v1.targetY < 0.0f && v2.targetY < 0.0f) return;
+  if (v0.targetX > maxX && v1.targetX > maxX && v2.targetX > maxX) return;
+  if (v0.targetY > maxY && v1.targetY > maxY && v2.targetY > maxY) return;
+
+  // Stable sort by y: equal rows keep the mesh order of the vertices.
+  Point p[3] = {{v0.targetX, v0.targetY, ScanValueA(v0), ScanValueB(v0)},
+                {v1.targetX, v1.targetY, ScanValueA(v1), ScanValueB(v1)},
+                {v2.targetX, v2.targetY, ScanValueA(v2), ScanValueB(v2)}};
+  for (int32_t k = 1; k < 3; ++k)
+    for (int32_t m = k; m > 0 && p[m].y < p[m - 1].y; --m) {
+      Point swap = p[m];
+      p[m] = p[m - 1];
+      p[m - 1] = swap;
+    }
+
+  float firstRow = std::ceil(p[0].y);
+  if (firstRow < 0.0f) firstRow = 0.0f;
+  float lastRow = std::floor(p[2].y);
+  if (lastRow > maxY) lastRow = maxY;
+
+  TriangleEdge edges[2];
+  int32_t live = 0;
+  int32_t next = 0;
+  for (float y = firstRow; y <= lastRow; y += 1.0f) {
+    while (next < 3 && p[next].y <= y) {
+      // Retire edges whose lower end has been reached; a second edge moves up.
+      for (int32_t e = 0; e < live;) {
+        if (edges[e].lowerY <= y) {
+          if (e == 0 && live == 2) edges[0] = edges[1];
+          --live;
+        } else {
+          ++e;
+        }
+      }
+      // Edges down from this vertex to the later ones that reach below the row. An edge
+      // to an earlier vertex has its lower end at or above the row, so never qualifies.
+      const Point& upper = p[next];
+      for (int32_t m = next + 1; m < 3; ++m) {
+        const Point& lower = p[m];
+        if (!(upper.y <= y && lower.y > y) || live == 2) continue;
+        TriangleEdge& e = edges[live++];
+        const float height = lower.y - upper.y;
+        const float reach = ((y - 1.0f) - upper.y) / height;  // starts one row above
+        e.upperX = upper.x;
+        e.lowerX = lower.x;
+        e.upperY = upper.y;
+        e.lowerY = lower.y;
+        e.x = upper.x + reach * (lower.x - upper.x);
+        e.sourceX = upper.a + reach * (lower.a - upper.a);
+        e.sourceY = upper.b + reach * (lower.b - upper.b);
+        e.unused0 = 0.0f;
+        e.stepX = (lower.x - upper.x) / height;
+        e.stepSourceX = (lower.a - upper.a) / height;
+        e.stepSourceY = (lower.b - upper.b) / height;
+        e.unused1 = 0.0f;
+      }
+      ++next;
+    }
+    for (int32_t e = 0; e < live; ++e) {
+      edges[e].x += edges[e].stepX;
+      edges[e].sourceX += edges[e].stepSourceX;
+      edges[e].sourceY += edges[e].stepSourceY;
+    }
+    if (live == 2) {
+      const TriangleEdge& l = edges[1].x < edges[0].x ? edges[1] : edges[0];
+      const TriangleEdge& r = edges[1].x < edges[0].x ? edges[0] : edges[1];
+      meshscan::Span(static_cast<int32_t>(y), l.x, l.sourceX, l.sourceY, r.x, r.sourceX,
+                     r.sourceY, maxX, kScanNarrowestSpan, plot);
+    }
+  }
+
+  // Flat bottom on the last row, which the half-open rows leave out.
+  if (p[1].y == maxY && p[2].y == maxY) {
+    const bool middleLeft = p[1].x < p[2].x;  // on a tie the later vertex is the left one
+    const Point& l = middleLeft ? p[1] : p[2];
+    const Point& r = middleLeft ? p[2] : p[1];
+    if (l.y >= 0.0f && l.y < maxY + 1.0f) {
+      const int32_t row = static_cast<int32_t>(l.y);
+      if (l.y - static_cast<float>(row) <= kScanFlatBottomTolerance && row <= maxY)
+        meshscan::Span(row, l.x, l.a, l.b, r.x, r.a, r.b, maxX, kScanNarrowestFlatBottom, plot);
+    }
+  }
+}
+
+// The cell of a bilinear read along one axis: index i and fraction t, with the cell slid
+// back (i = last - 1, t = 1.0) at or past the last sample. A position at or below -1, or NaN,
+// takes the first cell with t = 0; only those bypass the plain truncation, so every position
+// the warp can produce from finite input reads as the bare rule does. Needs last >= 1.
+inline void ScanCell(float p, int32_t last, int32_t* i, float* t) {
+  if (p >= static_cast<float>(last)) {
+    *i = last - 1;
+    *t = 1.0f;
+  } else if (p > -1.0f) {
+    *i = static_cast<int32_t>(p);
+    *t = p - static_cast<float>(*i);
+  } else {
+    *i = 0;
+    *t = 0.0f;
+  }
+}
+
+// The index a nearest read takes: the truncated position, held inside 0..last.
+inline int32_t ScanNearest(float p, int32_t last) {
+  if (p >= static_cast<float>(last)) return last;
+  if (p > -1.0f) return static_cast<int32_t>(p);
+  return 0;
+}
+
+// A block of T from the library's allocator, released on every way out.
+template <class T>
+class ScanBuffer {
+ public:
+  explicit ScanBuffer(int64_t count)
+      : data_(static_cast<T*>(NuvMemAlloc(static_cast<uint64_t>(count) * sizeof(T)))) {}
+  ~ScanBuffer() { NuvMemFree(data_); }
+  ScanBuffer(const ScanBuffer&) = delete;
+  ScanBuffer& operator=(const ScanBuffer&) = delete;
+  T* get() const { return data_; }
+  T& operator[](int64_t k) const { return data_[k]; }
+
+ private:
+  T* data_;
+};
