@@ -52,6 +52,10 @@ enum PLDissolveStyle : int32_t {
 //      sample s a span (lo, hi) is (0, 1) for s >= 1, (0.5, 0.5) for s <= 0, else
 //      ((1 - s) / 2, 1 - (1 - s) / 2); f = 1 at t <= lo, 0 at t >= hi, else
 //      1 - (t - lo) / (hi - lo); the pixel is the dissolve of the two warps by f.
+//      Kept as the rules compose: the warp's average rule turns every hit sample other
+//      than 0 into infinity (it divides by a count read as a subnormal float), the
+//      bilinear read of a cell that holds infinity is NaN, and a NaN share stores 0 in all
+//      four samples; so where the flows agree the pixels come out 0.
 //   5  both warped as in 3, then each of the 4 channels blended through Laplacian pyramids
 //      (LaplacePyramid::BlendInto with a GaussStepOneDPyramid for the smaller side of
 //      imageA): fine detail changes over quickly, broad tone slowly. Images whose smaller

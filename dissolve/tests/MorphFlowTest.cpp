@@ -227,7 +227,7 @@ std::vector<std::vector<float>> ScatterHints(int32_t w, int32_t h, uint32_t seed
 
 // The splat as written, one row after another on one thread, with the tap weights carried
 // from pixel to pixel and from row to row (zero before the first hinted pixel).
-void ReferenceSplat(const PLMorphFlow& m, int32_t level, PLImage* t, PLImage* weight,
+void ReferenceSplat(const PLMorphFlow& m, PLImage* t, PLImage* weight,
                     PLImage* flow) {
   const PLImage* w0 = m.hintWeightPyramid[0];
   const PLImage* f0 = m.hintFlowPyramid[0];
@@ -288,7 +288,7 @@ TEST(MorphFlow, ScatterPassMatchesSequentialSplatForAllWorkers) {
       Fill(t.get(), 0.0);
       Fill(weight.get(), 0.0);
       Fill(flow.get(), 0.0);
-      ReferenceSplat(*ref, level, t.get(), weight.get(), flow.get());
+      ReferenceSplat(*ref, t.get(), weight.get(), flow.get());
       TestImage start = MakeImage(lw, lh, 2, PLFloat);
       if (level == 2) {
         Fill(start.get(), 0.0);
