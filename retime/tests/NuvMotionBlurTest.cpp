@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "blur/PLMotionBlur.h"
@@ -309,6 +310,19 @@ TEST(MotionBlurFailures, InterruptionIsReturned) {
     EXPECT_EQ(mb.cache->estimator, nullptr);
     EXPECT_EQ(PixelBytes(s.src.get()), srcBefore);
   }
+}
+
+// Images too small for the renderer (one row or column) are refused with 5, layered or not,
+// and 2 x 2 renders; nothing reads or writes outside an image (checked under the sanitizers).
+TEST(MotionBlurFailures, TinyImages) {
+  for (int32_t mattes : {0, 1})
+    for (auto size : {std::make_pair(1, 1), std::make_pair(1, 3), std::make_pair(3, 1), std::make_pair(2, 2)}) {
+      LayerScene s(size.first, size.second, PLUChar, 1, 0);
+      s.mattes = mattes;
+      const float amounts[1] = {0.5f};
+      NuvMotionBlur mb;
+      EXPECT_EQ(s.Render(&mb, amounts, 0.5f), size.first == 2 ? 0 : 5) << size.first << "x" << size.second;
+    }
 }
 
 // The whole render, one layer and layered (with chokes), gives the same bytes on 1, 2, 3 and
