@@ -173,6 +173,7 @@ PLImage* RenderState::Fetch(Source source, int32_t frameNumber, int32_t matte) {
   int32_t fileFrame = frameNumber;
   if (inputFields) fileFrame = frameNumber / 2;  // mattes follow their frame, unfielded
   NuvImage* view = nullptr;
+  lastFetchEmpty = false;
   int32_t status = source == Source::kDisplay  ? engine->GetFrame(&view, fileFrame)
                    : source == Source::kMotion ? engine->GetMotionFrame(&view, fileFrame)
                                                : engine->GetMatte(&view, fileFrame, matte);
@@ -185,10 +186,12 @@ PLImage* RenderState::Fetch(Source source, int32_t frameNumber, int32_t matte) {
   };
   if (status != 0) {
     giveBack(view);
-    throw static_cast<PLErr>(status == PLErrInterrupted ? PLErrInterrupted : PLErrOutOfMemory);
+    bool passed = status == PLErrInterrupted || status == PLErrParameter;
+    throw static_cast<PLErr>(passed ? status : PLErrOutOfMemory);
   }
   if (!Usable(view)) {
     giveBack(view);
+    lastFetchEmpty = true;
     throw PLErrParameter;
   }
   const PLImage* im = view->internal;
@@ -386,7 +389,9 @@ void SinglePath(NuvChronar4* engine, RenderState& st, PLImage* dst, int32_t i, i
 
 // Synthetic shutter: the picture blurred along the pair's flow.
 void Shutter(NuvChronar4* engine, RenderState& st, PLImage* dst, float amount) {
+  // The pair's flow, or with layers the farthest layer's.
   const PLImage* flow = st.in->forwardFlow;
+  if (!flow) flow = st.in->forwardLayerFlows[st.in->lastTopLayer];
   if (!flow || !(std::fabs(amount) >= 1e-06f)) return;  // no flow, or a copy
   ImagePtr copy = chronar::NewImageLike(dst, dst->channels);
   CopyWhole(copy.get(), dst);

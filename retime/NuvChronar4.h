@@ -92,12 +92,15 @@ class NuvChronar4Internal : public NuvMem {
 //      masks (styles 1 and 2) a pixel one side did not cover takes the other side alone,
 //      and a pixel neither covered is filled;
 //   2  motion-weighted dissolve: as 1, but the cross-fade follows the agreement of the two
-//      flows: where the forward and the backward flow return a pixel to within
-//      W/320 of its start (W the flow width) the fade is the linear one; where they miss by
-//      more than 12 W/320 the change of picture becomes a cut at the midpoint; in between
-//      the crossing narrows smoothly. The agreement map is blurred (radius 4 on the flow
-//      grid) so that no seam follows a flow edge. Without flow (exact frames) it is the
-//      plain cross-fade.
+//      flows (PLFlowAgreement of the flow dissolve, on frame i's flow grid): where the
+//      forward and the backward flow return a pixel to within W/320 of its start (W the
+//      flow width) the fade is the linear one; where they miss by more than 12 W/320 the
+//      change of picture becomes a cut at the midpoint; in between the crossing narrows
+//      smoothly. The agreement map is blurred (Gaussian, radius 4 on the flow grid) so that
+//      no seam follows a flow edge, and read corner-aligned at each output pixel. The
+//      crossing rule is the flow dissolve's; unlike PLFlowDissolve this form serves every
+//      working type and channel count, the gather warps, and the coverage masks. Without
+//      flow (exact frames) it is the plain cross-fade.
 // Mixes are in single precision, b = a + (c - a) * f; integer results add 0.5, truncate
 // and are limited to the type's range.
 class NuvChronar4 : public NuvMem {
@@ -109,9 +112,10 @@ class NuvChronar4 : public NuvMem {
 
   // ---- Supplied by the subclass ---------------------------------------------------------
   // A frame to show. Returns 0 with *frame set to a view of the frame (its wrapper attached),
-  // or a nonzero status. A status of 6 is passed on as an interruption; any other nonzero
-  // status is reported as 1 (after the frame, if any, has been given back); a null view, a
-  // view without wrapper or pixels, or one of width or height 0 is reported as 5.
+  // or a nonzero status. A status of 5 (no such frame) or 6 (interrupted) is passed on; any
+  // other nonzero status is reported as 1 (after the frame, if any, has been given back); a
+  // null view, a view without wrapper or pixels, or one of width or height 0 is reported
+  // as 5.
   virtual int32_t GetFrame(NuvImage** frame, int32_t frameNumber) = 0;
   // The frame to estimate motion on, where it differs from the frame shown. Same contract.
   virtual int32_t GetMotionFrame(NuvImage** frame, int32_t frameNumber) = 0;
@@ -169,10 +173,12 @@ class NuvChronar4 : public NuvMem {
   // All return a PLErr value (0 success), and 1 when `internal` is null.
 
   // The picture at output time `time` into `output` (a view of 1 to 4 channels). `quality`
-  // is the flow quality code (see SetQuality). Fields: 0 progressive; input fields 1 or 2
-  // read interlaced sources (field order: 1 the even rows first, 2 the odd rows first;
-  // times then count fields); output fields 1 or 2 render two pictures half a frame apart
-  // and interleave them, the first into the even rows (1) or the odd rows (2). `matteCount`
+  // is the flow quality code (see SetQuality). Fields: 0 progressive. Input fields 1 or 2
+  // read interlaced sources (4-channel frames only, else 5): source times count fields, and
+  // field n is frame n / 2 made whole by InterpolateField (line average) with field number
+  // 2 + (n & 1), or 3 - (n & 1) with field order 2. Output fields 1 or 2 render two pictures
+  // half an output frame apart and interleave them, the first into the even rows (1) or the
+  // odd rows (2). `matteCount`
   // 0 to 9; levelFactors holds matteCount + 1 values (the farthest layer last) and chokes
   // matteCount values (both may be null with matteCount 0: level factor 1.0). `keepFlow`
   // 0 releases all flow at the end. `progress` may be null. Returns 5 for a null output,
@@ -250,12 +256,6 @@ int32_t PLGatherWarp(PLImage* dst, const PLImage* src, const PLImage* flow, int3
 int32_t PLRetimeMix(PLImage* dst, const PLImage* a, const PLImage* b, float f,
                     const PLImage* maskA, const PLImage* maskB, const PLImage* agreement,
                     PLImage* holes);
-
-// Agreement of two flows of one grid (forward: from A to B, backward: from B to A) into a
-// 1-channel Float image of that size: 1 where following forward then backward returns to
-// within W/320 pixels (W the flow width), 0 beyond 12 W/320 or where the forward flow leaves
-// the grid, a linear ramp between. Row-parallel. Returns 1, or 0 when refused.
-int32_t PLFlowAgreement(PLImage* agreement, const PLImage* forward, const PLImage* backward);
 
 // Motion vector picture: dst (1 to 4 channels, any working type) gets R = 0.5 + u * scale,
 // G = 0.5 + v * scale, B = 0, matte 1 in white units (integer types rounded and limited),

@@ -8,8 +8,6 @@
 
 namespace chronar {
 
-namespace {
-
 // The matte of layer L on one side with the nearer layers taken away, each nearer matte
 // choked by minus its radius (so it spreads over the soft edge) first.
 void VisibleMatte(PLImage* visible, const PLImage* const* mattes, int32_t layer,
@@ -32,6 +30,8 @@ void UnhiddenMask(PLImage* mask, const PLImage* const* mattes, int32_t layer, in
   Subtract1Channel(mask, visible);
   Invert(mask);
 }
+
+namespace {
 
 // The layer picture with the pixels its matte does not fully own filled from the others,
 // and the layer's own matte (nearer layers not taken away) as its matte, premultiplied.

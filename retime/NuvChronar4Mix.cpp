@@ -5,6 +5,7 @@
 #include <cstring>
 #include <limits>
 
+#include "dissolve/PLFlowDissolve.h"
 #include "fill/PLSingleChannelFill.h"
 #include "filter/PLKernels.h"
 #include "image/PLDispatch.h"
@@ -219,42 +220,6 @@ void MixRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* arg
   }
 }
 
-void AgreementRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
-  PLImage* agreement = args->Next<PLImage*>();
-  const PLImage* forward = args->Next<const PLImage*>();
-  const PLImage* backward = args->Next<const PLImage*>();
-  const FloatGrid back(backward);
-  const float lo = static_cast<float>(forward->width) / 320.0f;
-  const float hi = static_cast<float>((forward->width * 12) / 320);
-  const float lastX = static_cast<float>(forward->lastColumn);
-  const float lastY = static_cast<float>(forward->lastRow);
-  for (int32_t y = firstRow; y <= lastRow; ++y) {
-    const unsigned char* f = forward->Row(y);
-    unsigned char* out = agreement->Row(y);
-    for (int32_t x = 0; x < forward->width; ++x) {
-      float u = PLLoad<float>(f + 8 * x), v = PLLoad<float>(f + 8 * x + 4);
-      float px = static_cast<float>(x) + u, py = static_cast<float>(y) + v;
-      float c = 0.0f;
-      if (px >= 0.0f && px <= lastX && py >= 0.0f && py <= lastY) {
-        float uv[2];
-        back.Read(px, py, uv, 2);
-        float dx = static_cast<float>(x) - (px + uv[0]);
-        float dy = static_cast<float>(y) - (py + uv[1]);
-        float e2 = dx * dx + dy * dy;
-        if (e2 < lo * lo) {
-          c = 1.0f;
-        } else if (e2 > hi * hi || !(hi > lo)) {
-          c = 0.0f;
-        } else {
-          c = 1.0f - (std::sqrt(e2) - lo) / (hi - lo);
-          c = !(c > 0.0f) ? 0.0f : c > 1.0f ? 1.0f : c;
-        }
-      }
-      PLStore<float>(out + 4 * x, c);
-    }
-  }
-}
-
 template <class T, int32_t C>
 void PictureRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
   PLImage* dst = args->Next<PLImage*>();
@@ -353,16 +318,6 @@ int32_t PLRetimeMix(PLImage* dst, const PLImage* a, const PLImage* b, float f,
     PLForkImageRows(dst->height, MixRows<typename Tag::Type, Tag::Channels>, dst, a, b, &f, maskA,
                     maskB, agreement, holes);
   });
-  return 1;
-}
-
-int32_t PLFlowAgreement(PLImage* agreement, const PLImage* forward, const PLImage* backward) {
-  if (!FlowImage(forward) || !FlowImage(backward) || !agreement || !agreement->data ||
-      agreement->channels != 1 || agreement->dataType != PLFloat ||
-      backward->width != forward->width || backward->height != forward->height ||
-      agreement->width != forward->width || agreement->height != forward->height)
-    return 0;
-  PLForkImageRows(forward->height, AgreementRows, agreement, forward, backward);
   return 1;
 }
 
@@ -483,6 +438,7 @@ void WarpAndMix(NuvChronar4Internal* in, PLImage* dst, const PLImage* a, const P
   }
   ImagePtr agreement;
   if (in->interpolation == 2) {
+    // Both flows live on the flow grid, so they are of one size as the agreement needs.
     agreement = NewImage(backwardFlow->width, backwardFlow->height, 1, PLFloat);
     PLFlowAgreement(agreement.get(), backwardFlow, forwardFlow);
     PLGaussBlur(agreement.get(), 0, 4.0f);

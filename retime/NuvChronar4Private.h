@@ -44,6 +44,7 @@ class RenderState {
   PLImage* output;  // the output's wrapper
   NuvIdleAndProgressClass progress;
   int32_t inputFields = 0;
+  bool lastFetchEmpty = false;  // the last refused fetch was a missing or empty view
 
  private:
   struct Held {
@@ -88,6 +89,15 @@ void WarpAndMix(NuvChronar4Internal* in, PLImage* dst, const PLImage* a, const P
 void LayeredPath(NuvChronar4* engine, RenderState& st, PLImage* dst, int32_t i, int32_t j,
                  float w, bool exact, bool newPair, const float* levelFactors,
                  const float* chokes, int32_t matteCount);
+
+// The matte of `layer` on one side with the nearer layers taken away (each nearer matte
+// spread by its choke radius first). mattes: the side's mattes, nearest first.
+void VisibleMatte(PLImage* visible, const PLImage* const* mattes, int32_t layer,
+                  int32_t layerCount, const float* chokes, float matteScale, PLImage* scratchFloat,
+                  NuvIdleAndProgressClass* progress);
+// The estimator's mask image of a side: white where the layer is not hidden by a nearer one.
+void UnhiddenMask(PLImage* mask, const PLImage* const* mattes, int32_t layer, int32_t layerCount,
+                  const PLImage* visible);
 
 // True when the value is a whole number of fields/frames within 0.005.
 bool NearWhole(float t);

@@ -1,0 +1,495 @@
+// Tests of the retiming engine: flow caching and its keys, exact frames, frame kinds, the
+// failure rules, vector steps, fields, layers, the pixel operations, and worker counts.
+#include <cmath>
+#include <cstring>
+
+#include "image/PLImageCopy.h"
+#include "retime/retime.h"
+#include "retime/tests/ChronarTestSupport.h"
+
+using chronartest::AddMovingFrames;
+using chronartest::MemoryChronar;
+using chronartest::Misbehave;
+using chronartest::Output;
+
+namespace {
+
+constexpr int32_t kW = 64, kH = 48;
+constexpr int32_t kQuality = 4;  // flow at half size
+
+struct Clip {
+  MemoryChronar engine;
+  Output out{kW, kH, 3, PLUChar};
+  explicit Clip(int32_t frames = 4, int32_t channels = 3, int32_t type = PLUChar)
+      : out(kW, kH, channels, type) {
+    AddMovingFrames(&engine, frames, kW, kH, channels, type, 3.0f);
+  }
+  int32_t Render(float t, int32_t keepFlow = 1) {
+    return engine.RenderAtTime(&out.view, t, kQuality, keepFlow, nullptr);
+  }
+};
+
+// ---- Settings -------------------------------------------------------------------------------
+
+TEST(Chronar4Quality, CodesGiveModeAndFlowSize) {
+  struct Case {
+    int32_t quality, firstScale, mode, w, h;
+  } cases[] = {{0, 1, 3, 12, 8},  {2, 1, 3, 12, 8},  {3, 1, 2, 25, 16}, {4, 1, 1, 50, 33},
+               {5, 1, 0, 101, 67}, {3, 0, 3, 12, 8}, {4, 0, 2, 25, 16}, {5, 0, 1, 50, 33},
+               {0, 0, 3, 12, 8}};
+  MemoryChronar c;
+  for (const Case& k : cases) {
+    EXPECT_EQ(c.SetQuality(101, 67, k.quality, k.firstScale, 1.0f, 1, 1, 0), 0);
+    EXPECT_EQ(c.internal->flowMode, k.mode) << "quality " << k.quality;
+    EXPECT_EQ(c.internal->flowWidth, k.w);
+    EXPECT_EQ(c.internal->flowHeight, k.h);
+  }
+  EXPECT_EQ(c.SetQuality(101, 67, 6, 1, 1.0f, 1, 1, 0), PLErrParameter);
+}
+
+TEST(Chronar4Quality, NullInternalAnswersOneEverywhere) {
+  Clip clip;
+  delete clip.engine.internal;
+  clip.engine.internal = nullptr;
+  float lf[10] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, ch[10] = {};
+  EXPECT_EQ(clip.Render(0.5f), 1);
+  EXPECT_EQ(clip.engine.RenderAtTime(&clip.out.view, 0.5f, 4, 0, 0, 0, lf, ch, 1, nullptr), 1);
+  EXPECT_EQ(clip.engine.RenderVectors(&clip.out.view, 1, 1, 0, 1.0f, 0, 4, 0, lf, ch, nullptr),
+            1);
+  EXPECT_EQ(clip.engine.RenderVectors(nullptr, 1, 1, 0, 1.0f, 0, 4, 0, lf, ch, nullptr, 0), 1);
+  EXPECT_EQ(clip.engine.SetQuality(kW, kH, 4, 1, 1.0f, 1, 1, 0), 1);
+  EXPECT_EQ(clip.engine.fetches, 0);
+}
+
+// ---- The flow cache -------------------------------------------------------------------------
+
+// Interpolations 1 and 2 run two flows per pair, 0 one.
+int64_t RunsPerPair(int64_t interpolation) { return interpolation == 0 ? 1 : 2; }
+
+class Chronar4Cache : public ::testing::TestWithParam<int64_t> {};
+
+TEST_P(Chronar4Cache, TimesBetweenOnePairComputeFlowOnce) {
+  Clip clip;
+  clip.engine.interpolation = GetParam();
+  ASSERT_EQ(clip.Render(1.1f), 0);
+  ASSERT_EQ(clip.engine.FlowRuns(), RunsPerPair(GetParam()));
+  ASSERT_EQ(clip.Render(1.3f), 0);
+  ASSERT_EQ(clip.Render(1.3f), 0);  // the same keys again
+  EXPECT_EQ(clip.engine.FlowRuns(), RunsPerPair(GetParam()));
+  // The next pair needs new flow; so does every render with flow keeping off.
+  ASSERT_EQ(clip.Render(2.2f), 0);
+  EXPECT_EQ(clip.engine.FlowRuns(), 2 * RunsPerPair(GetParam()));
+  ASSERT_EQ(clip.Render(2.3f, 0), 0);
+  ASSERT_EQ(clip.Render(2.3f, 0), 0);
+  EXPECT_EQ(clip.engine.FlowRuns(), 4 * RunsPerPair(GetParam()));
+  EXPECT_EQ(clip.engine.internal->forwardFlow, nullptr);
+  EXPECT_EQ(clip.engine.fetches, clip.engine.releases);
+  EXPECT_EQ(clip.engine.Outstanding(), 0);
+}
+
+TEST_P(Chronar4Cache, KeyChangesForceNewFlow) {
+  Clip clip;
+  clip.engine.interpolation = GetParam();
+  ASSERT_EQ(clip.Render(1.25f), 0);
+  int64_t runs = clip.engine.FlowRuns();
+  clip.engine.warpStyle = 2;  // a change of warp style
+  ASSERT_EQ(clip.Render(1.25f), 0);
+  EXPECT_GT(clip.engine.FlowRuns(), runs);
+  runs = clip.engine.FlowRuns();
+  float lf[10] = {0.7f}, ch[10] = {};  // a change of level factor
+  ASSERT_EQ(clip.engine.RenderAtTime(&clip.out.view, 1.25f, kQuality, 0, 0, 0, lf, ch, 1, nullptr),
+            0);
+  EXPECT_GT(clip.engine.FlowRuns(), runs);
+  runs = clip.engine.FlowRuns();
+  ASSERT_EQ(clip.engine.RenderAtTime(&clip.out.view, 1.25f, 3, 1, nullptr), 0);  // quality
+  EXPECT_GT(clip.engine.FlowRuns(), runs);
+}
+
+TEST_P(Chronar4Cache, ExactTimeRunsNoFlowAndReleasesIt) {
+  Clip clip;
+  clip.engine.interpolation = GetParam();
+  ASSERT_EQ(clip.Render(1.5f), 0);
+  ASSERT_NE(clip.engine.internal->forwardFlow, nullptr);
+  int64_t runs = clip.engine.FlowRuns();
+  for (float t : {2.0f, 2.003f, 1.997f}) {
+    ASSERT_EQ(clip.Render(t), 0);
+    EXPECT_EQ(clip.engine.FlowRuns(), runs) << t;
+    EXPECT_EQ(clip.engine.internal->forwardFlow, nullptr);
+    EXPECT_EQ(clip.engine.internal->backwardFlow, nullptr);
+    EXPECT_TRUE(pltest::SamePixels(clip.out.get(), clip.engine.frames[2].get())) << t;
+  }
+  // Coming back between the frames of the last exact one computes flow again.
+  ASSERT_EQ(clip.Render(2.4f), 0);
+  EXPECT_GT(clip.engine.FlowRuns(), runs);
+}
+
+TEST_P(Chronar4Cache, KindsThreeAndFourAndShotChangesShowTheNearestFrame) {
+  for (int32_t k : {3, 4, -1}) {
+    Clip clip;
+    clip.engine.interpolation = GetParam();
+    // -1: a change of shot between frames 1 and 2 (kinds 0 then 1).
+    clip.engine.kind = [k](float t) { return k >= 0 ? k : (t >= 2.0f ? 1 : 0); };
+    ASSERT_EQ(clip.Render(1.3f), 0);
+    EXPECT_EQ(clip.engine.FlowRuns(), 0) << "kind " << k;
+    EXPECT_TRUE(pltest::SamePixels(clip.out.get(), clip.engine.frames[1].get()));
+    ASSERT_EQ(clip.Render(1.7f), 0);
+    EXPECT_EQ(clip.engine.FlowRuns(), 0);
+    EXPECT_TRUE(pltest::SamePixels(clip.out.get(), clip.engine.frames[2].get()));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Interpolations, Chronar4Cache, ::testing::Values(0, 1, 2));
+
+// ---- What is shown --------------------------------------------------------------------------
+
+// Without flow the engine is a cross-fade (or the nearer frame); the mix is the rounded
+// a + (b - a) * (1 - w) of each sample.
+TEST(Chronar4Picture, WithoutFlowMixesOrShowsNearer) {
+  for (int64_t interp : {0, 1, 2}) {
+    Clip clip;
+    clip.engine.useFlow = 0;
+    clip.engine.interpolation = interp;
+    ASSERT_EQ(clip.Render(1.25f), 0);
+    EXPECT_EQ(clip.engine.FlowRuns(), 0);
+    const PLImage* a = clip.engine.frames[1].get();
+    const PLImage* b = clip.engine.frames[2].get();
+    for (int32_t y = 0; y < kH; y += 7)
+      for (int32_t x = 0; x < kW; x += 5)
+        for (int32_t c = 0; c < 3; ++c) {
+          double va = pltest::Get(a, x, y, c), vb = pltest::Get(b, x, y, c);
+          float mixed = static_cast<float>(va) +
+                        (static_cast<float>(vb) - static_cast<float>(va)) * 0.25f + 0.5f;
+          double want = interp == 0 ? va : std::floor(mixed);
+          ASSERT_EQ(pltest::Get(clip.out.get(), x, y, c), want) << interp;
+        }
+  }
+}
+
+// A pan moved between two frames: every style and mix lands near the true in-between
+// picture and far from either frame.
+class Chronar4Styles
+    : public ::testing::TestWithParam<std::tuple<int64_t, int32_t, int32_t>> {};
+
+TEST_P(Chronar4Styles, InBetweenOfAPanIsThePanHalfway) {
+  auto [interp, style, type] = GetParam();
+  Clip clip(3, 3, type);
+  clip.engine.interpolation = interp;
+  clip.engine.warpStyle = style;
+  ASSERT_EQ(clip.Render(0.5f), 0);
+  chronartest::Owned truth = chronartest::NewOwned(kW, kH, 3, type);
+  chronartest::Texture(truth.get(), 1.5f, 0.0f);
+  double white = type == PLUChar ? 255.0 : type == PLUShort ? 65535.0 : 1.0;
+  auto meanError = [&](const PLImage* im) {
+    double sum = 0;
+    int64_t n = 0;
+    for (int32_t y = 4; y < kH - 4; ++y)
+      for (int32_t x = 6; x < kW - 6; ++x)
+        for (int32_t c = 0; c < 3; ++c, ++n)
+          sum += std::fabs(pltest::Get(im, x, y, c) - pltest::Get(truth.get(), x, y, c)) / white;
+    return sum / n;
+  };
+  double engine = meanError(clip.out.get());
+  EXPECT_LT(engine, 0.5 * meanError(clip.engine.frames[0].get()));
+  EXPECT_LT(engine, 0.02);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Chronar4Styles,
+                         ::testing::Combine(::testing::Values(0, 1, 2),
+                                            ::testing::Values(0, 1, 2, 3),
+                                            ::testing::Values(PLUChar, PLUShort, PLFloat)));
+
+TEST(Chronar4Picture, SameBytesForAllWorkers) {
+  for (int64_t interp : {0, 1, 2})
+    for (int32_t style : {0, 1, 2, 3}) {
+      pltest::ExpectSameForAllWorkers([&] {
+        Clip clip(3, 4, PLUChar);
+        clip.engine.interpolation = interp;
+        clip.engine.warpStyle = style;
+        clip.engine.shutter = 0.5f;
+        clip.engine.timeMap = [](float t) { return t * 1.5f; };  // speed-up: a shutter blur
+        EXPECT_EQ(clip.Render(0.4f), 0);
+        return pltest::PixelBytes(clip.out.get());
+      });
+    }
+}
+
+TEST(Chronar4Picture, ShutterBlursAlongTheFlowOnlyWhenSpedUp) {
+  Clip plain, blurred, normal;
+  for (Clip* c : {&plain, &blurred, &normal}) c->engine.interpolation = 1;
+  blurred.engine.shutter = 1.0f;
+  blurred.engine.timeMap = [](float t) { return t * 2.0f; };
+  plain.engine.timeMap = [](float t) { return t * 2.0f; };
+  normal.engine.shutter = 1.0f;  // one source frame per output frame: amount 0
+  ASSERT_EQ(plain.Render(0.6f), 0);
+  ASSERT_EQ(blurred.Render(0.6f), 0);
+  EXPECT_FALSE(pltest::SamePixels(plain.out.get(), blurred.out.get()));
+  Clip noShutter;
+  noShutter.engine.interpolation = 1;
+  ASSERT_EQ(normal.Render(1.2f), 0);
+  ASSERT_EQ(noShutter.Render(1.2f), 0);
+  EXPECT_TRUE(pltest::SamePixels(normal.out.get(), noShutter.out.get()));
+  // An override of the amount to 0 switches the blur off.
+  blurred.engine.overrideAmount = true;
+  ASSERT_EQ(blurred.Render(0.6f), 0);
+  EXPECT_TRUE(pltest::SamePixels(plain.out.get(), blurred.out.get()));
+}
+
+TEST(Chronar4Picture, OutputFieldsInterleaveTwoHalfFrameRenders) {
+  Clip fields(4, 4, PLUChar), first(4, 4, PLUChar), second(4, 4, PLUChar);
+  for (Clip* c : {&fields, &first, &second}) c->engine.interpolation = 1;
+  float lf[10] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, ch[10] = {};
+  ASSERT_EQ(fields.engine.RenderAtTime(&fields.out.view, 1.2f, kQuality, 0, 1, 0, lf, ch, 1,
+                                       nullptr),
+            0);
+  ASSERT_EQ(first.Render(1.2f), 0);
+  ASSERT_EQ(second.Render(1.7f), 0);
+  size_t bytes = static_cast<size_t>(kW) * 4;
+  for (int32_t y = 0; y < kH; ++y) {
+    const PLImage* want = (y % 2 == 0 ? first : second).out.get();
+    ASSERT_EQ(std::memcmp(fields.out.get()->Row(y), want->Row(y), bytes), 0) << "row " << y;
+  }
+}
+
+TEST(Chronar4Picture, InputFieldsReadFramesHalfAsOften) {
+  Clip clip(4, 4, PLUChar);
+  clip.engine.interpolation = 0;
+  clip.engine.useFlow = 0;
+  float lf[10] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, ch[10] = {};
+  // Source time 1.0 is field 2: frame 1 made whole from one field. Field number 2 rebuilds
+  // the rows of the parity of lastRow - 1 (47 - 1: the even rows) and keeps the others.
+  ASSERT_EQ(clip.engine.RenderAtTime(&clip.out.view, 1.0f, kQuality, 1, 0, 0, lf, ch, 1, nullptr),
+            0);
+  const PLImage* frame = clip.engine.frames[1].get();
+  for (int32_t y = 1; y < kH; y += 2)
+    ASSERT_EQ(std::memcmp(clip.out.get()->Row(y), frame->Row(y), kW * 4), 0);
+  for (int32_t y = 2; y < kH - 1; y += 2)  // line averages of the kept rows around them
+    ASSERT_EQ(pltest::Get(clip.out.get(), 5, y, 0),
+              std::floor((pltest::Get(frame, 5, y - 1, 0) + pltest::Get(frame, 5, y + 1, 0)) *
+                             0.5 + 0.5));
+  // Three-channel frames cannot be made whole from a field: refused.
+  Clip rgb;
+  EXPECT_EQ(rgb.engine.RenderAtTime(&rgb.out.view, 1.0f, kQuality, 1, 0, 0, lf, ch, 1, nullptr),
+            PLErrParameter);
+}
+
+// ---- Layers ---------------------------------------------------------------------------------
+
+TEST(Chronar4Layers, ExactTimeRebuildsTheFrameAndWorkersAgree) {
+  for (int32_t type : {PLUChar, PLFloat}) {
+    auto run = [&](float t, int64_t interp) {
+      Clip clip(3, 4, type);
+      clip.engine.interpolation = interp;
+      for (int32_t n = 0; n < 3; ++n) {
+        chronartest::Owned m = chronartest::NewOwned(kW, kH, 1, type);
+        double white = type == PLUChar ? 255.0 : 1.0;
+        for (int32_t y = 0; y < kH; ++y)
+          for (int32_t x = 0; x < kW; ++x)
+            pltest::Set(m.get(), x, y, 0, (x > 20 + 2 * n && x < 40 + 2 * n) ? white : 0.0);
+        clip.engine.mattes[{n, 0}] = std::move(m);
+      }
+      float lf[10] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, ch[10] = {};
+      EXPECT_EQ(clip.engine.RenderAtTime(&clip.out.view, t, kQuality, 0, 0, 1, lf, ch, 1, nullptr),
+                0);
+      EXPECT_EQ(clip.engine.matteFetches, clip.engine.matteReleases);
+      std::vector<unsigned char> bytes = pltest::PixelBytes(clip.out.get());
+      if (t == 1.0f) {
+        double worst = 0;
+        for (int32_t y = 0; y < kH; ++y)
+          for (int32_t x = 0; x < kW; ++x)
+            for (int32_t c = 0; c < 4; ++c)
+              worst = std::max(worst, std::fabs(pltest::Get(clip.out.get(), x, y, c) -
+                                                pltest::Get(clip.engine.frames[1].get(), x, y, c)));
+        EXPECT_LE(worst, type == PLUChar ? 1.0 : 1e-5) << "type " << type;
+      }
+      return bytes;
+    };
+    run(1.0f, 1);
+    for (int64_t interp : {0, 1, 2})
+      pltest::ExpectSameForAllWorkers([&] { return run(0.4f, interp); });
+  }
+}
+
+// ---- Failure rules --------------------------------------------------------------------------
+
+TEST(Chronar4Failure, BadArgumentsAndBadSubclassReturns) {
+  float lf[10] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, ch[10] = {};
+  struct Case {
+    const char* what;
+    std::function<void(Clip&)> setup;
+    float time;
+    int32_t expected;
+  } cases[] = {
+      {"null view", [](Clip& c) { c.engine.misbehave[2] = Misbehave::kNullView; }, 1.5f, 5},
+      {"empty view", [](Clip& c) { c.engine.misbehave[2] = Misbehave::kEmptyView; }, 1.5f, 5},
+      {"status 3", [](Clip& c) { c.engine.misbehave[1] = Misbehave::kStatus3; }, 1.5f, 1},
+      {"interrupted", [](Clip& c) { c.engine.misbehave[1] = Misbehave::kInterrupt; }, 1.5f, 6},
+      {"wrong size", [](Clip& c) { c.engine.misbehave[2] = Misbehave::kWrongSize; }, 1.5f, 5},
+      {"past the clip", [](Clip&) {}, 3.5f, 5},
+      {"NaN time", [](Clip&) {}, NAN, 5},
+      {"NaN source time", [](Clip& c) { c.engine.timeMap = [](float) { return NAN; }; }, 1.0f, 5},
+      {"huge source time", [](Clip& c) { c.engine.timeMap = [](float) { return 3e9f; }; }, 1.f, 5},
+      {"warp style 7", [](Clip& c) { c.engine.warpStyle = 7; }, 1.5f, 5},
+      {"interpolation 3", [](Clip& c) { c.engine.interpolation = 3; }, 1.5f, 5},
+  };
+  for (const Case& k : cases) {
+    Clip clip;
+    clip.engine.interpolation = 1;
+    k.setup(clip);
+    EXPECT_EQ(clip.Render(k.time), k.expected) << k.what;
+    EXPECT_EQ(clip.engine.Outstanding(), 0) << k.what;
+    EXPECT_EQ(clip.engine.internal->forwardFlow, nullptr) << k.what;
+  }
+  Clip clip;
+  EXPECT_EQ(clip.engine.RenderAtTime(nullptr, 1.0f, kQuality, 1, nullptr), 5);
+  EXPECT_EQ(clip.engine.RenderAtTime(&clip.out.view, 1.0f, 9, 1, nullptr), 5);
+  EXPECT_EQ(clip.engine.RenderAtTime(&clip.out.view, 1.0f, kQuality, 0, 0, 10, lf, ch, 1, nullptr),
+            5);  // eleven layers
+  EXPECT_EQ(clip.engine.RenderAtTime(&clip.out.view, 1.0f, kQuality, 0, 0, -1, lf, ch, 1, nullptr),
+            5);
+  EXPECT_EQ(clip.engine.RenderAtTime(&clip.out.view, 1.0f, kQuality, 0, 0, 1, lf, ch, 1, nullptr),
+            5);  // a matte the subclass does not have
+  EXPECT_EQ(clip.engine.matteFetches, clip.engine.matteReleases + 1);  // the refused one
+  Output wrongType(kW, kH, 3, PLFloat);
+  EXPECT_EQ(clip.engine.RenderAtTime(&wrongType.view, 1.0f, kQuality, 1, nullptr), 5);
+  EXPECT_EQ(clip.engine.Outstanding(), 0);
+}
+
+TEST(Chronar4Failure, AMatteOfThreeChannelsIsRefused) {
+  Clip clip(3, 4, PLUChar);
+  for (int32_t n = 0; n < 3; ++n)
+    clip.engine.mattes[{n, 0}] = chronartest::NewOwned(kW, kH, 3, PLUChar);
+  float lf[10] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, ch[10] = {};
+  EXPECT_EQ(clip.engine.RenderAtTime(&clip.out.view, 0.5f, kQuality, 0, 0, 1, lf, ch, 1, nullptr),
+            5);
+  EXPECT_EQ(clip.engine.Outstanding(), 0);
+}
+
+// ---- Vector steps ---------------------------------------------------------------------------
+
+TEST(Chronar4Vectors, MissingNeighbourGivesTheFixedColourAndZero) {
+  for (int32_t kind : {0, 1})
+    for (int32_t type : {PLUChar, PLFloat}) {
+      Clip clip(4, 3, type);
+      // Frame 0 has no predecessor (vectors) and frame 3 no successor (warped).
+      int32_t frame = kind == 0 ? 0 : 3;
+      EXPECT_EQ(clip.engine.RenderVectors(&clip.out.view, frame, kind == 0 ? 1 : 1, kind, 1.0f,
+                                          0, kQuality, 0, nullptr, nullptr, nullptr),
+                0);
+      double white = type == PLUChar ? 255.0 : 1.0;
+      double want[3] = {kind == 0 ? 0.5 : 0.0, kind == 0 ? 0.5 : 1.0, 0.0};
+      for (int32_t c = 0; c < 3; ++c)
+        EXPECT_NEAR(pltest::Get(clip.out.get(), 5, 5, c), want[c] * white, white / 255.0);
+      EXPECT_EQ(clip.engine.internal->forwardFlow, nullptr);
+      EXPECT_EQ(clip.engine.Outstanding(), 0);
+    }
+  // A frame the step starts from that is not there is a hard failure for vectors.
+  Clip clip;
+  clip.engine.misbehave[1] = Misbehave::kStatus3;
+  EXPECT_EQ(clip.engine.RenderVectors(&clip.out.view, 1, 2, 0, 1.0f, 0, kQuality, 0, nullptr,
+                                      nullptr, nullptr),
+            1);
+  EXPECT_EQ(clip.engine.RenderVectors(&clip.out.view, 1, 2, 0, 1.0f, 0, kQuality, 0, nullptr,
+                                      nullptr, nullptr, 2),
+            5);  // pixel type not the output's
+}
+
+TEST(Chronar4Vectors, VectorPictureShowsThePanAndWarpLinesUp) {
+  Output floatOut(kW, kH, 3, PLFloat);
+  Clip clip(4, 3, PLFloat);
+  ASSERT_EQ(clip.engine.RenderVectors(&floatOut.view, 1, 2, 0, 0.1f, 0, kQuality, 0, nullptr,
+                                      nullptr, nullptr, 2),
+            0);
+  // Content moves 3 px right a frame: R = 0.5 + 3 * 0.1 in the middle of the picture.
+  EXPECT_NEAR(pltest::Get(floatOut.get(), kW / 2, kH / 2, 0), 0.8, 0.05);
+  EXPECT_NEAR(pltest::Get(floatOut.get(), kW / 2, kH / 2, 1), 0.5, 0.05);
+  // The next frame warped back onto frame 1, compared by difference: mid-grey in the middle.
+  ASSERT_EQ(clip.engine.RenderVectors(&floatOut.view, 1, 1, 1, 1.0f, 2, kQuality, 0, nullptr,
+                                      nullptr, nullptr),
+            0);
+  for (int32_t c = 0; c < 3; ++c)
+    EXPECT_NEAR(pltest::Get(floatOut.get(), kW / 2, kH / 2, c), 0.5, 0.06);
+  pltest::ExpectSameForAllWorkers([&] {
+    EXPECT_EQ(clip.engine.RenderVectors(&floatOut.view, 2, 2, 1, 1.0f, 0, kQuality, 0, nullptr,
+                                        nullptr, nullptr),
+              0);
+    return pltest::PixelBytes(floatOut.get());
+  });
+}
+
+// ---- Pixel operations -----------------------------------------------------------------------
+
+TEST(Chronar4Ops, GatherWarpOfAConstantFlowIsAShiftWithAMaskOfTheInside) {
+  for (int32_t type : {PLUChar, PLUShort, PLFloat}) {
+    pltest::TestImage src = pltest::MakeImage(9, 7, 3, type, 1, 5);
+    pltest::TestImage dst = pltest::MakeImage(9, 7, 3, type, 0, 3);
+    pltest::TestImage mask = pltest::MakeImage(9, 7, 1, PLUChar);
+    pltest::FillRandom(src.get(), 7);
+    chronartest::Owned flow = chronartest::NewOwned(5, 4, 2, PLFloat);  // half grid: x2
+    for (int32_t y = 0; y < 4; ++y)
+      for (int32_t x = 0; x < 5; ++x) {
+        pltest::Set(flow.get(), x, y, 0, 1.0);   // 2 output px right
+        pltest::Set(flow.get(), x, y, 1, -0.5);  // 1 output px up
+      }
+    ASSERT_EQ(PLGatherWarp(dst.get(), src.get(), flow.get(), 1, mask.get(), 1, 0.5f), 1);
+    for (int32_t y = 0; y < 7; ++y)
+      for (int32_t x = 0; x < 9; ++x) {
+        // Share 0.5: each pixel reads (x + 1, y - 0.5), clamped into the source.
+        bool inside = x + 1 <= 8 && y >= 1;
+        EXPECT_EQ(pltest::Get(mask.get(), x, y, 0), inside ? 255 : 0);
+        for (int32_t c = 0; c < 3; ++c) {
+          // At the last column the cell slides back and reads with a fraction of 1.0.
+          auto at = [&](int32_t yy) {
+            if (x + 1 < 8) return static_cast<float>(pltest::Get(src.get(), x + 1, yy, c));
+            float l = static_cast<float>(pltest::Get(src.get(), 7, yy, c));
+            float r = static_cast<float>(pltest::Get(src.get(), 8, yy, c));
+            return l + (r - l) * 1.0f;
+          };
+          float top = at(std::max(y - 1, 0)), bottom = at(y);
+          float v = y >= 1 ? top + (bottom - top) * 0.5f : bottom;
+          double want = type == PLFloat ? v : std::floor(v + 0.5f);
+          EXPECT_EQ(pltest::Get(dst.get(), x, y, c), want) << x << "," << y;
+        }
+      }
+    EXPECT_TRUE(pltest::PaddingUntouched(dst));
+  }
+  // Refusals: the stated message and 0.
+  pltest::TestImage a = pltest::MakeImage(8, 8, 3, PLUChar), b = pltest::MakeImage(8, 9, 3, PLUChar);
+  chronartest::Owned flow = chronartest::NewOwned(4, 4, 2, PLFloat);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(PLGatherWarp(a.get(), b.get(), flow.get(), 1, nullptr, 1, 0.5f), 0);
+  EXPECT_EQ(PLGatherWarp(a.get(), a.get(), flow.get(), 1, nullptr, 1, 0.5f), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "can't warp image, input files not of correct types and sizes\n"
+            "can't warp image, input files not of correct types and sizes\n");
+}
+
+TEST(Chronar4Ops, MaskedMixTakesTheCoveredSideAndMarksHoles) {
+  pltest::TestImage a = pltest::MakeImage(4, 1, 1, PLUChar), b = pltest::MakeImage(4, 1, 1, PLUChar);
+  pltest::TestImage d = pltest::MakeImage(4, 1, 1, PLUChar);
+  pltest::TestImage ma = pltest::MakeImage(4, 1, 1, PLUChar), mb = pltest::MakeImage(4, 1, 1, PLUChar);
+  pltest::TestImage holes = pltest::MakeImage(4, 1, 1, PLUChar);
+  int covered[4][2] = {{1, 1}, {1, 0}, {0, 1}, {0, 0}};
+  for (int32_t x = 0; x < 4; ++x) {
+    pltest::Set(a.get(), x, 0, 0, 100);
+    pltest::Set(b.get(), x, 0, 0, 200);
+    pltest::Set(ma.get(), x, 0, 0, covered[x][0] * 255);
+    pltest::Set(mb.get(), x, 0, 0, covered[x][1] * 255);
+  }
+  ASSERT_EQ(PLRetimeMix(d.get(), a.get(), b.get(), 0.25f, ma.get(), mb.get(), nullptr, holes.get()),
+            1);
+  double want[4] = {125, 100, 200, 125}, hole[4] = {0, 0, 0, 255};
+  for (int32_t x = 0; x < 4; ++x) {
+    EXPECT_EQ(pltest::Get(d.get(), x, 0, 0), want[x]);
+    EXPECT_EQ(pltest::Get(holes.get(), x, 0, 0), hole[x]);
+  }
+  // Agreement: full agreement is the linear fade, none a cut at the midpoint.
+  chronartest::Owned agree = chronartest::NewOwned(2, 2, 1, PLFloat);
+  for (double s : {1.0, 0.0}) {
+    pltest::Fill(agree.get(), s);
+    ASSERT_EQ(PLRetimeMix(d.get(), a.get(), b.get(), 0.25f, nullptr, nullptr, agree.get(), nullptr),
+              1);
+    EXPECT_EQ(pltest::Get(d.get(), 0, 0, 0), s == 1.0 ? 125 : 100);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,168 @@
+// flowblur test support: a retimer whose frames and mattes live in memory, counting every
+// fetch and release, with switchable misbehaviour.
+#pragma once
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "retime/NuvChronar4.h"
+#include "tests/support/PLTestImages.h"
+
+namespace chronartest {
+
+struct ImageDel {
+  void operator()(PLImage* p) const { delete p; }
+};
+using Owned = std::unique_ptr<PLImage, ImageDel>;
+
+inline Owned NewOwned(int32_t w, int32_t h, int32_t channels, int32_t type) {
+  return Owned(new PLImage(w, h, channels, type, 0));
+}
+
+// What GetFrame does for a chosen frame number.
+enum class Misbehave { kNone, kNullView, kStatus3, kInterrupt, kWrongSize, kEmptyView };
+
+class MemoryChronar : public NuvChronar4 {
+ public:
+  std::map<int32_t, Owned> frames;
+  std::map<std::pair<int32_t, int32_t>, Owned> mattes;  // (frame, matte)
+  std::function<float(float)> timeMap = [](float t) { return t; };
+  std::function<int32_t(float)> kind = [](float) { return 0; };
+  int32_t warpStyle = 0;
+  std::map<int32_t, Misbehave> misbehave;
+  int32_t fetches = 0, releases = 0, matteFetches = 0, matteReleases = 0;
+  float overrideAmountValue = 0.0f;
+  bool overrideAmount = false;
+
+  int32_t GetFrame(NuvImage** frame, int32_t n) override { return Serve(frame, n); }
+  int32_t GetMotionFrame(NuvImage** frame, int32_t n) override { return Serve(frame, n); }
+  void ReleaseFrame(NuvImage* frame) override {
+    ++releases;
+    Drop(frame);
+  }
+  int32_t GetMatte(NuvImage** view, int32_t n, int32_t matte) override {
+    ++matteFetches;
+    *view = nullptr;
+    auto it = mattes.find({n, matte});
+    if (it == mattes.end()) return 5;
+    *view = Wrap(it->second.get());
+    return 0;
+  }
+  void ReleaseMatte(NuvImage* view) override {
+    ++matteReleases;
+    Drop(view);
+  }
+  void MapTime(float t, float* s) override { *s = timeMap(t); }
+  int32_t FrameKind(float t) override { return kind(t); }
+  int32_t GetWarpStyle() override { return warpStyle; }
+  int32_t OverrideAmount(float* amount) override {
+    if (!overrideAmount) return 0;
+    *amount = overrideAmountValue;
+    return 1;
+  }
+
+  int64_t FlowRuns() const { return internal->flowRuns; }
+  int32_t Outstanding() const { return static_cast<int32_t>(views_.size()); }
+
+ private:
+  struct Held {
+    std::unique_ptr<NuvImageInternal> wrapper;
+    std::unique_ptr<NuvImage> view;
+    Owned scratch;  // a wrong-size or empty picture made for misbehaviour
+  };
+  std::vector<std::unique_ptr<Held>> views_;
+
+  NuvImage* Wrap(PLImage* image, Owned scratch = nullptr) {
+    auto h = std::make_unique<Held>();
+    h->wrapper.reset(new NuvImageInternal(image));
+    h->view.reset(new NuvImage());
+    h->view->Attach(h->wrapper.get());
+    h->scratch = std::move(scratch);
+    NuvImage* v = h->view.get();
+    views_.push_back(std::move(h));
+    return v;
+  }
+  void Drop(NuvImage* view) {
+    for (size_t k = 0; k < views_.size(); ++k)
+      if (views_[k]->view.get() == view) {
+        views_.erase(views_.begin() + static_cast<std::ptrdiff_t>(k));
+        return;
+      }
+    ADD_FAILURE() << "released a view that was not handed out";
+  }
+  int32_t Serve(NuvImage** frame, int32_t n) {
+    ++fetches;
+    *frame = nullptr;
+    Misbehave m = misbehave.count(n) ? misbehave[n] : Misbehave::kNone;
+    auto it = frames.find(n);
+    switch (m) {
+      case Misbehave::kNullView: return 0;
+      case Misbehave::kStatus3:
+        if (it != frames.end()) *frame = Wrap(it->second.get());
+        return 3;
+      case Misbehave::kInterrupt: return 6;
+      case Misbehave::kWrongSize: {
+        const PLImage* like = frames.begin()->second.get();
+        Owned odd = NewOwned(like->width + 1, like->height, like->channels, like->dataType);
+        PLImage* raw = odd.get();
+        *frame = Wrap(raw, std::move(odd));
+        return 0;
+      }
+      case Misbehave::kEmptyView: {
+        Owned empty(new PLImage(nullptr, 0, 0, 3, PLUChar, 0));
+        PLImage* raw = empty.get();
+        *frame = Wrap(raw, std::move(empty));
+        return 0;
+      }
+      case Misbehave::kNone: break;
+    }
+    if (it == frames.end()) return 5;
+    *frame = Wrap(it->second.get());
+    return 0;
+  }
+};
+
+// A textured frame whose content is shifted by (dx, dy) pixels: smooth enough for the
+// estimator to follow, varied enough to be told apart.
+inline void Texture(PLImage* im, float dx, float dy) {
+  for (int32_t y = 0; y < im->height; ++y)
+    for (int32_t x = 0; x < im->width; ++x) {
+      float u = static_cast<float>(x) - dx, v = static_cast<float>(y) - dy;
+      double r = 0.5 + 0.35 * std::sin(u * 0.21) * std::cos(v * 0.17);
+      double g = 0.5 + 0.35 * std::sin((u + v) * 0.13);
+      double b = 0.5 + 0.35 * std::cos(u * 0.07 - v * 0.19);
+      double values[4] = {r, g, b, 1.0};
+      for (int32_t c = 0; c < im->channels; ++c) {
+        double white = im->dataType == PLUChar ? 255.0 : im->dataType == PLUShort ? 65535.0 : 1.0;
+        double s = values[c] * white;
+        pltest::Set(im, x, y, c, im->dataType == PLFloat ? s : std::floor(s + 0.5));
+      }
+    }
+}
+
+// Frames 0 .. count-1 of a texture moving `speed` pixels a frame to the right.
+inline void AddMovingFrames(MemoryChronar* c, int32_t count, int32_t w, int32_t h,
+                            int32_t channels, int32_t type, float speed) {
+  for (int32_t n = 0; n < count; ++n) {
+    Owned f = NewOwned(w, h, channels, type);
+    Texture(f.get(), speed * static_cast<float>(n), 0.0f);
+    c->frames[n] = std::move(f);
+  }
+}
+
+// An output image with a view on it.
+struct Output {
+  Owned image;
+  std::unique_ptr<NuvImageInternal> wrapper;
+  NuvImage view;
+  Output(int32_t w, int32_t h, int32_t channels, int32_t type)
+      : image(NewOwned(w, h, channels, type)), wrapper(new NuvImageInternal(image.get())) {
+    view.Attach(wrapper.get());
+  }
+  PLImage* get() const { return wrapper.get(); }
+};
+
+}  // namespace chronartest
