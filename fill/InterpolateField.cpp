@@ -7,6 +7,8 @@
 #include <cstring>
 #include <type_traits>
 
+#include <emmintrin.h>
+
 #include "image/PLDispatch.h"
 #include "image/PLImageCopy.h"
 #include "image/PLPixelConvert.h"
@@ -16,24 +18,56 @@ namespace {
 
 constexpr int32_t kChannels = 4;
 
-// Sums of samples are formed in the samples' own arithmetic: exact integers for UChar and
-// UShort, float (left to right) for Float.
-template <class T>
-using FieldAcc = typename std::conditional<std::is_same<T, float>::value, float, int32_t>::type;
+// Methods 3 and 4 hold a pixel's four samples in the lanes of one vector, as floats. Each
+// lane does what the scalar rule does, in its order: sums of samples in float, left to
+// right (for UChar and UShort that is exact, since at most four samples below 2^16 stay
+// below 2^24, so it equals the integer sum), then in double the products by the factors
+// and their sum, then the store. So the vector and the scalar rule give the same bits.
+using FieldPixel = __m128;
 
+// Rows of wrapped images may sit at any address: unaligned loads and stores throughout.
 template <class T>
-struct FieldPixel {
-  FieldAcc<T> c[kChannels];
-};
-
-// Rows of wrapped images may sit at any address: samples go through PLLoad/PLStore.
-template <class T>
-inline FieldPixel<T> LoadPixel(const unsigned char* row, int32_t x) {
+inline FieldPixel LoadPixel(const unsigned char* row, int32_t x) {
   const unsigned char* p = row + x * (kChannels * static_cast<int32_t>(sizeof(T)));
-  FieldPixel<T> px;
-  for (int32_t c = 0; c < kChannels; ++c)
-    px.c[c] = static_cast<FieldAcc<T>>(PLLoad<T>(p + c * sizeof(T)));
-  return px;
+  if constexpr (std::is_same<T, float>::value) {
+    return _mm_loadu_ps(reinterpret_cast<const float*>(p));
+  } else if constexpr (std::is_same<T, uint16_t>::value) {
+    __m128i words = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
+    return _mm_cvtepi32_ps(_mm_unpacklo_epi16(words, _mm_setzero_si128()));
+  } else {
+    __m128i bytes = _mm_cvtsi32_si128(PLLoad<int32_t>(p));
+    __m128i words = _mm_unpacklo_epi8(bytes, _mm_setzero_si128());
+    return _mm_cvtepi32_ps(_mm_unpacklo_epi16(words, _mm_setzero_si128()));
+  }
+}
+
+// d(p, q): colour channels only, in float, (|p0 - q0| + |p1 - q1|) + |p2 - q2|.
+inline float Distance(FieldPixel p, FieldPixel q) {
+  const __m128 d = _mm_and_ps(_mm_sub_ps(p, q), _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF)));
+  const float d0 = _mm_cvtss_f32(d);
+  const float d1 = _mm_cvtss_f32(_mm_shuffle_ps(d, d, 1));
+  const float d2 = _mm_cvtss_f32(_mm_shuffle_ps(d, d, 2));
+  return d0 + d1 + d2;
+}
+
+// Float sums of samples, left to right.
+inline FieldPixel Sum(FieldPixel a, FieldPixel b) { return _mm_add_ps(a, b); }
+inline FieldPixel Sum(FieldPixel a, FieldPixel b, FieldPixel c) { return Sum(Sum(a, b), c); }
+inline FieldPixel Sum(FieldPixel a, FieldPixel b, FieldPixel c, FieldPixel d) {
+  return Sum(Sum(a, b, c), d);
+}
+
+// An output pixel in double: lanes 0, 1 and lanes 2, 3.
+struct FieldWide {
+  __m128d lo;
+  __m128d hi;
+};
+inline FieldWide Times(FieldPixel sum, double factor) {
+  const __m128d k = _mm_set1_pd(factor);
+  return {_mm_mul_pd(_mm_cvtps_pd(sum), k), _mm_mul_pd(_mm_cvtps_pd(_mm_movehl_ps(sum, sum)), k)};
+}
+inline FieldWide Plus(FieldWide a, FieldWide b) {
+  return {_mm_add_pd(a.lo, b.lo), _mm_add_pd(a.hi, b.hi)};
 }
 
 // Integer types add 0.5 and truncate; Float keeps the value. The samples are not negative
@@ -46,14 +80,18 @@ inline void StoreSample(unsigned char* p, double v) {
   else
     PLStore<T>(p, static_cast<T>(static_cast<int32_t>(v + 0.5)));
 }
-
-// d(p, q): colour channels only, in float, left to right.
 template <class T>
-inline float Distance(const FieldPixel<T>& p, const FieldPixel<T>& q) {
-  float d0 = std::fabs(static_cast<float>(p.c[0]) - static_cast<float>(q.c[0]));
-  float d1 = std::fabs(static_cast<float>(p.c[1]) - static_cast<float>(q.c[1]));
-  float d2 = std::fabs(static_cast<float>(p.c[2]) - static_cast<float>(q.c[2]));
-  return d0 + d1 + d2;
+inline void StorePixel(unsigned char* o, FieldWide v) {
+  if constexpr (std::is_same<T, float>::value) {
+    _mm_storeu_ps(reinterpret_cast<float*>(o), _mm_movelh_ps(_mm_cvtpd_ps(v.lo), _mm_cvtpd_ps(v.hi)));
+  } else {
+    const __m128d half = _mm_set1_pd(0.5);
+    const __m128i lo = _mm_cvttpd_epi32(_mm_add_pd(v.lo, half));
+    const __m128i hi = _mm_cvttpd_epi32(_mm_add_pd(v.hi, half));
+    int32_t lanes[kChannels];
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(lanes), _mm_unpacklo_epi64(lo, hi));
+    for (int32_t c = 0; c < kChannels; ++c) PLStore<T>(o + c * sizeof(T), static_cast<T>(lanes[c]));
+  }
 }
 
 // The rows rebuilt by methods 2 to 4 and the border pass: from the first rebuilt row
@@ -80,65 +118,46 @@ inline void AveragePixel(unsigned char* out, const unsigned char* above,
   }
 }
 
-// Method 3 at column x: A is the row above, B the row below.
+// Method 3 at one column: A is the row above, B the row below; m, 0, p the columns x - 1,
+// x and x + 1.
 template <class T>
-inline void EdgeThreePixel(unsigned char* out, const unsigned char* aRow,
-                           const unsigned char* bRow, int32_t x) {
-  const FieldPixel<T> am = LoadPixel<T>(aRow, x - 1), a0 = LoadPixel<T>(aRow, x),
-                      ap = LoadPixel<T>(aRow, x + 1);
-  const FieldPixel<T> bm = LoadPixel<T>(bRow, x - 1), b0 = LoadPixel<T>(bRow, x),
-                      bp = LoadPixel<T>(bRow, x + 1);
+inline void EdgeThreePixel(unsigned char* o, FieldPixel am, FieldPixel a0, FieldPixel ap,
+                           FieldPixel bm, FieldPixel b0, FieldPixel bp) {
   const float v = Distance(a0, b0);
   const float l = Distance(a0, bm);
   const float r = Distance(a0, bp);
   const float p = Distance(am, b0);
   const float q = Distance(ap, b0);
-  unsigned char* o = out + x * (kChannels * static_cast<int32_t>(sizeof(T)));
+  FieldWide out;
   // kept: strict against v and l, "not above" against the others; the mix decides ties,
   // and a tidier symmetric test would pick other directions on them.
   if (l < v && l < r && !(l > p) && !(l > q)) {
-    for (int32_t c = 0; c < kChannels; ++c)
-      StoreSample<T>(o + c * sizeof(T), static_cast<double>(b0.c[c] + bm.c[c] + a0.c[c]) * 0.333);
+    out = Times(Sum(b0, bm, a0), 0.333);
   } else if (r < v && r < l && !(r > p) && !(r > q)) {
-    for (int32_t c = 0; c < kChannels; ++c)
-      StoreSample<T>(o + c * sizeof(T), static_cast<double>(b0.c[c] + bp.c[c] + a0.c[c]) * 0.333);
+    out = Times(Sum(b0, bp, a0), 0.333);
   } else if (p < v && p < l && !(p > r) && !(p > q)) {
-    for (int32_t c = 0; c < kChannels; ++c)
-      StoreSample<T>(o + c * sizeof(T), static_cast<double>(b0.c[c] + bm.c[c] + am.c[c]) * 0.333);
+    out = Times(Sum(b0, bm, am), 0.333);
   } else if (q < v && q < l && !(q > r) && !(q > p)) {
-    for (int32_t c = 0; c < kChannels; ++c)
-      StoreSample<T>(o + c * sizeof(T), static_cast<double>(bp.c[c] + ap.c[c] + b0.c[c]) * 0.333);
+    out = Times(Sum(bp, ap, b0), 0.333);
   } else {
     const float e = Distance(am, bm);
     const float f = Distance(ap, bp);
-    if (e == f) {
-      for (int32_t c = 0; c < kChannels; ++c)
-        StoreSample<T>(o + c * sizeof(T), static_cast<double>(b0.c[c] + a0.c[c]) * 0.5);
-    } else if (std::fabs(e - v) < std::fabs(f - v)) {
-      // kept: 0.334 and 0.166, not 1/3 and 1/6; the bits depend on them.
-      for (int32_t c = 0; c < kChannels; ++c)
-        StoreSample<T>(o + c * sizeof(T),
-                       static_cast<double>(b0.c[c] + a0.c[c]) * 0.334 +
-                           static_cast<double>(am.c[c] + bm.c[c]) * 0.166);
-    } else {
-      for (int32_t c = 0; c < kChannels; ++c)
-        StoreSample<T>(o + c * sizeof(T),
-                       static_cast<double>(b0.c[c] + a0.c[c]) * 0.334 +
-                           static_cast<double>(bp.c[c] + ap.c[c]) * 0.166);
-    }
+    // kept: 0.333, 0.334 and 0.166, not thirds and sixths; the bits depend on them.
+    if (e == f)
+      out = Times(Sum(b0, a0), 0.5);
+    else if (std::fabs(e - v) < std::fabs(f - v))
+      out = Plus(Times(Sum(b0, a0), 0.334), Times(Sum(am, bm), 0.166));
+    else
+      out = Plus(Times(Sum(b0, a0), 0.334), Times(Sum(bp, ap), 0.166));
   }
+  StorePixel<T>(o, out);
 }
 
-// Method 4 at column x (2 <= x <= width - 3).
+// Method 4 at one column: columns x - 2 .. x + 2 of the row above (a) and below (b).
 template <class T>
-inline void EdgeFivePixel(unsigned char* out, const unsigned char* aRow,
-                          const unsigned char* bRow, int32_t x) {
-  const FieldPixel<T> am2 = LoadPixel<T>(aRow, x - 2), am1 = LoadPixel<T>(aRow, x - 1),
-                      a0 = LoadPixel<T>(aRow, x), ap1 = LoadPixel<T>(aRow, x + 1),
-                      ap2 = LoadPixel<T>(aRow, x + 2);
-  const FieldPixel<T> bm2 = LoadPixel<T>(bRow, x - 2), bm1 = LoadPixel<T>(bRow, x - 1),
-                      b0 = LoadPixel<T>(bRow, x), bp1 = LoadPixel<T>(bRow, x + 1),
-                      bp2 = LoadPixel<T>(bRow, x + 2);
+inline void EdgeFivePixel(unsigned char* o, FieldPixel am2, FieldPixel am1, FieldPixel a0,
+                          FieldPixel ap1, FieldPixel ap2, FieldPixel bm2, FieldPixel bm1,
+                          FieldPixel b0, FieldPixel bp1, FieldPixel bp2) {
   const float m[5] = {Distance(b0, a0), Distance(bm1, a0), Distance(bp1, a0), Distance(b0, am1),
                       Distance(b0, ap1)};
   // kept: index 4 stands first and only a strictly smaller distance wins, so ties keep 4
@@ -146,30 +165,15 @@ inline void EdgeFivePixel(unsigned char* out, const unsigned char* aRow,
   int32_t best = 4;
   for (int32_t i = 0; i < 4; ++i)
     if (m[i] < m[best]) best = i;
-  unsigned char* o = out + x * (kChannels * static_cast<int32_t>(sizeof(T)));
-  for (int32_t c = 0; c < kChannels; ++c) {
-    double value;
-    switch (best) {
-      case 0: value = static_cast<double>(a0.c[c] + b0.c[c]) * 0.5; break;
-      case 1:
-        value = static_cast<double>(am1.c[c] + bm2.c[c] + b0.c[c] + ap1.c[c]) * 0.1 +
-                static_cast<double>(bm1.c[c] + a0.c[c]) * 0.3;
-        break;
-      case 2:
-        value = static_cast<double>(am1.c[c] + bp2.c[c] + b0.c[c] + ap1.c[c]) * 0.1 +
-                static_cast<double>(bp1.c[c] + a0.c[c]) * 0.3;
-        break;
-      case 3:
-        value = static_cast<double>(am2.c[c] + bm1.c[c] + bp1.c[c] + a0.c[c]) * 0.1 +
-                static_cast<double>(b0.c[c] + am1.c[c]) * 0.3;
-        break;
-      default:
-        value = static_cast<double>(ap2.c[c] + bm1.c[c] + bp1.c[c] + a0.c[c]) * 0.1 +
-                static_cast<double>(b0.c[c] + ap1.c[c]) * 0.3;
-        break;
-    }
-    StoreSample<T>(o + c * sizeof(T), value);
+  FieldWide out;
+  switch (best) {
+    case 0: out = Times(Sum(a0, b0), 0.5); break;
+    case 1: out = Plus(Times(Sum(am1, bm2, b0, ap1), 0.1), Times(Sum(bm1, a0), 0.3)); break;
+    case 2: out = Plus(Times(Sum(am1, bp2, b0, ap1), 0.1), Times(Sum(bp1, a0), 0.3)); break;
+    case 3: out = Plus(Times(Sum(am2, bm1, bp1, a0), 0.1), Times(Sum(b0, am1), 0.3)); break;
+    default: out = Plus(Times(Sum(ap2, bm1, bp1, a0), 0.1), Times(Sum(b0, ap1), 0.3)); break;
   }
+  StorePixel<T>(o, out);
 }
 
 // Method 1, any data type: whole pixels copied from the kept neighbour, this worker's
@@ -202,17 +206,35 @@ void FieldColumns(int32_t /*thread*/, uint8_t /*reporter*/, int32_t firstColumn,
     if (x0 < 2) x0 = 2;
     if (x1 > image->width - 3) x1 = image->width - 3;
   }
+  constexpr int32_t pixelBytes = kChannels * static_cast<int32_t>(sizeof(T));
   for (int32_t y = walk.first; y >= 0; y -= 2) {
     const unsigned char* above = image->Row(walk.Above(y));
     const unsigned char* below = image->Row(walk.Below(y));
     unsigned char* out = image->Row(y);
-    for (int32_t x = x0; x <= x1; ++x) {
-      if (M == 2)
-        AveragePixel<T>(out, above, below, x);
-      else if (M == 3)
-        EdgeThreePixel<T>(out, above, below, x);
-      else
-        EdgeFivePixel<T>(out, above, below, x);
+    if constexpr (M == 2) {
+      for (int32_t x = x0; x <= x1; ++x) AveragePixel<T>(out, above, below, x);
+    } else if constexpr (M == 3) {
+      if (x0 > x1) continue;
+      // The neighbours slide along in registers; each pixel is loaded once.
+      FieldPixel am = LoadPixel<T>(above, x0 - 1), a0 = LoadPixel<T>(above, x0);
+      FieldPixel bm = LoadPixel<T>(below, x0 - 1), b0 = LoadPixel<T>(below, x0);
+      for (int32_t x = x0; x <= x1; ++x) {
+        const FieldPixel ap = LoadPixel<T>(above, x + 1), bp = LoadPixel<T>(below, x + 1);
+        EdgeThreePixel<T>(out + x * pixelBytes, am, a0, ap, bm, b0, bp);
+        am = a0, a0 = ap, bm = b0, b0 = bp;
+      }
+    } else {
+      if (x0 > x1) continue;
+      FieldPixel a0 = LoadPixel<T>(above, x0 - 2), a1 = LoadPixel<T>(above, x0 - 1),
+                 a2 = LoadPixel<T>(above, x0), a3 = LoadPixel<T>(above, x0 + 1);
+      FieldPixel b0 = LoadPixel<T>(below, x0 - 2), b1 = LoadPixel<T>(below, x0 - 1),
+                 b2 = LoadPixel<T>(below, x0), b3 = LoadPixel<T>(below, x0 + 1);
+      for (int32_t x = x0; x <= x1; ++x) {
+        const FieldPixel a4 = LoadPixel<T>(above, x + 2), b4 = LoadPixel<T>(below, x + 2);
+        EdgeFivePixel<T>(out + x * pixelBytes, a0, a1, a2, a3, a4, b0, b1, b2, b3, b4);
+        a0 = a1, a1 = a2, a2 = a3, a3 = a4;
+        b0 = b1, b1 = b2, b2 = b3, b3 = b4;
+      }
     }
   }
 }
