@@ -1,6 +1,8 @@
 // flowblur: the warp folder's private helpers: mesh records, the one triangle scan converter,
 // guarded source cells and a buffer from the library's allocator.
 #pragma once
+#include <xmmintrin.h>
+
 #include <cmath>
 #include <cstdint>
 
@@ -103,14 +105,24 @@ inline void Span(int32_t row, float leftX, float leftA, float leftB, float right
 // nothing, and two lower corners lying exactly on the last row draw that row as a flat
 // bottom. Any float input is safe: NaN and infinite coordinates clip or draw nothing, and
 // plot() only ever gets x in 0..maxX and y in 0..maxY (its values may be anything).
+//
+// Band: only rows bandFirst..bandLast (inclusive) are plotted. The edges are still set up
+// and stepped from the triangle's own first row, so every plotted pixel gets exactly the
+// bits of a scan over the whole target; a walk split into bands of rows, each band walking
+// the mesh in order, writes what one walk writes.
 template <class Vertex, class Plot>
 inline void ScanTriangle(const Vertex& v0, const Vertex& v1, const Vertex& v2, float maxX,
-                         float maxY, Plot& plot) {
+                         float maxY, Plot& plot, int32_t bandFirst, int32_t bandLast) {
   using meshscan::Point;
   if (v0.targetX < 0.0f && v1.targetX < 0.0f && v2.targetX < 0.0f) return;
   if (v0.targetY < 0.0f && v1.targetY < 0.0f && v2.targetY < 0.0f) return;
   if (v0.targetX > maxX && v1.targetX > maxX && v2.targetX > maxX) return;
   if (v0.targetY > maxY && v1.targetY > maxY && v2.targetY > maxY) return;
+  const float first = static_cast<float>(bandFirst);
+  const float last = static_cast<float>(bandLast);
+  // Wholly above or below the band: no row of it (flat bottom included) is in the band.
+  if (v0.targetY < first && v1.targetY < first && v2.targetY < first) return;
+  if (v0.targetY > last && v1.targetY > last && v2.targetY > last) return;
 
   // Stable sort by y: equal rows keep the mesh order of the vertices.
   Point p[3] = {{v0.targetX, v0.targetY, ScanValueA(v0), ScanValueB(v0)},
@@ -131,7 +143,7 @@ inline void ScanTriangle(const Vertex& v0, const Vertex& v1, const Vertex& v2, f
   TriangleEdge edges[2];
   int32_t live = 0;
   int32_t next = 0;
-  for (float y = firstRow; y <= lastRow; y += 1.0f) {
+  for (float y = firstRow; y <= lastRow && y <= last; y += 1.0f) {
     while (next < 3 && p[next].y <= y) {
       // Retire edges whose lower end has been reached; a second edge moves up.
       for (int32_t e = 0; e < live;) {
@@ -150,18 +162,26 @@ inline void ScanTriangle(const Vertex& v0, const Vertex& v1, const Vertex& v2, f
         if (!(upper.y <= y && lower.y > y) || live == 2) continue;
         TriangleEdge& e = edges[live++];
         const float height = lower.y - upper.y;
-        const float reach = ((y - 1.0f) - upper.y) / height;  // starts one row above
+        const float dx = lower.x - upper.x;
+        const float da = lower.a - upper.a;
+        const float db = lower.b - upper.b;
+        // The four quotients by the edge's height in one vector division: each lane is the
+        // correctly rounded scalar quotient, so the bits are those of four divisions.
+        alignas(16) float q[4];
+        _mm_store_ps(q, _mm_div_ps(_mm_setr_ps(dx, da, db, (y - 1.0f) - upper.y),
+                                   _mm_set1_ps(height)));
+        const float reach = q[3];  // the edge starts one row above
         e.upperX = upper.x;
         e.lowerX = lower.x;
         e.upperY = upper.y;
         e.lowerY = lower.y;
-        e.x = upper.x + reach * (lower.x - upper.x);
-        e.sourceX = upper.a + reach * (lower.a - upper.a);
-        e.sourceY = upper.b + reach * (lower.b - upper.b);
+        e.x = upper.x + reach * dx;
+        e.sourceX = upper.a + reach * da;
+        e.sourceY = upper.b + reach * db;
         e.unused0 = 0.0f;
-        e.stepX = (lower.x - upper.x) / height;
-        e.stepSourceX = (lower.a - upper.a) / height;
-        e.stepSourceY = (lower.b - upper.b) / height;
+        e.stepX = q[0];
+        e.stepSourceX = q[1];
+        e.stepSourceY = q[2];
         e.unused1 = 0.0f;
       }
       ++next;
@@ -171,7 +191,7 @@ inline void ScanTriangle(const Vertex& v0, const Vertex& v1, const Vertex& v2, f
       edges[e].sourceX += edges[e].stepSourceX;
       edges[e].sourceY += edges[e].stepSourceY;
     }
-    if (live == 2) {
+    if (live == 2 && y >= first) {
       const TriangleEdge& l = edges[1].x < edges[0].x ? edges[1] : edges[0];
       const TriangleEdge& r = edges[1].x < edges[0].x ? edges[0] : edges[1];
       meshscan::Span(static_cast<int32_t>(y), l.x, l.sourceX, l.sourceY, r.x, r.sourceX,
@@ -186,10 +206,17 @@ inline void ScanTriangle(const Vertex& v0, const Vertex& v1, const Vertex& v2, f
     const Point& r = middleLeft ? p[2] : p[1];
     if (l.y >= 0.0f && l.y < maxY + 1.0f) {
       const int32_t row = static_cast<int32_t>(l.y);
-      if (l.y - static_cast<float>(row) <= kScanFlatBottomTolerance && row <= maxY)
+      if (l.y - static_cast<float>(row) <= kScanFlatBottomTolerance && row <= maxY &&
+          row >= bandFirst && row <= bandLast)
         meshscan::Span(row, l.x, l.a, l.b, r.x, r.a, r.b, maxX, kScanNarrowestFlatBottom, plot);
     }
   }
+}
+
+template <class Vertex, class Plot>
+inline void ScanTriangle(const Vertex& v0, const Vertex& v1, const Vertex& v2, float maxX,
+                         float maxY, Plot& plot) {
+  ScanTriangle(v0, v1, v2, maxX, maxY, plot, 0, static_cast<int32_t>(maxY));
 }
 
 // The cell of a bilinear read along one axis: index i and fraction t, with the cell slid

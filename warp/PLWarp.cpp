@@ -3,6 +3,7 @@
 #include "warp/PLWarp.h"
 
 #include <cstdio>
+#include <limits>
 #include <memory>
 #include <type_traits>
 
@@ -10,6 +11,7 @@
 #include "image/PLDispatch.h"
 #include "image/PLImageCopy.h"
 #include "image/PLPixelConvert.h"
+#include "runtime/NuvMP.h"
 #include "warp/PLMeshScan.h"
 
 // What Warp hands the walkers.
@@ -183,60 +185,148 @@ inline void FlowAt(const PLImage* flow, float fx, float fy, int32_t a, int32_t b
   *v = out[1];
 }
 
-// The walker for one layout and one write rule: mesh points a row at a time, then the two
-// triangles of each cell in mesh order.
+// Values fixed for one walk.
+struct MeshGeometry {
+  float scale, fx, fy, gx, gy, maxX, maxY;
+};
+
+MeshGeometry MakeGeometry(const MeshWarpJob& job, float amount) {
+  MeshGeometry g;
+  const int32_t sw = job.sourceWidth;
+  // One scale for x and y alike, from the widths: the target's height plays no part.
+  g.scale = static_cast<float>(job.targetWidth - 1) / static_cast<float>(sw - 1);
+  g.fx = static_cast<float>(job.flowWidth - 1) / static_cast<float>(sw - 1);
+  g.fy = static_cast<float>(job.flowHeight - 1) / static_cast<float>(job.sourceHeight - 1);
+  g.gx = amount / g.fx;
+  g.gy = amount / g.fy;
+  g.maxX = static_cast<float>(job.targetWidth - 1);
+  g.maxY = static_cast<float>(job.targetHeight - 1);
+  return g;
+}
+
+// Mesh point (a, b): source position (a, b), target ((gx u + a) scale, (gy v + b) scale).
+inline MeshVertex MeshPoint(const MeshWarpJob& job, const MeshGeometry& g, int32_t a,
+                            int32_t b) {
+  float u, v;
+  FlowAt(job.flow, g.fx, g.fy, a, b, &u, &v);
+  return MeshVertex{(g.gx * u + static_cast<float>(a)) * g.scale,
+                    (g.gy * v + static_cast<float>(b)) * g.scale, static_cast<float>(a),
+                    static_cast<float>(b), 0.0f};
+}
+
+void MeshRow(const MeshWarpJob& job, const MeshGeometry& g, int32_t b, MeshVertex* out) {
+  for (int32_t a = 0; a < job.sourceWidth; ++a) out[a] = MeshPoint(job, g, a, b);
+}
+
+// The target rows each mesh row reaches: the least and greatest target y of its points
+// (-inf and +inf for a row with a NaN, so that it is never passed over).
+void MeshRowReachWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
+  const MeshWarpJob* job = args->Next<const MeshWarpJob*>();
+  const MeshGeometry* g = args->Next<const MeshGeometry*>();
+  float* least = args->Next<float*>();
+  float* greatest = args->Next<float*>();
+  const float inf = std::numeric_limits<float>::infinity();
+  for (int32_t b = firstRow; b <= lastRow; ++b) {
+    float lo = inf, hi = -inf;
+    for (int32_t a = 0; a < job->sourceWidth; ++a) {
+      const float y = MeshPoint(*job, *g, a, b).targetY;
+      if (y != y) {
+        lo = -inf;
+        hi = inf;
+        break;
+      }
+      lo = y < lo ? y : lo;
+      hi = y > hi ? y : hi;
+    }
+    least[b] = lo;
+    greatest[b] = hi;
+  }
+}
+
+// The walker for one layout and one write rule, over one band of target rows: every cell
+// in mesh order whose two mesh rows reach the band, two triangles each, drawn only inside
+// the band. Bands split the target's rows, so workers write disjoint rows, and each pixel
+// sees the writes of one walk in mesh order: the result is that of a single walk.
+template <class S, class D, int32_t C, bool Bilinear, bool Average>
+void WalkMeshBand(int32_t thread, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
+  const MeshWarpJob* job = args->Next<const MeshWarpJob*>();
+  const MeshGeometry* g = args->Next<const MeshGeometry*>();
+  const float* least = args->Next<const float*>();
+  const float* greatest = args->Next<const float*>();
+  MeshVertex* lines = args->Next<MeshVertex*>();
+  const int32_t sw = job->sourceWidth;
+  MeshVertex* upper = lines + 2 * static_cast<int64_t>(sw) * thread;  // this worker's pair
+  MeshVertex* lower = upper + sw;
+  int32_t upperRow = -1, lowerRow = -1;
+  const float first = static_cast<float>(firstRow), last = static_cast<float>(lastRow);
+  MeshPlot<S, D, C, Bilinear, Average> plot{job->source, job->target, job->counts};
+  for (int32_t j = 0; j < job->sourceHeight - 1; ++j) {
+    const float lo = least[j] < least[j + 1] ? least[j] : least[j + 1];
+    const float hi = greatest[j] > greatest[j + 1] ? greatest[j] : greatest[j + 1];
+    if (hi < first || lo > last) continue;
+    if (upperRow != j) {
+      if (lowerRow == j) {
+        MeshVertex* swap = upper;
+        upper = lower;
+        lower = swap;
+        lowerRow = -1;
+      } else {
+        MeshRow(*job, *g, j, upper);
+      }
+      upperRow = j;
+    }
+    if (lowerRow != j + 1) {
+      MeshRow(*job, *g, j + 1, lower);
+      lowerRow = j + 1;
+    }
+    for (int32_t i = 0; i < sw - 1; ++i) {
+      ScanTriangle(upper[i], upper[i + 1], lower[i], g->maxX, g->maxY, plot, firstRow, lastRow);
+      // The second triangle: the cell's fourth point takes the first one's place.
+      ScanTriangle(lower[i + 1], upper[i + 1], lower[i], g->maxX, g->maxY, plot, firstRow,
+                   lastRow);
+    }
+  }
+}
+
+// Clears the job's unread words, finds the rows each mesh row reaches, then walks the mesh
+// in bands of target rows.
 template <class S, class D, int32_t C, bool Bilinear, bool Average>
 void WalkMesh(MeshWarpJob* job, float amount) {
   job->secondMesh[0] = 0;
   job->secondMesh[1] = 0;
-  const int32_t sw = job->sourceWidth;
+  const MeshGeometry g = MakeGeometry(*job, amount);
   const int32_t sh = job->sourceHeight;
-  // One scale for x and y alike, from the widths: the target's height plays no part.
-  const float scale = static_cast<float>(job->targetWidth - 1) / static_cast<float>(sw - 1);
-  const float fx = static_cast<float>(job->flowWidth - 1) / static_cast<float>(sw - 1);
-  const float fy = static_cast<float>(job->flowHeight - 1) / static_cast<float>(sh - 1);
-  const float gx = amount / fx;
-  const float gy = amount / fy;
-  const float maxX = static_cast<float>(job->targetWidth - 1);
-  const float maxY = static_cast<float>(job->targetHeight - 1);
-
-  ScanBuffer<MeshVertex> lines(2 * static_cast<int64_t>(sw));
-  MeshVertex* upper = lines.get();
-  MeshVertex* lower = upper + sw;
-  auto meshRow = [&](int32_t b, MeshVertex* out) {
-    for (int32_t a = 0; a < sw; ++a) {
-      float u, v;
-      FlowAt(job->flow, fx, fy, a, b, &u, &v);
-      out[a].targetX = (gx * u + static_cast<float>(a)) * scale;
-      out[a].targetY = (gy * v + static_cast<float>(b)) * scale;
-      out[a].sourceX = static_cast<float>(a);
-      out[a].sourceY = static_cast<float>(b);
-      out[a].carried = 0.0f;
+  ScanBuffer<float> reach(2 * static_cast<int64_t>(sh));
+  float* least = reach.get();
+  float* greatest = least + sh;
+  const int32_t bands = NuvMPThreadsForRows(job->targetHeight);
+  if (bands > 1) {
+    PLForkImageRows(sh, MeshRowReachWorker, static_cast<const MeshWarpJob*>(job), &g, least,
+                    greatest);
+  } else {
+    // One band holds every row: no mesh row is passed over, none needs its reach.
+    for (int32_t b = 0; b < sh; ++b) {
+      least[b] = -std::numeric_limits<float>::infinity();
+      greatest[b] = std::numeric_limits<float>::infinity();
     }
-  };
-
-  MeshPlot<S, D, C, Bilinear, Average> plot{job->source, job->target, job->counts};
-  meshRow(0, upper);
-  for (int32_t j = 0; j < sh - 1; ++j) {
-    meshRow(j + 1, lower);
-    for (int32_t i = 0; i < sw - 1; ++i) {
-      ScanTriangle(upper[i], upper[i + 1], lower[i], maxX, maxY, plot);
-      // The second triangle: the cell's fourth point takes the first one's place.
-      ScanTriangle(lower[i + 1], upper[i + 1], lower[i], maxX, maxY, plot);
-    }
-    MeshVertex* swap = upper;
-    upper = lower;
-    lower = swap;
   }
+  ScanBuffer<MeshVertex> lines(2 * static_cast<int64_t>(job->sourceWidth) * bands);
+  NuvMPFork(bands, job->targetHeight, WalkMeshBand<S, D, C, Bilinear, Average>,
+            static_cast<const MeshWarpJob*>(job), &g, static_cast<const float*>(least),
+            static_cast<const float*>(greatest), lines.get());
 }
 
-// Every hit pixel divided by its count as a float. kept: the count sits in the lowest byte
-// of the pixel, so the divisor is a subnormal float (count x 2^-149) and not the count; the
-// callers' results were made with this division, and tidying it would change them.
+// Every hit pixel divided by its count as a float, rows in parallel. kept: the count sits in
+// the lowest byte of the pixel, so the divisor is a subnormal float (count x 2^-149) and not
+// the count; the callers' results were made with this division, and tidying it would change
+// them.
 template <class D, int32_t C>
-void DivideByCounts(PLImage* target, const PLImage* counts, float roundingAddend) {
+void DivideByCountsWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
+  PLImage* target = args->Next<PLImage*>();
+  const PLImage* counts = args->Next<const PLImage*>();
+  const float roundingAddend = *args->Next<const float*>();
   constexpr int32_t kSample = static_cast<int32_t>(sizeof(D));
-  for (int32_t y = 0; y < target->height; ++y) {
+  for (int32_t y = firstRow; y <= lastRow; ++y) {
     const unsigned char* countRow = counts->Row(y);
     unsigned char* row = target->Row(y);
     for (int32_t x = 0; x < target->width; ++x) {
@@ -249,12 +339,22 @@ void DivideByCounts(PLImage* target, const PLImage* counts, float roundingAddend
   }
 }
 
+template <class D, int32_t C>
+void DivideByCounts(PLImage* target, const PLImage* counts, float roundingAddend) {
+  PLForkImageRows(target->height, DivideByCountsWorker<D, C>, target, counts, &roundingAddend);
+}
+
 // r = max/min(r, b) by combine, then mix * b + (1 - mix) * r + 0.5 through the per-sample
-// writer. The + 0.5 is added for every type, Float included, as the mix is defined.
-void MixBackground(PLImage* destination, const PLImage* background, int32_t combine, float mix) {
+// writer, rows in parallel. The + 0.5 is added for every type, Float included, as the mix
+// is defined.
+void MixBackgroundWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
+  PLImage* destination = args->Next<PLImage*>();
+  const PLImage* background = args->Next<const PLImage*>();
+  const int32_t combine = args->Next<int32_t>();
+  const float mix = *args->Next<const float*>();
   PLSampleConverter write = PLGetSampleWriter(destination->dataType);
   const int32_t channels = destination->channels;
-  for (int32_t y = 0; y < destination->height; ++y)
+  for (int32_t y = firstRow; y <= lastRow; ++y)
     for (int32_t x = 0; x < destination->width; ++x) {
       unsigned char* d = destination->PixelAddress(x, y);
       const unsigned char* b = background->PixelAddress(x, y);
@@ -374,6 +474,8 @@ int32_t Warp(PLImage* destination, const PLImage* source, const PLImage* flow,
     else
       PLZoom(destination, temporary.get(), PLTriangleFilter, nullptr, kPLTriangleSupport);
   }
-  if (background != nullptr) MixBackground(destination, background, combine, mix);
+  if (background != nullptr)
+    PLForkImageRows(destination->height, MixBackgroundWorker, destination, background, combine,
+                    &mix);
   return 1;
 }
