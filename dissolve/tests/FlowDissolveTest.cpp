@@ -251,22 +251,6 @@ TEST(FlowDissolve, SmallImagesBlendAtOneRate) {
     }
 }
 
-// At t = 1 every level takes imageA, at t = 0 imageB: the sum gives the image back within
-// the rounding of the levels.
-TEST(FlowDissolve, PyramidBlendEndsAreTheImages) {
-  TestImage a = Picture(90, 70, 3, 13), b = Picture(90, 70, 3, 14);
-  TestImage dst = MakeImage(90, 70, 3, PLUChar);
-  TestImage flow = SmoothFlow(90, 70, 2, 0);
-  for (float t : {0.0f, 1.0f}) {
-    PLFlowDissolve(t, dst.get(), a.get(), flow.get(), b.get(), nullptr, 6);
-    const PLImage* want = t == 1.0f ? a.get() : b.get();
-    for (int32_t y = 0; y < 70; ++y)
-      for (int32_t x = 0; x < 90; ++x)
-        for (int32_t c = 0; c < 3; ++c)
-          ASSERT_NEAR(Get(dst.get(), x, y, c), Get(want, x, y, c), 1.0) << t;
-  }
-}
-
 // ---- Failures and workers ----------------------------------------------------------------
 
 void* FailLarge(void* limit, uint64_t size) {
