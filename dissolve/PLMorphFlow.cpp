@@ -8,6 +8,7 @@
 #include "filter/PLKernels.h"
 #include "filter/PLResize.h"
 #include "flow/PLFlowStages.h"
+#include "flow/PLOpticalFlowUChar.h"
 #include "image/PLImageArith.h"
 #include "image/PLImageCopy.h"
 #include "image/PLPixelConvert.h"
@@ -30,19 +31,6 @@ void DeletePyramid(PLImage**& pyramid, int32_t count) {
   for (int32_t i = 0; i < count; ++i) delete pyramid[i];
   NuvMemFree(pyramid);
   pyramid = nullptr;
-}
-
-// Level sizes as the estimator has them: max(2, half) per halving, truncating.
-void LevelSize(int32_t workWidth, int32_t workHeight, int32_t level, int32_t* width,
-               int32_t* height) {
-  int32_t w = workWidth;
-  int32_t h = workHeight;
-  for (int32_t i = 0; i < level; ++i) {
-    w = w / 2 > 2 ? w / 2 : 2;
-    h = h / 2 > 2 ? h / 2 : 2;
-  }
-  *width = w;
-  *height = h;
 }
 
 // The estimator's start-level rule (PLOpticalFlowUChar::GetStartLevel, reachable there only
@@ -310,7 +298,7 @@ void PLMorphFlow::Construct(int32_t throwOnError, int32_t width, int32_t height,
     for (int32_t p = 0; p < 4; ++p) {
       for (int32_t level = 0; level < count; ++level) {
         int32_t lw, lh;
-        LevelSize(w, h, level, &lw, &lh);
+        PLFlowLevelSize(w, h, level, &lw, &lh);  // the estimator's sizes: max(2, half)
         PLImage* image = NUV_NEW PLImage(0, lw, lh, channels[p], PLFloat, 0);
         (*pyramids[p])[level] = image;
         if (image->errorCode != 0) throw static_cast<PLErr>(image->errorCode);
