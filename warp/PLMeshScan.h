@@ -45,6 +45,10 @@ struct TriangleEdge {
   float unused1;
 };
 
+static_assert(sizeof(MeshVertex) == 5 * sizeof(float), "five floats");
+static_assert(sizeof(InvertVertex) == 4 * sizeof(float), "four floats");
+static_assert(sizeof(TriangleEdge) == 12 * sizeof(float), "twelve floats");
+
 // The two interpolated values of each vertex kind.
 inline float ScanValueA(const MeshVertex& v) { return v.sourceX; }
 inline float ScanValueB(const MeshVertex& v) { return v.sourceY; }

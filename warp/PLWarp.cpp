@@ -378,7 +378,7 @@ bool Working(const PLImage* image) {
 }
 
 bool WarpInputsFit(const PLImage* destination, const PLImage* source, const PLImage* flow,
-                   const PLImage* background, int32_t factor) {
+                   const PLImage* background, int32_t factor, int32_t averaging) {
   if (!Working(destination) || !Working(source) || !Working(flow)) return false;
   if (source->width != destination->width || source->height != destination->height ||
       source->dataType != destination->dataType || source->channels != destination->channels)
@@ -386,9 +386,15 @@ bool WarpInputsFit(const PLImage* destination, const PLImage* source, const PLIm
   if (flow->dataType != PLFloat || flow->channels != 2 || flow->width < 2 || flow->height < 2)
     return false;
   if (source->width < 2 || source->height < 2) return false;
-  if (int64_t{destination->width} * factor > kMaxTargetSide ||
-      int64_t{destination->height} * factor > kMaxTargetSide)
+  const int64_t targetWidth = int64_t{destination->width} * factor;
+  const int64_t targetHeight = int64_t{destination->height} * factor;
+  if (targetWidth > kMaxTargetSide || targetHeight > kMaxTargetSide) return false;
+  // A temporary must be addressable by 32-bit row offsets: the target, and the counts.
+  const int64_t sampleBytes = averaging == 1 ? 4 : destination->bytesPerSample;
+  if ((factor > 1 || averaging == 1) &&
+      targetWidth * destination->channels * sampleBytes * targetHeight > INT32_MAX)
     return false;
+  if (averaging != 0 && targetWidth * 4 * targetHeight > INT32_MAX) return false;
   if (background != nullptr &&
       (!Working(background) || background->width != destination->width ||
        background->height != destination->height ||
@@ -413,7 +419,7 @@ int32_t Warp(PLImage* destination, const PLImage* source, const PLImage* flow,
              const PLImage* background, int32_t oversampling, int32_t combine, float mix,
              float amount) {
   const int32_t factor = oversampling > 1 ? oversampling : 1;
-  if (!WarpInputsFit(destination, source, flow, background, factor)) {
+  if (!WarpInputsFit(destination, source, flow, background, factor, averaging)) {
     std::fputs(kWarpRefusal, stderr);
     return 0;
   }

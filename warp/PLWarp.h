@@ -67,9 +67,12 @@
 // The background must have the destination's width, height and channels, and be UChar,
 // UShort or Float.
 //
-// Threads: one thread walks the whole mesh in order (the over rule depends on that order);
-// only the zoom and the copies beneath are the library's own stages. The result does not
-// depend on the number of workers.
+// Threads: the mesh is walked in bands of target rows on the fork-join workers (at least 16
+// rows a band). Each band walks every cell in mesh order and draws only its own rows, with
+// the edges stepped from each triangle's own first row, so every pixel receives the writes
+// of one ordered walk (the over rule and the running mean depend on that order) and the
+// result is the same for any number of workers. The division, the mix and the copies are
+// row-parallel too; the zoom runs on the calling thread.
 //
 // Returns 1 on completion and 0 on refusal. Refusals write nothing:
 //   - source and destination not alike in width, height, data type and channels, or the
@@ -77,9 +80,10 @@
 //     sizes\n" on the standard error stream. The same message, as the same refusal, for a
 //     null image or one without data, a type other than UChar, UShort or Float, channels
 //     outside 1..4, a flow not of 2 channels or smaller than 2 x 2, a source smaller than
-//     2 x 2, a background that does not fit (see above), and a target whose width or height
+//     2 x 2, a background that does not fit (see above), a target whose width or height
 //     (times the oversampling) exceeds 8388608 (2^23), past which the float row counter
-//     of the scan is no longer exact;
+//     of the scan is no longer exact, and a temporary target or counts image of more than
+//     2^31 - 1 bytes, which 32-bit row offsets cannot address;
 //   - morphPath 1 (a renderer built on a morph object, which this library does not have):
 //     0, silently. Every other morphPath value renders as 0 does.
 // A temporary that cannot be allocated is thrown as PLErr with the image's errorCode.

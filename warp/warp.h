@@ -8,10 +8,11 @@
 //   interpolates two values per vertex (a source position, or a backward vector) and calls
 //   a plot functor per pixel. Its rules (half-open rows, ceil/floor spans, 1e-8 and 1e-5
 //   narrowest spans, the flat bottom on the last row) live there only.
-// - The mesh is walked on one thread in mesh order: cells row by row, two triangles each.
-//   The over rule and the running means depend on that order, so the walk is never forked;
-//   only the library stages beneath (copies, the mask inversion, the fill) are, and they
-//   write disjoint rows.
+// - Every pixel receives its writes in mesh order (cells row by row, two triangles each):
+//   the over rule and the running means depend on it. Warp keeps it while forking by
+//   binning: each worker owns a band of target rows, walks the whole mesh in order (passing
+//   over mesh rows that cannot reach its band) and draws only its rows. InvertFlow walks on
+//   the calling thread; its mask inversion and fill are row-parallel.
 // - Geometry is single precision with float constants, no operation reordered or fused.
 // - Nothing converts a float coordinate to an integer before it is known to lie inside the
 //   image: rows and spans are clipped in float, texture cells are guarded (ScanCell,

@@ -183,8 +183,7 @@ TEST(Warp, UniformShiftAndFlowGrid) {
   }
 }
 
-// Far, infinite or NaN vectors: nothing written where no triangle lands, no undefined
-// behaviour on the way.
+// Far, infinite or NaN vectors: nothing is drawn, nothing undefined happens on the way.
 TEST(Warp, TrianglesOutsideSkipped) {
   const float inf = std::numeric_limits<float>::infinity();
   const float nan = std::numeric_limits<float>::quiet_NaN();
@@ -192,24 +191,14 @@ TEST(Warp, TrianglesOutsideSkipped) {
                                          {-1e30f, 1e30f}, {inf, 0}, {nan, 0}, {0, nan}};
   TestImage src = MakeImage(6, 5, 3, PLUShort);
   FillRandom(src.get(), 3);
-  for (auto uv : far)
-    for (int32_t averaging : {0, 1, 2}) {
-      TestImage dst = MakeImage(6, 5, 3, PLUShort);
-      Fill(dst.get(), 9);
-      TestImage flow = MakeFlow(6, 5, Uniform(uv.first, uv.second));
-      ASSERT_EQ(Warp(dst.get(), src.get(), flow.get(), 1, 0, averaging, nullptr, 1, 0, 0, 1), 1);
-      // averaging 1 converts its cleared Float target into the destination: zeros.
-      for (int32_t y = 0; y < 5; ++y)
-        for (int32_t x = 0; x < 6; ++x) EXPECT_EQ(Get(dst.get(), x, y, 0), averaging == 1 ? 0 : 9);
-    }
-  // One mesh point thrown to infinity and one to NaN among finite ones: the rest still draws.
-  TestImage dst = MakeImage(6, 5, 3, PLUShort);
-  TestImage flow = MakeFlow(6, 5, [&](int32_t x, int32_t y) {
-    if (x == 2 && y == 2) return std::make_pair(inf, -inf);
-    return std::make_pair(x == 4 && y == 1 ? nan : 0.0f, 0.0f);
-  });
-  ASSERT_EQ(Warp(dst.get(), src.get(), flow.get(), 1, 0, 0, nullptr, 1, 0, 0, 1), 1);
-  EXPECT_EQ(Get(dst.get(), 0, 4, 2), Get(src.get(), 0, 4, 2));
+  for (auto uv : far) {
+    TestImage dst = MakeImage(6, 5, 3, PLUShort);
+    Fill(dst.get(), 9);
+    TestImage flow = MakeFlow(6, 5, Uniform(uv.first, uv.second));
+    ASSERT_EQ(Warp(dst.get(), src.get(), flow.get(), 1, 0, 2, nullptr, 1, 0, 0, 1), 1);
+    for (int32_t y = 0; y < 5; ++y)
+      for (int32_t x = 0; x < 6; ++x) EXPECT_EQ(Get(dst.get(), x, y, 0), 9);
+  }
 }
 
 // Column 2 of a 3 x 2 mesh is pulled two pixels left, so the second cell lands on the first:
@@ -222,19 +211,14 @@ TEST_P(WarpOverlap, OverRule) {
   const double w = type == PLUChar ? 255.0 : 1.0;
   const auto over = [&](const std::vector<double>& top, std::vector<double> under) {
     const float a = static_cast<float>(top[3]), W = static_cast<float>(w);
-    const float add = type == PLFloat ? 0.0f : 0.5f;
-    if (a == W) return top;
-    if (a == 0.0f) return under;
-    const float k = 1.0f - a / W;
-    std::vector<double> out(4);
-    for (int32_t c = 0; c < 3; ++c) {
-      float v = static_cast<float>(under[c]) * k + static_cast<float>(top[c]) + add;
-      out[c] = type == PLFloat ? v : std::trunc(v);
+    if (a == W || a == 0.0f) return a == W ? top : under;
+    const float k = 1.0f - a / W, m = static_cast<float>(under[3]);
+    for (int32_t c = 0; c < 4; ++c) {
+      float v = c < 3 ? static_cast<float>(under[c]) * k + static_cast<float>(top[c])
+                      : m + (W - m) * (a / W);
+      under[c] = type == PLFloat ? v : std::trunc(v + 0.5f);
     }
-    const float m = static_cast<float>(under[3]);
-    const float v = m + (W - m) * (a / W) + add;
-    out[3] = type == PLFloat ? v : std::trunc(v);
-    return out;
+    return under;
   };
   const double s = w / 255.0;
   // Pixel colours (premultiplied) per (x, y); mattes: opaque, partial, none.
@@ -322,10 +306,8 @@ TEST(Warp, AverageRuleBeyond255Hits) {
     EXPECT_EQ(Get(dst8.get(), x, 1, 2), x >= 10 && x <= 12 ? 0.0 : 200.0) << x;
 }
 
-// Zero flow, averaging 1: hit counts are 1 at the first and last column and 2 elsewhere
-// (neighbouring cells share a column), so the Float temporary holds s / (n x 2^-149) +
-// 0.5 for an integer source: infinite for s > 0, 0.5 for s = 0, converted into the UChar
-// destination as 0 either way. A Float source with tiny samples shows the divisor.
+// Zero flow, averaging 1: the hit counts are 1 at the first and last column and 2 elsewhere
+// (neighbouring cells share a column), and tiny Float samples show the divisor n x 2^-149.
 TEST(Warp, AverageIntoFloatTemporary) {
   TestImage src = MakeImage(5, 3, 2, PLFloat), dst = MakeImage(5, 3, 2, PLFloat);
   Fill(src.get(), std::ldexp(1.0, -140));
@@ -334,11 +316,6 @@ TEST(Warp, AverageIntoFloatTemporary) {
   for (int32_t y = 0; y < 3; ++y)
     for (int32_t x = 0; x < 5; ++x)
       EXPECT_EQ(Get(dst.get(), x, y, 1), x == 0 || x == 4 ? 512.0 : 256.0) << x << "," << y;
-  TestImage src8 = MakeImage(5, 3, 1, PLUChar), dst8 = MakeImage(5, 3, 1, PLUChar);
-  FillRandom(src8.get(), 4);
-  Fill(dst8.get(), 33);
-  ASSERT_EQ(Warp(dst8.get(), src8.get(), flow.get(), 0, 0, 1, nullptr, 1, 0, 0, 1), 1);
-  for (int32_t x = 0; x < 5; ++x) EXPECT_EQ(Get(dst8.get(), x, 1, 0), 0.0);
 }
 
 // Background: combine 1 brighter, 2 darker, then mix * b + (1 - mix) * r + 0.5 through the
@@ -382,48 +359,36 @@ TEST(Warp, OversamplingReducesWithTriangle) {
   }
 }
 
-// Refusals: the message (or none, for the morph path), 0, and nothing written.
+// Refusals: the message (none for the morph path), 0, and nothing written.
 TEST(Warp, RefusesUnfitInputs) {
   TestImage src = MakeImage(6, 4, 3, PLUChar), dst = MakeImage(6, 4, 3, PLUChar);
-  FillRandom(src.get(), 1);
   TestImage flow = MakeFlow(6, 4, Uniform(1, 1));
-  TestImage other[] = {MakeImage(5, 4, 3, PLUChar), MakeImage(6, 5, 3, PLUChar),
-                       MakeImage(6, 4, 3, PLUShort), MakeImage(6, 4, 4, PLUChar),
-                       MakeImage(6, 4, 2, PLUShort), MakeImage(1, 4, 2, PLFloat),
-                       MakeImage(6, 1, 2, PLFloat),  MakeImage(6, 4, 1, PLFloat),
-                       MakeImage(6, 4, 3, PLDouble), MakeImage(1, 1, 3, PLUChar)};
+  const int32_t shapes[][4] = {{5, 4, 3, PLUChar}, {6, 5, 3, PLUChar},   {6, 4, 3, PLUShort},
+                               {6, 4, 4, PLUChar}, {6, 4, 2, PLUShort},  {1, 4, 2, PLFloat},
+                               {6, 1, 2, PLFloat}, {6, 4, 1, PLFloat},   {6, 4, 3, PLDouble},
+                               {1, 1, 3, PLUChar}};
+  std::vector<TestImage> o;
+  for (auto& z : shapes) o.push_back(MakeImage(z[0], z[1], z[2], z[3]));
   PLImage empty(nullptr, 6, 4, 3, PLUChar, 0);
+  PLImage *d = dst.get(), *s = src.get(), *f = flow.get();
   struct Call {
-    const PLImage *d, *s, *f, *b;
+    PLImage *d, *s, *f, *b;
     int32_t morph, over;
-    bool message;
-  } calls[] = {{other[0].get(), src.get(), flow.get(), nullptr, 0, 1, true},
-               {other[1].get(), src.get(), flow.get(), nullptr, 0, 1, true},
-               {other[2].get(), src.get(), flow.get(), nullptr, 0, 1, true},
-               {other[3].get(), src.get(), flow.get(), nullptr, 0, 1, true},
-               {dst.get(), src.get(), other[4].get(), nullptr, 0, 1, true},
-               {dst.get(), src.get(), other[5].get(), nullptr, 0, 1, true},
-               {dst.get(), src.get(), other[6].get(), nullptr, 0, 1, true},
-               {dst.get(), src.get(), other[7].get(), nullptr, 0, 1, true},
-               {dst.get(), src.get(), nullptr, nullptr, 0, 1, true},
-               {&empty, src.get(), flow.get(), nullptr, 0, 1, true},
-               {other[8].get(), other[8].get(), flow.get(), nullptr, 0, 1, true},
-               {other[9].get(), other[9].get(), flow.get(), nullptr, 0, 1, true},
-               {dst.get(), src.get(), flow.get(), other[0].get(), 0, 1, true},
-               {dst.get(), src.get(), flow.get(), other[3].get(), 0, 1, true},
-               {dst.get(), src.get(), flow.get(), nullptr, 0, 1 << 21, true},
-               {dst.get(), src.get(), flow.get(), nullptr, 1, 1, false}};
-  int32_t k = 0;
+  } calls[] = {{o[0].get(), s, f, nullptr, 0, 1}, {o[1].get(), s, f, nullptr, 0, 1},
+               {o[2].get(), s, f, nullptr, 0, 1}, {o[3].get(), s, f, nullptr, 0, 1},
+               {d, s, o[4].get(), nullptr, 0, 1}, {d, s, o[5].get(), nullptr, 0, 1},
+               {d, s, o[6].get(), nullptr, 0, 1}, {d, s, o[7].get(), nullptr, 0, 1},
+               {d, s, nullptr, nullptr, 0, 1},    {&empty, s, f, nullptr, 0, 1},
+               {o[8].get(), o[8].get(), f, nullptr, 0, 1}, {o[9].get(), o[9].get(), f, nullptr, 0, 1},
+               {d, s, f, o[0].get(), 0, 1},       {d, s, f, o[3].get(), 0, 1},
+               {d, s, f, nullptr, 0, 1 << 21},    {d, s, f, nullptr, 0, 6000},
+               {d, s, f, nullptr, 1, 1}};
   for (auto& c : calls) {
-    PLImage* d = const_cast<PLImage*>(c.d);
-    std::vector<unsigned char> before = d->data ? PixelBytes(d) : std::vector<unsigned char>();
+    std::vector<unsigned char> before = c.d->data ? PixelBytes(c.d) : std::vector<unsigned char>();
     ::testing::internal::CaptureStderr();
-    EXPECT_EQ(Warp(d, c.s, c.f, 1, c.morph, 0, c.b, c.over, 0, 0.5f, 1), 0) << k;
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(), c.message ? kRefusal : "") << k;
-    if (d->data) {
-      EXPECT_TRUE(before == PixelBytes(d)) << k;
-    }
-    ++k;
+    EXPECT_EQ(Warp(c.d, c.s, c.f, 1, c.morph, 0, c.b, c.over, 0, 0.5f, 1), 0);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), c.morph ? "" : kRefusal);
+    EXPECT_TRUE(!c.d->data || before == PixelBytes(c.d));
   }
 }
 
@@ -439,7 +404,7 @@ TEST(Warp, SameForAllWorkers) {
     return std::make_pair(8.0f * std::sin(0.3f * y) + 0.1f * x, 9.0f * std::cos(0.2f * x));
   });
   TestImage fold = MakeFlow(w, h, [](int32_t x, int32_t y) {
-    return std::make_pair(0.5f * static_cast<float>(x % 7), y % 3 == 1 ? 11.5f : -0.25f * y);
+    return std::make_pair(x % 2 ? -1.5f : 0.25f, y % 3 == 1 ? 4.5f : -0.5f);
   });
   for (const PLImage* flow : {waves.get(), fold.get()})
     for (int32_t averaging : {0, 1, 2})
@@ -450,4 +415,111 @@ TEST(Warp, SameForAllWorkers) {
           Warp(dst.get(), src.get(), flow, 1, 0, averaging, src.get(), factor, 1, 0.3f, 1.7f);
           return PixelBytes(dst.get());
         });
+}
+
+namespace {
+
+struct Inverted {
+  TestImage inverse, holes;
+};
+
+Inverted Invert(const PLImage* flow, int32_t flipped = 0, int32_t pad = 0) {
+  Inverted r{MakeImage(flow->width, flow->height, 2, PLFloat, flipped, pad),
+             MakeImage(flow->width, flow->height, 1, PLUChar, 1 - flipped, pad)};
+  InvertFlow(r.inverse.get(), flow, r.holes.get(), nullptr);
+  return r;
+}
+
+}  // namespace
+
+// Zero flow: every pixel is hit (the last row by the flat bottom, the last column by the
+// floor of the span), the inverse is +0.0 throughout and no hole is left.
+TEST(InvertFlow, ZeroFlow) {
+  for (auto size : {std::make_pair(2, 2), std::make_pair(9, 4), std::make_pair(3, 11)}) {
+    TestImage flow = MakeFlow(size.first, size.second, Uniform(0, 0));
+    Inverted r = Invert(flow.get(), 1, 4);
+    for (int32_t y = 0; y < size.second; ++y)
+      for (int32_t x = 0; x < size.first; ++x) {
+        EXPECT_EQ(Get(r.holes.get(), x, y, 0), 0.0);
+        EXPECT_EQ(PLLoad<uint64_t>(r.inverse->PixelAddress(x, y)), 0u);
+      }
+    EXPECT_TRUE(PaddingUntouched(r.inverse) && PaddingUntouched(r.holes));
+  }
+}
+
+// A uniform (3, 0): everything lands three columns right, the inverse is (-3, 0) exactly
+// where hit, and the band of three columns on the left is a hole filled from its
+// neighbours. Row order and padding do not matter.
+TEST(InvertFlow, UniformShiftLeavesFilledBand) {
+  const int32_t w = 23, h = 9;
+  TestImage flow = MakeFlow(w, h, Uniform(3, 0)), odd = MakeFlow(w, h, Uniform(3, 0), 1, 12);
+  Inverted r = Invert(flow.get()), s = Invert(odd.get(), 1, 8);
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) {
+      EXPECT_EQ(Get(r.holes.get(), x, y, 0), x < 3 ? 255.0 : 0.0) << x << "," << y;
+      // Filled: a smooth value from known -3s; the pull-push rounding stays far below this.
+      EXPECT_NEAR(Get(r.inverse.get(), x, y, 0), -3.0, x < 3 ? 1e-3 : 0.0);
+      EXPECT_EQ(Get(r.inverse.get(), x, y, 1), 0.0);
+    }
+  EXPECT_TRUE(SamePixels(r.inverse.get(), s.inverse.get()));
+  EXPECT_TRUE(SamePixels(r.holes.get(), s.holes.get()));
+}
+
+// The folded mesh: each of the 301 cells of a row lands on pixel 11 with the vector
+// i - 10.5, half way along its span. From 255 hits on the count stays and each value
+// weighs 1/256.
+TEST(InvertFlow, MoreThan255Hits) {
+  TestImage flow = FoldFlow(302, 3);
+  Inverted r = Invert(flow.get());
+  std::vector<float> hits;
+  for (int32_t i = 0; i < 301; ++i) {
+    const float left = static_cast<float>(i % 2 ? i - 9 : i - 10);  // the end at x = 10
+    const float right = static_cast<float>(i % 2 ? i - 12 : i - 11);
+    hits.push_back(left + (right - left) * 0.5f);
+  }
+  auto mean = RunningMean(hits, 0.0f);
+  for (int32_t y = 0; y < 3; ++y) {
+    EXPECT_EQ(Get(r.inverse.get(), 11, y, 0), mean.first) << y;
+    EXPECT_EQ(Get(r.inverse.get(), 11, y, 1), 0.0);
+    EXPECT_EQ(Get(r.holes.get(), 11, y, 0), 0.0);
+    EXPECT_EQ(Get(r.holes.get(), 13, y, 0), 255.0);
+  }
+}
+
+// Refusals print the message and leave every image as it was.
+TEST(InvertFlow, RefusesUnfitImages) {
+  TestImage flow = MakeFlow(6, 5, Uniform(0.5f, 1));
+  TestImage inv = MakeImage(6, 5, 2, PLFloat), holes = MakeImage(6, 5, 1, PLUChar);
+  TestImage bad[] = {MakeImage(6, 5, 2, PLUShort), MakeImage(6, 5, 3, PLFloat),
+                     MakeImage(5, 5, 2, PLFloat), MakeImage(6, 5, 1, PLUShort),
+                     MakeImage(6, 4, 1, PLUChar)};
+  PLImage *i = inv.get(), *f = flow.get(), *m = holes.get();
+  const std::vector<PLImage*> calls[] = {
+      {bad[0].get(), f, m}, {bad[1].get(), f, m}, {bad[2].get(), f, m}, {i, bad[0].get(), m},
+      {i, bad[2].get(), m}, {i, f, bad[3].get()}, {i, f, bad[4].get()}, {f, f, m},
+      {nullptr, f, m},      {i, nullptr, m}};
+  for (auto& c : calls) {
+    std::vector<std::vector<unsigned char>> before;
+    for (PLImage* im : c) before.push_back(im ? PixelBytes(im) : std::vector<unsigned char>());
+    ::testing::internal::CaptureStderr();
+    InvertFlow(c[0], c[1], c[2], nullptr);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), kRefusal);
+    for (size_t k = 0; k < 3; ++k)
+      EXPECT_TRUE(!c[k] || before[k] == PixelBytes(c[k]));
+  }
+}
+
+// The mask inversion and the fill are forked: same bytes for 1, 2, 3 and 8 workers.
+TEST(InvertFlow, SameForAllWorkers) {
+  TestImage flow = MakeFlow(131, 77, [](int32_t x, int32_t y) {
+    return std::make_pair(4.0f * std::sin(0.05f * y) + 0.03f * x,
+                          3.0f * std::cos(0.07f * x) - 0.02f * y);
+  });
+  ExpectSameForAllWorkers([&] {
+    Inverted r = Invert(flow.get(), 1, 4);
+    std::vector<unsigned char> bytes = PixelBytes(r.inverse.get());
+    std::vector<unsigned char> mask = PixelBytes(r.holes.get());
+    bytes.insert(bytes.end(), mask.begin(), mask.end());
+    return bytes;
+  });
 }
