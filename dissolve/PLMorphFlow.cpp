@@ -33,25 +33,6 @@ void DeletePyramid(PLImage**& pyramid, int32_t count) {
   pyramid = nullptr;
 }
 
-// The estimator's start-level rule (PLOpticalFlowUChar::GetStartLevel, reachable there only
-// through an estimator object): s = n + log(pow(factor, 2)) / log(2) in double, narrowed
-// once to float.
-void StartLevelOf(int32_t n, float factor, int32_t* level, float* fraction) {
-  const float s = static_cast<float>(static_cast<double>(n) +
-                                     std::log(std::pow(static_cast<double>(factor), 2.0)) /
-                                         std::log(2.0));
-  if (s < 0.0f || s != s) {
-    *level = 0;
-    *fraction = 0.0f;
-  } else if (s >= static_cast<float>(n)) {
-    *level = n - 1;
-    *fraction = 1.0f;
-  } else {
-    *level = static_cast<int32_t>(std::floor(s));
-    *fraction = s - static_cast<float>(*level);
-  }
-}
-
 std::unique_ptr<PLImage> NewFloatImage(int32_t width, int32_t height, int32_t channels) {
   std::unique_ptr<PLImage> image(NUV_NEW PLImage(0, width, height, channels, PLFloat, 0));
   if (image->errorCode != 0) throw static_cast<PLErr>(image->errorCode);
@@ -340,21 +321,8 @@ void PLMorphFlow::ClearHints() {
 void PLMorphFlow::AddHint(float x0, float y0, float x1, float y1, float sourceWidth,
                           float sourceHeight) {
   if (!hintFlowPyramid) return;
-  const float sx = workMaxX / sourceWidth;
-  const float sy = workMaxY / sourceHeight;
-  const float px = x0 * sx;
-  const float py = y0 * sy;
-  const float tx = x1 * sx;
-  const float ty = y1 * sy;
-  // A NaN or huge position truncates to the integer-indefinite value and is dropped.
-  const int32_t ix = PLTruncToInt32(px + 0.5f);
-  const int32_t iy = PLTruncToInt32(py + 0.5f);
-  if (ix < 0 || iy < 0 || ix >= workWidth || iy >= workHeight) return;
-  float* f = FRow(hintFlowPyramid[0], iy) + 2 * ix;
-  float* w = FRow(hintWeightPyramid[0], iy) + ix;
-  f[0] = f[0] + (tx - px);
-  f[1] = f[1] + (ty - py);
-  w[0] = w[0] + 1.0f;
+  PLFlowAddHint(hintFlowPyramid[0], hintWeightPyramid[0], workMaxX, workMaxY, x0, y0, x1, y1,
+                sourceWidth, sourceHeight);
 }
 
 void PLMorphFlow::FinishHints() {
@@ -463,7 +431,7 @@ void PLMorphFlow::SolveFromHints(PLImage* flowOut, NuvIdleAndProgressClass* prog
   Clear(flowPyramid[startLevel]);
   BuildHintPyramids();
   float startFraction = 0.0f;
-  StartLevelOf(numLevels, levelFactor, &startLevel, &startFraction);
+  PLFlowStartLevel(numLevels, levelFactor, &startLevel, &startFraction);
   float doneWork = 0.0f;
 
   for (int32_t level = startLevel; level >= 0; --level) {

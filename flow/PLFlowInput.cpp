@@ -391,21 +391,8 @@ void PLOpticalFlowUChar::ClearFlowHints() {
 void PLOpticalFlowUChar::AddFlowHint(float x0, float y0, float x1, float y1, float sourceWidth,
                                      float sourceHeight) {
   if (!hintFlowPyramid || !hintWeightPyramid) return;
-  const float sx = static_cast<float>(workMaxX) / sourceWidth;
-  const float sy = static_cast<float>(workMaxY) / sourceHeight;
-  const float px = x0 * sx;
-  const float py = y0 * sy;
-  const float tx = x1 * sx;
-  const float ty = y1 * sy;
-  // A NaN or huge position truncates to the integer-indefinite value and is dropped.
-  const int32_t ix = PLTruncToInt32(px + 0.5f);
-  const int32_t iy = PLTruncToInt32(py + 0.5f);
-  if (ix < 0 || iy < 0 || ix >= workWidth || iy >= workHeight) return;
-  float* f = FRow(hintFlowPyramid[0], iy) + 2 * ix;
-  float* w = FRow(hintWeightPyramid[0], iy) + ix;
-  f[0] = f[0] + (tx - px);
-  f[1] = f[1] + (ty - py);
-  w[0] = w[0] + 1.0f;
+  PLFlowAddHint(hintFlowPyramid[0], hintWeightPyramid[0], static_cast<float>(workMaxX),
+                static_cast<float>(workMaxY), x0, y0, x1, y1, sourceWidth, sourceHeight);
 }
 
 void PLOpticalFlowUChar::PinFlowHint(float x, float y, float sourceWidth, float sourceHeight) {

@@ -343,3 +343,42 @@ void Binarise(PLImage* image) {
       row[x] = static_cast<double>(row[x]) >= 0.9999 ? 1.0f : 0.0f;
   }
 }
+
+// ---- Start level and hints, shared by the estimator and the morph flow ------------------
+
+void PLFlowStartLevel(int32_t levels, float levelFactor, int32_t* level, float* fraction) {
+  // The parameter enters squared: s = n + 2 log2(levelFactor), in double, narrowed once.
+  const float s = static_cast<float>(
+      static_cast<double>(levels) +
+      std::log(std::pow(static_cast<double>(levelFactor), 2.0)) / std::log(2.0));
+  if (s < 0.0f || s != s) {  // a NaN factor gives the all-zero outcome of a tiny one
+    *level = 0;
+    *fraction = 0.0f;
+  } else if (s >= static_cast<float>(levels)) {
+    *level = levels - 1;
+    *fraction = 1.0f;
+  } else {
+    *level = static_cast<int32_t>(std::floor(s));
+    *fraction = s - static_cast<float>(*level);
+  }
+}
+
+void PLFlowAddHint(PLImage* hintFlow, PLImage* hintWeight, float workMaxX, float workMaxY,
+                   float x0, float y0, float x1, float y1, float sourceWidth,
+                   float sourceHeight) {
+  const float sx = workMaxX / sourceWidth;
+  const float sy = workMaxY / sourceHeight;
+  const float px = x0 * sx;
+  const float py = y0 * sy;
+  const float tx = x1 * sx;
+  const float ty = y1 * sy;
+  // A NaN or huge position truncates to the integer-indefinite value and is dropped.
+  const int32_t ix = PLTruncToInt32(px + 0.5f);
+  const int32_t iy = PLTruncToInt32(py + 0.5f);
+  if (ix < 0 || iy < 0 || ix >= hintWeight->width || iy >= hintWeight->height) return;
+  float* f = FRow(hintFlow, iy) + 2 * ix;
+  float* w = FRow(hintWeight, iy) + ix;
+  f[0] = f[0] + (tx - px);
+  f[1] = f[1] + (ty - py);
+  w[0] = w[0] + 1.0f;
+}

@@ -4,6 +4,19 @@
 
 #include "image/PLImage.h"
 
+// The start level and its fraction for a pyramid of `levels` levels and a level factor:
+// s = levels + log(pow(factor, 2)) / log(2) in double, narrowed once to float. s below 0 or
+// NaN gives level 0 and fraction 0; s at or beyond `levels` gives the last level and 1.0.
+void PLFlowStartLevel(int32_t levels, float levelFactor, int32_t* level, float* fraction);
+
+// Adds the hint (x0, y0) -> (x1, y1), given in a source of sourceWidth x sourceHeight, to
+// level 0 of a hint pyramid whose last column and row are workMaxX and workMaxY: the vector
+// is added to hintFlow (2 channels) and 1.0 to hintWeight at the pixel nearest the scaled
+// start. A start outside the level, NaN or huge, is dropped.
+void PLFlowAddHint(PLImage* hintFlow, PLImage* hintWeight, float workMaxX, float workMaxY,
+                   float x0, float y0, float x1, float y1, float sourceWidth,
+                   float sourceHeight);
+
 // All images here are Float. Flows are in the internal sign: second(x - u, y - v) matches
 // first(x, y). Each stage forks over the rows of the image it writes; in-place stages touch
 // each pixel only at that pixel. Apart from UpsampleFlow they check nothing: the images

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "flow/PLFlowPrivate.h"
+#include "flow/PLFlowStages.h"
 #include "image/PLImageCopy.h"
 
 // ---- Level geometry ----------------------------------------------------------------------
@@ -152,21 +153,7 @@ PLOpticalFlowUChar::~PLOpticalFlowUChar() { ReleaseAll(); }
 void PLOpticalFlowUChar::SetLevelFactor(float factor) { levelFactor = factor; }
 
 void PLOpticalFlowUChar::GetStartLevel(int32_t* level, float* fraction) const {
-  const int32_t n = numLevels;
-  // The parameter enters squared: s = n + 2 log2(levelFactor), in double, narrowed once.
-  const float s = static_cast<float>(
-      static_cast<double>(n) +
-      std::log(std::pow(static_cast<double>(levelFactor), 2.0)) / std::log(2.0));
-  if (s < 0.0f || s != s) {  // a NaN factor gives the all-zero outcome of a tiny one
-    *level = 0;
-    *fraction = 0.0f;
-  } else if (s >= static_cast<float>(n)) {
-    *level = n - 1;
-    *fraction = 1.0f;
-  } else {
-    *level = static_cast<int32_t>(std::floor(s));
-    *fraction = s - static_cast<float>(*level);
-  }
+  PLFlowStartLevel(numLevels, levelFactor, level, fraction);
 }
 
 // ---- Entry points ------------------------------------------------------------------------
