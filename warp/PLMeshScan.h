@@ -45,6 +45,24 @@ struct TriangleEdge {
   float unused1;
 };
 
+// What Warp hands its walkers.
+struct MeshWarpJob {
+  const PLImage* source;
+  PLImage* target;
+  uint64_t secondMesh[2];  // cleared by the walkers, read by nothing here
+  const PLImage* flow;
+  PLImage* counts;  // average rule: 1 channel Float, the hit count in each pixel's lowest byte
+  int32_t flowWidth;
+  int32_t flowHeight;
+  int32_t targetHeight;
+  int32_t targetWidth;
+  int32_t sourceWidth;
+  int32_t sourceHeight;
+  int32_t averaging;
+  int32_t bilinearSource;
+  float roundingAddend;  // 0.5, or 0.0 for a Float source
+};
+
 static_assert(sizeof(MeshVertex) == 5 * sizeof(float), "five floats");
 static_assert(sizeof(InvertVertex) == 4 * sizeof(float), "four floats");
 static_assert(sizeof(TriangleEdge) == 12 * sizeof(float), "twelve floats");

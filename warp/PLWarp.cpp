@@ -14,24 +14,6 @@
 #include "runtime/NuvMP.h"
 #include "warp/PLMeshScan.h"
 
-// What Warp hands the walkers.
-struct MeshWarpJob {
-  const PLImage* source;
-  PLImage* target;
-  uint64_t secondMesh[2];  // cleared by the walkers, read by nothing here
-  const PLImage* flow;
-  PLImage* counts;  // average rule: 1 channel Float, the hit count in each pixel's lowest byte
-  int32_t flowWidth;
-  int32_t flowHeight;
-  int32_t targetHeight;
-  int32_t targetWidth;
-  int32_t sourceWidth;
-  int32_t sourceHeight;
-  int32_t averaging;
-  int32_t bilinearSource;
-  float roundingAddend;  // 0.5, or 0.0 for a Float source
-};
-
 namespace {
 
 const char kWarpRefusal[] = "can't warp image, input files not of correct types and sizes\n";
