@@ -101,7 +101,8 @@ bool InvertInputsFit(const PLImage* inverse, const PLImage* flow, const PLImage*
   if (inverse->width != flow->width || inverse->height != flow->height ||
       holes->width != flow->width || holes->height != flow->height)
     return false;
-  return inverse != flow && inverse->data != flow->data;
+  return !SharesMemory(inverse, flow) && !SharesMemory(holes, flow) &&
+         !SharesMemory(holes, inverse);
 }
 
 }  // namespace

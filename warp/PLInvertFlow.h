@@ -25,8 +25,9 @@
 //
 // Refusals print "can't warp image, input files not of correct types and sizes\n" on the
 // standard error stream and leave every image untouched: a null image or one without data,
-// any type, channel or size mismatch above, a width or height above 8388608 (2^23), and an
-// `inverse` that is the flow itself (the clearing would wipe it before it is read).
+// any type, channel or size mismatch above, a width or height above 8388608 (2^23), and
+// any two of the three images sharing memory (the clearing would wipe the flow before it is
+// read).
 //
 // Threads: the mesh walk runs on the calling thread in mesh order; the mask inversion and
 // the fill are row-parallel. The result does not depend on the number of workers.

@@ -265,6 +265,21 @@ inline int32_t ScanNearest(float p, int32_t last) {
   return 0;
 }
 
+// Whether the pixel memory of two images (from the lowest to the highest stored row) overlaps.
+inline bool SharesMemory(const PLImage* a, const PLImage* b) {
+  const uintptr_t a0 = reinterpret_cast<uintptr_t>(a->data);
+  const uintptr_t b0 = reinterpret_cast<uintptr_t>(b->data);
+  const uintptr_t a1 = a0 + static_cast<uintptr_t>(a->rowBytes) * static_cast<uintptr_t>(a->height);
+  const uintptr_t b1 = b0 + static_cast<uintptr_t>(b->rowBytes) * static_cast<uintptr_t>(b->height);
+  return a0 < b1 && b0 < a1;
+}
+
+// Same pixel memory, addressed the same way: each pixel of one is the same pixel of the other.
+inline bool SameLayout(const PLImage* a, const PLImage* b) {
+  return a->data == b->data && a->rowBytes == b->rowBytes && a->flipped == b->flipped &&
+         a->bytesPerPixel == b->bytesPerPixel && a->height == b->height;
+}
+
 // A block of T from the library's allocator, released on every way out.
 template <class T>
 class ScanBuffer {

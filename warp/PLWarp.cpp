@@ -382,6 +382,12 @@ bool WarpInputsFit(const PLImage* destination, const PLImage* source, const PLIm
        background->height != destination->height ||
        background->channels != destination->channels))
     return false;
+  // Bands write the destination while others read the source and flow; the mix reads the
+  // background pixel it writes over, and no other.
+  if (SharesMemory(destination, source) || SharesMemory(destination, flow)) return false;
+  if (background != nullptr && SharesMemory(destination, background) &&
+      !(SameLayout(destination, background) && destination->dataType == background->dataType))
+    return false;
   return true;
 }
 

@@ -83,7 +83,9 @@
 //     2 x 2, a background that does not fit (see above), a target whose width or height
 //     (times the oversampling) exceeds 8388608 (2^23), past which the float row counter
 //     of the scan is no longer exact, and a temporary target or counts image of more than
-//     2^31 - 1 bytes, which 32-bit row offsets cannot address;
+//     2^31 - 1 bytes, which 32-bit row offsets cannot address, and a destination sharing
+//     memory with the source or the flow (workers write it while others read those), or
+//     with a background other than the destination itself;
 //   - morphPath 1 (a renderer built on a morph object, which this library does not have):
 //     0, silently. Every other morphPath value renders as 0 does.
 // A temporary that cannot be allocated is thrown as PLErr with the image's errorCode.

@@ -382,7 +382,7 @@ TEST(Warp, RefusesUnfitInputs) {
                {o[8].get(), o[8].get(), f, nullptr, 0, 1}, {o[9].get(), o[9].get(), f, nullptr, 0, 1},
                {d, s, f, o[0].get(), 0, 1},       {d, s, f, o[3].get(), 0, 1},
                {d, s, f, nullptr, 0, 1 << 21},    {d, s, f, nullptr, 0, 6000},
-               {d, s, f, nullptr, 1, 1}};
+               {s, s, f, nullptr, 0, 1},          {d, s, f, nullptr, 1, 1}};
   for (auto& c : calls) {
     std::vector<unsigned char> before = c.d->data ? PixelBytes(c.d) : std::vector<unsigned char>();
     ::testing::internal::CaptureStderr();
@@ -494,10 +494,11 @@ TEST(InvertFlow, RefusesUnfitImages) {
                      MakeImage(5, 5, 2, PLFloat), MakeImage(6, 5, 1, PLUShort),
                      MakeImage(6, 4, 1, PLUChar)};
   PLImage *i = inv.get(), *f = flow.get(), *m = holes.get();
+  PLImage overInverse(inv->data + 5, 6, 5, 1, PLUChar, 0);  // a mask inside the inverse's bytes
   const std::vector<PLImage*> calls[] = {
       {bad[0].get(), f, m}, {bad[1].get(), f, m}, {bad[2].get(), f, m}, {i, bad[0].get(), m},
       {i, bad[2].get(), m}, {i, f, bad[3].get()}, {i, f, bad[4].get()}, {f, f, m},
-      {nullptr, f, m},      {i, nullptr, m}};
+      {nullptr, f, m},      {i, nullptr, m},      {i, f, &overInverse}};
   for (auto& c : calls) {
     std::vector<std::vector<unsigned char>> before;
     for (PLImage* im : c) before.push_back(im ? PixelBytes(im) : std::vector<unsigned char>());
