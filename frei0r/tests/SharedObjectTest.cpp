@@ -1,0 +1,157 @@
+// flowblur frei0r tests: the built flowblur.so as a host loads it: only f0r_* exported, none
+// of the library's imports left for the host, and the same RGB as the Spark plug-in's driver
+// (run here in the host simulator) for every frame after the first two.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+extern "C" {
+#include <frei0r.h>
+}
+
+#include "frei0r/tests/MovingSquare.h"
+#include "host/SparkHost.h"
+#include "runtime/NuvMP.h"
+#include "shell/shell.h"
+
+namespace {
+
+using frei0rtest::Clip;
+
+std::vector<std::string> Symbols(const std::string& options) {
+  std::vector<std::string> names;
+  const std::string command = "nm -D " + options + " '" FLOWBLUR_FREI0R_SO "'";
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return names;
+  char line[4096];
+  while (std::fgets(line, sizeof line, pipe)) {
+    std::istringstream words(line);
+    std::string word, last;
+    while (words >> word) last = word;
+    names.push_back(last.substr(0, last.find('@')));
+  }
+  EXPECT_EQ(pclose(pipe), 0) << command;
+  return names;
+}
+
+TEST(SharedObject, ExportsOnlyTheFrei0rNames) {
+  const std::set<std::string> expected = {
+      "f0r_init",       "f0r_deinit",          "f0r_get_plugin_info", "f0r_get_param_info",
+      "f0r_construct",  "f0r_destruct",        "f0r_set_param_value", "f0r_get_param_value",
+      "f0r_update",     "f0r_update2"};
+  std::set<std::string> defined;
+  for (const std::string& name : Symbols("--defined-only")) defined.insert(name);
+  EXPECT_EQ(defined, expected);
+  // The host functions the library imports are the plug-in's own, never the host's.
+  for (const std::string& name : Symbols("--undefined-only")) {
+    EXPECT_EQ(name.rfind("spark", 0), std::string::npos) << name;
+    EXPECT_EQ(name.rfind("Nuv", 0), std::string::npos) << name;
+  }
+}
+
+struct Frei0rApi {
+  void* handle = nullptr;
+  decltype(&f0r_init) init = nullptr;
+  decltype(&f0r_deinit) deinit = nullptr;
+  decltype(&f0r_construct) construct = nullptr;
+  decltype(&f0r_destruct) destruct = nullptr;
+  decltype(&f0r_set_param_value) setParam = nullptr;
+  decltype(&f0r_update) update = nullptr;
+
+  bool Load() {
+    handle = dlopen(FLOWBLUR_FREI0R_SO, RTLD_NOW | RTLD_LOCAL);
+    if (!handle) return false;
+    init = reinterpret_cast<decltype(init)>(dlsym(handle, "f0r_init"));
+    deinit = reinterpret_cast<decltype(deinit)>(dlsym(handle, "f0r_deinit"));
+    construct = reinterpret_cast<decltype(construct)>(dlsym(handle, "f0r_construct"));
+    destruct = reinterpret_cast<decltype(destruct)>(dlsym(handle, "f0r_destruct"));
+    setParam = reinterpret_cast<decltype(setParam)>(dlsym(handle, "f0r_set_param_value"));
+    update = reinterpret_cast<decltype(update)>(dlsym(handle, "f0r_update"));
+    return init && deinit && construct && destruct && setParam && update;
+  }
+  ~Frei0rApi() {
+    if (handle) dlclose(handle);
+  }
+};
+
+struct ParityCase {
+  int32_t width, height;
+  double amountParam;
+  float amount;
+  bool draft;
+};
+
+class SparkParity : public testing::TestWithParam<ParityCase> {
+ protected:
+  void TearDown() override {
+    sparkhost::Reset();
+    NuvMPSetThreadCount(1);
+  }
+};
+
+// From frame 2 on, the Spark driver pairs frame n with n - 1, current frame first: the frei0r
+// filter fed frames in order must give the very same RGB, with the input's alpha.
+TEST_P(SparkParity, SameRgbAsTheSparkDriver) {
+  const ParityCase& c = GetParam();
+  const Clip clip{c.width, c.height};
+  constexpr int32_t kFrames = 4;
+
+  sparkhost::Reset();
+  sparkhost::SetProcessors(3);
+  sparkhost::FrameLayout layout;
+  layout.width = c.width;
+  layout.height = c.height;
+  layout.formatCode = 24;
+  sparkhost::SetClip(0, layout, kFrames);
+  sparkhost::SetClip(1, layout, kFrames);
+  for (int32_t f = 0; f < kFrames; ++f) {
+    const std::vector<uint8_t> rgba = frei0rtest::Frame(clip, f);
+    uint8_t* rgb = sparkhost::ClipFrame(0, f);
+    for (size_t i = 0; i < rgba.size() / 4; ++i)
+      for (int c3 = 0; c3 < 3; ++c3) rgb[3 * i + c3] = rgba[4 * i + c3];
+  }
+  SparkMemoryTempBuffers();
+  SparkFloat0.value = c.amount;
+  SparkPup1.value = c.draft ? 1 : 0;
+  SparkBoolean2.value = 0;
+
+  Frei0rApi api;
+  ASSERT_TRUE(api.Load()) << dlerror();
+  ASSERT_EQ(api.init(), 1);
+  f0r_instance_t instance = api.construct(c.width, c.height);
+  ASSERT_NE(instance, nullptr);
+  double amount = c.amountParam, draft = c.draft ? 1.0 : 0.0;
+  api.setParam(instance, &amount, 0);
+  api.setParam(instance, &draft, 1);
+
+  for (int32_t f = 0; f < kFrames; ++f) {
+    const std::vector<uint8_t> in = frei0rtest::Frame(clip, f);
+    std::vector<uint8_t> out(in.size());
+    api.update(instance, 40.0 * f, reinterpret_cast<const uint32_t*>(in.data()),
+               reinterpret_cast<uint32_t*>(out.data()));
+    if (f < 2) continue;
+    ASSERT_NE(SparkProcess(sparkhost::BeginFrame(f)), nullptr);
+    const uint8_t* spark = sparkhost::BufferPixels(sparkhost::kResultBuffer);
+    size_t mismatches = 0;
+    for (size_t i = 0; i < in.size() / 4; ++i) {
+      for (int c3 = 0; c3 < 3; ++c3) mismatches += out[4 * i + c3] != spark[3 * i + c3];
+      mismatches += out[4 * i + 3] != in[4 * i + 3];
+    }
+    EXPECT_EQ(mismatches, 0u) << "frame " << f;
+    EXPECT_TRUE(out != in) << "frame " << f << " was not blurred";
+  }
+  api.destruct(instance);
+  api.deinit();
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, SparkParity,
+                         testing::Values(ParityCase{96, 64, 2.5 / 12.0, 0.5f, false},
+                                         ParityCase{161, 113, 0.25, 1.0f, true},
+                                         ParityCase{64, 50, 0.0, -2.0f, false}));
+
+}  // namespace
