@@ -1,13 +1,19 @@
-// flowblur: the batch run: every check before the first frame, then frame by frame through the
-// plug-in, each output written safely, with progress and a clean stop on Ctrl-C.
+// flowblur: the batch run: a frame plan and every check before the first frame, then frame by
+// frame through the plug-in, each output written safely, with progress and clean stops.
 #include "tools/BatchRun.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <map>
+#include <memory>
+#include <new>
+#include <set>
 #include <vector>
 
 #include "tools/FlowView.h"
@@ -16,6 +22,7 @@
 namespace flowblur {
 
 std::atomic<bool> gInterrupted{false};
+std::atomic<int> gStopSignal{0};
 
 namespace {
 
@@ -30,6 +37,8 @@ void OnInterrupt(int) {
   }
   gInterrupted.store(true);
 }
+
+void OnStop(int signal) { gStopSignal.store(signal); }
 
 void Say(const std::string& text) { std::fprintf(stderr, "flowblur: %s\n", text.c_str()); }
 
@@ -72,65 +81,23 @@ class Progress {
   std::chrono::steady_clock::time_point start_;
 };
 
-// The frame numbers of a sequence: the given range, every file of which must exist, or the
-// range found on disk, which must have no gaps. A pattern without a frame number is one file.
-bool ResolveFrames(const SequencePattern& pattern, const BatchOptions& options, const char* role,
-                   std::vector<int64_t>* frames, std::string* error) {
-  frames->clear();
-  if (!pattern.numbered) {
-    if (options.haveFrames && options.firstFrame != options.lastFrame) {
-      *error = std::string(role) + " " + Quote(pattern.text) +
-               " has no frame number in its name, so --frames cannot select a range";
-      return false;
-    }
-    if (access(pattern.text.c_str(), F_OK) != 0) {
-      *error = std::string(role) + " frame " + Quote(pattern.text) + " does not exist";
-      return false;
-    }
-    frames->push_back(options.haveFrames ? options.firstFrame : 0);
-    return true;
-  }
-  int64_t first, last;
-  if (options.haveFrames) {
-    first = options.firstFrame;
-    last = options.lastFrame;
-  } else {
-    std::string why;
-    std::vector<int64_t> found = FindFrames(pattern, &why);
-    if (!why.empty()) {
-      *error = why;
-      return false;
-    }
-    if (found.empty()) {
-      *error = "no " + std::string(role) + " frames match " + Quote(pattern.text);
-      return false;
-    }
-    first = found.front();
-    last = found.back();
-  }
-  for (int64_t f = first; f <= last; ++f) {
-    std::string path = pattern.PathFor(f);
-    if (access(path.c_str(), F_OK) != 0) {
-      *error = std::string(role) + " frame " + Quote(path) + " is missing (the sequence runs from " +
-               std::to_string(first) + " to " + std::to_string(last) + ")";
-      return false;
-    }
-    frames->push_back(f);
-  }
-  return true;
-}
-
 std::string FramePath(const SequencePattern& pattern, int64_t frame) {
   return pattern.numbered ? pattern.PathFor(frame) : pattern.text;
 }
 
-// The written flow pictures: hue for direction, saturation for length, a legend wheel.
-bool WriteFlowFiles(PluginSession& session, int32_t index, int64_t fileFrame,
-                    const std::vector<int64_t>& frames, const FrameInfo& info,
-                    const BatchOptions& options, std::string* error) {
+std::string FlowName(const std::string& folder, int64_t fileFrame, const char* ext) {
+  char name[64];
+  std::snprintf(name, sizeof name, "/flow.%04lld", static_cast<long long>(fileFrame));
+  return folder + name + ext;
+}
+
+// The written flow pictures: hue for direction, saturation for length, a legend wheel. Called
+// right after frame n went through the plug-in.
+bool WriteFlowFiles(ClipWindow& window, int64_t n, const ClipSpan& clip, const FrameInfo& info,
+                    const BatchOptions& options, bool replace, std::string* error) {
   FlowField flow;
-  int32_t first, second;
-  if (!session.PluginFlow(index, &flow.uv, &flow.width, &flow.height, &first, &second, error))
+  int64_t first, second;
+  if (!window.PluginFlow(n, &flow.uv, &flow.width, &flow.height, &first, &second, error))
     return false;
   // Shown as motion forward in time at the frame's own size, whichever way the pair runs.
   FlowField picture = ResampleFlow(flow, info.width, info.height);
@@ -139,226 +106,425 @@ bool WriteFlowFiles(PluginSession& session, int32_t index, int64_t fileFrame,
   float longest = MaxFlowLength(picture);
   std::vector<uint8_t> rgb = FlowToColour(picture, longest);
   DrawFlowLegend(&rgb, info.width, info.height, longest);
-  char name[64];
-  std::snprintf(name, sizeof name, "/flow.%04lld", static_cast<long long>(fileFrame));
+  const int64_t fileFrame = clip.first + n;
   OIIO::ImageSpec imageSpec(info.width, info.height, 3, OIIO::TypeDesc::UINT8);
-  if (!WriteImageSafely(options.flowFolder + name + ".png", imageSpec, OIIO::TypeDesc::UINT8,
-                        rgb.data(), options.overwrite, error))
+  if (!WriteImageSafely(FlowName(options.flowFolder, fileFrame, ".png"), imageSpec,
+                        OIIO::TypeDesc::UINT8, rgb.data(), replace, error))
     return false;
   if (options.flowExr) {
     OIIO::ImageSpec raw(flow.width, flow.height, 2, OIIO::TypeDesc::FLOAT);
     raw.channelnames = {"u", "v"};
-    raw.attribute("flowblur:firstFrame", static_cast<int>(frames[static_cast<size_t>(first)]));
-    raw.attribute("flowblur:secondFrame", static_cast<int>(frames[static_cast<size_t>(second)]));
+    raw.attribute("flowblur:firstFrame", static_cast<int>(clip.first + first));
+    raw.attribute("flowblur:secondFrame", static_cast<int>(clip.first + second));
     raw.attribute("flowblur:frameWidth", info.width);
     raw.attribute("flowblur:frameHeight", info.height);
-    if (!WriteImageSafely(options.flowFolder + name + ".exr", raw, OIIO::TypeDesc::FLOAT,
-                          flow.uv.data(), options.overwrite, error))
+    if (!WriteImageSafely(FlowName(options.flowFolder, fileFrame, ".exr"), raw,
+                          OIIO::TypeDesc::FLOAT, flow.uv.data(), replace, error))
       return false;
   }
   return true;
 }
-
 }  // namespace
 
 void InstallSignalHandlers() {
   std::signal(SIGINT, OnInterrupt);
+  std::signal(SIGTERM, OnStop);
+  std::signal(SIGUSR1, OnStop);
   std::signal(SIGXFSZ, SIG_IGN);
   std::signal(SIGPIPE, SIG_IGN);
 }
 
 int64_t LastRunFramesWritten() { return gFramesWritten; }
 
-int RunBatch(const BatchOptions& options) {
-  gFramesWritten = 0;
-  std::string error;
-  // ---- Patterns and frame lists
-  SequencePattern inPattern, outPattern, backPattern;
-  if (!ParseSequencePattern(options.input, &inPattern, &error) ||
-      !ParseSequencePattern(options.output, &outPattern, &error) ||
-      (!options.motionFrom.empty() &&
-       !ParseSequencePattern(options.motionFrom, &backPattern, &error))) {
-    Say(error);
-    return kExitUsage;
-  }
-  std::vector<int64_t> frames;
-  if (!ResolveFrames(inPattern, options, "input", &frames, &error)) {
-    Say(error);
-    return kExitInput;
-  }
-  if (frames.size() > 1 && !outPattern.numbered) {
-    Say("output " + Quote(outPattern.text) +
-        " has no frame number (%04d or ####) but the input has " + std::to_string(frames.size()) +
+namespace {
+
+// Everything a run settles before its first frame.
+struct RunSetup {
+  RunRange range;
+  bool withBack = false;
+  FramePlan plan;
+  std::vector<std::string> outputs;  // one a planned frame
+  int64_t skipped = 0;               // frames whose output existed (--skip-existing)
+  FrameInfo info;                    // of the first input frame read
+  int32_t formatCode = 24;
+  SampleDepth outDepth = SampleDepth::k8;
+  int64_t storeBudget = 0;
+};
+
+std::string InputPath(const RunRange& range, const FrameRead& read) {
+  return FramePath(read.clip == kBackClip ? range.back : range.input, range.clip.first + read.offset);
+}
+
+// The output frames of the range, less those --skip-existing finds done, and what each reads.
+int PlanRun(const BatchOptions& options, RunSetup* setup) {
+  const RunRange& range = setup->range;
+  const int64_t count = range.last - range.first + 1;
+  if (count > 1 && !range.output.numbered) {
+    Say("output " + Quote(range.output.text) +
+        " has no frame number (%04d or ####) but the input has " + std::to_string(count) +
         " frames");
     return kExitUsage;
   }
-  if (frames.size() > 1000000) {
+  if (count > 1000000) {
     Say("more than a million frames in one run");
     return kExitUsage;
   }
-  const bool withBack = !options.motionFrom.empty();
+  std::vector<int64_t> offsets;
+  for (int64_t f = range.first; f <= range.last; ++f) {
+    std::string path = FramePath(range.output, f);
+    if (options.skipExisting && access(path.c_str(), F_OK) == 0) {
+      ++setup->skipped;
+      continue;
+    }
+    offsets.push_back(f - range.clip.first);
+    setup->outputs.push_back(path);
+  }
+  setup->withBack = !options.motionFrom.empty();
+  const ClipSpan clip = range.clip;
+  const bool withBack = setup->withBack, fromBack = options.controls.motionFromBack;
+  setup->plan = PlanFrames(clip, offsets, [&](int64_t n) {
+    std::vector<FrameRead> reads;
+    for (const auto& [c, offset] : PluginSession::FramesRead(n, clip.count, withBack, fromBack))
+      reads.push_back({c, offset});
+    return reads;
+  });
+  return kExitOk;
+}
 
-  // ---- Every input header: readable, one size, one depth
-  std::vector<std::string> inputPaths, backPaths;
-  FrameInfo info;
-  for (size_t i = 0; i < frames.size(); ++i) {
-    std::string path = FramePath(inPattern, frames[i]);
+// Every frame the plan reads exists and has a readable header; the front frames share one
+// size and depth, the back frames that size.
+int CheckInputs(RunSetup* setup) {
+  const RunRange& range = setup->range;
+  std::vector<FrameRead> reads = setup->plan.DistinctReads();
+  std::stable_partition(reads.begin(), reads.end(),
+                        [](const FrameRead& r) { return r.clip == kFrontClip; });
+  const std::string span =
+      std::to_string(range.clip.first) + " to " + std::to_string(range.clip.Last());
+  std::string error, firstPath;
+  for (const FrameRead& read : reads) {
+    const std::string path = InputPath(range, read);
+    const bool front = read.clip == kFrontClip;
+    if (access(path.c_str(), F_OK) != 0) {
+      Say(front ? "input frame " + Quote(path) + " is missing (the sequence runs from " +
+                      std::to_string(range.clip.first) + " to " +
+                      std::to_string(range.clip.Last()) + ")"
+                : "back frame " + Quote(path) + " is missing: the back sequence must cover frames " +
+                      span);
+      return kExitInput;
+    }
     FrameInfo header;
     if (!ReadFrameInfo(path, &header, &error)) {
       Say(error);
       return kExitInput;
     }
-    if (i == 0) {
-      info = header;
+    const FrameInfo& info = setup->info;
+    if (firstPath.empty()) {
+      setup->info = header;
+      firstPath = path;
     } else if (header.width != info.width || header.height != info.height) {
-      Say("input frame " + Quote(path) + " is " + SizeText(header.width, header.height) +
-          ", but " + Quote(inputPaths[0]) + " is " + SizeText(info.width, info.height) +
-          ": all frames of a sequence must have one size");
+      Say(front ? "input frame " + Quote(path) + " is " + SizeText(header.width, header.height) +
+                      ", but " + Quote(firstPath) + " is " + SizeText(info.width, info.height) +
+                      ": all frames of a sequence must have one size"
+                : "back frame " + Quote(path) + " is " + SizeText(header.width, header.height) +
+                      ", but the input frames are " + SizeText(info.width, info.height));
       return kExitInput;
-    } else if (header.depth != info.depth || header.channels != info.channels ||
-               header.grey != info.grey) {
+    } else if (front && (header.depth != info.depth || header.channels != info.channels ||
+                         header.grey != info.grey)) {
       Say("input frame " + Quote(path) + " has other channels or another depth than " +
-          Quote(inputPaths[0]) + ": all frames of a sequence must match");
+          Quote(firstPath) + ": all frames of a sequence must match");
       return kExitInput;
     }
-    inputPaths.push_back(path);
   }
-  if (withBack) {
-    for (int64_t f : frames) {
-      std::string path = FramePath(backPattern, f);
-      if (access(path.c_str(), F_OK) != 0) {
-        Say("back frame " + Quote(path) + " is missing: the back sequence must cover frames " +
-            std::to_string(frames.front()) + " to " + std::to_string(frames.back()));
-        return kExitInput;
-      }
-      FrameInfo header;
-      if (!ReadFrameInfo(path, &header, &error)) {
-        Say(error);
-        return kExitInput;
-      }
-      if (header.width != info.width || header.height != info.height) {
-        Say("back frame " + Quote(path) + " is " + SizeText(header.width, header.height) +
-            ", but the input frames are " + SizeText(info.width, info.height));
-        return kExitInput;
-      }
-      backPaths.push_back(path);
-    }
-  }
+  return kExitOk;
+}
 
-  // ---- Outputs: never an input, never an existing file without --overwrite, a folder we
-  // can write in. All of it before the first frame, so a refused run changes nothing.
-  std::vector<std::string> outputPaths;
-  for (int64_t f : frames) outputPaths.push_back(FramePath(outPattern, f));
-  std::vector<std::string> planned = outputPaths;
-  if (!options.flowFolder.empty())
-    for (int64_t f : frames) {
-      char name[64];
-      std::snprintf(name, sizeof name, "/flow.%04lld", static_cast<long long>(f));
-      planned.push_back(options.flowFolder + name + ".png");
-      if (options.flowExr) planned.push_back(options.flowFolder + name + ".exr");
-    }
-  for (const std::string& out : planned) {
-    for (const std::vector<std::string>* inputs : {&inputPaths, &backPaths})
-      for (const std::string& in : *inputs)
-        if (out == in || SameFile(out, in)) {
-          Say("output " + Quote(out) + " is the input file " + Quote(in) +
-              "; choose another output name");
-          return kExitOutput;
-        }
-    if (!options.overwrite && access(out.c_str(), F_OK) == 0) {
-      Say("output " + Quote(out) + " exists; use --overwrite to replace it");
-      return kExitOutput;
-    }
+// The files a planned frame makes: its flow files (written first), then its output, whose
+// presence marks the frame done.
+std::vector<std::string> FilesOf(const RunSetup& setup, const BatchOptions& options, size_t i) {
+  std::vector<std::string> files;
+  if (!options.flowFolder.empty()) {
+    const int64_t number = setup.plan.clip.first + setup.plan.frames[i].offset;
+    files.push_back(FlowName(options.flowFolder, number, ".png"));
+    if (options.flowExr) files.push_back(FlowName(options.flowFolder, number, ".exr"));
   }
-  std::vector<std::string> createdFolders;
-  if (!PrepareOutputFolder(outPattern.Folder(), &error, &createdFolders) ||
+  files.push_back(setup.outputs[i]);
+  return files;
+}
+
+// Outputs: never an input, never an existing file without --overwrite (with --skip-existing,
+// the flow files of a frame not finished are its own to replace), folders we can write in.
+int CheckOutputs(const BatchOptions& options, const RunSetup& setup,
+                 std::vector<std::string>* createdFolders) {
+  std::set<std::string> inputNames;
+  std::map<std::pair<dev_t, ino_t>, std::string> inputFiles;
+  for (const FrameRead& read : setup.plan.DistinctReads()) {
+    std::string path = InputPath(setup.range, read);
+    inputNames.insert(path);
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0) inputFiles[{st.st_dev, st.st_ino}] = path;
+  }
+  for (size_t i = 0; i < setup.plan.frames.size(); ++i)
+    for (const std::string& out : FilesOf(setup, options, i)) {
+      struct stat st;
+      const bool exists = stat(out.c_str(), &st) == 0;
+      auto same = exists ? inputFiles.find({st.st_dev, st.st_ino}) : inputFiles.end();
+      if (inputNames.count(out) || same != inputFiles.end()) {
+        Say("output " + Quote(out) + " is the input file " +
+            Quote(same != inputFiles.end() ? same->second : out) + "; choose another output name");
+        return kExitOutput;
+      }
+      if (exists && !options.overwrite && !options.skipExisting) {
+        Say("output " + Quote(out) + " exists; use --overwrite to replace it");
+        return kExitOutput;
+      }
+    }
+  std::string error;
+  if (!PrepareOutputFolder(setup.range.output.Folder(), &error, createdFolders) ||
       (!options.flowFolder.empty() &&
-       !PrepareOutputFolder(options.flowFolder, &error, &createdFolders))) {
-    RemoveCreatedFolders(createdFolders);
+       !PrepareOutputFolder(options.flowFolder, &error, createdFolders))) {
+    RemoveCreatedFolders(*createdFolders);
     Say(error);
     return kExitOutput;
   }
+  return kExitOk;
+}
 
-  // ---- The plug-in session
-  const int32_t count = static_cast<int32_t>(frames.size());
-  const int32_t formatCode = FormatCodeFor(info.depth);
-  // The host keeps the whole clip in memory. Asking for more than the machine has would end
-  // in the kernel killing the run halfway; say so now instead.
-  double clipBytes = static_cast<double>(PackedFrameBytes(info.width, info.height, formatCode)) *
-                     count * (withBack ? 2.0 : 1.0);
-  double machineBytes = static_cast<double>(sysconf(_SC_PHYS_PAGES)) * sysconf(_SC_PAGESIZE);
-  if (machineBytes > 0.0 && clipBytes > 0.75 * machineBytes) {
+// What the run holds at once: the frames the plan keeps between uses (every channel as float
+// plus the packed copy), the output frame, the host's window and buffers, the half planes and
+// the flow estimator's pyramids. Refused, before anything is written, when it would not fit.
+int CheckMemory(RunSetup* setup) {
+  const FrameInfo& info = setup->info;
+  setup->formatCode = FormatCodeFor(info.depth);
+  const double pixels = static_cast<double>(info.width) * info.height;
+  const double packed =
+      static_cast<double>(PackedFrameBytes(info.width, info.height, setup->formatCode));
+  const double stored = pixels * info.channels * sizeof(float) + packed;
+  const double held = static_cast<double>(setup->plan.MostHeld());
+  setup->storeBudget = static_cast<int64_t>(held * stored);
+  const double windowFrames = 3.0 * (setup->withBack ? 2 : 1);
+  const double need = (held + 1.0) * stored + (windowFrames + 4.0) * packed +
+                      (setup->formatCode == 49 ? 3.0 * 12.0 * pixels : 0.0) + 16.0 * pixels;
+  const double machine = static_cast<double>(sysconf(_SC_PHYS_PAGES)) * sysconf(_SC_PAGESIZE);
+  if (machine > 0.0 && need > 0.75 * machine) {
     char text[256];
     std::snprintf(text, sizeof text,
-                  "the clip needs %.1f GiB of memory in the host, more than this machine can "
-                  "spare (%.1f GiB); process it in parts with --frames",
-                  clipBytes / 1073741824.0, machineBytes / 1073741824.0);
+                  "frames of %s need about %.1f GiB of memory in the host, more than this "
+                  "machine can spare (%.1f GiB)",
+                  SizeText(info.width, info.height).c_str(), need / 1073741824.0,
+                  machine / 1073741824.0);
     Say(text);
-    return kExitInput;
+    return kExitMemory;
   }
-  const SampleDepth outDepth = options.haveOutDepth ? options.outDepth : info.depth;
-  PluginSession session(info.width, info.height, formatCode, count, withBack, options.threads,
-                        options.controls);
-  std::vector<uint8_t> packed(static_cast<size_t>(session.FrameBytes()));
-  std::vector<bool> loaded[2] = {std::vector<bool>(frames.size()), std::vector<bool>(frames.size())};
-  std::map<int32_t, Frame> frontFrames;  // read but not yet written
+  return kExitOk;
+}
 
-  Progress progress(options.progress && !options.quiet && isatty(2), count);
-  auto stopped = [&](const std::string& why, int code) {
-    progress.Break();
+// The planned frames through the plug-in, in order, each input read once into the store and
+// let go after its last use.
+class FrameLoop {
+ public:
+  FrameLoop(const BatchOptions& options, const RunSetup& setup)
+      : options_(options),
+        setup_(setup),
+        lastUse_(setup.plan.LastUse()),
+        window_(setup.info.width, setup.info.height, setup.formatCode, setup.plan.clip.count,
+                setup.withBack, options.threads, options.controls),
+        store_(setup.storeBudget,
+               [this](const FrameRead& read, StoredFrame* frame, std::string* error) {
+                 return Load(read, frame, error);
+               }),
+        progress_(options.progress && !options.quiet && isatty(2),
+                  static_cast<int64_t>(setup.plan.frames.size())),
+        frameLines_(!options.quiet && !isatty(2)) {}
+
+  int Run() {
+    const size_t count = setup_.plan.frames.size();
+    for (size_t i = 0; i < count; ++i) {
+      if (gInterrupted.load()) return Stopped("interrupted", kExitInterrupted);
+      if (int signal = gStopSignal.load())
+        return Stopped(std::string("stopped by ") + (signal == SIGUSR1 ? "SIGUSR1" : "SIGTERM") +
+                           " after a whole frame; run again with --skip-existing to finish",
+                       kExitStopped);
+      int code = RenderFrame(i);
+      if (code != kExitOk) return code;
+    }
+    progress_.Break();
+    if (!options_.quiet) {
+      const std::vector<std::string>& out = setup_.outputs;
+      Say("wrote " + std::to_string(count) + (count == 1 ? " frame: " : " frames: ") +
+          out.front() + (count > 1 ? " to " + out.back() : "") +
+          (setup_.skipped > 0 ? " (" + std::to_string(setup_.skipped) +
+                                    " skipped: their output existed)"
+                              : ""));
+    }
+    return kExitOk;
+  }
+
+ private:
+  bool Load(const FrameRead& read, StoredFrame* stored, std::string* error) {
+    const std::string path = InputPath(setup_.range, read);
+    if (!ReadFrame(path, &stored->frame, error)) return false;
+    if (stored->frame.info.width != setup_.info.width ||
+        stored->frame.info.height != setup_.info.height) {
+      *error = Quote(path) + " changed size while the run was under way";
+      return false;
+    }
+    stored->packed.resize(static_cast<size_t>(window_.FrameBytes()));
+    PackColour(stored->frame, setup_.formatCode, stored->packed.data());
+    return true;
+  }
+
+  int RenderFrame(size_t i) {
+    const auto started = std::chrono::steady_clock::now();
+    const PlannedFrame& planned = setup_.plan.frames[i];
+    std::string error;
+    std::map<FrameRead, std::shared_ptr<const StoredFrame>> inputs;
+    for (const FrameRead& read : planned.reads) {
+      auto frame = store_.Get(read, &error);
+      if (!frame) return Stopped(error, kExitInput);
+      inputs[read] = frame;
+    }
+    const void* result = window_.Process(
+        planned.offset,
+        [&](int32_t clip, int64_t offset) -> const void* {
+          auto it = inputs.find({clip, offset});
+          return it == inputs.end() ? nullptr : it->second->packed.data();
+        },
+        &error);
+    if (!result)
+      return Stopped("frame " + Quote(InputPath(setup_.range, {kFrontClip, planned.offset})) +
+                         ": " + error,
+                     kExitPlugin);
+    // Other channels come from the input frame as stored.
+    Frame out = inputs.at({kFrontClip, planned.offset})->frame;
+    UnpackColour(result, setup_.formatCode, &out);
+    const bool replace = options_.overwrite || options_.skipExisting;
+    if (!options_.flowFolder.empty() &&
+        !WriteFlowFiles(window_, planned.offset, setup_.plan.clip, setup_.info, options_, replace,
+                        &error))
+      return Stopped(error, kExitOutput);
+    const std::string& path = setup_.outputs[i];
+    OIIO::ImageSpec imageSpec =
+        OutputSpec(out.info, options_.haveOutDepth ? options_.outDepth : setup_.info.depth);
+    if (!WriteImageSafely(path, imageSpec, OIIO::TypeDesc::FLOAT, out.pixels.data(),
+                          options_.overwrite, &error))
+      return Stopped(error, kExitOutput);
+    ++gFramesWritten;
+    for (const FrameRead& read : planned.reads)
+      if (lastUse_[read] == i) store_.Drop(read);
+    const int64_t number = planned.outputNumber;
+    if (frameLines_) {
+      const double seconds =
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+      char text[64];
+      std::snprintf(text, sizeof text, "frame %lld done in %.2f s: ", static_cast<long long>(number),
+                    seconds);
+      Say(text + path);
+    }
+    progress_.Update(static_cast<int64_t>(i) + 1, number);
+    return kExitOk;
+  }
+
+  int Stopped(const std::string& why, int code) {
+    progress_.Break();
     Say(why);
+    const int64_t count = static_cast<int64_t>(setup_.plan.frames.size());
     if (gFramesWritten > 0 || count > 1)
       Say(std::to_string(gFramesWritten) + " of " + std::to_string(count) + " frames written" +
-          (gFramesWritten > 0 ? " (" + outputPaths[0] + " to " +
-                                    outputPaths[static_cast<size_t>(gFramesWritten - 1)] + ")"
+          (gFramesWritten > 0 ? " (" + setup_.outputs[0] + " to " +
+                                    setup_.outputs[static_cast<size_t>(gFramesWritten - 1)] + ")"
                               : ""));
     return code;
-  };
-
-  for (int32_t k = 0; k < count; ++k) {
-    if (gInterrupted.load()) return stopped("interrupted", kExitInterrupted);
-    for (const auto& [clip, index] : session.FramesNeeded(k)) {
-      if (loaded[clip][static_cast<size_t>(index)]) continue;
-      const std::string& path = (clip == 0 ? inputPaths : backPaths)[static_cast<size_t>(index)];
-      Frame frame;
-      if (!ReadFrame(path, &frame, &error)) return stopped(error, kExitInput);
-      if (frame.info.width != info.width || frame.info.height != info.height)
-        return stopped(Quote(path) + " changed size while the run was under way", kExitInput);
-      PackColour(frame, formatCode, packed.data());
-      session.SetFrame(clip, index, packed.data());
-      loaded[clip][static_cast<size_t>(index)] = true;
-      if (clip == 0 && index >= k) frontFrames[index] = std::move(frame);
-    }
-    const void* result = session.Process(k, &error);
-    if (!result)
-      return stopped("frame " + Quote(inputPaths[static_cast<size_t>(k)]) + ": " + error,
-                     kExitPlugin);
-    auto it = frontFrames.find(k);
-    if (it == frontFrames.end()) {
-      // Read earlier and already released: read it again for its other channels.
-      Frame frame;
-      if (!ReadFrame(inputPaths[static_cast<size_t>(k)], &frame, &error))
-        return stopped(error, kExitInput);
-      it = frontFrames.emplace(k, std::move(frame)).first;
-    }
-    Frame& out = it->second;
-    UnpackColour(result, formatCode, &out);
-    OIIO::ImageSpec imageSpec = OutputSpec(out.info, outDepth);
-    if (!WriteImageSafely(outputPaths[static_cast<size_t>(k)], imageSpec, OIIO::TypeDesc::FLOAT,
-                          out.pixels.data(), options.overwrite, &error))
-      return stopped(error, kExitOutput);
-    ++gFramesWritten;
-    frontFrames.erase(frontFrames.begin(), frontFrames.upper_bound(k));
-    if (!options.flowFolder.empty() &&
-        !WriteFlowFiles(session, k, frames[static_cast<size_t>(k)], frames, info, options, &error))
-      return stopped(error, kExitOutput);
-    progress.Update(k + 1, frames[static_cast<size_t>(k)]);
   }
-  progress.Break();
-  if (!options.quiet)
-    Say("wrote " + std::to_string(count) + (count == 1 ? " frame: " : " frames: ") +
-        outputPaths.front() + (count > 1 ? " to " + outputPaths.back() : ""));
+
+  const BatchOptions& options_;
+  const RunSetup& setup_;
+  std::map<FrameRead, size_t> lastUse_;
+  ClipWindow window_;
+  FrameStore store_;
+  Progress progress_;
+  bool frameLines_;
+};
+
+int RunPlanned(const BatchOptions& options, RunSetup* setup) {
+  int code = ResolveRunRange(options, &setup->range);
+  if (code == kExitOk) code = PlanRun(options, setup);
+  if (code != kExitOk) return code;
+  if (setup->plan.frames.empty()) {
+    if (!options.quiet)
+      Say("all " + std::to_string(setup->skipped) +
+          " frames have their output already (--skip-existing); nothing to do");
+    return kExitOk;
+  }
+  std::vector<std::string> createdFolders;
+  if ((code = CheckInputs(setup)) != kExitOk || (code = CheckMemory(setup)) != kExitOk ||
+      (code = CheckOutputs(options, *setup, &createdFolders)) != kExitOk)
+    return code;
+  FrameLoop loop(options, *setup);
+  return loop.Run();
+}
+
+}  // namespace
+
+int ResolveRunRange(const BatchOptions& options, RunRange* range) {
+  std::string error;
+  if (!ParseSequencePattern(options.input, &range->input, &error) ||
+      !ParseSequencePattern(options.output, &range->output, &error) ||
+      (!options.motionFrom.empty() &&
+       !ParseSequencePattern(options.motionFrom, &range->back, &error))) {
+    Say(error);
+    return kExitUsage;
+  }
+  const SequencePattern& input = range->input;
+  if (!input.numbered) {
+    // One file: a clip of one frame, numbered by --frames (0 without).
+    if (options.haveFrames && options.firstFrame != options.lastFrame) {
+      Say("input " + Quote(input.text) +
+          " has no frame number in its name, so --frames cannot select a range");
+      return kExitInput;
+    }
+    if (access(input.text.c_str(), F_OK) != 0) {
+      Say("input frame " + Quote(input.text) + " does not exist");
+      return kExitInput;
+    }
+    range->clip = {options.haveFrames ? options.firstFrame : 0, 1};
+    range->first = range->last = range->clip.first;
+    return kExitOk;
+  }
+  if (options.haveClip) {
+    range->clip = {options.clipFirst, options.clipLast - options.clipFirst + 1};
+  } else {
+    std::vector<int64_t> found = FindFrames(input, &error);
+    if (!error.empty()) {
+      Say(error);
+      return kExitInput;
+    }
+    if (found.empty()) {
+      Say("no input frames match " + Quote(input.text));
+      return kExitInput;
+    }
+    range->clip = {found.front(), found.back() - found.front() + 1};
+  }
+  if (range->clip.count > INT32_MAX) {
+    Say("the clip has more frames than a host can number");
+    return kExitUsage;
+  }
+  if (!ChooseRenderRange(range->clip, options.haveFrames, options.firstFrame, options.lastFrame,
+                         &range->first, &range->last, &error)) {
+    Say(error);
+    return kExitInput;
+  }
   return kExitOk;
+}
+
+int RunBatch(const BatchOptions& options) {
+  gFramesWritten = 0;
+  try {
+    RunSetup setup;
+    return RunPlanned(options, &setup);
+  } catch (const std::bad_alloc&) {
+    Say("out of memory");
+    return kExitMemory;
+  }
 }
 
 }  // namespace flowblur

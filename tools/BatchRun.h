@@ -1,12 +1,14 @@
 // flowblur: one run of the batch host over an image sequence: checks, frames through the
-// plug-in, safe output, flow pictures, progress and interruption.
+// plug-in in the order of a frame plan, safe output, flow pictures, progress and stops.
 #pragma once
 #include <atomic>
 #include <cstdint>
 #include <string>
 
+#include "tools/FramePlan.h"
 #include "tools/ImageFiles.h"
 #include "tools/PluginSession.h"
+#include "tools/Sequence.h"
 
 // Rules for this folder:
 // - The plug-in is driven only as a host drives it: its exported entry points and control
@@ -28,6 +30,8 @@ enum ExitCode : int {
   kExitUsage = 2,        // bad command line or a control outside its range
   kExitOutput = 3,       // output exists, names an input, cannot be written
   kExitPlugin = 4,       // the plug-in reported a failure
+  kExitMemory = 5,       // out of memory, or a run this machine cannot hold
+  kExitStopped = 75,     // SIGTERM or SIGUSR1: stopped after a whole frame; rerun to resume
   kExitInterrupted = 130,
 };
 
@@ -36,13 +40,16 @@ struct BatchOptions {
   std::string output;      // sequence pattern (or one file, for one frame)
   std::string motionFrom;  // back clip pattern; empty: none
   bool haveFrames = false;
-  int64_t firstFrame = 0, lastFrame = 0;  // with haveFrames
+  int64_t firstFrame = 0, lastFrame = 0;  // with haveFrames; a last frame past the clip is clamped
+  bool haveClip = false;                  // the clip is clipFirst..clipLast, not what is on disk
+  int64_t clipFirst = 0, clipLast = 0;
   PluginControls controls;
   int32_t threads = 1;  // 1 to 127
   bool haveOutDepth = false;
   SampleDepth outDepth = SampleDepth::k8;
   bool overwrite = false;
-  bool progress = true;  // a progress line, when standard error is a terminal
+  bool skipExisting = false;  // frames whose output exists are left alone, not refused
+  bool progress = true;  // a progress line when standard error is a terminal, else a line a frame
   bool quiet = false;    // nothing but errors
   std::string flowFolder;  // --write-flow; empty: none
   bool flowExr = false;    // also the raw flow as EXR
@@ -50,9 +57,21 @@ struct BatchOptions {
 
 // Set by the SIGINT handler; the run stops at the next frame boundary.
 extern std::atomic<bool> gInterrupted;
-// Installs that handler (a second Ctrl-C ends the process at once) and ignores SIGXFSZ and
+// The SIGTERM or SIGUSR1 that asked the run to stop after its current frame (0: none); a
+// scheduler sends them before it ends or requeues a job.
+extern std::atomic<int> gStopSignal;
+// Installs those handlers (a second Ctrl-C ends the process at once) and ignores SIGXFSZ and
 // SIGPIPE so that a full disk or file-size limit surfaces as a write error.
 void InstallSignalHandlers();
+
+// The patterns of a run, its clip and the file frames it renders (before --skip-existing),
+// settled as the run settles them. Returns kExitOk, or an ExitCode after saying why.
+struct RunRange {
+  SequencePattern input, output, back;
+  ClipSpan clip;
+  int64_t first = 0, last = 0;  // file frame numbers, inside the clip
+};
+int ResolveRunRange(const BatchOptions& options, RunRange* range);
 
 // The whole run; messages go to standard error. Returns an ExitCode.
 int RunBatch(const BatchOptions& options);

@@ -1,12 +1,15 @@
 // flowblur: the command line of the batch host.
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <thread>
 
 #include "tools/BatchRun.h"
 #include "tools/Demo.h"
+#include "tools/FarmScript.h"
 #include "tools/ImageFiles.h"
 #include "tools/PluginSession.h"
 #include "tools/Sequence.h"
@@ -16,8 +19,9 @@ namespace {
 constexpr const char* kDescription =
     "flowblur: optical-flow motion blur for image sequences.\n"
     "Runs the flowblur plug-in over INPUT frame by frame, as a compositing host would, and\n"
-    "writes OUTPUT. Sequences are written name.%04d.exr or name.####.exr; the frame range is\n"
-    "what is on disk, or --frames A-B.\n"
+    "writes OUTPUT. Sequences are written name.%04d.exr or name.####.exr; the clip is what is\n"
+    "on disk (or --clip A-B) and --frames A-B renders part of it: a frame is numbered by its\n"
+    "place in the clip, so chunks give the bytes of a whole run.\n"
     "\n"
     "Depths: 8-bit files go through the plug-in as 8-bit (format 24), 16-bit (and other\n"
     "integer) files as 16-bit (48), half-float files as half (49); 32-bit float files are\n"
@@ -28,9 +32,12 @@ constexpr const char* kDescription =
     "channel.\n"
     "\n"
     "Exit codes: 0 done, 1 input problem, 2 bad command line, 3 output problem, 4 plug-in\n"
-    "failure, 130 interrupted (Ctrl-C stops at the next frame boundary).\n"
+    "failure, 5 out of memory, 75 stopped by SIGTERM or SIGUSR1 after a whole frame (run\n"
+    "again with --skip-existing), 130 interrupted (Ctrl-C stops at the next frame boundary).\n"
     "\n"
-    "  flowblur demo [DIR]   renders the built-in clip, blurs it, writes a contact sheet\n";
+    "  flowblur demo [DIR]   renders the built-in clip, blurs it, writes a contact sheet\n"
+    "  flowblur farm slurm INPUT OUTPUT --chunk N [--submit] [options]\n"
+    "                        writes (and submits) a Slurm job array, one task a chunk\n";
 
 }  // namespace
 
@@ -41,9 +48,16 @@ int main(int argc, char** argv) {
   BatchOptions options;
   std::string amountText = "0.5";
   std::string quality = "best";
-  std::string frames;
+  std::string frames, clipText;
+  FarmOptions farmOptions;
   std::string outDepth;
   int32_t threads = static_cast<int32_t>(std::thread::hardware_concurrency());
+  // On a farm node, the CPUs the scheduler gave this task, not the machine's.
+  if (const char* cpus = std::getenv("SLURM_CPUS_PER_TASK")) {
+    char* end = nullptr;
+    long given = std::strtol(cpus, &end, 10);
+    if (end != cpus && *end == '\0' && given >= 1) threads = static_cast<int32_t>(std::min(given, 127L));
+  }
   if (threads < 1) threads = 1;
   if (threads > 127) threads = 127;
   std::string demoFolder = "flowblur-demo";
@@ -54,6 +68,23 @@ int main(int argc, char** argv) {
   app.require_subcommand(0, 1);
   CLI::App* demo = app.add_subcommand("demo", "Render, blur and show the built-in demo clip");
   demo->fallthrough();
+  CLI::App* farm = app.add_subcommand("farm", "Split a render into chunks for a render farm");
+  farm->fallthrough();
+  farm->require_subcommand(1, 1);
+  CLI::App* slurm = farm->add_subcommand(
+      "slurm", "Write a Slurm batch script with one array task a chunk (and submit it)");
+  slurm->fallthrough();
+  slurm->add_option("INPUT", options.input, "Input sequence")->required();
+  slurm->add_option("OUTPUT", options.output, "Output sequence")->required();
+  slurm->add_option("--chunk", farmOptions.chunk, "Frames a task")->required()->check(CLI::PositiveNumber);
+  slurm->add_option("--partition", farmOptions.partition, "Slurm partition (default: the cluster's)");
+  slurm->add_option("--time", farmOptions.time,
+                    "Time limit a task, as sbatch takes it (e.g. 2:00:00); two minutes before "
+                    "it the task finishes its frame and is requeued");
+  slurm->add_option("--script", farmOptions.script,
+                    "Where the script goes (default: OUTPUT's folder/flowblur-slurm.sh); task "
+                    "logs go to logs/ beside it");
+  slurm->add_flag("--submit", farmOptions.submit, "Run sbatch on it and print the job id");
 
   app.add_option("INPUT", options.input, "Input sequence, e.g. shot.%04d.exr or shot.####.exr");
   app.add_option("OUTPUT", options.output, "Output sequence (a new name; see --overwrite)");
@@ -68,13 +99,21 @@ int main(int argc, char** argv) {
   app.add_option("--motion-from", options.motionFrom,
                  "Back sequence that supplies the motion (Motion From Back); the input "
                  "still supplies the pixels. Same size and frame range as the input");
-  app.add_option("--frames", frames, "Frame range A-B (or one frame A); default: all on disk");
+  app.add_option("--frames", frames,
+                 "Frames to render, A-B (or one frame A), within the clip; a last frame past "
+                 "the clip's end is clamped. Default: the whole clip");
+  app.add_option("--clip", clipText,
+                 "The clip, A-B: the frames numbered from 0 for the plug-in and read as "
+                 "neighbours. Default: every frame of INPUT on disk");
   app.add_option("--threads", threads, "Host processors for the plug-in, 1 to 127")
       ->default_str(std::to_string(threads));
   app.add_option("--out-depth", outDepth, "Output depth: 8, 16, half or float (default: input's)")
       ->check(CLI::IsMember({"8", "16", "half", "float"}));
   app.add_flag("--overwrite", options.overwrite, "Replace existing output files");
-  app.add_flag("-q,--quiet", options.quiet, "No progress line and no summary; errors only");
+  app.add_flag("--skip-existing", options.skipExisting,
+               "Leave frames whose output exists alone (to resume a stopped run)");
+  app.add_flag("-q,--quiet", options.quiet,
+               "No progress line (or line a frame, off a terminal) and no summary; errors only");
   app.add_option("--write-flow", options.flowFolder,
                  "Also write each frame's flow into DIR as flow.NNNN.png (hue: direction of "
                  "motion, saturation: length, legend wheel lower right)");
@@ -126,9 +165,21 @@ int main(int argc, char** argv) {
       return usage(error);
     options.haveFrames = true;
   }
+  if (!clipText.empty()) {
+    std::string error;
+    if (!ParseFrameRange(clipText, &options.clipFirst, &options.clipLast, &error))
+      return usage("--clip" + error.substr(error.find(' ')));
+    options.haveClip = true;
+  }
+  if (options.overwrite && options.skipExisting)
+    return usage("--overwrite and --skip-existing contradict each other; give one");
   if (options.flowExr && options.flowFolder.empty())
     return usage("--write-flow-exr needs --write-flow DIR");
 
+  if (slurm->parsed()) {
+    farmOptions.threads = app.count("--threads") > 0 ? threads : 0;
+    return RunFarmSlurm(options, farmOptions);
+  }
   if (demo->parsed()) {
     if (!options.input.empty() || !options.output.empty())
       return usage("demo takes only a folder");

@@ -1,6 +1,7 @@
 // flowblur: driving the statically linked plug-in through the host simulator.
 #include "tools/PluginSession.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "flow/PLOpticalFlowUChar.h"
@@ -94,10 +95,26 @@ int32_t PluginSession::Neighbour(int32_t n) const {
 
 std::vector<std::pair<int32_t, int32_t>> PluginSession::FramesNeeded(int32_t n) const {
   std::vector<std::pair<int32_t, int32_t>> needed;
-  needed.push_back({kFrontClip, ClampFrame(n)});
-  const int32_t motionClip = MotionClip();
-  if (motionClip == kBackClip) needed.push_back({kBackClip, ClampFrame(n)});
-  needed.push_back({motionClip, ClampFrame(Neighbour(n))});
+  for (const auto& [clip, frame] : FramesRead(n, frames_, withBack_, controls_.motionFromBack))
+    needed.push_back({clip, static_cast<int32_t>(frame)});
+  return needed;
+}
+
+std::vector<std::pair<int32_t, int64_t>> PluginSession::FramesRead(int64_t n, int64_t clipFrames,
+                                                                   bool withBack,
+                                                                   bool motionFromBack) {
+  auto clamp = [clipFrames](int64_t frame) {
+    return frame < 0 ? 0 : frame >= clipFrames ? clipFrames - 1 : frame;
+  };
+  // The plug-in's own rule; clips are at most INT32_MAX frames long (the host's frame numbers).
+  const int64_t neighbour =
+      SparkNeighbourFrame(static_cast<int32_t>(n), motionFromBack ? 1 : 0);
+  // Motion from the back clip only when one is connected, as the plug-in falls back to the front.
+  const int32_t motionClip = motionFromBack && withBack ? kBackClip : kFrontClip;
+  std::vector<std::pair<int32_t, int64_t>> needed;
+  needed.push_back({kFrontClip, clamp(n)});
+  if (motionClip == kBackClip) needed.push_back({kBackClip, clamp(n)});
+  needed.push_back({motionClip, clamp(neighbour)});
   return needed;
 }
 
@@ -180,6 +197,68 @@ bool PluginSession::PluginFlow(int32_t n, std::vector<float>* uv, int32_t* flowW
     std::memcpy(&(*uv)[static_cast<size_t>(y) * flow->width * 2], flow->Row(y),
                 static_cast<size_t>(flow->width) * 2 * sizeof(float));
   DestroyFlowEstimator(estimator);
+  return true;
+}
+
+namespace {
+// Frames of the host window: the current frame, one before and one after it.
+constexpr int64_t kWindowFrames = 3;
+}  // namespace
+
+ClipWindow::ClipWindow(int32_t width, int32_t height, int32_t formatCode, int64_t clipFrames,
+                       bool withBack, int32_t processors, const PluginControls& controls)
+    : clipFrames_(clipFrames),
+      window_(static_cast<int32_t>(std::min(clipFrames, kWindowFrames))),
+      withBack_(withBack),
+      motionFromBack_(controls.motionFromBack),
+      session_(width, height, formatCode, window_, withBack, processors, controls) {}
+
+std::vector<std::pair<int32_t, int64_t>> ClipWindow::FramesRead(int64_t n) const {
+  return PluginSession::FramesRead(n, clipFrames_, withBack_, motionFromBack_);
+}
+
+// Frames 0 and 1 keep their own numbers (the plug-in treats both specially); every later
+// frame is the window's last, with its predecessor before it.
+int32_t ClipWindow::Local(int64_t n) const {
+  return static_cast<int32_t>(std::min<int64_t>(n, window_ - 1));
+}
+
+const void* ClipWindow::Process(int64_t n, const PackedFrame& packed, std::string* error) {
+  if (n < 0 || n >= clipFrames_) {
+    *error = "frame " + std::to_string(n) + " is outside the clip";
+    return nullptr;
+  }
+  const int32_t local = Local(n);
+  const int64_t start = n - local;
+  const auto whole = FramesRead(n);
+  const auto inWindow = session_.FramesNeeded(local);
+  if (whole.size() != inWindow.size()) {
+    *error = "the host window does not match the plug-in's frame pairing";
+    return nullptr;
+  }
+  for (size_t i = 0; i < whole.size(); ++i) {
+    if (whole[i].first != inWindow[i].first || whole[i].second != start + inWindow[i].second) {
+      *error = "the host window does not match the plug-in's frame pairing";
+      return nullptr;
+    }
+    const void* frame = packed(whole[i].first, whole[i].second);
+    if (!frame) {
+      *error = "frame " + std::to_string(whole[i].second) + " was not supplied";
+      return nullptr;
+    }
+    session_.SetFrame(inWindow[i].first, inWindow[i].second, frame);
+  }
+  return session_.Process(local, error);
+}
+
+bool ClipWindow::PluginFlow(int64_t n, std::vector<float>* uv, int32_t* flowWidth,
+                            int32_t* flowHeight, int64_t* first, int64_t* second,
+                            std::string* error) {
+  const int32_t local = Local(n);
+  int32_t a, b;
+  if (!session_.PluginFlow(local, uv, flowWidth, flowHeight, &a, &b, error)) return false;
+  *first = n - local + a;
+  *second = n - local + b;
   return true;
 }
 

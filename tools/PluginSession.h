@@ -2,6 +2,7 @@
 // batch host and the benchmarks: clips, controls, frames processed, and the plug-in's flow.
 #pragma once
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -56,6 +57,11 @@ class PluginSession {
   // The (clip, frame) pairs the plug-in reads to make output frame n: the front frame n, and
   // the current and neighbouring frame of the clip the motion comes from.
   std::vector<std::pair<int32_t, int32_t>> FramesNeeded(int32_t n) const;
+  // The same rule for frame n of a clip of `clipFrames` frames (neighbours clamped to the
+  // clip, as the host clamps them), for hosts that plan a run before any session exists.
+  static std::vector<std::pair<int32_t, int64_t>> FramesRead(int64_t n, int64_t clipFrames,
+                                                              bool withBack,
+                                                              bool motionFromBack);
 
   // The host's step before frame n (frame n into the front and back buffers) and the call's
   // record. SparkProcess itself reloads frame n, so one record serves any number of calls.
@@ -84,6 +90,41 @@ class PluginSession {
   bool withBack_;
   PluginControls controls_;
   size_t notesSeen_ = 0;
+};
+
+// A session over a clip of any length that holds only a window of it in the host: the frames
+// one call reads, at most three a clip, however long the clip. Frame n of the clip reaches the
+// plug-in as frame min(n, 2) of a window starting at n - min(n, 2), which gives the plug-in
+// the pair, the order and the clamping at the clip's ends that it would have for frame n of
+// the whole clip (the window's own clamping is checked against the whole clip's on every
+// call, so a change of the plug-in's pairing rule fails loudly instead of blurring with the
+// wrong neighbour). The frames are handed over per call, so the caller decides what stays
+// in memory.
+class ClipWindow {
+ public:
+  ClipWindow(int32_t width, int32_t height, int32_t formatCode, int64_t clipFrames,
+             bool withBack, int32_t processors, const PluginControls& controls);
+
+  int64_t FrameBytes() const { return session_.FrameBytes(); }
+  // The (clip, offset) pairs frame n of the whole clip reads.
+  std::vector<std::pair<int32_t, int64_t>> FramesRead(int64_t n) const;
+  // Packed frame (FrameBytes() bytes) `offset` of `clip`, for each pair FramesRead(n) names.
+  using PackedFrame = std::function<const void*(int32_t clip, int64_t offset)>;
+  // Frame n through the plug-in: the result buffer (valid until the next call), or null with
+  // `error` set.
+  const void* Process(int64_t n, const PackedFrame& packed, std::string* error);
+  // The plug-in's flow for frame n (see PluginSession::PluginFlow), right after Process(n);
+  // `first` and `second` are offsets in the whole clip.
+  bool PluginFlow(int64_t n, std::vector<float>* uv, int32_t* flowWidth, int32_t* flowHeight,
+                  int64_t* first, int64_t* second, std::string* error);
+
+ private:
+  int32_t Local(int64_t n) const;
+
+  int64_t clipFrames_;
+  int32_t window_;
+  bool withBack_, motionFromBack_;
+  PluginSession session_;
 };
 
 }  // namespace flowblur

@@ -325,8 +325,11 @@ TEST_F(Refused, MissingFrames) {
   Expect({dir / "in.%04d.png", dir / "out.%04d.png"}, 1,
          "'" + dir / "in.0002.png" + "' is missing");
   WriteSequence(dir / "in.%04d.png", 2, 1, SampleDepth::k8, 3);
-  Expect({dir / "in.####.png", dir / "out.####.png", "--frames", "1-5"}, 1,
+  Expect({dir / "in.####.png", dir / "out.####.png", "--clip", "1-5"}, 1,
          "'" + dir / "in.0004.png" + "' is missing (the sequence runs from 1 to 5)");
+  // --frames chooses frames within the clip: past its end is clamped, before it is refused.
+  Expect({dir / "in.####.png", dir / "out.####.png", "--frames", "0-2"}, 1,
+         "--frames starts at 0, outside the clip (frames 1 to 3)");
 }
 
 TEST_F(Refused, NoFramesAtAll) {
@@ -383,6 +386,8 @@ TEST_F(Refused, ControlsOutsideTheirRange) {
   Expect({in, out, "--quality", "ultra"}, 2, "--quality");
   Expect({in, out, "--out-depth", "12"}, 2, "--out-depth");
   Expect({in, out, "--frames", "5-2"}, 2, "the first frame is after the last");
+  Expect({in, out, "--clip", "3-1"}, 2, "--clip '3-1': the first frame is after the last");
+  Expect({in, out, "--overwrite", "--skip-existing"}, 2, "contradict each other");
 }
 
 TEST_F(Refused, CommandLinesThatCannotWork) {

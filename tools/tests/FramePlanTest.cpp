@@ -1,0 +1,172 @@
+// flowblur tool tests: render ranges within a clip, frame plans and the frame store, and the
+// host window against a session that holds the whole clip.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "tools/DemoClip.h"
+#include "tools/FramePlan.h"
+#include "tools/PluginSession.h"
+
+namespace flowblur {
+namespace {
+
+ReadRule BlurRule(int64_t clipFrames, bool back) {
+  return [=](int64_t n) {
+    std::vector<FrameRead> reads;
+    for (const auto& [clip, offset] : PluginSession::FramesRead(n, clipFrames, back, back))
+      reads.push_back({clip, offset});
+    return reads;
+  };
+}
+
+TEST(RenderRange, ClampsAnOvershootingEndAndRefusesAStartOutsideTheClip) {
+  const ClipSpan clip{101, 10};  // frames 101 to 110
+  struct Case {
+    bool have;
+    int64_t first, last;
+    bool ok;
+    int64_t wantFirst, wantLast;
+  };
+  for (const Case& c : {Case{false, 0, 0, true, 101, 110}, Case{true, 104, 106, true, 104, 106},
+                        Case{true, 109, 120, true, 109, 110}, Case{true, 110, 110, true, 110, 110},
+                        Case{true, 100, 105, false, 0, 0}, Case{true, 111, 120, false, 0, 0}}) {
+    int64_t first = -1, last = -1;
+    std::string error;
+    EXPECT_EQ(ChooseRenderRange(clip, c.have, c.first, c.last, &first, &last, &error), c.ok)
+        << c.first << "-" << c.last;
+    if (c.ok) {
+      EXPECT_EQ(first, c.wantFirst);
+      EXPECT_EQ(last, c.wantLast);
+    } else {
+      EXPECT_NE(error.find("outside the clip (frames 101 to 110)"), std::string::npos) << error;
+    }
+  }
+}
+
+TEST(FramePlan, AChunkNumbersFramesByTheClipAndReadsItsHandles) {
+  const ClipSpan clip{101, 10};
+  FramePlan chunk = PlanFrames(clip, {4, 5, 6}, BlurRule(clip.count, false));
+  FramePlan whole = PlanFrames(clip, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9}, BlurRule(clip.count, false));
+  for (size_t i = 0; i < chunk.frames.size(); ++i) {
+    EXPECT_EQ(chunk.frames[i].outputNumber, 105 + static_cast<int64_t>(i));
+    EXPECT_EQ(chunk.frames[i].reads, whole.frames[4 + i].reads);
+  }
+  // The chunk's first frame needs the frame before the chunk.
+  EXPECT_EQ(chunk.DistinctReads().front(), (FrameRead{kFrontClip, 4}));
+  EXPECT_EQ(chunk.DistinctReads()[1], (FrameRead{kFrontClip, 3}));
+  EXPECT_EQ(chunk.DistinctReads().size(), 4u);
+}
+
+// Runs a plan through a store as the run loop does; returns the most frames held at once.
+size_t RunThroughStore(const FramePlan& plan, FrameStore& store) {
+  std::map<FrameRead, size_t> last = plan.LastUse();
+  size_t most = 0;
+  for (size_t i = 0; i < plan.frames.size(); ++i) {
+    std::string error;
+    for (const FrameRead& read : plan.frames[i].reads) EXPECT_TRUE(store.Get(read, &error)) << error;
+    most = std::max(most, store.Held());
+    for (const FrameRead& read : plan.frames[i].reads)
+      if (last[read] == i) store.Drop(read);
+  }
+  return most;
+}
+
+TEST(FrameStore, AWholePlanReadsEachFrameOnceWithinItsBudget) {
+  const int64_t frameBytes = 4 * 4 * 3 * sizeof(float) + 4 * 4 * 3;
+  auto load = [&](const FrameRead& read, StoredFrame* frame, std::string*) {
+    frame->frame.pixels.assign(4 * 4 * 3, static_cast<float>(read.offset));
+    frame->packed.assign(4 * 4 * 3, static_cast<uint8_t>(read.clip));
+    return true;
+  };
+  for (bool back : {false, true}) {
+    std::vector<int64_t> offsets(40);
+    for (size_t i = 0; i < offsets.size(); ++i) offsets[i] = static_cast<int64_t>(i);
+    FramePlan plan = PlanFrames({1, 40}, offsets, BlurRule(40, back));
+    EXPECT_EQ(plan.MostHeld(), back ? 3u : 2u);  // the frame and its predecessor (per clip)
+    FrameStore store(static_cast<int64_t>(plan.MostHeld()) * frameBytes, load);
+    EXPECT_LE(RunThroughStore(plan, store), plan.MostHeld());
+    EXPECT_EQ(store.Loads(), static_cast<int64_t>(plan.DistinctReads().size()));
+    EXPECT_EQ(store.Held(), 0u);
+    // A store too small for the plan still delivers every frame, reading some again.
+    FrameStore small(frameBytes, load);
+    RunThroughStore(plan, small);
+    EXPECT_GT(small.Loads(), static_cast<int64_t>(plan.DistinctReads().size()));
+    EXPECT_LE(small.Bytes(), frameBytes);
+  }
+  FrameStore failing(frameBytes, [](const FrameRead&, StoredFrame*, std::string* error) {
+    *error = "unreadable";
+    return false;
+  });
+  std::string error;
+  EXPECT_EQ(failing.Get({0, 3}, &error), nullptr);
+  EXPECT_EQ(error, "unreadable");
+  EXPECT_EQ(failing.Held(), 0u);
+}
+
+// The host window gives the bytes and the flow pair a session holding the whole clip gives,
+// frame by frame, whatever frame a window starts at.
+struct WindowCase {
+  int32_t frames;
+  bool back;
+};
+class ClipWindowTest : public ::testing::TestWithParam<WindowCase> {};
+
+TEST_P(ClipWindowTest, GivesTheWholeClipsBytesAndFlowPairs) {
+  constexpr int32_t kW = 64, kH = 36;
+  const WindowCase c = GetParam();
+  DemoClip demo(kW, kH, c.frames);
+  std::vector<std::vector<uint8_t>> clips[2];
+  for (int32_t t = 0; t < c.frames; ++t)
+    for (int32_t clip = 0; clip < 2; ++clip) {
+      std::vector<uint8_t> rgb(static_cast<size_t>(kW) * kH * 3);
+      demo.Render8(clip == 0 ? t : c.frames - 1 - t, rgb.data());  // the back clip runs backwards
+      clips[clip].push_back(rgb);
+    }
+  PluginControls controls;
+  controls.amount = 1.5f;
+  controls.motionFromBack = c.back;
+  std::vector<std::vector<uint8_t>> whole;
+  std::vector<std::pair<int32_t, int32_t>> wholePairs;
+  {
+    PluginSession session(kW, kH, 24, c.frames, c.back, 2, controls);
+    for (int32_t clip = 0; clip < (c.back ? 2 : 1); ++clip)
+      for (int32_t t = 0; t < c.frames; ++t) session.SetFrame(clip, t, clips[clip][t].data());
+    for (int32_t n = 0; n < c.frames; ++n) {
+      std::string error;
+      const uint8_t* result = static_cast<const uint8_t*>(session.Process(n, &error));
+      ASSERT_NE(result, nullptr) << error;
+      whole.emplace_back(result, result + session.FrameBytes());
+      std::vector<float> uv;
+      int32_t w, h, first, second;
+      ASSERT_TRUE(session.PluginFlow(n, &uv, &w, &h, &first, &second, &error)) << error;
+      wholePairs.push_back({first, second});
+    }
+  }
+  // One window per starting frame, as each chunk of a farm render has its own.
+  for (int32_t start = 0; start < c.frames; ++start) {
+    ClipWindow window(kW, kH, 24, c.frames, c.back, 2, controls);
+    for (int32_t n = start; n < c.frames; ++n) {
+      std::string error;
+      const uint8_t* result = static_cast<const uint8_t*>(window.Process(
+          n, [&](int32_t clip, int64_t offset) { return clips[clip][offset].data(); }, &error));
+      ASSERT_NE(result, nullptr) << error;
+      EXPECT_EQ(std::memcmp(result, whole[n].data(), whole[n].size()), 0)
+          << "frame " << n << " from a window started at " << start;
+      std::vector<float> uv;
+      int32_t w, h;
+      int64_t first, second;
+      ASSERT_TRUE(window.PluginFlow(n, &uv, &w, &h, &first, &second, &error)) << error;
+      EXPECT_EQ(first, wholePairs[n].first) << "frame " << n;
+      EXPECT_EQ(second, wholePairs[n].second) << "frame " << n;
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Clips, ClipWindowTest,
+                         ::testing::Values(WindowCase{1, false}, WindowCase{2, false},
+                                           WindowCase{3, false}, WindowCase{6, false},
+                                           WindowCase{2, true}, WindowCase{6, true}));
+
+}  // namespace
+}  // namespace flowblur
