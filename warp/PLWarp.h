@@ -31,7 +31,10 @@
 // bilinearSource: 0 reads the source at the truncated position (nearest), any other value
 // bilinearly (with the cell slid back at the last row and column).
 //
-// averaging selects the write rule:
+// averaging selects the write rule. Pixels that no triangle reaches keep what the target
+// held: the destination's own values, or 0 in a temporary (which starts cleared). Spans
+// include both ends, so a column where two cells meet is drawn by both: with 4 channels and
+// the over rule a matte below white composites such a pixel over itself.
 //   0      over, into the destination (or an oversampled temporary of its type).
 //          Channels 1 to 3: the triangle drawn last wins (integer types store value + 0.5,
 //          truncated; Float stores the value). Channels 4 (colour premultiplied by the matte,
