@@ -104,7 +104,7 @@ void RenderMotionBlur(NuvImage* dst, const NuvImage* src, const NuvImage* flow,
     PLErr value = err;
     throw value;
   }
-  if (errorSlot != 0) throw static_cast<PLErr>(errorSlot);
+  if (int32_t code = NuvMPLoadError(&errorSlot)) throw static_cast<PLErr>(code);
 }
 
 void MotionBlurRowWorker(int32_t /*thread*/, uint8_t reporter, int32_t firstRow, int32_t lastRow,
@@ -138,6 +138,6 @@ void MotionBlurRowWorker(int32_t /*thread*/, uint8_t reporter, int32_t firstRow,
                                    &workerProgress, amount);
     });
   } catch (PLErr& err) {
-    *errorSlot = err;
+    NuvMPStoreError(errorSlot, err);
   }
 }

@@ -118,6 +118,14 @@ void NuvMPWorkerEntry(void* table) {
   job.Worker(index, 0, job.FirstRow, job.LastRow, &copy);
 }
 
+// Relaxed is enough: the join orders the stores before the forking function's test, and
+// the value says nothing about any other memory.
+void NuvMPStoreError(int32_t* slot, int32_t code) {
+  __atomic_store_n(slot, code, __ATOMIC_RELAXED);
+}
+
+int32_t NuvMPLoadError(const int32_t* slot) { return __atomic_load_n(slot, __ATOMIC_RELAXED); }
+
 NuvMP_BinarySemaphore::NuvMP_BinarySemaphore(bool signalled) { Setup(signalled); }
 
 NuvMP_BinarySemaphore::~NuvMP_BinarySemaphore() {

@@ -94,6 +94,15 @@ void NuvMPFork(int32_t threads, int32_t rows, NuvMPWorker worker, A... args) {
   (cursor.Push(args), ...);
   NuvMPForkArgs(threads, rows, worker, &cursor);
 }
+// The error slot of a fork: a 32-bit word among the fork's arguments that failing workers
+// store their PLErr value into and the forking function tests after the join. Several
+// workers may fail at once, so every access during the fork is atomic: of several stores the
+// last survives, as the design has it for an unlocked word, but without a data race.
+// Workers store with NuvMPStoreError; anyone may read with NuvMPLoadError (after the join
+// the join itself orders the stores before the read).
+void NuvMPStoreError(int32_t* slot, int32_t code);
+int32_t NuvMPLoadError(const int32_t* slot);
+
 // What the host runs on each processor: finds its record from the host's pixel offset.
 // `table` is NuvMPJobTable.
 void NuvMPWorkerEntry(void* table);

@@ -9,16 +9,21 @@ void NuvIdleAndProgressClass::Progress(float f) {
   Parent->Progress(Parent->RangeStart + (Parent->RangeEnd - Parent->RangeStart) * f);
 }
 
+namespace {
+// Relaxed: the flag carries no data with it, and a late sight of it is allowed.
+bool FlagSet(const int32_t* flag) { return __atomic_load_n(flag, __ATOMIC_RELAXED) != 0; }
+}  // namespace
+
 void NuvIldeAndProgressMPInterruptible::Progress(float f) {
   if (!IsReporter) {
-    if (*SharedFlag != 0) throw PLErrInterrupted;
+    if (FlagSet(SharedFlag)) throw PLErrInterrupted;
     return;
   }
-  if (*SharedFlag != 0) return;
+  if (FlagSet(SharedFlag)) return;
   try {
     NuvIdleAndProgressClass::Progress(f);
   } catch (PLErr& err) {
-    *SharedFlag = 1;
+    __atomic_store_n(SharedFlag, 1, __ATOMIC_RELAXED);
     PLErr value = err;
     throw value;
   }

@@ -40,6 +40,8 @@ class NuvIdleAndProgressClass : public NuvMem {
 
 // The per-worker object of a fork. Only the reporter talks to the outer chain; when the
 // chain stops it, the shared flag makes every other worker throw 6 at its next report.
+// The flag is one word that all workers of the fork read while one may set it: it is read
+// and written atomically (a worker may still see it one report late, which costs a row).
 class NuvIldeAndProgressMPInterruptible : public NuvIdleAndProgressClass {
  public:
   NuvIldeAndProgressMPInterruptible(NuvIdleAndProgressClass* parent, bool isReporter,
