@@ -12,6 +12,17 @@
 
 #include "host/WorkerPool.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#define FLOWBLUR_HOST_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define FLOWBLUR_HOST_ASAN 1
+#endif
+#endif
+#ifdef FLOWBLUR_HOST_ASAN
+#include <sanitizer/asan_interface.h>
+#endif
+
 namespace sparkhost {
 namespace {
 
@@ -24,7 +35,29 @@ struct Buffer {
   FrameLayout layout;
   bool own = false;  // given its own layout; otherwise it follows a clip
   std::vector<uint8_t> block;
+  size_t offset = 0;  // first pixel within the block: after the front guard when guarded
+  size_t bytes = 0;   // bytes from the first pixel that belong to the buffer
+  bool poisoned = false;
+  uint8_t* Pixels() { return block.empty() ? nullptr : block.data() + offset; }
 };
+
+constexpr uint8_t kGuardPattern = 0xE7;
+constexpr uint8_t kPaddingPattern = 0x5B;
+
+void Poison(Buffer& b, bool on) {
+#ifdef FLOWBLUR_HOST_ASAN
+  if (b.block.empty() || b.offset == 0 || b.poisoned == on) return;
+  uint8_t* base = b.block.data();
+  size_t tail = b.block.size() - b.offset - b.bytes;
+  if (on) {
+    ASAN_POISON_MEMORY_REGION(base, b.offset);
+    ASAN_POISON_MEMORY_REGION(base + b.offset + b.bytes, tail);
+  } else {
+    ASAN_UNPOISON_MEMORY_REGION(base, b.block.size());
+  }
+#endif
+  b.poisoned = on;
+}
 
 struct Injection {
   bool failGet = false;
@@ -40,6 +73,7 @@ struct SetupValue {
 };
 
 struct State {
+  bool guarded = false;
   int32_t processors = 1;
   int64_t framePixels = 0;
   int64_t forcedPixels = -1;
@@ -173,11 +207,11 @@ bool SameLayout(const FrameLayout& a, const FrameLayout& b) {
          a.stride == b.stride;
 }
 
-void CheckLayout(const FrameLayout& layout) {
-  if (layout.width < 0 || layout.height < 0)
-    throw std::invalid_argument("sparkhost: negative frame size");
+void CheckLayout(const FrameLayout& layout, bool shortStrides = false) {
+  if (layout.width < 0 || layout.height < 0 || layout.stride < 0)
+    throw std::invalid_argument("sparkhost: negative frame size or stride");
   int64_t packed = int64_t{layout.width} * BytesPerPixel(layout.formatCode);
-  if (layout.stride != 0 && layout.stride < packed)
+  if (!shortStrides && layout.stride != 0 && layout.stride < packed)
     throw std::invalid_argument("sparkhost: stride shorter than a row");
 }
 
@@ -201,23 +235,69 @@ void CopyFrame(uint8_t* to, const uint8_t* from, const FrameLayout& layout) {
     std::memmove(to + y * rowBytes, from + y * rowBytes, used);
 }
 
-// Gives every buffer its layout and a block large enough for it and for any clip frame.
-void Refresh(State& s) {
+// A guarded block: guard, Stride x Height bytes of pixels and padding, guard.
+void MakeGuarded(Buffer& buffer) {
+  const FrameLayout& l = buffer.layout;
+  size_t bytes = static_cast<size_t>(FrameBytes(l));
+  buffer.block.assign(bytes + 2 * kGuardBytes, kGuardPattern);
+  buffer.offset = kGuardBytes;
+  buffer.bytes = bytes;
+  int64_t row = RowBytes(l);
+  int64_t used = std::min<int64_t>(row, int64_t{l.width} * BytesPerPixel(l.formatCode));
+  for (int32_t y = 0; y < l.height; ++y) {
+    uint8_t* at = buffer.Pixels() + y * row;
+    std::memset(at, 0, static_cast<size_t>(used));
+    std::memset(at + used, kPaddingPattern, static_cast<size_t>(row - used));
+  }
+  Poison(buffer, true);
+}
+
+// Gives every buffer its layout and a block large enough for it and for any clip frame
+// (guarded: exactly its own frame).
+void Refresh(State& s, bool rebuild = false) {
   int64_t largest = 0;
   for (const Clip& clip : s.clips)
     if (!IsEmpty(clip.layout)) largest = std::max(largest, FrameBytes(clip.layout));
   for (auto& [id, buffer] : s.buffers) {
+    Poison(buffer, false);
     FrameLayout want = buffer.own ? buffer.layout : s.clips[id == kBackBuffer ? 1 : 0].layout;
-    bool changed = !SameLayout(want, buffer.layout);
+    bool changed = rebuild || !SameLayout(want, buffer.layout);
     buffer.layout = want;
     if (IsEmpty(want)) {
       std::vector<uint8_t>().swap(buffer.block);
+      buffer.offset = buffer.bytes = 0;
+      continue;
+    }
+    if (s.guarded) {
+      if (changed || buffer.block.empty()) MakeGuarded(buffer);
+      Poison(buffer, true);
       continue;
     }
     int64_t need = std::max(FrameBytes(want), largest);
-    if (changed || static_cast<int64_t>(buffer.block.size()) < need)
+    if (changed || static_cast<int64_t>(buffer.block.size()) < need) {
       buffer.block.assign(static_cast<size_t>(need), 0);
+      buffer.offset = 0;
+      buffer.bytes = buffer.block.size();
+    }
   }
+}
+
+// Whether a frame of `clip` may be copied to `to` as far as guarded buffers are concerned:
+// into a guarded buffer only with its stride and bytes per pixel, and when it fits.
+bool GuardedCopyAllowed(State& s, const FrameLayout& clip, const uint8_t* to, std::string* why) {
+  if (!s.guarded) return true;
+  for (auto& [id, buffer] : s.buffers) {
+    const uint8_t* begin = buffer.Pixels();
+    if (!begin || to < begin || to >= begin + buffer.bytes) continue;
+    const FrameLayout& l = buffer.layout;
+    if (RowBytes(l) != RowBytes(clip) ||
+        BytesPerPixel(l.formatCode) != BytesPerPixel(clip.formatCode) || clip.width > l.width ||
+        (to - begin) + FrameBytes(clip) > static_cast<int64_t>(buffer.bytes)) {
+      *why = "the frame's layout does not match guarded buffer " + std::to_string(id);
+      return false;
+    }
+  }
+  return true;
 }
 
 Buffer& FindBuffer(State& s, int32_t id) {
@@ -359,9 +439,10 @@ void SetClipFrame(int32_t clip, int32_t frame, const void* bytes) {
 }
 
 void SetBuffer(int32_t id, const FrameLayout& layout) {
-  CheckLayout(layout);
+  CheckLayout(layout, GuardedBuffers());
   Lock lock(gMutex);
   Buffer& buffer = FindBuffer(gState, id);
+  Poison(buffer, false);
   buffer.own = true;
   buffer.layout = layout;
   buffer.block.clear();  // zeroed again below
@@ -375,13 +456,61 @@ FrameLayout BufferLayout(int32_t id) {
 
 uint8_t* BufferPixels(int32_t id) {
   Lock lock(gMutex);
-  Buffer& buffer = FindBuffer(gState, id);
-  return buffer.block.empty() ? nullptr : buffer.block.data();
+  return FindBuffer(gState, id).Pixels();
 }
 
 int64_t BufferCapacity(int32_t id) {
   Lock lock(gMutex);
-  return static_cast<int64_t>(FindBuffer(gState, id).block.size());
+  return static_cast<int64_t>(FindBuffer(gState, id).bytes);
+}
+
+void SetGuardedBuffers(bool on) {
+  Lock lock(gMutex);
+  if (gState.guarded == on) return;
+  gState.guarded = on;
+  Refresh(gState, true);
+}
+
+bool GuardedBuffers() {
+  Lock lock(gMutex);
+  return gState.guarded;
+}
+
+std::vector<std::string> GuardDamage(int64_t resultClearedBytes) {
+  Lock lock(gMutex);
+  std::vector<std::string> damage;
+  if (!gState.guarded) return damage;
+  for (auto& [id, buffer] : gState.buffers) {
+    if (buffer.block.empty()) continue;
+    Poison(buffer, false);
+    const std::string name = "buffer " + std::to_string(id);
+    const uint8_t* base = buffer.block.data();
+    for (size_t i = 0; i < buffer.block.size(); ++i) {
+      bool guard = i < buffer.offset || i >= buffer.offset + buffer.bytes;
+      if (guard && base[i] != kGuardPattern) {
+        damage.push_back(name + ": guard byte " + std::to_string(static_cast<int64_t>(i) -
+                                                                 kGuardBytes) +
+                         " written");
+        break;
+      }
+    }
+    const FrameLayout& l = buffer.layout;
+    int64_t row = RowBytes(l);
+    int64_t used = std::min<int64_t>(row, int64_t{l.width} * BytesPerPixel(l.formatCode));
+    const uint8_t* pixels = buffer.Pixels();
+    for (int32_t y = 0; y < l.height && damage.size() < 64; ++y)
+      for (int64_t x = used; x < row; ++x) {
+        int64_t at = y * row + x;
+        uint8_t v = pixels[at];
+        bool cleared = id == kResultBuffer && at < resultClearedBytes && v == 0;
+        if (v != kPaddingPattern && !cleared) {
+          damage.push_back(name + ": padding of row " + std::to_string(y) + " written");
+          break;
+        }
+      }
+    Poison(buffer, true);
+  }
+  return damage;
 }
 
 int32_t RegisteredBuffers() {
@@ -396,8 +525,10 @@ spark_info_struct BeginFrame(int32_t frameNo) {
     const Clip& c = s.clips[clip];
     if (c.frames.empty()) continue;
     Buffer& buffer = s.buffers.at(clip == 0 ? kFrontBuffer : kBackBuffer);
-    if (static_cast<int64_t>(buffer.block.size()) < Extent(c.layout)) continue;
-    CopyFrame(buffer.block.data(), c.frames[static_cast<size_t>(ClampFrame(c, frameNo))].data(),
+    if (static_cast<int64_t>(buffer.bytes) < Extent(c.layout)) continue;
+    std::string why;
+    if (!GuardedCopyAllowed(s, c.layout, buffer.Pixels(), &why)) continue;
+    CopyFrame(buffer.Pixels(), c.frames[static_cast<size_t>(ClampFrame(c, frameNo))].data(),
               c.layout);
   }
   spark_info_struct info;
@@ -490,6 +621,7 @@ std::vector<SetupCall> SetupCalls() {
 void Reset() {
   {
     Lock lock(gMutex);
+    for (auto& [id, buffer] : gState.buffers) Poison(buffer, false);
     gState = State();
     gMpInfoCalls = 0;
   }
@@ -584,7 +716,7 @@ extern "C" int sparkMemGetBuffer(int id, spark_mem_buf_struct* record) {
   }
   Buffer& buffer = it->second;
   std::memset(record, 0, sizeof *record);
-  record->Buffer = buffer.block.empty() || injection.nullPointer ? nullptr : buffer.block.data();
+  record->Buffer = injection.nullPointer ? nullptr : buffer.Pixels();
   record->State = injection.clearUsable ? 0 : kSparkBufferUsable;
   record->Width = buffer.layout.width;
   record->Height = buffer.layout.height;
@@ -612,14 +744,19 @@ extern "C" int sparkGetFrame(int clip, int frame, void* pixels) {
     // A destination inside one of the host's own blocks must hold the whole frame.
     bool fits = true;
     uint8_t* to = static_cast<uint8_t*>(pixels);
-    for (const auto& [id, buffer] : s.buffers) {
-      const uint8_t* begin = buffer.block.data();
-      const uint8_t* end = begin + buffer.block.size();
+    for (auto& [id, buffer] : s.buffers) {
+      const uint8_t* begin = buffer.Pixels();
+      const uint8_t* end = begin + buffer.bytes;
       if (buffer.block.empty() || to < begin || to >= end) continue;
       if (end - to < Extent(c.layout)) {
         s.log.push_back(where + ": the frame does not fit buffer " + std::to_string(id));
         fits = false;
       }
+    }
+    std::string why;
+    if (fits && !GuardedCopyAllowed(s, c.layout, to, &why)) {
+      s.log.push_back(where + ": " + why);
+      fits = false;
     }
     if (fits) {
       if (delivered != frame)

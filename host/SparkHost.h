@@ -134,6 +134,26 @@ int32_t RegisteredBuffers();
 // Not counted among the sparkGetFrame calls.
 spark_info_struct BeginFrame(int32_t frameNo);
 
+// ---- Guarded buffers, for hosts that test the plug-in's writes
+
+// With guards on, every buffer's block is exactly the Stride x Height bytes its record
+// describes (its own layout, not the largest frame), between two guard zones of
+// kGuardBytes; guards and row padding hold a pattern, pixels start at 0. Under
+// AddressSanitizer the guards are also poisoned, so any read or write there stops at once.
+// Frames are copied into a guarded buffer (by sparkGetFrame and BeginFrame) only when the
+// clip has the buffer's stride and bytes per pixel and fits; otherwise nothing is copied,
+// sparkGetFrame returns 0 and a HostLog() line says why. In this mode SetBuffer also takes
+// strides shorter than a row, for records that lie about their rows. Off by default and
+// after Reset(); switching rebuilds every block.
+constexpr int64_t kGuardBytes = 64;
+void SetGuardedBuffers(bool on);
+bool GuardedBuffers();
+// Damage found in the guard zones and row padding of every guarded buffer, one line each
+// (empty when all is intact). The result buffer's padding may be zero below
+// `resultClearedBytes` (a clearing of FrameBytes bytes covers the padding between rows).
+// Call between plug-in calls.
+std::vector<std::string> GuardDamage(int64_t resultClearedBytes);
+
 // ---- Failure injection, per buffer id; all withdrawn by Reset() or ClearInjections()
 
 // sparkMemGetBuffer(id) returns 0 and leaves the record untouched.

@@ -42,6 +42,29 @@
 //   - A format outside the table builds no estimator; the result stays untouched.
 //   - Format 49 frames are converted as packed pixel arrays (the packing has no stride), so
 //     a host must give them without row padding.
+//   - Clearing zeroes FrameBytes bytes from the result's first pixel but never more than the
+//     result's own Stride x Height, so a FrameBytes larger than the buffer stays inside it.
+//
+// Hosts outside the design. Before loading any frame (after Width and Height are stored)
+// the driver checks that the records agree with each other, since every address it forms
+// comes from them. A call that fails the check writes nothing outside a buffer as its own
+// record describes it (Stride x Height bytes from Buffer):
+//   - Refused, returning null with one line on stderr and nothing written: ProcessorCount
+//     above the fork-join job table (64); or, when a rule below fails, a result record that
+//     cannot even be cleared safely (a format outside the table, a size below 1, a Stride
+//     shorter than a row).
+//   - Otherwise the render's parameter-error path: the result is cleared, "Cannot process
+//     image blur due to parameter error", the pause, the result pointer returned; no frame
+//     is loaded and no estimator built. The rules:
+//     * the front in the table: the result has the front's sample layout (24 and 25 alike,
+//       48 and 64 alike, 49 alone), and front and result are rows of at least Width pixels
+//       of that layout (Width, Height at least 1);
+//     * the motion clip in the table: it is such rows too, and tmp's Stride x Height covers
+//       a frame of the clip ((Height - 1) x Stride + Width x bytes per pixel of the clip);
+//     * the front or the motion clip in format 49: result, front, clip and tmp all have the
+//       result's Width and Height and packed rows (Stride = 6 x Width), because the packing
+//       splits the host's frame, the result's Width x Height, without any stride.
+//   Records outside the table in format (front and clip both) stay the no-op above.
 
 // Id of the temporary buffer, set by SparkMemoryTempBuffers; 4 until then.
 extern "C" int32_t TempBufferId;
@@ -52,6 +75,14 @@ constexpr float kSparkWhitePoint = 65535.0f;  // white point of every flow and r
 constexpr int32_t kSparkRowOrder = 1;         // rows top-down for every image
 constexpr float kSparkBypassAmount = 0.5f;    // amount when the controls are bypassed
 constexpr uint8_t kSparkBypassMotion = 0;     // motion from the front clip when bypassed
+
+// The outcome of the record check above.
+enum class SparkRecordCheck { kAccept, kParameterError, kRefuse };
+// The check on the fetched records; `why` (may be null) gets a short reason otherwise.
+SparkRecordCheck SparkCheckRecords(int32_t processorCount, const spark_mem_buf_struct& result,
+                                   const spark_mem_buf_struct& front,
+                                   const spark_mem_buf_struct& clip,
+                                   const spark_mem_buf_struct& tmp, const char** why);
 
 // Neighbouring frame of frame n (step 4); motionFromBack is the control's value.
 int32_t SparkNeighbourFrame(int32_t n, uint8_t motionFromBack);

@@ -36,10 +36,13 @@ constexpr SparkFlowCallTable kRealCalls = {CreateFlowEstimator, DestroyFlowEstim
 SparkFlowCallTable gCalls = kRealCalls;
 SparkPlaneAllocFunction gAllocPlane = ZeroedPlane;
 
-// Zeroes FrameBytes bytes of the result buffer.
+// Zeroes FrameBytes bytes of the result buffer, never past its Stride x Height.
 void ClearResult(const spark_info_struct& info) {
-  if (gResult.Buffer && info.FrameBytes > 0)
-    std::memset(gResult.Buffer, 0, static_cast<size_t>(info.FrameBytes));
+  int64_t span = gResult.Stride > 0 && gResult.Height > 0
+                     ? int64_t{gResult.Stride} * gResult.Height
+                     : 0;
+  int64_t bytes = info.FrameBytes < span ? info.FrameBytes : span;
+  if (gResult.Buffer && bytes > 0) std::memset(gResult.Buffer, 0, static_cast<size_t>(bytes));
 }
 
 // Clears before the message and pauses, for the flow and render failures the user must see;
@@ -80,7 +83,68 @@ int32_t PixelTypeOf(int32_t format) {
       return -1;
   }
 }
+// Bytes a pixel of a format takes in a host buffer; 0 outside the table.
+int64_t BytesPerPixelOf(int32_t format) {
+  int32_t type = PixelTypeOf(format);
+  return type < 0 ? 0 : type == 0 ? 3 : 6;
+}
+
+// Rows of at least Width pixels of the record's own format, at least one of each.
+bool Sound(const spark_mem_buf_struct& r) {
+  int64_t bpp = BytesPerPixelOf(r.FormatCode);
+  return bpp > 0 && r.Width >= 1 && r.Height >= 1 && int64_t{r.Stride} >= r.Width * bpp;
+}
+
+// Bytes from the first pixel to the end of the last one.
+int64_t Extent(const spark_mem_buf_struct& r) {
+  return int64_t{r.Height - 1} * r.Stride + r.Width * BytesPerPixelOf(r.FormatCode);
+}
+
+int64_t Span(const spark_mem_buf_struct& r) {
+  return r.Stride > 0 && r.Height > 0 ? int64_t{r.Stride} * r.Height : 0;
+}
+
+bool PackedHalfFrame(const spark_mem_buf_struct& r, const spark_mem_buf_struct& result) {
+  return r.Width == result.Width && r.Height == result.Height &&
+         int64_t{r.Stride} == int64_t{r.Width} * 6;
+}
 }  // namespace
+
+SparkRecordCheck SparkCheckRecords(int32_t processorCount, const spark_mem_buf_struct& result,
+                                   const spark_mem_buf_struct& front,
+                                   const spark_mem_buf_struct& clip,
+                                   const spark_mem_buf_struct& tmp, const char** why) {
+  const char* reason = nullptr;
+  bool fatal = false;
+  if (processorCount > kNuvMPMaxJobs) {
+    reason = "more processors than the job table holds";
+    fatal = true;
+  }
+  const int32_t frontType = PixelTypeOf(front.FormatCode);
+  const int32_t clipType = PixelTypeOf(clip.FormatCode);
+  if (!reason && frontType >= 0) {
+    if (PixelTypeOf(result.FormatCode) != frontType)
+      reason = "the result's format differs from the front's";
+    else if (!Sound(front) || !Sound(result))
+      reason = "front or result rows are shorter than their width";
+  }
+  if (!reason && clipType >= 0) {
+    if (!Sound(clip))
+      reason = "the motion clip's rows are shorter than its width";
+    else if (Span(tmp) < Extent(clip))
+      reason = "the tmp buffer cannot hold a frame of the motion clip";
+  }
+  if (!reason && (frontType == 2 || clipType == 2)) {
+    if (!PackedHalfFrame(result, result) || !PackedHalfFrame(front, result) ||
+        !PackedHalfFrame(clip, result) || !PackedHalfFrame(tmp, result))
+      reason = "half-float frames of another size than the result, or with padded rows";
+  }
+  if (!reason) return SparkRecordCheck::kAccept;
+  if (why) *why = reason;
+  // Clearing needs a result that is rows of its own format at least.
+  if (fatal || !Sound(result)) return SparkRecordCheck::kRefuse;
+  return SparkRecordCheck::kParameterError;
+}
 
 int32_t SparkNeighbourFrame(int32_t n, uint8_t motionFromBack) {
   // Unsigned steps: frame numbers at the ends of the range wrap instead of overflowing.
@@ -146,6 +210,19 @@ extern "C" void* SparkProcess(spark_info_struct info) {
   int32_t format = clip.FormatCode;
   const int32_t clipStride = clip.Stride;
   void* const clipBuffer = clip.Buffer;
+
+  // Records that disagree would make the addresses below leave the host's buffers.
+  const char* why = "";
+  switch (SparkCheckRecords(info.ProcessorCount, gResult, gFront, clip, gTmp, &why)) {
+    case SparkRecordCheck::kAccept:
+      break;
+    case SparkRecordCheck::kRefuse:
+      std::fprintf(stderr, "Error: buffer records refused: %s\n", why);
+      return nullptr;
+    case SparkRecordCheck::kParameterError:
+      ReportFailure(info, PLErrParameter, "", "Cannot process image blur due to parameter error");
+      return gResult.Buffer;
+  }
 
   sparkGetFrame(clipId, neighbour, gTmp.Buffer);
   sparkGetFrame(clipId, n, clipBuffer);
