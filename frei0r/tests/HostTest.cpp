@@ -31,6 +31,7 @@ constexpr int32_t kBackgroundTolerance = 2;
 // still edges (about 0.2 is seen).
 constexpr double kSmeared = 10.0;
 constexpr double kNotSmeared = 2.0;
+constexpr double kNotSmearedPartial = 6.0;
 
 bool Have(const char* tool) {
   return std::system((std::string("command -v ") + tool + " >/dev/null 2>&1").c_str()) == 0;
@@ -160,11 +161,13 @@ void ExpectBlurredAlongTheMotion(const Clip& clip, const Frames& in, const Frame
       EXPECT_GT(frei0rtest::MeanShift(out[f], in[f], clip, right + 1, right + 4, rows0, rows1),
                 kSmeared);
     }
+    // A flow over two or three frames is coarser: a little more leaks there.
+    const double across = partial ? kNotSmearedPartial : kNotSmeared;
     EXPECT_LT(std::abs(frei0rtest::MeanShift(out[f], in[f], clip, cols0, cols1, top - 3, top - 1)),
-              kNotSmeared);
+              across);
     EXPECT_LT(std::abs(frei0rtest::MeanShift(out[f], in[f], clip, cols0, cols1, bottom + 1,
                                              bottom + 3)),
-              kNotSmeared);
+              across);
   }
   EXPECT_GE(blurred, partial ? size_t{2} : out.size() - 1) << "frames blurred";
 }
