@@ -4,10 +4,10 @@
 #include <vector>
 
 #include "filter/PLConvolveFull.h"
-#include "filter/tests/FilterTestImages.h"
+#include "tests/support/PLTestImages.h"
 #include "tests/support/PLTestWorkers.h"
 
-using namespace filtertest;
+using namespace pltest;
 
 namespace {
 

@@ -2,10 +2,10 @@
 #include <gtest/gtest.h>
 
 #include "filter/PLResize.h"
-#include "filter/tests/FilterTestImages.h"
+#include "tests/support/PLTestImages.h"
 #include "tests/support/PLTestWorkers.h"
 
-using namespace filtertest;
+using namespace pltest;
 
 namespace {
 

@@ -73,15 +73,9 @@ TEST_F(HostTest, DefaultsAfterReset) {
   EXPECT_TRUE(sh::Notes().empty());
   EXPECT_EQ(sh::RegisteredBuffers(), 0);
   EXPECT_EQ(sparkMemRegisterBuffer(), 4);
-  EXPECT_THROW(sh::BufferLayout(5), std::invalid_argument);
-}
-
-TEST_F(HostTest, RegisteredIdsCountUpFromFour) {
-  EXPECT_EQ(sparkMemRegisterBuffer(), 4);
-  EXPECT_EQ(sparkMemRegisterBuffer(), 5);
-  EXPECT_EQ(sparkMemRegisterBuffer(), 6);
-  EXPECT_EQ(sh::RegisteredBuffers(), 3);
-  EXPECT_EQ(sh::Calls().registerBuffer, 3);
+  EXPECT_EQ(sparkMemRegisterBuffer(), 5) << "ids count up from four";
+  EXPECT_EQ(sh::RegisteredBuffers(), 2);
+  EXPECT_THROW(sh::BufferLayout(6), std::invalid_argument);
 }
 
 TEST_F(HostTest, RecordsCarryEachBuffersLayoutAtTheirOffsets) {
@@ -122,6 +116,9 @@ TEST_F(HostTest, UnknownIdAndNullRecordFail) {
   EXPECT_EQ(sparkMemGetBuffer(0, &record), 0);
   EXPECT_EQ(sparkMemGetBuffer(1, nullptr), 0);
   EXPECT_EQ(sh::HostLog().size(), 3u);
+  ASSERT_EQ(sparkMemGetBuffer(sh::kResultBuffer, &record), 1);  // an empty layout
+  EXPECT_EQ(record.Buffer, nullptr);
+  EXPECT_EQ(record.State, kSparkBufferUsable);
 }
 
 TEST_F(HostTest, EveryBlockHoldsTheLargestClipFrame) {
@@ -133,13 +130,6 @@ TEST_F(HostTest, EveryBlockHoldsTheLargestClipFrame) {
   EXPECT_EQ(sh::BufferLayout(tmp).width, 4);  // the record still reports its own layout
   // The back clip's frame loads into the front-sized temporary buffer without overflow.
   EXPECT_EQ(sparkGetFrame(1, 0, sh::BufferPixels(tmp)), 1);
-}
-
-TEST_F(HostTest, EmptyLayoutGivesANullBuffer) {
-  spark_mem_buf_struct record{};
-  ASSERT_EQ(sparkMemGetBuffer(sh::kResultBuffer, &record), 1);
-  EXPECT_EQ(record.Buffer, nullptr);
-  EXPECT_EQ(record.State, kSparkBufferUsable);
 }
 
 TEST_F(HostTest, ConfigurationMistakesThrow) {
@@ -244,14 +234,6 @@ TEST_F(HostTest, GetFrameRevokesTheRecordLastFilledForAnId) {
   EXPECT_EQ(Mismatches(pixels, sh::ClipLayout(0), 1), 0) << "the copy still happened";
 }
 
-TEST_F(HostTest, RevokingWithoutARecordOnlyLogs) {
-  sh::SetClip(0, Layout(1, 1, 24), 1);
-  sh::NullBufferOnGetFrame(4);
-  uint8_t pixel[3];
-  EXPECT_EQ(sparkGetFrame(0, 0, pixel), 1);
-  EXPECT_EQ(sh::HostLog().size(), 1u);
-}
-
 TEST_F(HostTest, MessagesErrorsAndCounters) {
   sparkMessage("first");
   sparkError("second");
@@ -269,9 +251,6 @@ TEST_F(HostTest, MessagesErrorsAndCounters) {
   EXPECT_EQ(counts.cursorBusy, 2);
   EXPECT_EQ(counts.viewingDraw, 1);
   EXPECT_EQ(sh::HostLog().size(), 1u);  // the null text
-}
-
-TEST_F(HostTest, VersionIsConfigurable) {
   EXPECT_EQ(sparkAPIVersionInfo(), 4.0f);
   sh::SetAPIVersion(3.9f);
   EXPECT_EQ(sparkAPIVersionInfo(), 3.9f);
@@ -359,51 +338,32 @@ void LogRange(void* arg) {
   log->threads.insert(std::this_thread::get_id());
 }
 
+// One fork on the current processors: processor k of p gets pixels / p pixels from k times
+// that, the last one the remainder, each on a real thread that is not the caller's.
+void ExpectShares(int32_t p, uint64_t pixels) {
+  ForkLog log;
+  sparkMpFork(LogRange, 1, &log);
+  std::sort(log.ranges.begin(), log.ranges.end());
+  const uint64_t share = pixels / static_cast<uint64_t>(p);
+  std::vector<std::pair<uint64_t, uint64_t>> want;
+  for (int32_t k = 0; k < p; ++k) want.push_back({share * k, k == p - 1 ? pixels - share * k : share});
+  std::sort(want.begin(), want.end());
+  EXPECT_EQ(log.ranges, want) << p << " processors, " << pixels << " pixels";
+  EXPECT_EQ(log.threads.size(), static_cast<size_t>(p)) << "one real thread each";
+  EXPECT_EQ(log.threads.count(std::this_thread::get_id()), 0u);
+}
+
 class ForkProcessors : public HostTest, public ::testing::WithParamInterface<int32_t> {};
 
 TEST_P(ForkProcessors, EachProcessorGetsItsShareAndTheLastTheRemainder) {
-  int32_t p = GetParam();
-  for (int64_t pixels : {int64_t{1000}, int64_t{3}, int64_t{0}}) {
-    sh::SetProcessors(p);
-    sh::SetFramePixels(pixels);
-    ForkLog log;
-    sparkMpFork(LogRange, 1, &log);
-    ASSERT_EQ(log.ranges.size(), static_cast<size_t>(p));
-    EXPECT_EQ(log.threads.size(), static_cast<size_t>(p)) << "one real thread each";
-    EXPECT_EQ(log.threads.count(std::this_thread::get_id()), 0u);
-    std::sort(log.ranges.begin(), log.ranges.end(),
-              [](auto& a, auto& b) { return a.first < b.first || (a.first == b.first && a.second < b.second); });
-    uint64_t share = static_cast<uint64_t>(pixels) / static_cast<uint64_t>(p);
-    std::vector<std::pair<uint64_t, uint64_t>> want;
-    for (int32_t k = 0; k < p; ++k)
-      want.push_back({share * k, k == p - 1 ? static_cast<uint64_t>(pixels) - share * k : share});
-    std::sort(want.begin(), want.end());
-    EXPECT_EQ(log.ranges, want) << p << " processors, " << pixels << " pixels";
+  for (uint64_t pixels : {1000u, 3u, 0u}) {
+    sh::SetProcessors(GetParam());
+    sh::SetFramePixels(static_cast<int64_t>(pixels));
+    ExpectShares(GetParam(), pixels);
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(Counts, ForkProcessors, ::testing::Values(1, 2, 3, 8));
-
-TEST_F(HostTest, NoProcessorsActsAsOne) {
-  sh::SetProcessors(0);
-  sh::SetFramePixels(10);
-  ForkLog log;
-  sparkMpFork(LogRange, 1, &log);
-  ASSERT_EQ(log.ranges.size(), 1u);
-  EXPECT_EQ(log.ranges[0], (std::pair<uint64_t, uint64_t>{0, 10}));
-  EXPECT_EQ(sh::Processors(), 0) << "stored as given";
-}
-
-TEST_F(HostTest, ForkDividesTheResultFrame) {
-  sh::SetClip(0, Layout(10, 10, 24), 1);
-  sh::SetProcessors(4);
-  sh::SetFramePixels(1 << 20);
-  ForkLog log;
-  sparkMpFork(LogRange, 1, &log);
-  uint64_t total = 0;
-  for (auto& range : log.ranges) total += range.second;
-  EXPECT_EQ(total, 100u);
-}
 
 std::atomic<int32_t> gFinished{0};
 
@@ -446,22 +406,6 @@ TEST_F(HostTest, MisusedForkAndInfoAreLogged) {
   EXPECT_EQ(sh::Calls().mpFork, 2);
   EXPECT_EQ(sh::Calls().mpInfo, 2);
 }
-
-TEST_F(HostTest, SamplesOfEachWidth) {
-  sh::FrameLayout bytes = Layout(2, 2, 25, 8);
-  std::vector<uint8_t> b(16, 0);
-  sh::SetSample(b.data(), bytes, 1, 1, 2, 0x1FF);
-  EXPECT_EQ(b[8 + 5], 0xFF);
-  EXPECT_EQ(sh::Sample(b.data(), bytes, 1, 1, 2), 0xFFu);
-  sh::FrameLayout words = Layout(2, 2, 49);
-  std::vector<uint8_t> w(24, 0);
-  sh::SetSample(w.data(), words, 1, 0, 1, 0x3C00);
-  uint16_t word;
-  std::memcpy(&word, w.data() + 8, 2);
-  EXPECT_EQ(word, 0x3C00);
-  EXPECT_EQ(sh::BytesPerPixel(26), 6) << "unknown codes are stored generously";
-}
-
 
 // ---- Processors that outlive the fork
 
@@ -521,27 +465,9 @@ TEST_F(PoolTest, ConsecutiveForksRunOnTheSameProcessors) {
   EXPECT_EQ(gEnded.load(), 3) << "Reset() ends and joins the processors";
 }
 
-TEST_F(PoolTest, OneProcessorIsStillNotTheCaller) {
-  sh::SetProcessors(1);
-  std::map<uint64_t, std::thread::id> first = ForkThreads();
-  ASSERT_EQ(first.size(), 1u);
-  EXPECT_NE(first.begin()->second, std::this_thread::get_id());
-  EXPECT_EQ(ForkThreads(), first);
-}
-
-// One fork on the current processors: each gets its range of a 1000-pixel frame, on a
-// thread of its own. Returns the threads by processor.
+// A checked fork of the 1000-pixel frame; returns the threads by processor.
 std::map<uint64_t, std::thread::id> CheckedFork(int32_t p) {
-  ForkLog log;
-  sparkMpFork(LogRange, 1, &log);
-  std::sort(log.ranges.begin(), log.ranges.end());
-  uint64_t share = 1000 / static_cast<uint64_t>(p);
-  std::vector<std::pair<uint64_t, uint64_t>> want;
-  for (int32_t k = 0; k < p; ++k)
-    want.push_back({share * k, k == p - 1 ? 1000 - share * k : share});
-  EXPECT_EQ(log.ranges, want) << p << " processors";
-  EXPECT_EQ(log.threads.size(), static_cast<size_t>(p));
-  EXPECT_EQ(log.threads.count(std::this_thread::get_id()), 0u);
+  ExpectShares(p, 1000);
   return ForkThreads();
 }
 
@@ -560,20 +486,6 @@ TEST_F(PoolTest, ANewCountReplacesTheProcessors) {
   sh::SetProcessors(0);
   EXPECT_EQ(gEnded.load(), 12);
   EXPECT_EQ(CheckedFork(1).size(), 1u) << "no processors acts as one";
-}
-
-TEST_F(PoolTest, ResetBetweenForksStartsAfreshAtTheNextFork) {
-  sh::SetProcessors(2);
-  CheckedFork(2);
-  sh::Reset();
-  EXPECT_EQ(gEnded.load(), 2);
-  EXPECT_EQ(sh::Calls().mpFork, 0);
-  sh::SetFramePixels(1000);
-  CheckedFork(1);
-  sh::SetProcessors(2);
-  CheckedFork(2);
-  EXPECT_EQ(sh::Calls().mpFork, 4);
-  EXPECT_TRUE(sh::HostLog().empty());
 }
 
 // Processor 0 throws at once; the others finish their work after it.

@@ -7,7 +7,7 @@
 
 #include "image/PLConvertImage.h"
 #include "image/PLPixelConvert.h"
-#include "image/tests/PLImageOpsTestSupport.h"
+#include "tests/support/PLTestImages.h"
 
 namespace {
 

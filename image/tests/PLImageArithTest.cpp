@@ -7,13 +7,13 @@
 
 #include "image/PLImageArith.h"
 #include "image/PLImageCopy.h"
-#include "image/tests/PLImageOpsTestSupport.h"
+#include "tests/support/PLTestImages.h"
 
 namespace {
 
 using pltest::MakeImage;
 using pltest::PixelBytes;
-using pltest::ExpectSameForAllWorkers;
+using pltest::ExpectRowOpSameForAllWorkers;
 using pltest::Sample;
 
 void SetPixel4(PLImage* im, int32_t x, int32_t y, float r, float g, float b, float m) {
@@ -150,7 +150,7 @@ TEST(ImageArith, MultiplyFlowScalesUAndVApart) {
 // One contiguous run per worker slice, from the lower address of its two end rows.
 std::vector<unsigned char> MultiplyRunsReference(const pltest::TestImage& t, float factor,
                                                  int32_t threads) {
-  std::vector<unsigned char> store = t.store;
+  std::vector<unsigned char> store = t.buffer;
   const PLImage* im = t.get();
   for (int32_t index = 0; index < threads; ++index) {
     int32_t first, last;
@@ -176,11 +176,11 @@ TEST(ImageArith, MultiplyPaddedFloatScalesTheGapsAndStaysInsideItsRows) {
       pltest::FillRandom(im.get(), 8);
       auto expected = MultiplyRunsReference(im, 2.5f, NuvMPThreadsForRows(140));
       Multiply(im.get(), 2.5f);
-      EXPECT_EQ(pltest::CountDiff(im.store, expected), 0u)
+      EXPECT_TRUE(im.buffer == expected)
           << pltest::LayoutName(layout) << " workers " << workers;
       // The spare row after the image is never reached.
       size_t end = static_cast<size_t>(im->rowBytes) * 140;
-      for (size_t i = end; i < im.store.size(); ++i) ASSERT_EQ(im.store[i], pltest::kPadByte);
+      for (size_t i = end; i < im.buffer.size(); ++i) ASSERT_EQ(im.buffer[i], 0xCD);
     }
   // With one worker on three rows: rows 0 and 1 and their gaps scaled, row 2 missed.
   PLTestUseWorkers(1);
@@ -230,9 +230,9 @@ TEST(ImageArith, TwoImageOperationsMatchTheReferenceForEveryTypePair) {
           CopyWhole(&expected, dst.get());
           TwoImageReference(&expected, src.get(), op.ref);
           op.run(dst.get(), src.get());
-          ASSERT_EQ(pltest::CountDiff(PixelBytes(dst.get()), PixelBytes(&expected)), 0u)
+          ASSERT_TRUE(PixelBytes(dst.get()) == PixelBytes(&expected))
               << op.name << " " << dt << "<-" << st << " c" << channels;
-          ASSERT_TRUE(pltest::PaddingIntact(dst));
+          ASSERT_TRUE(pltest::PaddingUntouched(dst));
         }
 }
 
@@ -363,28 +363,28 @@ TEST(ImageMatte, MembersMoveTheMatteMode) {
 // ---- workers ----
 
 TEST(ImageArithWorkers, EveryRowParallelOperationIsIndependentOfWorkers) {
-  ExpectSameForAllWorkers("ScaleUShort", PLUShort, PLUShort, 4,
+  ExpectRowOpSameForAllWorkers("ScaleUShort", PLUShort, PLUShort, 4,
                           [](PLImage* d, PLImage*) { ScaleUShort(d, 1.7f); });
-  ExpectSameForAllWorkers("ScaleClampUShort", PLUShort, PLUShort, 4,
+  ExpectRowOpSameForAllWorkers("ScaleClampUShort", PLUShort, PLUShort, 4,
                           [](PLImage* d, PLImage*) { ScaleClampUShort(d, 1.3f, 60000.0f); });
-  ExpectSameForAllWorkers("ScaleClampUShort3", PLUShort, PLUShort, 3,
+  ExpectRowOpSameForAllWorkers("ScaleClampUShort3", PLUShort, PLUShort, 3,
                           [](PLImage* d, PLImage*) { ScaleClampUShort(d, 0.7f, 50000.0f); });
   // Multiply on padded Float rows depends on the slices by design (see its own test).
-  ExpectSameForAllWorkers(
+  ExpectRowOpSameForAllWorkers(
       "Multiply", PLFloat, PLFloat, 3, [](PLImage* d, PLImage*) { Multiply(d, 0.37f); }, false);
-  ExpectSameForAllWorkers("MultiplyFlow", PLFloat, PLFloat, 2,
+  ExpectRowOpSameForAllWorkers("MultiplyFlow", PLFloat, PLFloat, 2,
                           [](PLImage* d, PLImage*) { MultiplyFlow(d, 0.5f, -1.25f); });
-  ExpectSameForAllWorkers("Subtract1", PLFloat, PLFloat, 1,
+  ExpectRowOpSameForAllWorkers("Subtract1", PLFloat, PLFloat, 1,
                           [](PLImage* d, PLImage* s) { Subtract(d, s); });
-  ExpectSameForAllWorkers("Subtract2", PLFloat, PLFloat, 2,
+  ExpectRowOpSameForAllWorkers("Subtract2", PLFloat, PLFloat, 2,
                           [](PLImage* d, PLImage* s) { Subtract(d, s); });
   for (int32_t type : {PLUChar, PLUShort, PLFloat}) {
-    ExpectSameForAllWorkers("Max", type, type, 1, [](PLImage* d, PLImage* s) { Max(d, s); });
-    ExpectSameForAllWorkers("Unpremultiply", type, type, 4,
+    ExpectRowOpSameForAllWorkers("Max", type, type, 1, [](PLImage* d, PLImage* s) { Max(d, s); });
+    ExpectRowOpSameForAllWorkers("Unpremultiply", type, type, 4,
                             [](PLImage* d, PLImage*) { Unpremultiply(d); });
-    ExpectSameForAllWorkers("Premultiply", type, type, 4,
+    ExpectRowOpSameForAllWorkers("Premultiply", type, type, 4,
                             [](PLImage* d, PLImage*) { Premultiply(d); });
-    ExpectSameForAllWorkers("PremultiplyFrom", type, type, 4,
+    ExpectRowOpSameForAllWorkers("PremultiplyFrom", type, type, 4,
                             [](PLImage* d, PLImage* s) { PremultiplyFrom(d, s, 0.8f); });
   }
 }

@@ -5,13 +5,13 @@
 #include <limits>
 
 #include "image/PLImageCopy.h"
-#include "image/tests/PLImageOpsTestSupport.h"
+#include "tests/support/PLTestImages.h"
 
 namespace {
 
 using pltest::MakeImage;
 using pltest::PixelBytes;
-using pltest::ExpectSameForAllWorkers;
+using pltest::ExpectRowOpSameForAllWorkers;
 using pltest::Sample;
 
 // ---- predicates ----
@@ -264,7 +264,7 @@ TEST(ImageFill, ClearLeavesPaddingAndIgnoresNull) {
     pltest::FillRandom(im.get(), 4);
     Clear(im.get());
     for (unsigned char b : PixelBytes(im.get())) ASSERT_EQ(b, 0);
-    EXPECT_TRUE(pltest::PaddingIntact(im)) << pltest::LayoutName(layout);
+    EXPECT_TRUE(pltest::PaddingUntouched(im)) << pltest::LayoutName(layout);
   }
 }
 
@@ -305,18 +305,18 @@ TEST(ImageFill, FillColorUsesAsManyValuesAsChannels) {
 // ---- workers ----
 
 TEST(ImageCopyWorkers, EveryRowParallelCopyIsIndependentOfWorkers) {
-  ExpectSameForAllWorkers("CopyWhole", PLFloat, PLFloat, 3,
+  ExpectRowOpSameForAllWorkers("CopyWhole", PLFloat, PLFloat, 3,
                           [](PLImage* d, PLImage* s) { CopyWhole(d, s); });
-  ExpectSameForAllWorkers("CopyRect whole", PLUChar, PLUChar, 4,
+  ExpectRowOpSameForAllWorkers("CopyRect whole", PLUChar, PLUChar, 4,
                           [](PLImage* d, PLImage* s) { CopyRect(d, 0, 0, s, 0, 0, 29, 150); });
   // Across types the conversion writes its second argument: convert into d.
-  ExpectSameForAllWorkers("ConvertRect", PLUShort, PLFloat, 2, [](PLImage* d, PLImage* s) {
+  ExpectRowOpSameForAllWorkers("ConvertRect", PLUShort, PLFloat, 2, [](PLImage* d, PLImage* s) {
     CopyRect(s, 3, 2, d, 1, 4, 25, 140);
   });
-  ExpectSameForAllWorkers("CopyRectScaled", PLUChar, PLFloat, 3, [](PLImage* d, PLImage* s) {
+  ExpectRowOpSameForAllWorkers("CopyRectScaled", PLUChar, PLFloat, 3, [](PLImage* d, PLImage* s) {
     CopyRectScaled(d, 2, 5, s, 0, 1, 27, 140);
   });
-  ExpectSameForAllWorkers("Clear", PLUShort, PLUShort, 1,
+  ExpectRowOpSameForAllWorkers("Clear", PLUShort, PLUShort, 1,
                           [](PLImage* d, PLImage*) { Clear(d); });
 }
 
@@ -330,7 +330,7 @@ TEST(ImageCopyWorkers, CopyWholeMatchesTheSourceOnEveryLayout) {
       pltest::FillRandom(src.get(), 30);
       CopyWhole(dst.get(), src.get());
       ASSERT_EQ(PixelBytes(dst.get()), PixelBytes(src.get()));
-      ASSERT_TRUE(pltest::PaddingIntact(dst));
+      ASSERT_TRUE(pltest::PaddingUntouched(dst));
     }
 }
 

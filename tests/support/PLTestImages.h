@@ -34,6 +34,19 @@ inline TestImage MakeImage(int32_t width, int32_t height, int32_t channels, int3
   return t;
 }
 
+// The row layouts every row-parallel operation is checked on; padded rows have 12 bytes
+// (whole samples of every type) between them.
+enum Layout { kPlain, kFlipped, kPadded, kPaddedFlipped };
+constexpr Layout kLayouts[] = {kPlain, kFlipped, kPadded, kPaddedFlipped};
+inline const char* LayoutName(Layout l) {
+  static const char* names[] = {"plain", "flipped", "padded", "padded+flipped"};
+  return names[l];
+}
+inline TestImage MakeImage(int32_t w, int32_t h, int32_t channels, int32_t dataType, Layout l) {
+  return MakeImage(w, h, channels, dataType, l == kFlipped || l == kPaddedFlipped,
+                   l == kPadded || l == kPaddedFlipped ? 12 : 0);
+}
+
 // Sample c of pixel (x, y) as a double, by the image's own addressing.
 inline double Get(const PLImage* im, int32_t x, int32_t y, int32_t c) {
   const unsigned char* p = im->PixelAddress(x, y) + c * im->bytesPerSample;
@@ -65,6 +78,21 @@ inline void FillRandom(PLImage* im, uint32_t seed) {
                                               : (r % 100000) / 66666.0 - 0.25;
         Set(im, x, y, c, v);
       }
+}
+
+// Random content with Float samples in lo .. hi instead.
+inline void FillRandom(PLImage* im, uint32_t seed, float lo, float hi) {
+  FillRandom(im, seed);
+  if (im->dataType != PLFloat) return;
+  std::mt19937 rng(seed);
+  for (int32_t y = 0; y < im->height; ++y)
+    for (int32_t i = 0; i < im->width * im->channels; ++i)
+      PLStore<float>(im->Row(y) + 4 * i, lo + (hi - lo) * static_cast<float>(rng() % 100000) / 100000.0f);
+}
+
+// Sample c of pixel (x, y) as a float (exact for the three working types).
+inline float Sample(const PLImage* im, int32_t x, int32_t y, int32_t c) {
+  return static_cast<float>(Get(im, x, y, c));
 }
 
 inline void Fill(PLImage* im, double v) {
@@ -108,13 +136,16 @@ inline ::testing::AssertionResult SamePixels(const PLImage* a, const PLImage* b)
                                        << maxDiff;
 }
 
-// Row padding must stay as it was filled (0xCD).
+// Row padding, and the spare bytes after the last row, must stay as filled (0xCD).
 inline bool PaddingUntouched(const TestImage& t) {
   const PLImage* im = t.get();
   int32_t used = im->width * im->bytesPerPixel;
   for (int32_t r = 0; r < im->height; ++r)
     for (int32_t b = used; b < im->rowBytes; ++b)
       if (t.buffer[static_cast<size_t>(r) * im->rowBytes + b] != 0xCD) return false;
+  for (size_t i = static_cast<size_t>(im->rowBytes) * (im->height > 0 ? im->height : 1);
+       i < t.buffer.size(); ++i)
+    if (t.buffer[i] != 0xCD) return false;
   return true;
 }
 
@@ -134,6 +165,18 @@ inline void ExpectSameForAllWorkers(Produce produce) {
   PLTestUseWorkers(1);
 }
 
+// Restores one worker when a test ends, even on a failed assertion.
+struct WorkerGuard {
+  ~WorkerGuard() { PLTestUseWorkers(1); }
+};
+
+// Runs `op(dst, src)` on random 29 x 150 images (so that 8 workers split them) in each
+// layout of dst for every worker count, and expects the bytes of one worker, with the
+// padding untouched. `padded` false skips the padded layouts.
+template <class Op>
+void ExpectRowOpSameForAllWorkers(const char* name, int32_t dstType, int32_t srcType,
+                                  int32_t channels, Op op, bool padded = true);
+
 // The pixel bytes of an image in row order, padding left out.
 inline std::vector<unsigned char> PixelBytes(const PLImage* im) {
   std::vector<unsigned char> out;
@@ -144,6 +187,30 @@ inline std::vector<unsigned char> PixelBytes(const PLImage* im) {
     out.insert(out.end(), row, row + used);
   }
   return out;
+}
+
+template <class Op>
+void ExpectRowOpSameForAllWorkers(const char* name, int32_t dstType, int32_t srcType,
+                                  int32_t channels, Op op, bool padded) {
+  WorkerGuard guard;
+  for (Layout layout : kLayouts) {
+    if (!padded && (layout == kPadded || layout == kPaddedFlipped)) continue;
+    std::vector<unsigned char> reference;
+    for (int32_t workers : kPLTestWorkerCounts) {
+      PLTestUseWorkers(workers);
+      TestImage dst = MakeImage(29, 150, channels, dstType, layout);
+      TestImage src = MakeImage(29, 150, channels, srcType, layout == kPlain ? kPaddedFlipped : kPlain);
+      FillRandom(dst.get(), 21, -1.0f, 1.0f);
+      FillRandom(src.get(), 22, -0.5f, 1.5f);
+      op(dst.get(), src.get());
+      EXPECT_TRUE(PaddingUntouched(dst)) << name << " " << LayoutName(layout);
+      if (workers == 1)
+        reference = PixelBytes(dst.get());
+      else
+        EXPECT_TRUE(PixelBytes(dst.get()) == reference)
+            << name << " " << LayoutName(layout) << " workers " << workers;
+    }
+  }
 }
 
 }  // namespace pltest
