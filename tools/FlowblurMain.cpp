@@ -14,6 +14,11 @@
 #include "tools/PluginSession.h"
 #include "tools/Sequence.h"
 
+// The package's version, given by the build (cmake/install.cmake).
+#ifndef FLOWBLUR_VERSION
+#define FLOWBLUR_VERSION "unknown"
+#endif
+
 namespace {
 
 constexpr const char* kDescription =
@@ -66,6 +71,8 @@ int main(int argc, char** argv) {
   CLI::App app{kDescription, "flowblur"};
   app.get_formatter()->column_width(34);
   app.require_subcommand(0, 1);
+  app.set_version_flag("--version", std::string("flowblur ") + FLOWBLUR_VERSION,
+                       "Print the version and exit");
   CLI::App* demo = app.add_subcommand("demo", "Render, blur and show the built-in demo clip");
   demo->fallthrough();
   CLI::App* farm = app.add_subcommand("farm", "Split a render into chunks for a render farm");
