@@ -1,0 +1,170 @@
+// flowblur tool tests: chunked renders against whole ones, resuming after a kill or a stop
+// signal, and the Slurm script run task by task without a scheduler.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+
+#include "tools/ImageFiles.h"
+#include "tools/tests/ToolTestSupport.h"
+
+namespace flowblur {
+namespace {
+
+test::RunResult Flowblur(const std::vector<std::string>& args,
+                         const test::RunOptions& options = test::RunOptions()) {
+  return test::RunCommand(FLOWBLUR_EXE, args, options);
+}
+
+// The demo clip as PNGs in DIR/input/demo.NNNN.png, frames 1 to `frames`.
+std::string DemoInput(const test::TempDir& dir, int32_t frames, int32_t width) {
+  test::RunResult r = Flowblur({"demo", dir / "demo", "--size", std::to_string(width), "--length",
+                                std::to_string(frames), "-q"});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  return dir / "demo/input/demo.%04d.png";
+}
+
+std::map<std::string, std::string> Outputs(const std::string& folder) {
+  return test::Snapshot(folder);
+}
+
+class Chunked : public ::testing::TestWithParam<bool> {};  // motion from a back sequence
+
+TEST_P(Chunked, ChunksGiveTheBytesOfAWholeRun) {
+  test::TempDir dir;
+  const std::string in = DemoInput(dir, 7, 96);
+  std::vector<std::string> controls = {"--amount", "1.5", "-q"};
+  if (GetParam())
+    controls.insert(controls.end(), {"--motion-from", dir / "demo/output/demo.%04d.png"});
+  auto run = [&](const std::string& out, std::vector<std::string> extra) {
+    std::vector<std::string> args = {in, out + "/o.%04d.png"};
+    args.insert(args.end(), controls.begin(), controls.end());
+    args.insert(args.end(), extra.begin(), extra.end());
+    test::RunResult r = Flowblur(args);
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+  };
+  run(dir / "whole", {});
+  // A chunk at the clip's start, one in its middle, one overshooting its end.
+  for (const char* frames : {"1-2", "3-5", "6-99"}) run(dir / "chunks", {"--frames", frames});
+  const auto whole = Outputs(dir / "whole");
+  ASSERT_EQ(whole.size(), 7u);
+  EXPECT_TRUE(Outputs(dir / "chunks") == whole);
+  // Every frame alone.
+  for (int f = 1; f <= 7; ++f) run(dir / "single", {"--frames", std::to_string(f)});
+  EXPECT_TRUE(Outputs(dir / "single") == whole);
+}
+
+INSTANTIATE_TEST_SUITE_P(Motion, Chunked, ::testing::Values(false, true));
+
+TEST(ChunkedRegression, FramesTwoToThreeOfAThreeFrameSequenceMatchTheWholeRun) {
+  test::TempDir dir;
+  const std::string in = DemoInput(dir, 3, 96);
+  ASSERT_EQ(Flowblur({in, dir / "whole/o.%04d.png", "-q"}).exitCode, 0);
+  ASSERT_EQ(Flowblur({in, dir / "part/o.%04d.png", "--frames", "2-3", "-q"}).exitCode, 0);
+  auto whole = Outputs(dir / "whole");
+  whole.erase("o.0001.png");
+  EXPECT_TRUE(Outputs(dir / "part") == whole);
+}
+
+struct Kill {
+  std::string first;  // wait for this output, then send the signal
+  int signal;
+};
+void SignalWhenFirstFrameIsWritten(pid_t child, void* context) {
+  const Kill& kill = *static_cast<Kill*>(context);
+  for (int i = 0; i < 20000 && access(kill.first.c_str(), F_OK) != 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  ::kill(child, kill.signal);
+}
+
+// Outputs of a stopped run: whole frames under final names only, then a resumed run that
+// finishes the rest and matches a run that was never stopped.
+void ExpectStopsCleanlyAndResumes(int signal, int exitCode, const std::string& says) {
+  test::TempDir dir;
+  const int32_t frames = 24;
+  const std::string in = DemoInput(dir, frames, 256);
+  ASSERT_EQ(Flowblur({in, dir / "whole/o.%04d.png", "-q", "--threads", "1"}).exitCode, 0);
+  Kill kill{dir / "out/o.0001.png", signal};
+  test::RunOptions options;
+  options.whileRunning = SignalWhenFirstFrameIsWritten;
+  options.context = &kill;
+  test::RunResult r = Flowblur({in, dir / "out/o.%04d.png", "--threads", "1"}, options);
+  EXPECT_EQ(r.exitCode, exitCode) << r.err;
+  EXPECT_NE(r.err.find(says), std::string::npos) << r.err;
+  const auto whole = Outputs(dir / "whole");
+  auto stopped = Outputs(dir / "out");
+  EXPECT_GT(stopped.size(), 0u);
+  EXPECT_LT(stopped.size(), whole.size());
+  for (const auto& [name, bytes] : stopped)
+    if (name[0] != '.') EXPECT_EQ(bytes, whole.at(name)) << "partial or wrong frame " << name;
+  r = Flowblur({in, dir / "out/o.%04d.png", "--skip-existing", "--threads", "1"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_NE(r.err.find("skipped: their output existed"), std::string::npos) << r.err;
+  auto resumed = Outputs(dir / "out");
+  for (const auto& [name, bytes] : whole) EXPECT_EQ(resumed[name], bytes) << name;
+}
+
+TEST(Resume, SkipExistingFinishesARunKilledMidway) {
+  ExpectStopsCleanlyAndResumes(SIGKILL, 128 + SIGKILL, "");
+}
+
+TEST(Resume, StopSignalsFinishTheFrameAndSaySo) {
+  ExpectStopsCleanlyAndResumes(SIGTERM, 75, "stopped by SIGTERM after a whole frame");
+  ExpectStopsCleanlyAndResumes(SIGUSR1, 75, "stopped by SIGUSR1 after a whole frame");
+}
+
+TEST(FarmLog, OneLineAFrameOffATerminalAndTheSchedulersThreadCount) {
+  test::TempDir dir;
+  const std::string in = DemoInput(dir, 3, 96);
+  test::RunResult r = Flowblur({in, dir / "out/o.%04d.png"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  for (int f = 1; f <= 3; ++f)
+    EXPECT_NE(r.err.find("frame " + std::to_string(f) + " done in "), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find(" s: " + dir / "out/o.0003.png"), std::string::npos) << r.err;
+  setenv("SLURM_CPUS_PER_TASK", "5", 1);
+  r = Flowblur({"--help"});
+  unsetenv("SLURM_CPUS_PER_TASK");
+  EXPECT_NE(r.out.find("--threads INT=5 "), std::string::npos) << r.out;
+}
+
+TEST(FarmSlurm, TheScriptsTasksGiveTheWholeRun) {
+  test::TempDir dir;
+  const std::string in = DemoInput(dir, 7, 96);
+  ASSERT_EQ(Flowblur({in, dir / "whole/o.%04d.png", "-q", "--amount", "0.75"}).exitCode, 0);
+  const std::string script = dir / "job/render.sh";
+  test::RunResult r = Flowblur({"farm", "slurm", in, dir / "out/o.%04d.png", "--chunk", "3",
+                                "--script", script, "--threads", "2", "--time", "0:30:00",
+                                "--amount", "0.75", "--partition", "debug"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  std::ifstream file(script);
+  std::stringstream text;
+  text << file.rdbuf();
+  for (const char* line : {"#SBATCH --array=0-2\n", "#SBATCH --cpus-per-task=2\n",
+                           "#SBATCH --partition=debug\n", "#SBATCH --time=0:30:00\n",
+                           "--clip' '1-7'", "--skip-existing"})
+    EXPECT_NE(text.str().find(line), std::string::npos) << line << " in\n" << text.str();
+  EXPECT_NE(text.str().find("#SBATCH --output=" + dir / "job/logs/flowblur-%A_%a.log"),
+            std::string::npos);
+  // Each task as the scheduler would start it; the last chunk (7 to 9) overshoots.
+  for (int task = 0; task < 3; ++task) {
+    setenv("SLURM_ARRAY_TASK_ID", std::to_string(task).c_str(), 1);
+    setenv("SLURM_CPUS_PER_TASK", "2", 1);
+    r = test::RunCommand("/bin/bash", {script});
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+  }
+  unsetenv("SLURM_ARRAY_TASK_ID");
+  unsetenv("SLURM_CPUS_PER_TASK");
+  EXPECT_TRUE(Outputs(dir / "out") == Outputs(dir / "whole"));
+  // Outputs that exist are neither replaced nor silently kept without being told which.
+  r = Flowblur({"farm", "slurm", in, dir / "out/o.%04d.png", "--chunk", "3", "--script", script});
+  EXPECT_EQ(r.exitCode, 3);
+  EXPECT_NE(r.err.find("use --overwrite to replace it or --skip-existing to keep it"),
+            std::string::npos)
+      << r.err;
+  r = Flowblur({"farm", "slurm", in, dir / "out/o.%04d.png", "--chunk", "0"});
+  EXPECT_EQ(r.exitCode, 2) << r.err;
+}
+
+}  // namespace
+}  // namespace flowblur
