@@ -11,6 +11,7 @@
 #include "filter/PLBlend.h"
 #include "retime/NuvMotionBlur.h"
 #include "tests/support/PLTestImages.h"
+#include "tests/support/PLTestTexture.h"
 
 using pltest::Get;
 using pltest::MakeImage;
@@ -35,14 +36,14 @@ struct Picture {
 
 double White(int32_t type) { return type == PLUChar ? 255.0 : type == PLUShort ? 65535.0 : 1.0; }
 
-// Smooth texture moved right by `shift` pixels; a matte channel is white.
+// The shared texture moved right by `shift` pixels, each channel a different part of it; a
+// matte channel is white.
 void Paint(PLImage* im, double shift) {
   const double w = White(im->dataType);
   for (int32_t y = 0; y < im->height; ++y)
     for (int32_t x = 0; x < im->width; ++x)
       for (int32_t c = 0; c < im->channels; ++c) {
-        const double u = x - shift;
-        const double v = c == 3 ? 1.0 : 0.5 + 0.25 * std::sin(u * 0.45 + c) + 0.2 * std::cos(y * 0.37 + u * 0.2);
+        const double v = c == 3 ? 1.0 : pltest::Texture(x - shift + 17 * c, y);
         Set(im, x, y, c, im->dataType == PLFloat ? v : std::floor(v * w));
       }
 }
