@@ -91,8 +91,8 @@ void WriteClip(const std::string& pattern, int32_t count, int32_t odd = -1) {
     DemoClip sized(w, kH, count);
     std::vector<uint8_t> rgb(static_cast<size_t>(w) * kH * 3);
     sized.Render8(n, rgb.data());
-    OIIO::ImageSpec spec(w, kH, 3, OIIO::TypeDesc::UINT8);
-    ASSERT_TRUE(WriteImageSafely(p.PathFor(n), spec, OIIO::TypeDesc::UINT8, rgb.data(), true,
+    OIIO::ImageSpec imageSpec(w, kH, 3, OIIO::TypeDesc::UINT8);
+    ASSERT_TRUE(WriteImageSafely(p.PathFor(n), imageSpec, OIIO::TypeDesc::UINT8, rgb.data(), true,
                                  &error))
         << error;
   }
