@@ -121,20 +121,6 @@ TEST_P(ConvolveFullReference, MatchesLiteralReference) {
 INSTANTIATE_TEST_SUITE_P(Types, ConvolveFullReference,
                          ::testing::Values(PLUChar, PLUShort, PLFloat));
 
-// At a fractional radius the middle leans one sample toward the start of the line.
-TEST(ConvolveFull, FractionalRadiusShiftsTheMiddle) {
-  TestImage im = MakeImage(21, 1, 1, PLFloat);
-  Fill(im.get(), 0.0);
-  Set(im.get(), 10, 0, 0, 1.0);
-  std::vector<float> w = Box(2.5f);  // 0.5 1 1 1 1 1 0.5, over 7
-  PLConvolveFull(im.get(), 7, w.data(), 2, 2.5f);
-  EXPECT_EQ(Get(im.get(), 5, 0, 0), 0.0);
-  EXPECT_EQ(Get(im.get(), 6, 0, 0), 0.5f / 7.0f);
-  for (int32_t x = 7; x <= 11; ++x) EXPECT_EQ(Get(im.get(), x, 0, 0), 1.0f / 7.0f) << x;
-  EXPECT_EQ(Get(im.get(), 12, 0, 0), 0.5f / 7.0f);
-  EXPECT_EQ(Get(im.get(), 13, 0, 0), 0.0);
-}
-
 // The read past the end of a line sees zeros, whatever an earlier, longer line left in the
 // same scratch: rows of 40 first, then columns of 6.
 TEST(ConvolveFull, PastTheLineReadsZeroNotAnEarlierLine) {

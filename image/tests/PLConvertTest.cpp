@@ -266,33 +266,6 @@ TEST(FlowMembers, GetFlowBilinearOnEveryLayout) {
     }
 }
 
-TEST(FlowMembers, GetFlowAtTheLastColumnAndRowIsExact) {
-  // (b - a) * 1.0 + a is b exactly for these values (halves): the fraction of 1.0 on the
-  // cell before the last column or row is what reaches them.
-  PLImage flow(5, 4, 2, PLFloat, 1);
-  for (int32_t y = 0; y < 4; ++y)
-    for (int32_t x = 0; x < 5; ++x) flow.SetFlow(x, y, 0, x * 1.5f - y, 0.5f * (x * y % 7) - 2.0f);
-  float u, v;
-  flow.GetFlow(4.0f, 1.0f, &u, &v, 5);
-  EXPECT_EQ(u, pltest::Sample(&flow, 4, 1, 0));
-  EXPECT_EQ(v, pltest::Sample(&flow, 4, 1, 1));
-  flow.GetFlow(2.0f, 3.0f, &u, &v, 5);
-  EXPECT_EQ(u, pltest::Sample(&flow, 2, 3, 0));
-  flow.GetFlow(4.0f, 3.0f, &u, &v, 5);
-  EXPECT_EQ(v, pltest::Sample(&flow, 4, 3, 1));
-  // UShort: the interpolation is on codes, decoded afterwards.
-  PLImage coded(5, 4, 2, PLUShort, 0);
-  coded.SetFlow(0, 0, 5, 0.0f, 0.0f);
-  coded.SetFlow(1, 0, 5, 1.0f, 0.0f);
-  coded.SetFlow(0, 1, 5, 0.0f, 0.0f);
-  coded.SetFlow(1, 1, 5, 1.0f, 0.0f);
-  coded.GetFlow(0.5f, 0.0f, &u, &v, 5);
-  float code = (static_cast<float>(PLEncodeFlow(1.0f, 5)) - 32767.0f) * 0.5f + 32767.0f;
-  EXPECT_NE(code, std::floor(code));  // not a whole code
-  EXPECT_EQ(u, PLDecodeFlow(code, 5));
-  EXPECT_EQ(v, 0.0f);
-}
-
 TEST(FlowMembers, GetFlowRefusesWhatWouldLeaveTheImage) {
   PLImage flow(4, 4, 2, PLFloat, 0), thin(1, 4, 2, PLFloat, 0), chars(4, 4, 2, PLUChar, 0);
   pltest::FillRandom(&flow, 1);
