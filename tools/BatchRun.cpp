@@ -2,10 +2,12 @@
 // frame through the plug-in, each output written safely, with progress and clean stops.
 #include "tools/BatchRun.h"
 
+#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <csignal>
@@ -445,6 +447,39 @@ class FrameLoop {
   bool frameLines_;
 };
 
+// Temporary files a killed run left beside the outputs this run is about to write: hidden
+// names as WriteImageSafely makes them, of a process that no longer exists.
+void RemoveStaleTemporaries(const RunSetup& setup) {
+  const std::string ours = "-" + std::to_string(getpid());
+  std::map<std::string, std::set<std::pair<std::string, std::string>>> byFolder;
+  for (const std::string& out : setup.outputs) {
+    const std::string temp = TemporaryPathFor(out);
+    const size_t pid = temp.rfind(ours), slash = temp.rfind('/');
+    if (pid == std::string::npos) continue;
+    const size_t nameStart = slash == std::string::npos ? 0 : slash + 1;
+    byFolder[temp.substr(0, nameStart)].insert(
+        {temp.substr(nameStart, pid + 1 - nameStart), temp.substr(pid + ours.size())});
+  }
+  for (const auto& [folder, names] : byFolder) {
+    DIR* dir = opendir(folder.empty() ? "." : folder.c_str());
+    if (!dir) continue;
+    while (dirent* entry = readdir(dir)) {
+      const std::string name = entry->d_name;
+      for (const auto& [head, tail] : names) {
+        if (name.size() <= head.size() + tail.size() || name.compare(0, head.size(), head) != 0 ||
+            name.compare(name.size() - tail.size(), tail.size(), tail) != 0)
+          continue;
+        const std::string digits = name.substr(head.size(), name.size() - head.size() - tail.size());
+        if (digits.size() > 9 || digits.find_first_not_of("0123456789") != std::string::npos)
+          continue;
+        if (kill(static_cast<pid_t>(std::stol(digits)), 0) != 0 && errno == ESRCH)
+          unlink((folder + name).c_str());
+      }
+    }
+    closedir(dir);
+  }
+}
+
 int RunPlanned(const BatchOptions& options, RunSetup* setup) {
   int code = ResolveRunRange(options, &setup->range);
   if (code == kExitOk) code = PlanRun(options, setup);
@@ -459,6 +494,7 @@ int RunPlanned(const BatchOptions& options, RunSetup* setup) {
   if ((code = CheckInputs(setup)) != kExitOk || (code = CheckMemory(setup)) != kExitOk ||
       (code = CheckOutputs(options, *setup, &createdFolders)) != kExitOk)
     return code;
+  if (options.skipExisting) RemoveStaleTemporaries(*setup);
   FrameLoop loop(options, *setup);
   return loop.Run();
 }
