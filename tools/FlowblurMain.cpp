@@ -12,6 +12,7 @@
 #include "tools/FarmScript.h"
 #include "tools/ImageFiles.h"
 #include "tools/PluginSession.h"
+#include "tools/RetimeCli.h"
 #include "tools/Sequence.h"
 
 // The package's version, given by the build (cmake/install.cmake).
@@ -41,6 +42,10 @@ constexpr const char* kDescription =
     "again with --skip-existing), 130 interrupted (Ctrl-C stops at the next frame boundary).\n"
     "\n"
     "  flowblur demo [DIR]   renders the built-in clip, blurs it, writes a contact sheet\n"
+    "  flowblur retime INPUT OUTPUT --speed F | --fps-in A --fps-out B | --timemap FILE\n"
+    "                        slow motion, speed changes, frame-rate conversion\n"
+    "  flowblur deinterlace INPUT OUTPUT --field-order tff|bff [--rate field]\n"
+    "                        whole frames from interlaced footage\n"
     "  flowblur farm slurm INPUT OUTPUT --chunk N [--submit] [options]\n"
     "                        writes (and submits) a Slurm job array, one task a chunk\n";
 
@@ -131,6 +136,7 @@ int main(int argc, char** argv) {
   demo->add_option("--size", demoWidth, "Demo frame width (height follows 16:9)")
       ->check(CLI::Range(64, 3840));
   demo->add_option("--length", demoFrames, "Demo frames")->check(CLI::Range(2, 240));
+  RetimeCli retimeCli(&app, demo, threads);
 
   try {
     app.parse(argc, argv);
@@ -139,6 +145,7 @@ int main(int argc, char** argv) {
     return code == 0 ? kExitOk : kExitUsage;
   }
 
+  if (retimeCli.Parsed()) return retimeCli.Run();
   auto usage = [](const std::string& text) {
     std::fprintf(stderr, "flowblur: %s\n", text.c_str());
     return kExitUsage;
@@ -191,6 +198,9 @@ int main(int argc, char** argv) {
     if (!options.input.empty() || !options.output.empty())
       return usage("demo takes only a folder");
     demoHeight = std::max(demoWidth * 9 / 16, 36);
+    if (retimeCli.DemoWanted())
+      return retimeCli.RunDemo(demoFolder, demoWidth, demoHeight, demoFrames, threads,
+                               options.quiet);
     return RunDemo(demoFolder, options, demoWidth, demoHeight, demoFrames);
   }
   if (options.input.empty() || options.output.empty())

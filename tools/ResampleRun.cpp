@@ -1,0 +1,567 @@
+// flowblur: the retiming engine served from a frame plan, and the run loop of the commands
+// that make new frames (retime, deinterlace).
+#include "tools/ResampleRun.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <new>
+#include <set>
+
+#include "fill/InterpolateField.h"
+#include "host/SparkHost.h"
+#include "image/PLPixelConvert.h"
+#include "runtime/NuvMP.h"
+#include "shell/spark.h"
+#include "tools/TimeMap.h"
+
+namespace flowblur {
+
+namespace {
+
+int64_t gResampleWritten = 0;
+
+void Say(const std::string& text) { std::fprintf(stderr, "flowblur: %s\n", text.c_str()); }
+std::string Quote(const std::string& path) { return "'" + path + "'"; }
+
+float WhiteOf(int32_t dataType) {
+  return dataType == PLUChar ? 255.0f : dataType == PLUShort ? 65535.0f : 1.0f;
+}
+
+void StoreSample(unsigned char* p, int32_t dataType, float v) {
+  if (dataType == PLFloat) {
+    PLStore<float>(p, v);
+    return;
+  }
+  const float white = WhiteOf(dataType);
+  float s = v * white + 0.5f;
+  s = !(s > 0.0f) ? 0.0f : s > white ? white : s;
+  if (dataType == PLUChar)
+    *p = static_cast<uint8_t>(s);
+  else
+    PLStore<uint16_t>(p, static_cast<uint16_t>(s));
+}
+
+float LoadSample(const unsigned char* p, int32_t dataType) {
+  if (dataType == PLFloat) return PLLoad<float>(p);
+  const float s = dataType == PLUChar ? static_cast<float>(*p)
+                                      : static_cast<float>(PLLoad<uint16_t>(p));
+  return s / WhiteOf(dataType);
+}
+
+int32_t AlphaChannel(const FrameInfo& info) {
+  const int32_t a = info.imageSpec.alpha_channel;
+  return a >= 0 && a < info.channels ? a : -1;
+}
+
+}  // namespace
+
+int32_t WorkingTypeFor(SampleDepth depth) {
+  return depth == SampleDepth::k8 ? PLUChar : depth == SampleDepth::k16 ? PLUShort : PLFloat;
+}
+
+void ToWorking(const Frame& frame, int32_t dataType, PLImage* out) {
+  const FrameInfo& info = frame.info;
+  const int32_t alpha = AlphaChannel(info);
+  const int32_t source[4] = {info.colour[0], info.colour[1], info.colour[2], alpha};
+  for (int32_t y = 0; y < out->height; ++y) {
+    const float* row = frame.pixels.data() + static_cast<size_t>(y) * info.width * info.channels;
+    unsigned char* dst = out->Row(y);
+    for (int32_t x = 0; x < out->width; ++x)
+      for (int32_t c = 0; c < 4; ++c)
+        StoreSample(dst + x * out->bytesPerPixel + c * out->bytesPerSample, dataType,
+                    source[c] >= 0 ? row[x * info.channels + source[c]] : 1.0f);
+  }
+}
+
+void FromWorking(const PLImage& picture, Frame* frame) {
+  const FrameInfo& info = frame->info;
+  const int32_t alpha = AlphaChannel(info);
+  // Grey: the three colour indices are one channel; R is written last so it wins.
+  const int32_t order[4] = {3, 2, 1, 0};
+  for (int32_t y = 0; y < picture.height; ++y) {
+    float* row = frame->pixels.data() + static_cast<size_t>(y) * info.width * info.channels;
+    const unsigned char* src = picture.Row(y);
+    for (int32_t x = 0; x < picture.width; ++x)
+      for (int32_t c : order) {
+        const int32_t target = c == 3 ? alpha : info.colour[c];
+        if (target < 0) continue;
+        row[x * info.channels + target] = LoadSample(
+            src + x * picture.bytesPerPixel + c * picture.bytesPerSample, picture.dataType);
+      }
+  }
+}
+
+// ---- The engine over a plan's frames ---------------------------------------------------
+
+struct PlannedChronar::Served {
+  std::unique_ptr<PLImage> image;
+  std::unique_ptr<NuvImageInternal> wrapper;
+  std::unique_ptr<NuvImage> view;
+};
+
+PlannedChronar::PlannedChronar(int32_t width, int32_t height, int32_t dataType,
+                               int64_t clipFrames)
+    : width_(width), height_(height), dataType_(dataType), clipFrames_(clipFrames) {
+  interpolation = 1;
+  useFlow = 1;
+  shutter = 0.0f;
+}
+
+PlannedChronar::~PlannedChronar() = default;
+
+void PlannedChronar::SetShutterFraction(float fraction) {
+  shutterFraction_ = fraction;
+  // The engine blurs only above this; the amount itself comes from OverrideAmount.
+  shutter = fraction > 0.005f ? fraction : 0.0f;
+}
+
+int32_t PlannedChronar::OverrideAmount(float* amount) {
+  if (!(shutterFraction_ > 0.0f)) return 0;
+  // The flow spans one source frame; an output interval spans |t1 - t0| of them.
+  float t0 = 0.0f, t1 = 0.0f;
+  MapTime(renderTime_, &t0);
+  MapTime(renderTime_ + 1.0f, &t1);
+  float a = shutterFraction_ * std::fabs(t1 - t0);
+  *amount = a > 20.0f ? 20.0f : a;
+  return 1;
+}
+
+int32_t PlannedChronar::GetFrame(NuvImage** view, int32_t frameNumber) {
+  *view = nullptr;
+  if (!inputs_ || frameNumber < 0) return PLErrParameter;
+  // Past the clip's end only with weight 0 (a time on the last frame): that frame serves.
+  int64_t offset = std::min<int64_t>(frameNumber, clipFrames_ - 1);
+  auto found = inputs_->find({kFrontClip, offset});
+  if (found == inputs_->end()) {
+    lastError_ = "frame " + std::to_string(offset) + " of the clip is not in the plan";
+    return PLErrParameter;
+  }
+  auto served = std::make_unique<Served>();
+  served->image.reset(new PLImage(0, width_, height_, 4, dataType_, 0));
+  if (served->image->errorCode) return served->image->errorCode;
+  ToWorking(*found->second, dataType_, served->image.get());
+  if (keptRows_ >= 0 && height_ > 1) {
+    // Height is even for field work, so lastRow is odd: field 2 rebuilds the even rows.
+    std::unique_ptr<PLImage> whole(new PLImage(0, width_, height_, 4, dataType_, 0));
+    if (whole->errorCode) return whole->errorCode;
+    InterpolateField(whole.get(), served->image.get(), PLFieldAverage, keptRows_ == 1 ? 2 : 3);
+    served->image = std::move(whole);
+  }
+  served->wrapper.reset(new NuvImageInternal(served->image.get()));
+  served->view.reset(new NuvImage());
+  served->view->Attach(served->wrapper.get());
+  *view = served->view.get();
+  served_.push_back(std::move(served));
+  return 0;
+}
+
+int32_t PlannedChronar::GetMotionFrame(NuvImage** frame, int32_t frameNumber) {
+  return GetFrame(frame, frameNumber);
+}
+
+void PlannedChronar::ReleaseFrame(NuvImage* frame) {
+  for (size_t k = 0; k < served_.size(); ++k)
+    if (served_[k]->view.get() == frame) {
+      served_.erase(served_.begin() + static_cast<std::ptrdiff_t>(k));
+      return;
+    }
+}
+
+int32_t PlannedChronar::GetMatte(NuvImage** matte, int32_t, int32_t) {
+  *matte = nullptr;
+  return PLErrParameter;  // no layers
+}
+
+void PlannedChronar::ReleaseMatte(NuvImage* matte) { ReleaseFrame(matte); }
+
+void PlannedChronar::MapTime(float time, float* sourceTime) {
+  *sourceTime = times_ ? static_cast<float>(SourceTimeAt(*times_, static_cast<double>(time)) -
+                                            static_cast<double>(timesFirst_))
+                       : time;
+}
+
+int32_t PlannedChronar::FrameKind(float time) {
+  const double whole = std::floor(static_cast<double>(time));
+  // Outside the clip a time is held (the engine then shows the nearest frame); one shot.
+  return whole >= 0.0 && whole < static_cast<double>(clipFrames_) ? 0 : 3;
+}
+
+bool PlannedChronar::Render(double time, int32_t quality, PLImage* out, std::string* error) {
+  NuvImageInternal wrapper(out);
+  NuvImage view;
+  view.Attach(&wrapper);
+  lastError_.clear();
+  renderTime_ = static_cast<float>(time);
+  const int32_t status = RenderAtTime(&view, renderTime_, quality, 1, nullptr);
+  served_.clear();
+  if (status == 0) return true;
+  if (!lastError_.empty())
+    *error = lastError_;
+  else if (status == PLErrInterrupted)
+    *error = "interrupted";
+  else if (status == PLErrOutOfMemory)
+    *error = "out of memory";
+  else
+    *error = "the retiming engine failed (error " + std::to_string(status) + ")";
+  return false;
+}
+
+bool PlannedChronar::LastFlow(FlowField* flow) const {
+  // Interpolation 1 and 2 keep the flow from i to j as backwardFlow; 0 keeps one flow whose
+  // direction follows the nearer frame, shown as it is.
+  if (!internal) return false;
+  const PLImage* f = interpolation == 0 ? internal->forwardFlow : internal->backwardFlow;
+  if (!f) return false;
+  flow->width = f->width;
+  flow->height = f->height;
+  flow->uv.resize(static_cast<size_t>(f->width) * f->height * 2);
+  for (int32_t y = 0; y < f->height; ++y)
+    for (int32_t x = 0; x < f->width * 2; ++x)
+      flow->uv[static_cast<size_t>(y) * f->width * 2 + x] =
+          PLLoad<float>(f->Row(y) + x * f->bytesPerSample);
+  return true;
+}
+
+// ---- The run ---------------------------------------------------------------------------
+
+void UseWorkers(int32_t threads, int32_t width, int32_t height) {
+  NuvMPSetThreadCount(threads);
+  sparkhost::SetProcessors(threads);
+  // The host divides a frame's pixels among its processors; the library's stages ask it.
+  Width = width;
+  Height = height;
+  sparkhost::SetFramePixels(static_cast<int64_t>(width) * height);
+}
+
+int64_t LastResampleFramesWritten() { return gResampleWritten; }
+
+namespace {
+
+class Progress {
+ public:
+  Progress(bool show, int64_t total) : show_(show), total_(total) {}
+  void Update(int64_t done, int64_t number) {
+    if (!show_) return;
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+    const double fps = seconds > 0.0 ? done / seconds : 0.0;
+    const int64_t left = static_cast<int64_t>((fps > 0.0 ? (total_ - done) / fps : 0.0) + 0.5);
+    std::fprintf(stderr, "\rflowblur: frame %lld (%lld of %lld)  %.2f fps  %lld:%02lld left   ",
+                 static_cast<long long>(number), static_cast<long long>(done),
+                 static_cast<long long>(total_), fps, static_cast<long long>(left / 60),
+                 static_cast<long long>(left % 60));
+    std::fflush(stderr);
+    dirty_ = true;
+  }
+  void Break() {
+    if (dirty_) std::fputc('\n', stderr);
+    dirty_ = false;
+  }
+
+ private:
+  bool show_;
+  bool dirty_ = false;
+  int64_t total_;
+  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
+std::string FlowPath(const std::string& folder, int64_t number) {
+  char name[64];
+  std::snprintf(name, sizeof name, "/flow.%04lld.png", static_cast<long long>(number));
+  return folder + name;
+}
+
+struct Setup {
+  SequencePattern input, output;
+  ClipSpan clip;
+  FrameInfo info;
+  ResamplePlan whole;
+  std::vector<size_t> chosen;  // indices into whole.plan.frames this run makes
+  FramePlan plan;              // those frames
+  std::vector<std::string> outputs;
+  int64_t skipped = 0;
+};
+
+std::string InputPath(const Setup& s, int64_t offset) {
+  return s.input.numbered ? s.input.PathFor(s.clip.first + offset) : s.input.text;
+}
+
+int Resolve(const ResampleOptions& options, Setup* s) {
+  BatchOptions batch;
+  batch.input = options.input;
+  batch.output = options.output;
+  RunRange range;
+  if (int code = ResolveRunRange(batch, &range)) return code;
+  s->input = range.input;
+  s->output = range.output;
+  s->clip = range.clip;
+  std::string error;
+  if (!ReadFrameInfo(InputPath(*s, 0), &s->info, &error)) {
+    Say(error);
+    return kExitInput;
+  }
+  return kExitOk;
+}
+
+int Choose(const ResampleOptions& options, Setup* s) {
+  const std::vector<PlannedFrame>& all = s->whole.plan.frames;
+  if (all.empty()) {
+    Say("the time map gives no output frames");
+    return kExitUsage;
+  }
+  if (all.size() > 1 && !s->output.numbered) {
+    Say("output " + Quote(s->output.text) +
+        " has no frame number (%04d or ####) but the run makes " + std::to_string(all.size()) +
+        " frames");
+    return kExitUsage;
+  }
+  const ClipSpan outSpan{all.front().outputNumber,
+                         all.back().outputNumber - all.front().outputNumber + 1};
+  int64_t first = 0, last = 0;
+  std::string error;
+  if (!ChooseRenderRange(outSpan, options.haveFrames, options.firstFrame, options.lastFrame,
+                         &first, &last, &error)) {
+    Say(error.replace(error.find("clip"), 4, "output"));
+    return kExitUsage;
+  }
+  s->plan.clip = s->clip;
+  for (size_t k = 0; k < all.size(); ++k) {
+    const int64_t n = all[k].outputNumber;
+    if (n < first || n > last) continue;
+    const std::string path = s->output.numbered ? s->output.PathFor(n) : s->output.text;
+    if (options.skipExisting && access(path.c_str(), F_OK) == 0) {
+      ++s->skipped;
+      continue;
+    }
+    s->chosen.push_back(k);
+    s->plan.frames.push_back(all[k]);
+    s->outputs.push_back(path);
+  }
+  return kExitOk;
+}
+
+int CheckInputs(Setup* s) {
+  std::string error;
+  const std::string firstPath = InputPath(*s, 0);
+  for (const FrameRead& read : s->plan.DistinctReads()) {
+    const std::string path = InputPath(*s, read.offset);
+    if (access(path.c_str(), F_OK) != 0) {
+      Say("input frame " + Quote(path) + " is missing (the sequence runs from " +
+          std::to_string(s->clip.first) + " to " + std::to_string(s->clip.Last()) + ")");
+      return kExitInput;
+    }
+    FrameInfo header;
+    if (!ReadFrameInfo(path, &header, &error)) {
+      Say(error);
+      return kExitInput;
+    }
+    if (header.width != s->info.width || header.height != s->info.height) {
+      Say("input frame " + Quote(path) + " is " + std::to_string(header.width) + "x" +
+          std::to_string(header.height) + ", but " + Quote(firstPath) + " is " +
+          std::to_string(s->info.width) + "x" + std::to_string(s->info.height) +
+          ": all frames of a sequence must have one size");
+      return kExitInput;
+    }
+    if (header.depth != s->info.depth || header.channels != s->info.channels ||
+        header.grey != s->info.grey) {
+      Say("input frame " + Quote(path) + " has other channels or another depth than " +
+          Quote(firstPath) + ": all frames of a sequence must match");
+      return kExitInput;
+    }
+  }
+  return kExitOk;
+}
+
+int CheckOutputs(const ResampleOptions& options, const Setup& s, std::vector<std::string>* made) {
+  std::set<std::string> inputNames;
+  std::set<std::pair<dev_t, ino_t>> inputFiles;
+  for (const FrameRead& read : s.plan.DistinctReads()) {
+    const std::string path = InputPath(s, read.offset);
+    inputNames.insert(path);
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0) inputFiles.insert({st.st_dev, st.st_ino});
+  }
+  for (size_t i = 0; i < s.outputs.size(); ++i) {
+    std::vector<std::string> files = {s.outputs[i]};
+    if (!options.flowFolder.empty())
+      files.insert(files.begin(), FlowPath(options.flowFolder, s.plan.frames[i].outputNumber));
+    for (const std::string& out : files) {
+      struct stat st;
+      const bool exists = stat(out.c_str(), &st) == 0;
+      if (inputNames.count(out) || (exists && inputFiles.count({st.st_dev, st.st_ino}))) {
+        Say("output " + Quote(out) + " is an input file; choose another output name");
+        return kExitOutput;
+      }
+      if (exists && !options.overwrite && !options.skipExisting) {
+        Say("output " + Quote(out) + " exists; use --overwrite to replace it");
+        return kExitOutput;
+      }
+    }
+  }
+  std::string error;
+  if (!PrepareOutputFolder(s.output.Folder(), &error, made) ||
+      (!options.flowFolder.empty() && !PrepareOutputFolder(options.flowFolder, &error, made))) {
+    RemoveCreatedFolders(*made);
+    Say(error);
+    return kExitOutput;
+  }
+  return kExitOk;
+}
+
+// Frames held by the store, the engine's working copies (four pictures and their fields),
+// its flows and the estimator: refused when it would not fit the machine.
+int CheckMemory(const Setup& s, int64_t* storeBudget) {
+  const double pixels = static_cast<double>(s.info.width) * s.info.height;
+  const double stored = pixels * s.info.channels * sizeof(float);
+  const double held = static_cast<double>(s.plan.MostHeld());
+  // Counted as the cache counts a frame: its samples and a share for its description.
+  *storeBudget = static_cast<int64_t>(held * (stored + 4096.0)) + 1;
+  const double need = (held + 2.0) * stored + 10.0 * pixels * 16.0 + 32.0 * pixels;
+  const double machine = static_cast<double>(sysconf(_SC_PHYS_PAGES)) * sysconf(_SC_PAGESIZE);
+  if (machine > 0.0 && need > 0.75 * machine) {
+    char text[200];
+    std::snprintf(text, sizeof text,
+                  "frames of %dx%d need about %.1f GiB of memory, more than this machine can "
+                  "spare (%.1f GiB)",
+                  s.info.width, s.info.height, need / 1073741824.0, machine / 1073741824.0);
+    Say(text);
+    return kExitMemory;
+  }
+  return kExitOk;
+}
+
+int Stopped(const Setup& s, Progress* progress, const std::string& why, int code) {
+  progress->Break();
+  Say(why);
+  if (gResampleWritten > 0 || s.outputs.size() > 1)
+    Say(std::to_string(gResampleWritten) + " of " + std::to_string(s.outputs.size()) +
+        " frames written" +
+        (gResampleWritten > 0
+             ? " (" + s.outputs[0] + " to " + s.outputs[static_cast<size_t>(gResampleWritten - 1)] + ")"
+             : ""));
+  return code;
+}
+
+int Loop(const ResampleOptions& options, Setup* s, int64_t storeBudget) {
+  std::map<FrameRead, size_t> lastUse = s->plan.LastUse();
+  FrameCache cache(storeBudget);  // keyed by (offset in the clip, clip)
+  auto load = [&](const FrameRead& read, Frame* frame, std::string* error) {
+    const std::string path = InputPath(*s, read.offset);
+    if (!ReadFrame(path, frame, error)) return false;
+    if (frame->info.width != s->info.width || frame->info.height != s->info.height) {
+      *error = Quote(path) + " changed size while the run was under way";
+      return false;
+    }
+    return true;
+  };
+  Progress progress(options.progress && !options.quiet && isatty(2),
+                    static_cast<int64_t>(s->outputs.size()));
+  const bool frameLines = !options.quiet && !isatty(2);
+  const bool replace = options.overwrite || options.skipExisting;
+  for (size_t i = 0; i < s->plan.frames.size(); ++i) {
+    if (gInterrupted.load()) return Stopped(*s, &progress, "interrupted", kExitInterrupted);
+    if (int signal = gStopSignal.load())
+      return Stopped(*s, &progress,
+                     std::string("stopped by ") + (signal == SIGUSR1 ? "SIGUSR1" : "SIGTERM") +
+                         " after a whole frame; run again with --skip-existing to finish",
+                     kExitStopped);
+    const auto started = std::chrono::steady_clock::now();
+    const PlannedFrame& planned = s->plan.frames[i];
+    std::string error;
+    PlannedChronar::Inputs inputs;
+    for (const FrameRead& read : planned.reads) {
+      auto frame = cache.Get(
+          read.offset, read.clip,
+          [&](Frame* into, std::string* why) { return load(read, into, why); }, &error);
+      if (!frame) return Stopped(*s, &progress, error, kExitInput);
+      inputs[read] = frame;
+    }
+    auto base = inputs.find({kFrontClip, planned.offset});
+    Frame out = base != inputs.end() ? *base->second : *inputs.begin()->second;
+    FlowField flow;
+    if (!s->whole.make(s->chosen[i], inputs, &out, &flow, &error))
+      return Stopped(*s, &progress,
+                     "output frame " + std::to_string(planned.outputNumber) + ": " + error,
+                     error == "interrupted" ? kExitInterrupted : kExitPlugin);
+    if (!options.flowFolder.empty()) {
+      const int32_t w = s->info.width, h = s->info.height;
+      FlowField picture = flow.width > 0 ? ResampleFlow(flow, w, h) : FlowField{w, h, {}};
+      if (picture.uv.empty()) picture.uv.assign(static_cast<size_t>(w) * h * 2, 0.0f);
+      const float longest = MaxFlowLength(picture);
+      std::vector<uint8_t> rgb = FlowToColour(picture, longest);
+      DrawFlowLegend(&rgb, w, h, longest);
+      OIIO::ImageSpec spec(w, h, 3, OIIO::TypeDesc::UINT8);
+      if (!WriteImageSafely(FlowPath(options.flowFolder, planned.outputNumber), spec,
+                            OIIO::TypeDesc::UINT8, rgb.data(), replace, &error))
+        return Stopped(*s, &progress, error, kExitOutput);
+    }
+    OIIO::ImageSpec spec =
+        OutputSpec(out.info, options.haveOutDepth ? options.outDepth : s->info.depth);
+    if (!WriteImageSafely(s->outputs[i], spec, OIIO::TypeDesc::FLOAT, out.pixels.data(),
+                          options.overwrite, &error))
+      return Stopped(*s, &progress, error, kExitOutput);
+    ++gResampleWritten;
+    for (const FrameRead& read : planned.reads)
+      if (lastUse[read] == i) cache.Drop(read.offset, read.clip);
+    if (frameLines) {
+      const double seconds =
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+      char text[64];
+      std::snprintf(text, sizeof text, "frame %lld done in %.2f s: ",
+                    static_cast<long long>(planned.outputNumber), seconds);
+      Say(text + s->outputs[i]);
+    }
+    progress.Update(static_cast<int64_t>(i) + 1, planned.outputNumber);
+  }
+  progress.Break();
+  if (!options.quiet) {
+    const size_t count = s->outputs.size();
+    Say("wrote " + std::to_string(count) + (count == 1 ? " frame: " : " frames: ") +
+        s->outputs.front() + (count > 1 ? " to " + s->outputs.back() : "") +
+        (s->skipped > 0 ? " (" + std::to_string(s->skipped) + " skipped: their output existed)"
+                        : ""));
+  }
+  return kExitOk;
+}
+
+int Run(const ResampleOptions& options, const PlanMaker& makePlan) {
+  Setup s;
+  int code = Resolve(options, &s);
+  if (code != kExitOk) return code;
+  code = kExitUsage;
+  if (!makePlan(s.clip, s.info, &s.whole, &code)) return code;
+  if ((code = Choose(options, &s)) != kExitOk) return code;
+  if (s.plan.frames.empty()) {
+    if (!options.quiet)
+      Say("all " + std::to_string(s.skipped) +
+          " frames have their output already (--skip-existing); nothing to do");
+    return kExitOk;
+  }
+  int64_t budget = 0;
+  std::vector<std::string> made;
+  if ((code = CheckInputs(&s)) != kExitOk || (code = CheckMemory(s, &budget)) != kExitOk ||
+      (code = CheckOutputs(options, s, &made)) != kExitOk)
+    return code;
+  UseWorkers(options.threads, s.info.width, s.info.height);
+  return Loop(options, &s, budget);
+}
+
+}  // namespace
+
+int RunResample(const ResampleOptions& options, const PlanMaker& makePlan) {
+  gResampleWritten = 0;
+  try {
+    return Run(options, makePlan);
+  } catch (const std::bad_alloc&) {
+    Say("out of memory");
+    return kExitMemory;
+  }
+}
+
+}  // namespace flowblur

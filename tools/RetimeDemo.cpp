@@ -1,0 +1,137 @@
+// flowblur: `flowblur demo --retime`: the demo clip in slow motion, with a contact sheet of
+// source frames, made frames and their flow.
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "tools/Demo.h"
+#include "tools/DemoClip.h"
+#include "tools/RetimeCommand.h"
+
+namespace flowblur {
+
+namespace {
+
+// The same marker as the blur demo's, so that either demo may rerun in the other's folder.
+constexpr const char* kMarker = ".flowblur-demo";
+
+void Say(const std::string& text) { std::fprintf(stderr, "flowblur: %s\n", text.c_str()); }
+
+bool HasEntries(const std::string& folder) {
+  DIR* dir = opendir(folder.c_str());
+  if (!dir) return false;
+  bool any = false;
+  while (dirent* entry = readdir(dir))
+    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) any = true;
+  closedir(dir);
+  return any;
+}
+
+bool ReadPicture(const std::string& path, Picture* picture, std::string* error) {
+  Frame frame;
+  if (!ReadFrame(path, &frame, error)) return false;
+  picture->width = frame.info.width;
+  picture->height = frame.info.height;
+  picture->rgb.resize(static_cast<size_t>(picture->width) * picture->height * 3);
+  for (size_t i = 0; i < static_cast<size_t>(picture->width) * picture->height; ++i)
+    for (int c = 0; c < 3; ++c) {
+      const float v = std::clamp(frame.pixels[i * frame.info.channels + frame.info.colour[c]],
+                                 0.0f, 1.0f);
+      picture->rgb[i * 3 + c] = static_cast<uint8_t>(v * 255.0f + 0.5f);
+    }
+  return true;
+}
+
+std::string Numbered(const std::string& folder, const char* stem, int32_t number) {
+  char name[64];
+  std::snprintf(name, sizeof name, "/%s.%04d.png", stem, number);
+  return folder + name;
+}
+
+}  // namespace
+
+int RunRetimeDemo(const std::string& folder, const RetimeOptions& base, int32_t width,
+                  int32_t height, int32_t frames) {
+  std::string error;
+  const std::string marker = folder + "/" + kMarker;
+  if (HasEntries(folder) && access(marker.c_str(), F_OK) != 0) {
+    Say("demo folder '" + folder +
+        "' already holds other files; name an empty or new folder (the demo only replaces its "
+        "own earlier results)");
+    return kExitOutput;
+  }
+  for (const char* sub : {"/input", "/retime", "/retime-flow"})
+    if (!PrepareOutputFolder(folder + sub, &error)) {
+      Say(error);
+      return kExitOutput;
+    }
+  const int fd = open(marker.c_str(), O_WRONLY | O_CREAT, 0644);
+  if (fd >= 0) close(fd);
+
+  DemoClip clip(width, height, frames);
+  if (!base.run.quiet)
+    Say("rendering the demo clip: " + std::to_string(frames) + " frames of " +
+        std::to_string(width) + "x" + std::to_string(height));
+  std::vector<uint8_t> rgb(static_cast<size_t>(width) * height * 3);
+  OIIO::ImageSpec imageSpec(width, height, 3, OIIO::TypeDesc::UINT8);
+  imageSpec.attribute("oiio:ColorSpace", "sRGB");
+  for (int32_t t = 0; t < frames; ++t) {
+    clip.Render8(t, rgb.data());
+    if (!WriteImageSafely(Numbered(folder + "/input", "demo", t + 1), imageSpec,
+                          OIIO::TypeDesc::UINT8, rgb.data(), true, &error)) {
+      Say(error);
+      return kExitOutput;
+    }
+  }
+
+  RetimeOptions options = base;
+  options.run.input = folder + "/input/demo.%04d.png";
+  options.run.output = folder + "/retime/demo.%04d.png";
+  options.run.flowFolder = folder + "/retime-flow";
+  options.run.overwrite = true;
+  options.run.haveFrames = false;
+  options.haveStart = false;
+  const int code = RunRetime(options);
+  if (code != kExitOk) return code;
+
+  // At half speed output 1 + 2k is source frame 1 + k, and the even outputs are made: show
+  // three made frames beside the source frame before them and their flow.
+  const int32_t made = 2 * (frames - 1) + 1;
+  std::vector<int32_t> shown = {made / 6, made / 2, (5 * made) / 6};
+  std::vector<Picture> cells;
+  for (int32_t& k : shown) {
+    if (k % 2 == 0) k += 1;  // output index k (0-based) odd: a made frame
+    k = std::min(k, made - 2);
+    Picture source, frame, flow;
+    if (!ReadPicture(Numbered(folder + "/input", "demo", 1 + k / 2), &source, &error) ||
+        !ReadPicture(Numbered(folder + "/retime", "demo", 1 + k), &frame, &error) ||
+        !ReadPicture(Numbered(folder + "/retime-flow", "flow", 1 + k), &flow, &error)) {
+      Say(error);
+      return kExitOutput;
+    }
+    cells.push_back(HalfSize(source));
+    cells.push_back(HalfSize(frame));
+    cells.push_back(HalfSize(flow));
+  }
+  const Picture sheet = ContactSheet(cells, 3, 8);
+  OIIO::ImageSpec sheetSpec(sheet.width, sheet.height, 3, OIIO::TypeDesc::UINT8);
+  if (!WriteImageSafely(folder + "/retime-sheet.png", sheetSpec, OIIO::TypeDesc::UINT8,
+                        sheet.rgb.data(), true, &error)) {
+    Say(error);
+    return kExitOutput;
+  }
+  std::printf(
+      "flowblur demo (retime) written to %s/\n"
+      "  input/demo.####.png        the clip (%d frames)\n"
+      "  retime/demo.####.png       at half speed (%d frames; every other one made)\n"
+      "  retime-flow/flow.####.png  the motion each made frame was moved along\n"
+      "  retime-sheet.png           source | made frame | flow for outputs %d, %d, %d\n",
+      folder.c_str(), frames, made, shown[0] + 1, shown[1] + 1, shown[2] + 1);
+  return kExitOk;
+}
+
+}  // namespace flowblur
