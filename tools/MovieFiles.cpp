@@ -100,6 +100,10 @@ Scaler MakeScaler(int width, int height, AVPixelFormat from, AVPixelFormat to, i
   return scaler;
 }
 
+// FFmpeg's own log goes to standard error; our messages already name the file and the
+// reason, so only its fatal lines stay (it keeps this one setting process-wide).
+void QuietLibraries() { av_log_set_level(AV_LOG_FATAL); }
+
 }  // namespace
 
 bool IsMoviePath(const std::string& path) {
@@ -229,6 +233,7 @@ bool MovieReader::Open(const std::string& path, std::string* error) {
     return false;
   };
   if (!s.decoded || !s.packet) return fail("out of memory");
+  QuietLibraries();
   if (!OpenStream(path, &s.format, &s.codec, &s.stream, &why)) return fail(why);
   // Count the frames and note their times: one pass over the packets, nothing decoded.
   int code;
@@ -588,6 +593,7 @@ bool MovieWriter::Open(const std::string& path, const MovieSettings& settings, b
     state_.reset();
     return false;
   };
+  QuietLibraries();
   if (!CheckMovieOutput(path, settings, error)) return false;
   if (!overwrite && access(path.c_str(), F_OK) == 0)
     return fail("it exists (use --overwrite to replace it)");

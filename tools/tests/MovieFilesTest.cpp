@@ -1,0 +1,312 @@
+// flowblur tool tests: movies written and read back through FFmpeg's libraries, in order and
+// out of order, every codec the tool offers, and every file that cannot be read or written.
+#include <gtest/gtest.h>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
+#include <cmath>
+#include <fstream>
+
+#include "tools/MovieFiles.h"
+#include "tools/tests/ToolTestSupport.h"
+
+namespace flowblur {
+namespace {
+
+// A frame of a moving pattern: a textured background and a bright square moving 3 px a frame;
+// alpha, when there is one, a ramp that changes with t.
+Frame MakeFrame(int32_t width, int32_t height, int32_t channels, SampleDepth depth, int32_t t) {
+  Frame f;
+  OIIO::ImageSpec spec(width, height, channels, TypeFor(depth));
+  if (channels == 4) spec.alpha_channel = 3;
+  std::string error;
+  EXPECT_TRUE(ClassifyFrame("made", spec, &f.info, &error)) << error;
+  f.pixels.resize(static_cast<size_t>(width) * height * channels);
+  const double levels = depth == SampleDepth::k8 ? 255.0 : 65535.0;
+  for (int32_t y = 0; y < height; ++y)
+    for (int32_t x = 0; x < width; ++x)
+      for (int32_t c = 0; c < channels; ++c) {
+        double v = 0.5 + 0.3 * std::sin(x * 0.3 + c) * std::cos(y * 0.2 - c);
+        if (x >= 4 + 3 * t && x < 14 + 3 * t && y >= 6 && y < 16) v = 0.95;
+        if (c == 3) v = ((x + y + 7 * t) % 64) / 63.0;
+        // Stored values are what the depth can hold, so a lossless codec must give them back.
+        f.pixels[(static_cast<size_t>(y) * width + x) * channels + c] =
+            static_cast<float>(std::round(v * levels) / levels);
+      }
+  return f;
+}
+
+double MaxDifference(const Frame& a, const Frame& b) {
+  double most = 0.0;
+  for (size_t i = 0; i < a.pixels.size(); ++i)
+    most = std::max(most, std::fabs(static_cast<double>(a.pixels[i]) - b.pixels[i]));
+  return most;
+}
+
+double PsnrOf(const Frame& a, const Frame& b) {
+  double sum = 0.0;
+  for (size_t i = 0; i < a.pixels.size(); ++i) {
+    double d = static_cast<double>(a.pixels[i]) - b.pixels[i];
+    sum += d * d;
+  }
+  return sum == 0.0 ? 99.0 : 10.0 * std::log10(a.pixels.size() / sum);
+}
+
+struct CodecCase {
+  const char* name;
+  const char* file;
+  MovieCodec codec;
+  SampleDepth depth;
+  int32_t channels;
+  double bound;  // lossless: the largest difference allowed (0); lossy: the lowest PSNR in dB
+  bool lossless;
+};
+
+class MovieRoundTrip : public ::testing::TestWithParam<CodecCase> {};
+
+TEST_P(MovieRoundTrip, FramesComeBackInAnyOrderAsWritten) {
+  const CodecCase& c = GetParam();
+  test::TempDir dir;
+  const std::string path = dir / c.file;
+  // 66x38: even for 4:2:0; a size that is no multiple of 16.
+  const int32_t w = 66, h = 38, frames = 6;
+  MovieSettings settings;
+  settings.codec = c.codec;
+  settings.width = w;
+  settings.height = h;
+  settings.channels = c.channels;
+  settings.depth = c.depth;
+  settings.rate = {25, 1};
+  std::vector<Frame> written;
+  MovieWriter writer;
+  std::string error;
+  ASSERT_TRUE(writer.Open(path, settings, false, &error)) << error;
+  for (int32_t t = 0; t < frames; ++t) {
+    written.push_back(MakeFrame(w, h, c.channels, c.depth, t));
+    ASSERT_TRUE(writer.Write(written.back(), &error)) << error;
+  }
+  // Nothing under the final name until the movie is finished.
+  EXPECT_NE(access(path.c_str(), F_OK), 0);
+  ASSERT_TRUE(writer.Finish(&error)) << error;
+  EXPECT_EQ(test::Names(test::Snapshot(dir.path())), std::vector<std::string>{c.file});
+
+  MovieReader reader;
+  ASSERT_TRUE(reader.Open(path, &error)) << error;
+  const MovieInfo& info = reader.Info();
+  EXPECT_EQ(info.frames, frames);
+  EXPECT_EQ(info.width, w);
+  EXPECT_EQ(info.height, h);
+  EXPECT_EQ(info.channels, c.channels);
+  EXPECT_EQ(info.rate.Value(), 25.0);
+  std::vector<Frame> inOrder(frames);
+  for (int32_t t = 0; t < frames; ++t) {
+    ASSERT_TRUE(reader.Read(t, &inOrder[t], &error)) << error;
+    ASSERT_EQ(inOrder[t].pixels.size(), written[t].pixels.size());
+    if (c.lossless) {
+      EXPECT_EQ(inOrder[t].info.depth, c.depth);
+      EXPECT_EQ(MaxDifference(inOrder[t], written[t]), 0.0) << "frame " << t;
+    } else {
+      EXPECT_GT(PsnrOf(inOrder[t], written[t]), c.bound) << "frame " << t;
+    }
+  }
+  // Backwards and skipping: the same pictures as decoding in order.
+  for (int32_t t : {5, 2, 2, 0, 4, 1, 3}) {
+    Frame again;
+    ASSERT_TRUE(reader.Read(t, &again, &error)) << error;
+    EXPECT_EQ(again.pixels, inOrder[t].pixels) << "frame " << t;
+  }
+  EXPECT_FALSE(reader.Read(frames, &inOrder[0], &error));
+  EXPECT_NE(error.find("frames 0 to 5"), std::string::npos) << error;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Codecs, MovieRoundTrip,
+    ::testing::Values(
+        CodecCase{"Ffv1Rgb8", "a.mkv", MovieCodec::kFfv1, SampleDepth::k8, 3, 0.0, true},
+        CodecCase{"Ffv1Rgba16", "a.avi", MovieCodec::kFfv1, SampleDepth::k16, 4, 0.0, true},
+        // 4:2:0 chroma halves the colour detail of the texture: about 30 dB at crf 18.
+        CodecCase{"H264Yuv420", "a.mp4", MovieCodec::kH264, SampleDepth::k8, 3, 27.0, false},
+        CodecCase{"H264TenBit", "a.mov", MovieCodec::kH264, SampleDepth::k16, 3, 27.0, false},
+        CodecCase{"ProresAlpha", "a.mov", MovieCodec::kProres, SampleDepth::k16, 4, 30.0, false}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(MovieWriterRefuses, WhatContainerOrCodecCannotHold) {
+  MovieSettings s;
+  s.width = 64;
+  s.height = 32;
+  std::string error;
+  auto refused = [&](const std::string& path, const char* reason) {
+    error.clear();
+    EXPECT_FALSE(CheckMovieOutput(path, s, &error)) << path;
+    EXPECT_NE(error.find(path), std::string::npos) << error;
+    EXPECT_NE(error.find(reason), std::string::npos) << error;
+  };
+  EXPECT_TRUE(CheckMovieOutput("x.mp4", s, &error)) << error;
+  s.codec = MovieCodec::kFfv1;
+  refused("x.mp4", "cannot hold ffv1");
+  s.codec = MovieCodec::kH264;
+  s.channels = 4;
+  refused("x.mp4", "cannot hold alpha");
+  s.channels = 3;
+  s.depth = SampleDepth::kHalf;
+  refused("x.mkv", "cannot hold half");
+  s.depth = SampleDepth::k8;
+  s.crf = 60;
+  refused("x.mp4", "--crf 60");
+  s.crf = 18;
+  refused("x.notamovie", "no movie container");
+}
+
+TEST(MovieWriterRefuses, AnUnfinishedMovieLeavesNothingAndAnExistingOneStays) {
+  test::TempDir dir;
+  MovieSettings s;
+  s.codec = MovieCodec::kFfv1;
+  s.width = 16;
+  s.height = 16;
+  std::string error;
+  {
+    MovieWriter writer;
+    ASSERT_TRUE(writer.Open(dir / "m.mkv", s, false, &error)) << error;
+    ASSERT_TRUE(writer.Write(MakeFrame(16, 16, 3, SampleDepth::k8, 0), &error)) << error;
+    // A frame of another size is refused, naming the movie.
+    EXPECT_FALSE(writer.Write(MakeFrame(18, 16, 3, SampleDepth::k8, 0), &error));
+    EXPECT_NE(error.find("m.mkv"), std::string::npos) << error;
+  }
+  EXPECT_TRUE(test::Snapshot(dir.path()).empty());
+  { std::ofstream(dir / "m.mkv") << "keep"; }
+  MovieWriter writer;
+  EXPECT_FALSE(writer.Open(dir / "m.mkv", s, false, &error));
+  EXPECT_NE(error.find("exists"), std::string::npos) << error;
+  EXPECT_EQ(test::Snapshot(dir.path())["m.mkv"], "keep");
+}
+
+// A movie whose frames change size: Motion JPEG in AVI, each packet a JPEG of its own size,
+// written through the libraries directly (our writer refuses such frames).
+void WriteSizeChangingMovie(const std::string& path) {
+  AVFormatContext* out = nullptr;
+  ASSERT_GE(avformat_alloc_output_context2(&out, nullptr, nullptr, path.c_str()), 0);
+  const AVCodec* jpeg = avcodec_find_encoder(AV_CODEC_ID_MJPEG);
+  ASSERT_NE(jpeg, nullptr);
+  AVStream* stream = avformat_new_stream(out, nullptr);
+  AVPacket* packet = av_packet_alloc();
+  for (int i = 0; i < 3; ++i) {
+    AVCodecContext* c = avcodec_alloc_context3(jpeg);
+    c->width = i < 2 ? 32 : 48;
+    c->height = 32;
+    c->pix_fmt = AV_PIX_FMT_YUVJ420P;
+    c->time_base = {1, 25};
+    ASSERT_GE(avcodec_open2(c, jpeg, nullptr), 0);
+    if (i == 0) {
+      avcodec_parameters_from_context(stream->codecpar, c);
+      stream->time_base = c->time_base;
+      ASSERT_GE(avio_open(&out->pb, path.c_str(), AVIO_FLAG_WRITE), 0);
+      ASSERT_GE(avformat_write_header(out, nullptr), 0);
+    }
+    AVFrame* frame = av_frame_alloc();
+    frame->format = c->pix_fmt;
+    frame->width = c->width;
+    frame->height = c->height;
+    av_frame_get_buffer(frame, 0);
+    for (int p = 0; p < 3; ++p)
+      for (int y = 0; y < (p ? 16 : 32); ++y)
+        std::memset(frame->data[p] + y * frame->linesize[p], 100 + 20 * p, frame->linesize[p]);
+    frame->pts = i;
+    ASSERT_GE(avcodec_send_frame(c, frame), 0);
+    avcodec_send_frame(c, nullptr);
+    while (avcodec_receive_packet(c, packet) == 0) {
+      packet->stream_index = 0;
+      av_packet_rescale_ts(packet, c->time_base, stream->time_base);
+      av_interleaved_write_frame(out, packet);
+    }
+    av_frame_free(&frame);
+    avcodec_free_context(&c);
+  }
+  av_write_trailer(out);
+  avio_closep(&out->pb);
+  avformat_free_context(out);
+  av_packet_free(&packet);
+}
+
+// A WAV file: sound and no picture.
+void WriteAudioOnly(const std::string& path) {
+  std::ofstream f(path, std::ios::binary);
+  auto word = [&](uint32_t v, int bytes) {
+    for (int i = 0; i < bytes; ++i) f.put(static_cast<char>((v >> (8 * i)) & 0xff));
+  };
+  const uint32_t samples = 800;
+  f << "RIFF";
+  word(36 + samples * 2, 4);
+  f << "WAVEfmt ";
+  word(16, 4);
+  word(1, 2);  // PCM
+  word(1, 2);  // mono
+  word(8000, 4);
+  word(16000, 4);
+  word(2, 2);
+  word(16, 2);
+  f << "data";
+  word(samples * 2, 4);
+  for (uint32_t i = 0; i < samples; ++i) word(static_cast<uint32_t>(i * 40) & 0xffff, 2);
+}
+
+TEST(MovieReaderRefuses, FilesThatAreNoReadableMovie) {
+  test::TempDir dir;
+  std::string error;
+  MovieReader reader;
+  // Missing.
+  EXPECT_FALSE(reader.Open(dir / "none.mp4", &error));
+  EXPECT_NE(error.find("none.mp4"), std::string::npos) << error;
+  // Not a movie at all.
+  { std::ofstream(dir / "text.mp4") << "this is not a movie"; }
+  EXPECT_FALSE(reader.Open(dir / "text.mp4", &error));
+  EXPECT_NE(error.find("text.mp4"), std::string::npos) << error;
+  // Sound only.
+  WriteAudioOnly(dir / "sound.avi");
+  EXPECT_FALSE(reader.Open(dir / "sound.avi", &error));
+  EXPECT_NE(error.find("no video stream"), std::string::npos) << error;
+  // Truncated: an mp4 keeps its index at the end, so half a file has none.
+  MovieSettings s;
+  s.width = 32;
+  s.height = 32;
+  {
+    MovieWriter writer;
+    ASSERT_TRUE(writer.Open(dir / "whole.mp4", s, false, &error)) << error;
+    for (int t = 0; t < 4; ++t) ASSERT_TRUE(writer.Write(MakeFrame(32, 32, 3, SampleDepth::k8, t), &error));
+    ASSERT_TRUE(writer.Finish(&error)) << error;
+  }
+  std::string bytes = test::Snapshot(dir.path())["whole.mp4"];
+  { std::ofstream(dir / "cut.mp4", std::ios::binary) << bytes.substr(0, bytes.size() / 2); }
+  EXPECT_FALSE(reader.Open(dir / "cut.mp4", &error));
+  EXPECT_NE(error.find("cut.mp4"), std::string::npos) << error;
+  // A size that changes after the first frames is found when that frame is read.
+  WriteSizeChangingMovie(dir / "sizes.avi");
+  ASSERT_TRUE(reader.Open(dir / "sizes.avi", &error)) << error;
+  EXPECT_EQ(reader.Info().frames, 3);
+  Frame frame;
+  EXPECT_TRUE(reader.Read(1, &frame, &error)) << error;
+  EXPECT_FALSE(reader.Read(2, &frame, &error));
+  EXPECT_NE(error.find("changes mid-movie"), std::string::npos) << error;
+  EXPECT_NE(error.find("sizes.avi"), std::string::npos) << error;
+}
+
+TEST(MovieNames, ExtensionsAndRates) {
+  EXPECT_TRUE(IsMoviePath("a/b.MP4"));
+  EXPECT_TRUE(IsMoviePath("clip.mkv"));
+  EXPECT_FALSE(IsMoviePath("shot.%04d.png"));
+  EXPECT_FALSE(IsMoviePath("movie.mov/frame"));
+  FrameRate r;
+  std::string error;
+  ASSERT_TRUE(ParseFrameRate("29.97", &r, &error));
+  EXPECT_EQ(r.numerator, 2997);
+  EXPECT_EQ(r.denominator, 100);
+  ASSERT_TRUE(ParseFrameRate("30000/1001", &r, &error));
+  EXPECT_EQ(r.denominator, 1001);
+  for (const char* bad : {"", "0", "-24", "24/0", "x", "1/2/3"})
+    EXPECT_FALSE(ParseFrameRate(bad, &r, &error)) << bad;
+}
+
+}  // namespace
+}  // namespace flowblur
