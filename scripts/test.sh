@@ -19,3 +19,6 @@ echo "== tests under sanitizers"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 (cd build-asan && ctest --output-on-failure -j "$jobs" --timeout 900)
+
+echo "== the Debian package, installed and run in a fresh Debian 12 (debootstrap)"
+scripts/test-package.sh build
