@@ -22,7 +22,7 @@ mkdir -p "$cache/archives"
 
 deb=$(scripts/package.sh "$build")
 version=$(dpkg-deb -f "$deb" Version)
-echo "== package $deb"
+echo "== package $deb ($((SECONDS - started)) s)"
 
 cleanup() { $sudo_cmd rm -rf "$root" "$cache/bootstrap"; }
 trap cleanup EXIT
@@ -50,7 +50,7 @@ if [ ! -f "$base" ]; then
   $sudo_cmd rm -rf "$cache/bootstrap"
 fi
 
-echo "== fresh Debian 12 root from $base"
+echo "== fresh Debian 12 root from $base ($((SECONDS - started)) s)"
 cleanup
 mkdir -p "$root"
 $sudo_cmd tar -C "$root" -xf "$base"
@@ -58,24 +58,27 @@ $sudo_cmd cp /etc/resolv.conf "$root/etc/resolv.conf"
 find "$cache/archives" -name '*.deb' -exec $sudo_cmd cp -t "$root/var/cache/apt/archives/" {} +
 $sudo_cmd cp "$deb" "$root/tmp/"
 debname=$(basename "$deb")
+# A throwaway root needs no fsync after every file: dpkg unpacks several times faster.
+unsafe_io=(-o Dpkg::Options::=--force-unsafe-io)
 
-echo "== apt install ./$debname"
+echo "== apt install ./$debname ($((SECONDS - started)) s)"
 install_log=$cache/apt-install.log
-if ! in_root 300 apt-get install -y -q --no-install-recommends "/tmp/$debname" > "$install_log" 2>&1; then
+if ! in_root 300 apt-get install -y -q --no-install-recommends "${unsafe_io[@]}" "/tmp/$debname" > "$install_log" 2>&1; then
   # The cached package lists may have gone stale on the mirror: refresh once and retry.
   in_root 300 apt-get update -qq
-  in_root 300 apt-get install -y -q --no-install-recommends "/tmp/$debname" > "$install_log" 2>&1 \
+  in_root 300 apt-get install -y -q --no-install-recommends "${unsafe_io[@]}" "/tmp/$debname" > "$install_log" 2>&1 \
     || { tail -n 30 "$install_log"; exit 1; }
 fi
 grep -E '^(Setting up|Need to get)' "$install_log" | grep -E 'Need to get|flowblur' || true
 find "$root/var/cache/apt/archives" -maxdepth 1 -name '*.deb' -exec cp -u -t "$cache/archives/" {} +
 
+echo "== checks in the root ($((SECONDS - started)) s)"
 passed=0 failed=0
 check() {
   local name=$1
   shift
   if "$@"; then
-    passed=$((passed + 1)); echo "ok   $name"
+    passed=$((passed + 1)); echo "ok   $name ($((SECONDS - started)) s)"
   else
     failed=$((failed + 1)); echo "FAIL $name"
   fi
@@ -131,5 +134,6 @@ purges() {
 }
 check "apt purge removes it" purges
 
-echo "package: $passed passed, $failed failed ($((SECONDS - started)) s)"
+echo "== done in $((SECONDS - started)) s"
+echo "package: $passed passed, $failed failed"
 [ "$failed" -eq 0 ]
