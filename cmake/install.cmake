@@ -58,6 +58,8 @@ endfunction()
 flowblur_man_page(flowblur "" "optical-flow motion blur for image sequences")
 flowblur_man_page(flowblur-demo "demo" "render, blur and show the built-in demo clip")
 flowblur_man_page(flowblur-farm-slurm "farm slurm" "split a render into a Slurm job array, one task a chunk")
+flowblur_man_page(flowblur-retime "retime" "slow motion, speed changes and frame-rate conversion along the optical flow")
+flowblur_man_page(flowblur-deinterlace "deinterlace" "whole frames from interlaced footage")
 
 find_program(HELP2MAN_EXECUTABLE help2man)
 find_program(GZIP_EXECUTABLE gzip)
