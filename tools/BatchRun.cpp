@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "tools/FlowView.h"
+#include "tools/FrameCache.h"
 #include "tools/Sequence.h"
 
 namespace flowblur {
@@ -150,7 +151,7 @@ struct RunSetup {
   FrameInfo info;                    // of the first input frame read
   int32_t formatCode = 24;
   SampleDepth outDepth = SampleDepth::k8;
-  int64_t storeBudget = 0;
+  int64_t cacheBudget = 0;
 };
 
 std::string InputPath(const RunRange& range, const FrameRead& read) {
@@ -291,20 +292,22 @@ int CheckOutputs(const BatchOptions& options, const RunSetup& setup,
   return kExitOk;
 }
 
-// What the run holds at once: the frames the plan keeps between uses (every channel as float
-// plus the packed copy), the output frame, the host's window and buffers, the half planes and
-// the flow estimator's pyramids. Refused, before anything is written, when it would not fit.
+// What the run holds at once: the frames the plan keeps between uses (every channel as float),
+// the output frame, the packed copies of one frame's reads, the host's window and buffers, the
+// half planes and the flow estimator's pyramids. Refused, before anything is written, when it
+// would not fit.
 int CheckMemory(RunSetup* setup) {
   const FrameInfo& info = setup->info;
   setup->formatCode = FormatCodeFor(info.depth);
   const double pixels = static_cast<double>(info.width) * info.height;
   const double packed =
       static_cast<double>(PackedFrameBytes(info.width, info.height, setup->formatCode));
-  const double stored = pixels * info.channels * sizeof(float) + packed;
+  const double stored = pixels * info.channels * sizeof(float);
   const double held = static_cast<double>(setup->plan.MostHeld());
-  setup->storeBudget = static_cast<int64_t>(held * stored);
-  const double windowFrames = 3.0 * (setup->withBack ? 2 : 1);
-  const double need = (held + 1.0) * stored + (windowFrames + 4.0) * packed +
+  // Room for the frames the plan keeps, counted as the cache counts them.
+  setup->cacheBudget = static_cast<int64_t>(held * (stored + 4096.0));
+  const double clips = setup->withBack ? 2.0 : 1.0;
+  const double need = (held + 1.0) * stored + (3.0 * clips + 4.0 + clips + 1.0) * packed +
                       (setup->formatCode == 49 ? 3.0 * 12.0 * pixels : 0.0) + 16.0 * pixels;
   const double machine = static_cast<double>(sysconf(_SC_PHYS_PAGES)) * sysconf(_SC_PAGESIZE);
   if (machine > 0.0 && need > 0.75 * machine) {
@@ -320,7 +323,7 @@ int CheckMemory(RunSetup* setup) {
   return kExitOk;
 }
 
-// The planned frames through the plug-in, in order, each input read once into the store and
+// The planned frames through the plug-in, in order, each input read once into the cache and
 // let go after its last use.
 class FrameLoop {
  public:
@@ -330,10 +333,7 @@ class FrameLoop {
         lastUse_(setup.plan.LastUse()),
         window_(setup.info.width, setup.info.height, setup.formatCode, setup.plan.clip.count,
                 setup.withBack, options.threads, options.controls),
-        store_(setup.storeBudget,
-               [this](const FrameRead& read, StoredFrame* frame, std::string* error) {
-                 return Load(read, frame, error);
-               }),
+        cache_(setup.cacheBudget),
         progress_(options.progress && !options.quiet && isatty(2),
                   static_cast<int64_t>(setup.plan.frames.size())),
         frameLines_(!options.quiet && !isatty(2)) {}
@@ -362,16 +362,13 @@ class FrameLoop {
   }
 
  private:
-  bool Load(const FrameRead& read, StoredFrame* stored, std::string* error) {
+  bool Load(const FrameRead& read, Frame* frame, std::string* error) {
     const std::string path = InputPath(setup_.range, read);
-    if (!ReadFrame(path, &stored->frame, error)) return false;
-    if (stored->frame.info.width != setup_.info.width ||
-        stored->frame.info.height != setup_.info.height) {
+    if (!ReadFrame(path, frame, error)) return false;
+    if (frame->info.width != setup_.info.width || frame->info.height != setup_.info.height) {
       *error = Quote(path) + " changed size while the run was under way";
       return false;
     }
-    stored->packed.resize(static_cast<size_t>(window_.FrameBytes()));
-    PackColour(stored->frame, setup_.formatCode, stored->packed.data());
     return true;
   }
 
@@ -379,17 +376,25 @@ class FrameLoop {
     const auto started = std::chrono::steady_clock::now();
     const PlannedFrame& planned = setup_.plan.frames[i];
     std::string error;
-    std::map<FrameRead, std::shared_ptr<const StoredFrame>> inputs;
-    for (const FrameRead& read : planned.reads) {
-      auto frame = store_.Get(read, &error);
+    std::map<FrameRead, std::shared_ptr<const Frame>> inputs;
+    std::map<FrameRead, const uint8_t*> packed;
+    for (size_t r = 0; r < planned.reads.size(); ++r) {
+      const FrameRead& read = planned.reads[r];
+      auto frame = cache_.Get(
+          read.offset, read.clip,
+          [&](Frame* into, std::string* why) { return Load(read, into, why); }, &error);
       if (!frame) return Stopped(error, kExitInput);
       inputs[read] = frame;
+      // Packed again at each use: cheap beside the flow, and the cache holds one form only.
+      if (packed_.size() <= r) packed_.emplace_back(static_cast<size_t>(window_.FrameBytes()));
+      PackColour(*frame, setup_.formatCode, packed_[r].data());
+      packed[read] = packed_[r].data();
     }
     const void* result = window_.Process(
         planned.offset,
         [&](int32_t clip, int64_t offset) -> const void* {
-          auto it = inputs.find({clip, offset});
-          return it == inputs.end() ? nullptr : it->second->packed.data();
+          auto it = packed.find({clip, offset});
+          return it == packed.end() ? nullptr : it->second;
         },
         &error);
     if (!result)
@@ -397,7 +402,7 @@ class FrameLoop {
                          ": " + error,
                      kExitPlugin);
     // Other channels come from the input frame as stored.
-    Frame out = inputs.at({kFrontClip, planned.offset})->frame;
+    Frame out = *inputs.at({kFrontClip, planned.offset});
     UnpackColour(result, setup_.formatCode, &out);
     const bool replace = options_.overwrite || options_.skipExisting;
     if (!options_.flowFolder.empty() &&
@@ -412,7 +417,7 @@ class FrameLoop {
       return Stopped(error, kExitOutput);
     ++gFramesWritten;
     for (const FrameRead& read : planned.reads)
-      if (lastUse_[read] == i) store_.Drop(read);
+      if (lastUse_[read] == i) cache_.Drop(read.offset, read.clip);
     const int64_t number = planned.outputNumber;
     if (frameLines_) {
       const double seconds =
@@ -442,7 +447,8 @@ class FrameLoop {
   const RunSetup& setup_;
   std::map<FrameRead, size_t> lastUse_;
   ClipWindow window_;
-  FrameStore store_;
+  FrameCache cache_;  // keyed by (offset in the clip, clip)
+  std::vector<std::vector<uint8_t>> packed_;  // one a read of a frame, reused
   Progress progress_;
   bool frameLines_;
 };

@@ -1,4 +1,4 @@
-// flowblur: frame plans, render ranges within a clip, and the frame store.
+// flowblur: frame plans and render ranges within a clip.
 #include "tools/FramePlan.h"
 
 #include <algorithm>
@@ -64,41 +64,6 @@ FramePlan PlanFrames(const ClipSpan& clip, const std::vector<int64_t>& offsets,
     plan.frames.push_back(std::move(frame));
   }
   return plan;
-}
-
-FrameStore::FrameStore(int64_t budget, Loader load) : budget_(budget), load_(std::move(load)) {}
-
-std::shared_ptr<const StoredFrame> FrameStore::Get(const FrameRead& read, std::string* error) {
-  auto found = index_.find(read);
-  if (found != index_.end()) {
-    entries_.splice(entries_.begin(), entries_, found->second);
-    return found->second->frame;
-  }
-  auto frame = std::make_shared<StoredFrame>();
-  ++loads_;
-  if (!load_(read, frame.get(), error)) return nullptr;
-  MakeRoom(frame->Bytes());
-  entries_.push_front({read, frame});
-  index_[read] = entries_.begin();
-  bytes_ += frame->Bytes();
-  return frame;
-}
-
-void FrameStore::Drop(const FrameRead& read) {
-  auto found = index_.find(read);
-  if (found == index_.end()) return;
-  bytes_ -= found->second->frame->Bytes();
-  entries_.erase(found->second);
-  index_.erase(found);
-}
-
-void FrameStore::MakeRoom(int64_t bytes) {
-  while (!entries_.empty() && bytes_ + bytes > budget_) {
-    const Entry& oldest = entries_.back();
-    bytes_ -= oldest.frame->Bytes();
-    index_.erase(oldest.read);
-    entries_.pop_back();
-  }
 }
 
 }  // namespace flowblur

@@ -1,16 +1,12 @@
 // flowblur: the frame plan of a run (which output frames, and which input frames each one
-// reads), the clip and range rules behind it, and the byte-bounded store the frames are read
-// into once per run.
+// reads) and the clip and range rules behind it. A run reads the frames through a FrameCache
+// (tools/FrameCache.h), dropping each after its last use, so that each is read once.
 #pragma once
 #include <cstdint>
 #include <functional>
-#include <list>
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
-
-#include "tools/ImageFiles.h"
 
 namespace flowblur {
 
@@ -60,7 +56,7 @@ struct FramePlan {
   // store may let it go.
   std::map<FrameRead, size_t> LastUse() const;
   // The most frames held at once when each is read at its first use and dropped after its
-  // last: what a store must be able to hold for every frame to be read exactly once.
+  // last: what a cache must be able to hold for every frame to be read exactly once.
   size_t MostHeld() const;
 };
 
@@ -70,49 +66,5 @@ struct FramePlan {
 using ReadRule = std::function<std::vector<FrameRead>(int64_t offset)>;
 FramePlan PlanFrames(const ClipSpan& clip, const std::vector<int64_t>& offsets,
                      const ReadRule& reads);
-
-// A frame as read from disk: every channel as float (for the output's other channels), and
-// the colour channels packed for the plug-in.
-struct StoredFrame {
-  Frame frame;
-  std::vector<uint8_t> packed;
-  int64_t Bytes() const {
-    return static_cast<int64_t>(frame.pixels.size() * sizeof(float) + packed.size());
-  }
-};
-
-// Frames kept between the planned frames that need them, at most `budget` bytes of them
-// (least recently used go first when a new one would not fit; one frame is always kept, so
-// a frame larger than the budget still goes through). Not thread-safe: one run loop owns it.
-class FrameStore {
- public:
-  using Loader = std::function<bool(const FrameRead&, StoredFrame*, std::string* error)>;
-
-  FrameStore(int64_t budget, Loader load);
-
-  // The frame, from memory or loaded now. Null with `error` set when loading fails. The
-  // pointer stays valid after the frame leaves the store.
-  std::shared_ptr<const StoredFrame> Get(const FrameRead& read, std::string* error);
-  // Lets the frame go now (its last planned use is over).
-  void Drop(const FrameRead& read);
-
-  int64_t Bytes() const { return bytes_; }
-  int64_t Loads() const { return loads_; }  // calls of the loader so far
-  size_t Held() const { return entries_.size(); }
-
- private:
-  struct Entry {
-    FrameRead read;
-    std::shared_ptr<const StoredFrame> frame;
-  };
-  void MakeRoom(int64_t bytes);
-
-  int64_t budget_;
-  Loader load_;
-  std::list<Entry> entries_;  // most recently used first
-  std::map<FrameRead, std::list<Entry>::iterator> index_;
-  int64_t bytes_ = 0;
-  int64_t loads_ = 0;
-};
 
 }  // namespace flowblur

@@ -1,10 +1,11 @@
-// flowblur tool tests: render ranges within a clip, frame plans and the frame store, and the
-// host window against a session that holds the whole clip.
+// flowblur tool tests: render ranges within a clip, frame plans read through the frame cache,
+// and the host window against a session that holds the whole clip.
 #include <gtest/gtest.h>
 
 #include <cstring>
 
 #include "tools/DemoClip.h"
+#include "tools/FrameCache.h"
 #include "tools/FramePlan.h"
 #include "tools/PluginSession.h"
 
@@ -58,50 +59,43 @@ TEST(FramePlan, AChunkNumbersFramesByTheClipAndReadsItsHandles) {
   EXPECT_EQ(chunk.DistinctReads().size(), 4u);
 }
 
-// Runs a plan through a store as the run loop does; returns the most frames held at once.
-size_t RunThroughStore(const FramePlan& plan, FrameStore& store) {
+// Runs a plan through a cache as the run loop does; returns the most frames held at once.
+size_t RunThroughCache(const FramePlan& plan, FrameCache& cache, const FrameCache::Loader& load) {
   std::map<FrameRead, size_t> last = plan.LastUse();
   size_t most = 0;
   for (size_t i = 0; i < plan.frames.size(); ++i) {
     std::string error;
-    for (const FrameRead& read : plan.frames[i].reads) EXPECT_TRUE(store.Get(read, &error)) << error;
-    most = std::max(most, store.Held());
     for (const FrameRead& read : plan.frames[i].reads)
-      if (last[read] == i) store.Drop(read);
+      EXPECT_TRUE(cache.Get(read.offset, read.clip, load, &error)) << error;
+    most = std::max(most, cache.Size());
+    for (const FrameRead& read : plan.frames[i].reads)
+      if (last[read] == i) cache.Drop(read.offset, read.clip);
   }
   return most;
 }
 
-TEST(FrameStore, AWholePlanReadsEachFrameOnceWithinItsBudget) {
-  const int64_t frameBytes = 4 * 4 * 3 * sizeof(float) + 4 * 4 * 3;
-  auto load = [&](const FrameRead& read, StoredFrame* frame, std::string*) {
-    frame->frame.pixels.assign(4 * 4 * 3, static_cast<float>(read.offset));
-    frame->packed.assign(4 * 4 * 3, static_cast<uint8_t>(read.clip));
+TEST(FramePlan, ACacheOfTheMostHeldFramesReadsEachFrameOnce) {
+  FrameCache::Loader load = [](Frame* frame, std::string*) {
+    frame->pixels.assign(4 * 4 * 3, 0.5f);
     return true;
   };
+  Frame sample;
+  load(&sample, nullptr);
+  const int64_t frameBytes = FrameCache::BytesOf(sample);
   for (bool back : {false, true}) {
     std::vector<int64_t> offsets(40);
     for (size_t i = 0; i < offsets.size(); ++i) offsets[i] = static_cast<int64_t>(i);
     FramePlan plan = PlanFrames({1, 40}, offsets, BlurRule(40, back));
     EXPECT_EQ(plan.MostHeld(), back ? 3u : 2u);  // the frame and its predecessor (per clip)
-    FrameStore store(static_cast<int64_t>(plan.MostHeld()) * frameBytes, load);
-    EXPECT_LE(RunThroughStore(plan, store), plan.MostHeld());
-    EXPECT_EQ(store.Loads(), static_cast<int64_t>(plan.DistinctReads().size()));
-    EXPECT_EQ(store.Held(), 0u);
-    // A store too small for the plan still delivers every frame, reading some again.
-    FrameStore small(frameBytes, load);
-    RunThroughStore(plan, small);
+    FrameCache cache(static_cast<int64_t>(plan.MostHeld()) * frameBytes);
+    EXPECT_LE(RunThroughCache(plan, cache, load), plan.MostHeld());
+    EXPECT_EQ(cache.Loads(), static_cast<int64_t>(plan.DistinctReads().size()));
+    EXPECT_EQ(cache.Size(), 0u);
+    // One frame fewer, and some frames are read twice.
+    FrameCache small(static_cast<int64_t>(plan.MostHeld() - 1) * frameBytes);
+    RunThroughCache(plan, small, load);
     EXPECT_GT(small.Loads(), static_cast<int64_t>(plan.DistinctReads().size()));
-    EXPECT_LE(small.Bytes(), frameBytes);
   }
-  FrameStore failing(frameBytes, [](const FrameRead&, StoredFrame*, std::string* error) {
-    *error = "unreadable";
-    return false;
-  });
-  std::string error;
-  EXPECT_EQ(failing.Get({0, 3}, &error), nullptr);
-  EXPECT_EQ(error, "unreadable");
-  EXPECT_EQ(failing.Held(), 0u);
 }
 
 // The host window gives the bytes and the flow pair a session holding the whole clip gives,
