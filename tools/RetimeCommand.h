@@ -64,7 +64,8 @@ struct DeinterlaceOptions {
 int RunDeinterlace(const DeinterlaceOptions& options);
 
 // `flowblur demo DIR --retime`: the demo clip written into DIR/input, a half-speed version
-// into DIR/retime, the flow of each made frame into DIR/retime-flow, and
+// into DIR/retime, the flow of each made frame into DIR/retime-flow, the clip truly rendered
+// at every half frame (output k of the half-speed run, and one more) into DIR/truth, and
 // DIR/retime-sheet.png: source frame, made frame and its flow for three made frames.
 int RunRetimeDemo(const std::string& folder, const RetimeOptions& base, int32_t width,
                   int32_t height, int32_t frames);

@@ -64,7 +64,7 @@ int RunRetimeDemo(const std::string& folder, const RetimeOptions& base, int32_t 
         "own earlier results)");
     return kExitOutput;
   }
-  for (const char* sub : {"/input", "/retime", "/retime-flow"})
+  for (const char* sub : {"/input", "/retime", "/retime-flow", "/truth"})
     if (!PrepareOutputFolder(folder + sub, &error)) {
       Say(error);
       return kExitOutput;
@@ -82,6 +82,17 @@ int RunRetimeDemo(const std::string& folder, const RetimeOptions& base, int32_t 
   for (int32_t t = 0; t < frames; ++t) {
     clip.Render8(t, rgb.data());
     if (!WriteImageSafely(Numbered(folder + "/input", "demo", t + 1), imageSpec,
+                          OIIO::TypeDesc::UINT8, rgb.data(), true, &error)) {
+      Say(error);
+      return kExitOutput;
+    }
+  }
+
+  // What a camera running twice as fast would have shot: the clip rendered at every output
+  // time of the half-speed run, and one half frame beyond, to measure the made frames by.
+  for (int32_t k = 0; k < 2 * frames; ++k) {
+    clip.Render8(0.5 * k, rgb.data());
+    if (!WriteImageSafely(Numbered(folder + "/truth", "demo", k + 1), imageSpec,
                           OIIO::TypeDesc::UINT8, rgb.data(), true, &error)) {
       Say(error);
       return kExitOutput;
@@ -129,6 +140,7 @@ int RunRetimeDemo(const std::string& folder, const RetimeOptions& base, int32_t 
       "  input/demo.####.png        the clip (%d frames)\n"
       "  retime/demo.####.png       at half speed (%d frames; every other one made)\n"
       "  retime-flow/flow.####.png  the motion each made frame was moved along\n"
+      "  truth/demo.####.png        the clip truly rendered at those times (and half a frame on)\n"
       "  retime-sheet.png           source | made frame | flow for outputs %d, %d, %d\n",
       folder.c_str(), frames, made, shown[0] + 1, shown[1] + 1, shown[2] + 1);
   return kExitOk;

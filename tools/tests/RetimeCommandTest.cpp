@@ -1,0 +1,441 @@
+// flowblur tool tests: time maps, and `flowblur retime` and `flowblur deinterlace` end to end
+// on small generated sequences: frame counts and numbers, frames on source times given back
+// exactly, made frames between their neighbours, refused runs, chunks equal to a whole run.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+
+#include "tools/ImageFiles.h"
+#include "tools/TimeMap.h"
+#include "tools/tests/ToolTestSupport.h"
+
+namespace flowblur {
+namespace {
+
+// ---- Time maps ------------------------------------------------------------------------------
+
+std::vector<int64_t> Numbers(const std::vector<TimedFrame>& frames) {
+  std::vector<int64_t> n;
+  for (const TimedFrame& f : frames) n.push_back(f.number);
+  return n;
+}
+
+TEST(TimeMaps, SpeedsCoverTheInputForwardAndBackward) {
+  struct Case {
+    double speed;
+    std::vector<double> times;
+  };
+  const Case cases[] = {
+      {0.5, {10, 10.5, 11, 11.5, 12, 12.5, 13}},
+      {2.0, {10, 12}},
+      {-1.0, {13, 12, 11, 10}},
+      {-1.5, {13, 11.5, 10}},
+      {0.3, {10, 10.3, 10.6, 10.9, 11.2, 11.5, 11.8, 12.1, 12.4, 12.7, 13}},  // 10 x 0.3 reaches 13
+  };
+  for (const Case& c : cases) {
+    std::vector<TimedFrame> frames = SpeedTimes(10, 13, c.speed, 100);
+    ASSERT_EQ(frames.size(), c.times.size()) << c.speed;
+    for (size_t k = 0; k < frames.size(); ++k) {
+      EXPECT_EQ(frames[k].number, 100 + static_cast<int64_t>(k));
+      EXPECT_NEAR(frames[k].sourceTime, c.times[k], 1e-12) << c.speed << " frame " << k;
+    }
+  }
+}
+
+TEST(TimeMaps, RatesLandExactlyOnSourceFrames) {
+  Rate film, ntsc, sixty, video;
+  std::string error;
+  ASSERT_TRUE(ParseRate("24", &film, &error));
+  ASSERT_TRUE(ParseRate("24000/1001", &ntsc, &error));
+  ASSERT_TRUE(ParseRate("60", &sixty, &error));
+  ASSERT_TRUE(ParseRate("29.97", &video, &error));
+  EXPECT_EQ(video.numerator, 2997);
+  EXPECT_EQ(video.denominator, 100);
+  // 24 to 60: five outputs to two inputs, 0 .. 4 gives 11 frames, every fifth on a frame.
+  std::vector<TimedFrame> frames = RateTimes(1, 5, film, sixty, 1);
+  ASSERT_EQ(frames.size(), 11u);
+  for (size_t k = 0; k < frames.size(); k += 5)
+    EXPECT_EQ(frames[k].sourceTime, 1.0 + static_cast<double>(k * 2 / 5)) << k;
+  EXPECT_DOUBLE_EQ(frames[1].sourceTime, 1.4);
+  // 23.976 to 29.97 as fractions: 4 in to 5 out, exactly.
+  Rate ntscVideo;
+  ASSERT_TRUE(ParseRate("30000/1001", &ntscVideo, &error));
+  frames = RateTimes(0, 8, ntsc, ntscVideo, 0);
+  EXPECT_EQ(frames.size(), 11u);
+  EXPECT_EQ(frames[5].sourceTime, 4.0);
+  for (const char* bad : {"0", "-24", "24/0", "abc", "24fps", "", "1.2.3", "/1001"})
+    EXPECT_FALSE(ParseRate(bad, &film, &error)) << bad;
+  double speed;
+  EXPECT_FALSE(ParseSpeed("0", &speed, &error));
+  EXPECT_NE(error.find("--speed 0"), std::string::npos);
+  EXPECT_FALSE(ParseSpeed("fast", &speed, &error));
+  EXPECT_FALSE(ParseSpeed("nan", &speed, &error));
+}
+
+TEST(TimeMaps, KeysRampHoldAndReverse) {
+  std::vector<TimeKey> keys;
+  std::string error;
+  ASSERT_TRUE(ParseTimeMap("# ramp\n10 1\n\n14 3.0\n16 3\r\n20 1.5\n", "m", 1, 4, &keys, &error))
+      << error;
+  std::vector<TimedFrame> frames = KeyedTimes(keys);
+  EXPECT_EQ(Numbers(frames), (std::vector<int64_t>{10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20}));
+  const double expected[] = {1, 1.5, 2, 2.5, 3, 3, 3, 2.625, 2.25, 1.875, 1.5};
+  for (size_t k = 0; k < frames.size(); ++k) EXPECT_EQ(frames[k].sourceTime, expected[k]) << k;
+  // Past the last key the map goes on along its last step; one key stays put.
+  EXPECT_DOUBLE_EQ(SourceTimeAt(frames, 11.0), 1.125);
+  EXPECT_DOUBLE_EQ(SourceTimeAt(frames, 0.5), 1.25);
+  EXPECT_EQ(SourceTimeAt({{4, 2.5}}, 1.0), 2.5);
+}
+
+TEST(TimeMaps, BadMapsNameTheirLine) {
+  struct Case {
+    const char* text;
+    const char* says;
+  };
+  const Case cases[] = {
+      {"", "has no keys"},
+      {"# only a comment\n\n", "has no keys"},
+      {"1 2\nthree four\n", "line 2: 'three four' is not two numbers"},
+      {"1 2\n2 x\n", "line 2: '2 x' is not two numbers"},
+      {"1\n", "line 1: '1' is not two numbers"},
+      {"1 2 3\n", "line 1: '1 2 3' is not two numbers"},
+      {"1 2\n2 2\n3 9.5\n", "line 3: source time 9.5 is outside the input, frames 1 to 4"},
+      {"1 0.5\n", "line 1: source time 0.5 is outside"},
+      {"1.5 2\n", "line 1: output frame '1.5' is not a whole frame number"},
+      {"5 2\n5 3\n", "line 2: output frame 5 does not come after 5 of line 1"},
+      {"1 nan\n", "line 1: '1 nan' is not two numbers"},
+  };
+  for (const Case& c : cases) {
+    std::vector<TimeKey> keys;
+    std::string error;
+    EXPECT_FALSE(ParseTimeMap(c.text, "map.txt", 1, 4, &keys, &error)) << c.text;
+    EXPECT_NE(error.find(c.says), std::string::npos) << c.text << " gave: " << error;
+    EXPECT_NE(error.find("'map.txt'"), std::string::npos) << error;
+    EXPECT_TRUE(keys.empty());
+  }
+}
+
+// ---- End to end ------------------------------------------------------------------------------
+
+constexpr int32_t kW = 96, kH = 64;
+
+// A textured still background and a textured 24x20 block moving 3 px a frame to the right;
+// the lower right corner never changes. Alpha, when present, is a gradient that moves with
+// the block.
+float Texture(double x, double y, int c) {
+  return static_cast<float>(0.5 + 0.2 * std::sin(x * 0.53 + c) * std::cos(y * 0.41 - c) +
+                            0.15 * std::sin((x + 2.0 * y) * 0.19 + 1.1 * c));
+}
+float Sample(int32_t t, int32_t x, int32_t y, int c) {
+  const int32_t bx = 8 + 3 * t, by = 8;
+  if (c == 3) return static_cast<float>(0.25 + 0.5 * ((x - bx + 64) % 32) / 32.0);
+  if (x >= bx && x < bx + 24 && y >= by && y < by + 20)
+    return static_cast<float>(0.2 + 0.6 * (((x - bx) / 3 + (y - by) / 3 + c) % 2));
+  return Texture(x, y, c);
+}
+
+std::string Path(const std::string& pattern, int64_t frame) {
+  char path[512];
+  std::snprintf(path, sizeof path, pattern.c_str(), static_cast<int>(frame));
+  return path;
+}
+
+void WriteClip(const std::string& pattern, int32_t first, int32_t count, SampleDepth depth,
+               int32_t channels, int32_t height = kH) {
+  for (int32_t t = 0; t < count; ++t) {
+    std::vector<float> pixels(static_cast<size_t>(kW) * height * channels);
+    for (int32_t y = 0; y < height; ++y)
+      for (int32_t x = 0; x < kW; ++x)
+        for (int32_t c = 0; c < channels; ++c)
+          pixels[(static_cast<size_t>(y) * kW + x) * channels + c] = Sample(t, x, y, c);
+    OIIO::ImageSpec spec(kW, height, channels, TypeFor(depth));
+    spec.attribute("oiio:UnassociatedAlpha", 1);
+    std::string error;
+    ASSERT_TRUE(WriteImageSafely(Path(pattern, first + t), spec, OIIO::TypeDesc::FLOAT,
+                                 pixels.data(), false, &error))
+        << error;
+  }
+}
+
+Frame Load(const std::string& path) {
+  Frame f;
+  std::string error;
+  EXPECT_TRUE(ReadFrame(path, &f, &error)) << error;
+  return f;
+}
+
+// Mean absolute difference of the colour channels.
+double Distance(const Frame& a, const Frame& b) {
+  double sum = 0.0;
+  size_t n = 0;
+  for (size_t i = 0; i < a.pixels.size(); ++i)
+    if (static_cast<int32_t>(i % a.info.channels) < 3) {
+      sum += std::fabs(a.pixels[i] - b.pixels[i]);
+      ++n;
+    }
+  return sum / static_cast<double>(n);
+}
+
+// The output numbers in a folder, from names o.NNNN.ext.
+std::vector<int64_t> OutputNumbers(const std::string& folder) {
+  std::vector<int64_t> numbers;
+  for (const auto& [name, content] : test::Snapshot(folder))
+    if (name.rfind("o.", 0) == 0) numbers.push_back(std::stoll(name.substr(2, 4)));
+  return numbers;
+}
+
+test::RunResult Flowblur(const std::vector<std::string>& args) {
+  return test::RunCommand(FLOWBLUR_EXE, args);
+}
+
+struct FormatCase {
+  const char* name;
+  const char* ext;
+  SampleDepth depth;
+  int32_t channels;
+};
+class RetimeFormats : public ::testing::TestWithParam<FormatCase> {};
+
+TEST_P(RetimeFormats, HalfSpeedKeepsSourceFramesAndMakesFramesBetweenThem) {
+  const FormatCase& c = GetParam();
+  test::TempDir dir;
+  const std::string in = dir / (std::string("in.%04d.") + c.ext);
+  const std::string out = dir / (std::string("out/o.%04d.") + c.ext);
+  WriteClip(in, 5, 4, c.depth, c.channels);
+  test::RunResult r = Flowblur({"retime", in, out, "--speed", "0.5", "--threads", "2", "-q"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(OutputNumbers(dir / "out"), (std::vector<int64_t>{5, 6, 7, 8, 9, 10, 11}));
+  for (int32_t k = 0; k < 7; ++k) {
+    const Frame made = Load(Path(out, 5 + k));
+    EXPECT_EQ(made.info.depth, c.depth);
+    ASSERT_EQ(made.info.channels, c.channels);
+    if (k % 2 == 0) {
+      // On a source frame: that frame, every sample, alpha included.
+      EXPECT_EQ(made.pixels, Load(Path(in, 5 + k / 2)).pixels) << "output " << 5 + k;
+      continue;
+    }
+    // Between: nearer to each neighbour than the neighbours are to each other, and the
+    // still corner untouched by the motion. The outermost row and column are left out: the
+    // gather warp counts a read a hair outside the frame as a hole and fills it.
+    const Frame a = Load(Path(in, 5 + k / 2)), b = Load(Path(in, 6 + k / 2));
+    const double apart = Distance(a, b);
+    EXPECT_LT(Distance(made, a), 0.75 * apart) << "output " << 5 + k;
+    EXPECT_LT(Distance(made, b), 0.75 * apart) << "output " << 5 + k;
+    double still = 0.0;
+    for (int32_t y = 44; y < kH - 1; ++y)
+      for (int32_t x = 70; x < kW - 1; ++x)
+        for (int32_t ch = 0; ch < 3; ++ch) {
+          const size_t i = (static_cast<size_t>(y) * kW + x) * c.channels + ch;
+          still = std::max(still, static_cast<double>(std::fabs(made.pixels[i] - a.pixels[i])));
+        }
+    EXPECT_LT(still, 0.02) << "output " << 5 + k;
+    // The block's leading edge (its first column) has moved half of its 3 px step: the made
+    // frame matches the midpoint picture far better than either neighbour near the block.
+    if (c.channels == 4) {
+      double alphaMid = 0.0;
+      for (int32_t y = 10; y < 26; ++y)
+        alphaMid += std::fabs(made.pixels[(static_cast<size_t>(y) * kW + 40) * 4 + 3] -
+                              0.5f * (a.pixels[(static_cast<size_t>(y) * kW + 40) * 4 + 3] +
+                                      b.pixels[(static_cast<size_t>(y) * kW + 40) * 4 + 3]));
+      EXPECT_LT(alphaMid / 16.0, 0.1) << "alpha of output " << 5 + k;
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, RetimeFormats,
+                         ::testing::Values(FormatCase{"Png8Rgb", "png", SampleDepth::k8, 3},
+                                           FormatCase{"Tiff16Rgb", "tif", SampleDepth::k16, 3},
+                                           FormatCase{"ExrHalfRgba", "exr", SampleDepth::kHalf, 4}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(Retime, RatesAndTimeMapsNumberTheirFramesAndHitSourceFrames) {
+  test::TempDir dir;
+  const std::string in = dir / "in.%04d.png";
+  WriteClip(in, 1, 5, SampleDepth::k8, 3);
+  test::RunResult r = Flowblur({"retime", in, dir / "r/o.%04d.png", "--fps-in", "24",
+                                "--fps-out", "60", "--start", "100", "-q"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  std::vector<int64_t> expected;
+  for (int64_t n = 100; n <= 110; ++n) expected.push_back(n);
+  EXPECT_EQ(OutputNumbers(dir / "r"), expected);
+  EXPECT_EQ(Load(dir / "r/o.0105.png").pixels, Load(dir / "in.0003.png").pixels);
+  EXPECT_EQ(Load(dir / "r/o.0110.png").pixels, Load(dir / "in.0005.png").pixels);
+
+  // A ramp up to frame 4, a hold, and back to frame 2, numbered as the map numbers them.
+  std::ofstream(dir / "map.txt") << "20 1\n26 4\n28 4\n32 2\n";
+  r = Flowblur({"retime", in, dir / "m/o.%04d.png", "--timemap", dir / "map.txt", "-q",
+                "--method", "dissolve", "--warp", "forward", "--shutter", "0.5"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  expected.clear();
+  for (int64_t n = 20; n <= 32; ++n) expected.push_back(n);
+  EXPECT_EQ(OutputNumbers(dir / "m"), expected);
+  // Backwards at double speed from frame 5.
+  r = Flowblur({"retime", in, dir / "b/o.%04d.png", "--speed", "-2", "-q"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(OutputNumbers(dir / "b"), (std::vector<int64_t>{1, 2, 3}));
+  EXPECT_EQ(Load(dir / "b/o.0001.png").pixels, Load(dir / "in.0005.png").pixels);
+  EXPECT_EQ(Load(dir / "b/o.0003.png").pixels, Load(dir / "in.0001.png").pixels);
+}
+
+TEST(Retime, ChunksGiveTheBytesOfAWholeRunForAnyProcessorCount) {
+  test::TempDir dir;
+  const std::string in = dir / "in.%04d.exr";
+  WriteClip(in, 1, 4, SampleDepth::kHalf, 4);
+  for (const char* method : {"flow", "nearest"}) {
+    const std::string whole = dir / (std::string("whole-") + method);
+    const std::string parts = dir / (std::string("parts-") + method);
+    test::RunResult r = Flowblur({"retime", in, whole + "/o.%04d.exr", "--speed", "0.4",
+                                  "--method", method, "--threads", "1", "-q"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    for (const char* chunk : {"1-3", "4-5", "6-99"}) {
+      r = Flowblur({"retime", in, parts + "/o.%04d.exr", "--speed", "0.4", "--method", method,
+                    "--frames", chunk, "--threads", "3", "-q"});
+      ASSERT_EQ(r.exitCode, 0) << chunk << ": " << r.err;
+    }
+    EXPECT_EQ(OutputNumbers(whole).size(), 8u);
+    EXPECT_TRUE(test::Snapshot(whole) == test::Snapshot(parts)) << method;
+    // A resumed run makes only what is missing, and the same bytes.
+    std::remove((parts + "/o.0004.exr").c_str());
+    std::remove((parts + "/o.0008.exr").c_str());
+    r = Flowblur({"retime", in, parts + "/o.%04d.exr", "--speed", "0.4", "--method", method,
+                  "--skip-existing"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_NE(r.err.find("2 frames"), std::string::npos) << r.err;
+    EXPECT_TRUE(test::Snapshot(whole) == test::Snapshot(parts)) << method;
+  }
+}
+
+TEST(Retime, WritesFlowPicturesForEveryFrame) {
+  test::TempDir dir;
+  WriteClip(dir / "in.%04d.png", 1, 3, SampleDepth::k8, 3);
+  test::RunResult r = Flowblur({"retime", dir / "in.%04d.png", dir / "o.%04d.png", "--speed",
+                                "0.5", "--write-flow", dir / "flow", "-q"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  // A made frame shows motion (coloured pixels); a frame taken from the input shows none.
+  const Frame made = Load(dir / "flow/flow.0002.png"), kept = Load(dir / "flow/flow.0003.png");
+  auto coloured = [](const Frame& f) {
+    int64_t n = 0;
+    for (int32_t y = 8; y < 28; ++y)
+      for (int32_t x = 10; x < 40; ++x)
+        if (f.pixels[(static_cast<size_t>(y) * kW + x) * 3 + 1] < 0.9f) ++n;
+    return n;
+  };
+  EXPECT_GT(coloured(made), 100);
+  EXPECT_EQ(coloured(kept), 0);
+}
+
+// ---- Deinterlacing ---------------------------------------------------------------------------
+
+// Rows of one parity of two frames: the largest difference of any sample.
+double RowsDiffer(const Frame& a, const Frame& b, int32_t parity) {
+  double most = 0.0;
+  const size_t row = static_cast<size_t>(kW) * a.info.channels;
+  for (int32_t y = parity; y < kH; y += 2)
+    for (size_t i = 0; i < row; ++i)
+      most = std::max(most, static_cast<double>(
+                                std::fabs(a.pixels[y * row + i] - b.pixels[y * row + i])));
+  return most;
+}
+
+TEST(Deinterlace, KeepsTheFieldRowsAndRebuildsTheOthersAtFrameAndFieldRate) {
+  test::TempDir dir;
+  const std::string in = dir / "in.%04d.tif";
+  WriteClip(in, 1, 3, SampleDepth::k16, 4);
+  for (const char* order : {"tff", "bff"}) {
+    const int32_t first = std::string(order) == "tff" ? 0 : 1;
+    for (const char* method : {"line", "average", "edge3", "edge5"}) {
+      const std::string out = dir / (std::string(order) + method);
+      test::RunResult r = Flowblur({"deinterlace", in, out + "/o.%04d.tif", "--field-order",
+                                    order, "--method", method, "-q"});
+      ASSERT_EQ(r.exitCode, 0) << r.err;
+      ASSERT_EQ(OutputNumbers(out), (std::vector<int64_t>{1, 2, 3}));
+      const Frame a = Load(Path(in, 2)), b = Load(Path(out + "/o.%04d.tif", 2));
+      EXPECT_EQ(RowsDiffer(a, b, first), 0.0) << order << " " << method;
+      EXPECT_GT(RowsDiffer(a, b, 1 - first), 0.0) << order << " " << method;
+      // Progressive input: rebuilt rows stay close to the rows that were there.
+      EXPECT_LT(Distance(a, b), 0.05) << order << " " << method;
+    }
+    const std::string out = dir / (std::string(order) + "field");
+    test::RunResult r = Flowblur({"deinterlace", in, out + "/o.%04d.tif", "--field-order", order,
+                                  "--rate", "field", "--start", "10", "-q"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    ASSERT_EQ(OutputNumbers(out), (std::vector<int64_t>{10, 11, 12, 13, 14, 15}));
+    for (int32_t n = 0; n < 3; ++n) {
+      const Frame a = Load(Path(in, 1 + n));
+      const Frame f0 = Load(Path(out + "/o.%04d.tif", 10 + 2 * n));
+      const Frame f1 = Load(Path(out + "/o.%04d.tif", 11 + 2 * n));
+      EXPECT_EQ(RowsDiffer(a, f0, first), 0.0) << order << " frame " << n;
+      EXPECT_EQ(RowsDiffer(a, f1, 1 - first), 0.0) << order << " frame " << n;
+    }
+    // The middle frame's missing rows come from motion between its neighbours: on a
+    // progressive clip the first field's picture is close to the frame itself.
+    EXPECT_LT(Distance(Load(Path(in, 2)), Load(Path(out + "/o.%04d.tif", 12))), 0.03) << order;
+  }
+}
+
+// ---- Refused runs ----------------------------------------------------------------------------
+
+class RetimeRefused : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    WriteClip(dir_ / "in.%04d.png", 1, 3, SampleDepth::k8, 3);
+    WriteClip(dir_ / "odd.%04d.png", 1, 2, SampleDepth::k8, 3, kH - 1);
+    WriteClip(dir_ / "one.%04d.png", 1, 1, SampleDepth::k8, 3);
+    std::ofstream(dir_ / "empty.txt") << "# nothing\n";
+    std::ofstream(dir_ / "words.txt") << "1 1\nfast slow\n";
+    std::ofstream(dir_ / "late.txt") << "1 1\n2 2\n3 3.5\n";
+  }
+  void ExpectRefused(const std::vector<std::string>& args, int code, const std::string& says) {
+    auto before = test::Snapshot(dir_.path());
+    test::RunResult r = Flowblur(args);
+    EXPECT_EQ(r.exitCode, code) << r.err;
+    EXPECT_NE(r.err.find(says), std::string::npos) << "wanted '" << says << "', got: " << r.err;
+    EXPECT_EQ(test::Snapshot(dir_.path()), before) << says;
+  }
+  test::TempDir dir_;
+};
+
+TEST_F(RetimeRefused, BadTimingAndBadInput) {
+  const std::string in = dir_ / "in.%04d.png", out = dir_ / "out/o.%04d.png";
+  ExpectRefused({"retime", in, out, "--timemap", dir_ / "empty.txt"}, 2, "has no keys");
+  ExpectRefused({"retime", in, out, "--timemap", dir_ / "words.txt"}, 2,
+                "line 2: 'fast slow' is not two numbers");
+  ExpectRefused({"retime", in, out, "--timemap", dir_ / "late.txt"}, 2,
+                "line 3: source time 3.5 is outside the input, frames 1 to 3");
+  ExpectRefused({"retime", in, out, "--timemap", dir_ / "none.txt"}, 2, "cannot read time map");
+  ExpectRefused({"retime", in, out, "--speed", "0"}, 2, "--speed 0");
+  ExpectRefused({"retime", in, out, "--speed", "half"}, 2, "--speed 'half' is not a number");
+  ExpectRefused({"retime", in, out, "--speed", "0.5", "--fps-in", "24", "--fps-out", "60"}, 2,
+                "--speed and --fps-in/--fps-out both give the speed");
+  ExpectRefused({"retime", in, out, "--fps-in", "24"}, 2, "--fps-in and --fps-out go together");
+  ExpectRefused({"retime", in, out}, 2, "retime needs a time map");
+  ExpectRefused({"retime", in, out, "--speed", "1", "--shutter", "2"}, 2, "--shutter '2'");
+  ExpectRefused({"retime", dir_ / "one.%04d.png", out, "--speed", "0.5"}, 1,
+                "has one frame; retiming needs two or more");
+  ExpectRefused({"retime", in, in, "--speed", "0.5"}, 3, "is an input file");
+  ExpectRefused({"retime", in, out, "--speed", "0.5", "--frames", "9-10"}, 2,
+                "--frames starts at 9, outside the output");
+  ExpectRefused({"deinterlace", dir_ / "odd.%04d.png", out, "--field-order", "tff"}, 1,
+                "field work needs an even number of rows");
+  ExpectRefused({"deinterlace", dir_ / "one.%04d.png", out, "--field-order", "tff", "--rate",
+                 "field"},
+                1, "has one frame; field rate needs two or more");
+  ExpectRefused({"deinterlace", in, out}, 2, "--field-order is required");
+}
+
+TEST(RetimeHelp, EachCommandExplainsItself) {
+  test::RunResult r = Flowblur({"retime", "--help"});
+  EXPECT_EQ(r.exitCode, 0);
+  for (const char* word : {"--speed", "--fps-in", "--timemap", "--method", "--warp", "--shutter",
+                           "--write-flow", "--skip-existing", "--start"})
+    EXPECT_NE(r.out.find(word), std::string::npos) << word;
+  r = Flowblur({"deinterlace", "--help"});
+  EXPECT_EQ(r.exitCode, 0);
+  for (const char* word : {"--field-order", "tff", "edge5", "--rate"})
+    EXPECT_NE(r.out.find(word), std::string::npos) << word;
+}
+
+}  // namespace
+}  // namespace flowblur
