@@ -5,6 +5,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "blur/PLBlurWide.h"
 #include "blur/PLMotionBlur.h"
 #include "image/PLPixelConvert.h"
 
@@ -299,12 +300,30 @@ void BlurRowsPath(int32_t x0, int32_t x1, int32_t yFirst, int32_t yLast, NuvImag
   }
 }
 
-// A whole member: its local progress object, then one of the two complete pixel loops.
+#if defined(FLOWBLUR_PLAIN_ONLY)
+constexpr bool kWideBuilt = false;
+#else
+constexpr bool kWideBuilt = true;
+#endif
+
+// A whole member: its local progress object, then one of the complete pixel loops: plain or
+// wide (same bytes), bilinear or nearest.
 template <class T, int32_t C, bool CountOutside>
-void BlurRows(int32_t x0, int32_t x1, int32_t yFirst, int32_t yLast, NuvImage* dst,
-              const NuvImage* src, const NuvImage* flow, uint8_t bilinearSampling,
-              NuvIdleAndProgressClass* progress, float amount) {
+void BlurRows(PLBlurPath path, int32_t x0, int32_t x1, int32_t yFirst, int32_t yLast,
+              NuvImage* dst, const NuvImage* src, const NuvImage* flow,
+              uint8_t bilinearSampling, NuvIdleAndProgressClass* progress, float amount) {
   NuvIdleAndProgressClass local(progress);
+  if constexpr (kWideBuilt) {
+    if (path == PLBlurPath::kWide && PLBlurWideAvailable()) {
+      if (bilinearSampling)
+        BlurRowsWidePath<T, C, CountOutside, true>(x0, x1, yFirst, yLast, dst, src, flow, &local,
+                                                   amount);
+      else
+        BlurRowsWidePath<T, C, CountOutside, false>(x0, x1, yFirst, yLast, dst, src, flow, &local,
+                                                    amount);
+      return;
+    }
+  }
   if (bilinearSampling)
     BlurRowsPath<T, C, CountOutside, true>(x0, x1, yFirst, yLast, dst, src, flow, &local, amount);
   else
@@ -317,14 +336,28 @@ template <class T, int32_t C>
 void BlurRowsStopAtEdge(int32_t x0, int32_t x1, int32_t yFirst, int32_t yLast, NuvImage* dst,
                         const NuvImage* src, const NuvImage* flow, uint8_t bilinearSampling,
                         NuvIdleAndProgressClass* progress, float amount) {
-  BlurRows<T, C, false>(x0, x1, yFirst, yLast, dst, src, flow, bilinearSampling, progress, amount);
+  BlurRows<T, C, false>(PLBlurChosenPath(), x0, x1, yFirst, yLast, dst, src, flow,
+                        bilinearSampling, progress, amount);
 }
 
 template <class T, int32_t C>
 void BlurRowsCountOutside(int32_t x0, int32_t x1, int32_t yFirst, int32_t yLast, NuvImage* dst,
                           const NuvImage* src, const NuvImage* flow, uint8_t bilinearSampling,
                           NuvIdleAndProgressClass* progress, float amount) {
-  BlurRows<T, C, true>(x0, x1, yFirst, yLast, dst, src, flow, bilinearSampling, progress, amount);
+  BlurRows<T, C, true>(PLBlurChosenPath(), x0, x1, yFirst, yLast, dst, src, flow,
+                       bilinearSampling, progress, amount);
+}
+
+template <class T, int32_t C>
+void BlurRowsOnPath(PLBlurPath path, bool countOutside, int32_t x0, int32_t x1, int32_t yFirst,
+                    int32_t yLast, NuvImage* dst, const NuvImage* src, const NuvImage* flow,
+                    uint8_t bilinearSampling, NuvIdleAndProgressClass* progress, float amount) {
+  if (countOutside)
+    BlurRows<T, C, true>(path, x0, x1, yFirst, yLast, dst, src, flow, bilinearSampling, progress,
+                         amount);
+  else
+    BlurRows<T, C, false>(path, x0, x1, yFirst, yLast, dst, src, flow, bilinearSampling,
+                          progress, amount);
 }
 
 // The 24 members: 3 sample types x 4 channel counts x 2 border rules.
@@ -334,7 +367,10 @@ void BlurRowsCountOutside(int32_t x0, int32_t x1, int32_t yFirst, int32_t yLast,
                                          NuvIdleAndProgressClass*, float);                    \
   template void BlurRowsCountOutside<T, C>(int32_t, int32_t, int32_t, int32_t, NuvImage*,     \
                                            const NuvImage*, const NuvImage*, uint8_t,         \
-                                           NuvIdleAndProgressClass*, float);
+                                           NuvIdleAndProgressClass*, float);                    \
+  template void BlurRowsOnPath<T, C>(PLBlurPath, bool, int32_t, int32_t, int32_t, int32_t,    \
+                                     NuvImage*, const NuvImage*, const NuvImage*, uint8_t,    \
+                                     NuvIdleAndProgressClass*, float);
 #define PL_BLUR_MEMBERS_ALL_CHANNELS(T) \
   PL_BLUR_MEMBERS(T, 1) PL_BLUR_MEMBERS(T, 2) PL_BLUR_MEMBERS(T, 3) PL_BLUR_MEMBERS(T, 4)
 PL_BLUR_MEMBERS_ALL_CHANNELS(uint8_t)

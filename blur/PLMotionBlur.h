@@ -18,6 +18,10 @@
 // - A pixel's channels live in four float lanes worked on as one SSE vector; each lane
 //   does the scalar rule's operations in the scalar rule's order, so vector and scalar
 //   give the same bits (the tests hold all 24 members to a scalar reference).
+// - Where the processor has AVX2, a wide loop (PLBlurRowsWide.cpp) renders eight pixels side
+//   by side, one lane each, with the same operations in the same order: the same bytes.
+//   FLOWBLUR_PLAIN=1 in the environment, or FLOWBLUR_PLAIN_ONLY in the build, keeps the
+//   plain loop (PLBlurWide.h).
 
 // Meaning of the amount: each output pixel is the box average of source samples along a
 // straight line through itself, of total length amount x its flow vector, half on each

@@ -1,0 +1,381 @@
+// flowblur: the renderer's wide row loop, eight pixels of a row side by side in AVX2 lanes.
+#include <immintrin.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <type_traits>
+
+#include "blur/PLBlurWide.h"
+#include "image/PLPixelConvert.h"
+
+#if defined(FLOWBLUR_PLAIN_ONLY)
+
+bool PLBlurWideAvailable() { return false; }
+
+#else
+
+bool PLBlurWideAvailable() {
+  // Asked once; the answer cannot change while the process runs.
+  static const bool available = __builtin_cpu_supports("avx2") != 0;
+  return available;
+}
+
+// Only the functions from here to the end use AVX2, and only after PLBlurWideAvailable.
+// The target adds no fused multiply-add, and the build keeps -ffp-contract=off.
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((target("avx2"))), apply_to = function)
+#else
+#pragma GCC push_options
+#pragma GCC target("avx2")
+#endif
+
+namespace {
+
+typedef __m256 F8;
+typedef __m256i I8;
+
+inline F8 Set(float f) { return _mm256_set1_ps(f); }
+inline I8 SetI(int32_t i) { return _mm256_set1_epi32(i); }
+inline F8 Blend(F8 no, F8 yes, F8 mask) { return _mm256_blendv_ps(no, yes, mask); }
+inline I8 BlendI(I8 no, I8 yes, I8 mask) {
+  return _mm256_castps_si256(
+      _mm256_blendv_ps(_mm256_castsi256_ps(no), _mm256_castsi256_ps(yes), _mm256_castsi256_ps(mask)));
+}
+inline F8 AsF(I8 v) { return _mm256_castsi256_ps(v); }
+inline I8 AsI(F8 v) { return _mm256_castps_si256(v); }
+inline bool Any(I8 mask) { return _mm256_movemask_ps(AsF(mask)) != 0; }
+
+// A view's addressing as byte offsets from its lowest address, so that every offset of a
+// sample inside it is at least 0 and at most `lastWord` + 3 (the bounds checks have
+// already made each offset fit in 32 bits).
+struct WideView {
+  const unsigned char* base;
+  int32_t row0;       // offset of row 0
+  int32_t step;       // row y + 1 minus row y
+  int32_t below;      // the view's rowStep: the row under a bilinear cell
+  int32_t lastWord;   // offset of the view's last four bytes
+  int32_t lastColumn;
+  int32_t lastRow;
+  int32_t width;
+  int32_t height;
+
+  explicit WideView(const NuvImage* v)
+      : base(v->data),
+        row0(v->rowOrder == 1 ? 0 : v->lastRow * v->rowBytes),
+        step(v->rowOrder == 1 ? v->rowBytes : -v->rowBytes),
+        below(v->rowStep),
+        lastWord(v->lastRow * v->rowBytes + v->width * v->bytesPerPixel - 4),
+        lastColumn(v->lastColumn),
+        lastRow(v->lastRow),
+        width(v->width),
+        height(v->height) {}
+};
+
+// Four bytes at each lane's offset. Near the view's end a pixel of fewer than four bytes
+// has no four bytes after it: read the last word instead and shift the pixel down.
+inline I8 GatherWord(const WideView& s, I8 off) {
+  const I8 at = _mm256_min_epi32(off, SetI(s.lastWord));
+  const I8 shift = _mm256_slli_epi32(_mm256_sub_epi32(off, at), 3);
+  const I8 word = _mm256_i32gather_epi32(reinterpret_cast<const int*>(s.base), at, 1);
+  return _mm256_srlv_epi32(word, shift);
+}
+// Four bytes that lie inside the pixel itself.
+inline I8 GatherInside(const WideView& s, I8 off) {
+  return _mm256_i32gather_epi32(reinterpret_cast<const int*>(s.base), off, 1);
+}
+
+// The C samples of the pixel at each lane's offset, as floats, channel c in out[c].
+template <class T, int32_t C>
+inline void LoadPixels(const WideView& s, I8 off, F8* out) {
+  if constexpr (std::is_same<T, float>::value) {
+    for (int32_t c = 0; c < C; ++c)
+      out[c] = AsF(GatherInside(s, _mm256_add_epi32(off, SetI(4 * c))));
+  } else if constexpr (sizeof(T) == 1) {
+    const I8 word = C == 4 ? GatherInside(s, off) : GatherWord(s, off);
+    for (int32_t c = 0; c < C; ++c)
+      out[c] = _mm256_cvtepi32_ps(
+          _mm256_and_si256(_mm256_srlv_epi32(word, SetI(8 * c)), SetI(0xff)));
+  } else {
+    const I8 low = C == 1 ? GatherWord(s, off) : GatherInside(s, off);
+    out[0] = _mm256_cvtepi32_ps(_mm256_and_si256(low, SetI(0xffff)));
+    if constexpr (C >= 2) out[1] = _mm256_cvtepi32_ps(_mm256_srli_epi32(low, 16));
+    if constexpr (C >= 3) {
+      const I8 off2 = _mm256_add_epi32(off, SetI(4));
+      const I8 high = C == 3 ? GatherWord(s, off2) : GatherInside(s, off2);
+      out[2] = _mm256_cvtepi32_ps(_mm256_and_si256(high, SetI(0xffff)));
+      if constexpr (C == 4) out[3] = _mm256_cvtepi32_ps(_mm256_srli_epi32(high, 16));
+    }
+  }
+}
+
+// The cell rule of the plain loop by lane: i = trunc(p), t = p - i; at or beyond the last
+// index the cell slides back by one with t = 1.
+inline void CellOf(F8 p, int32_t last, I8* i, F8* t) {
+  *i = _mm256_cvttps_epi32(p);
+  *t = _mm256_sub_ps(p, _mm256_cvtepi32_ps(*i));
+  const I8 slide = _mm256_cmpgt_epi32(*i, SetI(last - 1));
+  *i = BlendI(*i, SetI(last - 1), slide);
+  *t = Blend(*t, Set(1.0f), AsF(slide));
+}
+
+// One direction of the walk for eight pixels: lane l takes count[l] samples from
+// (px[l], py[l]) stepping by (dx[l], dy[l]), while `live`; exactly the plain walk by lane.
+template <class T, int32_t C, bool CountOutside, bool Bilinear>
+inline void WalkWide(const WideView& s, F8 px, F8 py, F8 dx, F8 dy, I8 count, I8 live, F8* acc,
+                     I8* counter) {
+  constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(T));
+  const F8 zero = _mm256_setzero_ps();
+  const F8 w = Set(static_cast<float>(s.width));
+  const F8 h = Set(static_cast<float>(s.height));
+  live = _mm256_and_si256(live, _mm256_cmpgt_epi32(count, _mm256_setzero_si256()));
+  for (int32_t i = 1; Any(live); ++i) {
+    I8 take;
+    if constexpr (Bilinear) {
+      const F8 inside = _mm256_and_ps(
+          _mm256_and_ps(_mm256_cmp_ps(zero, px, _CMP_LE_OQ), _mm256_cmp_ps(px, w, _CMP_LT_OQ)),
+          _mm256_and_ps(_mm256_cmp_ps(zero, py, _CMP_LE_OQ), _mm256_cmp_ps(py, h, _CMP_LT_OQ)));
+      take = _mm256_and_si256(live, AsI(inside));
+      if (Any(take)) {
+        I8 ix, iy;
+        F8 tx, ty;
+        CellOf(px, s.lastColumn, &ix, &tx);
+        CellOf(py, s.lastRow, &iy, &ty);
+        const I8 up = _mm256_add_epi32(
+            _mm256_add_epi32(SetI(s.row0), _mm256_mullo_epi32(iy, SetI(s.step))),
+            _mm256_mullo_epi32(ix, SetI(kPixelBytes)));
+        const I8 low = _mm256_add_epi32(up, SetI(s.below));
+        // Lanes not sampled read offset 0: inside the view whatever their position was.
+        F8 p[C], right[C], lower[C], lowerRight[C];
+        LoadPixels<T, C>(s, _mm256_and_si256(up, take), p);
+        LoadPixels<T, C>(s, _mm256_and_si256(_mm256_add_epi32(up, SetI(kPixelBytes)), take),
+                         right);
+        LoadPixels<T, C>(s, _mm256_and_si256(low, take), lower);
+        LoadPixels<T, C>(s, _mm256_and_si256(_mm256_add_epi32(low, SetI(kPixelBytes)), take),
+                         lowerRight);
+        for (int32_t c = 0; c < C; ++c) {
+          const F8 a = _mm256_add_ps(_mm256_mul_ps(tx, _mm256_sub_ps(right[c], p[c])), p[c]);
+          const F8 b = _mm256_add_ps(_mm256_mul_ps(tx, _mm256_sub_ps(lowerRight[c], lower[c])),
+                                     lower[c]);
+          const F8 mix = _mm256_add_ps(_mm256_mul_ps(ty, _mm256_sub_ps(b, a)), a);
+          acc[c] = Blend(acc[c], _mm256_add_ps(acc[c], mix), AsF(take));
+        }
+      }
+    } else {
+      // Truncation, not floor, as in the plain loop; out of range or NaN gives the
+      // indefinite integer, which fails the tests below.
+      const I8 ix = _mm256_cvttps_epi32(px);
+      const I8 iy = _mm256_cvttps_epi32(py);
+      const I8 minusOne = SetI(-1);
+      const I8 inside = _mm256_and_si256(
+          _mm256_and_si256(_mm256_cmpgt_epi32(ix, minusOne), _mm256_cmpgt_epi32(SetI(s.width), ix)),
+          _mm256_and_si256(_mm256_cmpgt_epi32(iy, minusOne), _mm256_cmpgt_epi32(SetI(s.height), iy)));
+      take = _mm256_and_si256(live, inside);
+      if (Any(take)) {
+        const I8 at = _mm256_add_epi32(
+            _mm256_add_epi32(SetI(s.row0), _mm256_mullo_epi32(iy, SetI(s.step))),
+            _mm256_mullo_epi32(ix, SetI(kPixelBytes)));
+        F8 sample[C];
+        LoadPixels<T, C>(s, _mm256_and_si256(at, take), sample);
+        for (int32_t c = 0; c < C; ++c)
+          acc[c] = Blend(acc[c], _mm256_add_ps(acc[c], sample[c]), AsF(take));
+      }
+    }
+    // A mask lane is -1: subtracting it counts one.
+    if constexpr (CountOutside) {
+      *counter = _mm256_sub_epi32(*counter, live);  // outside acts as black: it counts
+    } else {
+      *counter = _mm256_sub_epi32(*counter, take);
+      live = take;  // a lane that met the outside ends its walk
+    }
+    px = _mm256_add_ps(px, dx);
+    py = _mm256_add_ps(py, dy);
+    live = _mm256_and_si256(live, _mm256_cmpgt_epi32(count, SetI(i)));
+  }
+}
+
+// The plain loop's static_cast<float> of an unsigned 32-bit count: both halves are exact
+// in float, so their one rounded sum is the correctly rounded value.
+inline F8 UnsignedToFloat(I8 v) {
+  const F8 high = _mm256_cvtepi32_ps(_mm256_srli_epi32(v, 16));
+  const F8 low = _mm256_cvtepi32_ps(_mm256_and_si256(v, SetI(0xffff)));
+  return _mm256_add_ps(_mm256_mul_ps(high, Set(65536.0f)), low);
+}
+
+template <class T>
+inline void StoreSample(unsigned char* d, int32_t bits) {
+  if constexpr (std::is_same<T, float>::value)
+    PLStore<int32_t>(d, bits);
+  else
+    PLStore<T>(d, static_cast<T>(bits));
+}
+
+}  // namespace
+
+template <class T, int32_t C, bool CountOutside, bool Bilinear>
+void BlurRowsWidePath(int32_t x0, int32_t x1, int32_t yFirst, int32_t yLast, NuvImage* dst,
+                      const NuvImage* src, const NuvImage* flow,
+                      NuvIdleAndProgressClass* progress, float amount) {
+  constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(T));
+  constexpr int32_t kSampleBytes = static_cast<int32_t>(sizeof(T));
+  const WideView s(src);
+  const WideView f(flow);
+  const WideView d(dst);
+  // Every scalar below is the plain loop's, computed the same way.
+  const float sx = static_cast<float>(flow->lastColumn) / static_cast<float>(src->lastColumn);
+  const float sy = static_cast<float>(flow->lastRow) / static_cast<float>(src->lastRow);
+  const float gx = (0.5f / sx) * amount;
+  const float gy = (0.5f / sy) * amount;
+  const float copyBelow = Bilinear ? 1e-6f : 1.0f;
+  const I8 iota = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+  const F8 iotaF = _mm256_cvtepi32_ps(iota);
+  const F8 signBit = Set(-0.0f);
+
+  const float yEnd = static_cast<float>(yLast);
+  for (float y = static_cast<float>(yFirst); y <= yEnd; y += 1.0f) {
+    if (yLast > yFirst)
+      progress->Progress((y - static_cast<float>(yFirst)) / static_cast<float>(yLast - yFirst));
+    const int32_t yi = static_cast<int32_t>(y);
+    unsigned char* outRow = const_cast<unsigned char*>(d.base) + d.row0 + yi * d.step;
+    const unsigned char* srcRow = s.base + s.row0 + yi * s.step;
+
+    const float fy = y * sy;
+    int32_t iy = static_cast<int32_t>(fy);
+    float ty = fy - static_cast<float>(iy);
+    if (iy >= f.lastRow) {
+      iy = f.lastRow - 1;
+      ty = 1.0f;
+    }
+    const float* flowUp = reinterpret_cast<const float*>(f.base + f.row0 + iy * f.step);
+    const float* flowLow =
+        reinterpret_cast<const float*>(f.base + f.row0 + iy * f.step + f.below);
+    const F8 yv = Set(y);
+    const F8 tyv = Set(ty);
+
+    for (int32_t xb = x0; xb <= x1; xb += 8) {
+      const int32_t lanes = x1 - xb + 1 < 8 ? x1 - xb + 1 : 8;
+      // Whole numbers below 2^24: the same values the plain loop reaches by adding 1.0f.
+      const F8 x = _mm256_add_ps(Set(static_cast<float>(xb)), iotaF);
+      // Flow lookup. Lanes past x1 slide to the last cell and read inside the flow.
+      I8 ix;
+      F8 tx;
+      CellOf(_mm256_mul_ps(Set(sx), x), f.lastColumn, &ix, &tx);
+      const I8 at = _mm256_slli_epi32(ix, 1);
+      const I8 at2 = _mm256_add_epi32(at, SetI(2));
+      F8 u, v;
+      {
+        const F8 ulu = _mm256_i32gather_ps(flowUp, at, 4), uru = _mm256_i32gather_ps(flowUp, at2, 4);
+        const F8 llu = _mm256_i32gather_ps(flowLow, at, 4), lru = _mm256_i32gather_ps(flowLow, at2, 4);
+        const F8 a = _mm256_add_ps(_mm256_mul_ps(tx, _mm256_sub_ps(uru, ulu)), ulu);
+        const F8 b = _mm256_add_ps(_mm256_mul_ps(tx, _mm256_sub_ps(lru, llu)), llu);
+        u = _mm256_add_ps(_mm256_mul_ps(tyv, _mm256_sub_ps(b, a)), a);
+      }
+      {
+        const I8 atV = _mm256_add_epi32(at, SetI(1)), at2V = _mm256_add_epi32(at, SetI(3));
+        const F8 ulv = _mm256_i32gather_ps(flowUp, atV, 4), urv = _mm256_i32gather_ps(flowUp, at2V, 4);
+        const F8 llv = _mm256_i32gather_ps(flowLow, atV, 4), lrv = _mm256_i32gather_ps(flowLow, at2V, 4);
+        const F8 a = _mm256_add_ps(_mm256_mul_ps(tx, _mm256_sub_ps(urv, ulv)), ulv);
+        const F8 b = _mm256_add_ps(_mm256_mul_ps(tx, _mm256_sub_ps(lrv, llv)), llv);
+        v = _mm256_add_ps(_mm256_mul_ps(tyv, _mm256_sub_ps(b, a)), a);
+      }
+      const F8 hx = _mm256_mul_ps(Set(gx), u);
+      const F8 hy = _mm256_mul_ps(Set(gy), v);
+      const F8 m = _mm256_add_ps(_mm256_mul_ps(hx, hx), _mm256_mul_ps(hy, hy));
+      const I8 copy = AsI(_mm256_cmp_ps(m, Set(copyBelow), _CMP_LT_OQ));
+      const I8 valid = _mm256_cmpgt_epi32(SetI(lanes), iota);
+      const I8 walk = _mm256_andnot_si256(copy, valid);
+
+      F8 acc[C];
+      for (int32_t c = 0; c < C; ++c) acc[c] = _mm256_setzero_ps();
+      I8 counter = _mm256_setzero_si256();
+      if (Any(walk)) {
+        const F8 len = _mm256_sqrt_ps(m);
+        I8 n = _mm256_cvttps_epi32(_mm256_add_ps(len, Set(1.0f)));
+        const I8 few = _mm256_cmpgt_epi32(SetI(2), n);
+        n = BlendI(n, SetI(2), few);
+        const F8 steps = _mm256_cvtepi32_ps(_mm256_sub_epi32(n, SetI(1)));
+        const F8 dx = Blend(_mm256_div_ps(hx, steps), hx, AsF(few));
+        const F8 dy = Blend(_mm256_div_ps(hy, steps), hy, AsF(few));
+        const F8 ndx = _mm256_xor_ps(dx, signBit);
+        const F8 ndy = _mm256_xor_ps(dy, signBit);
+        const I8 back = _mm256_sub_epi32(n, SetI(1));
+        if constexpr (Bilinear) {
+          WalkWide<T, C, CountOutside, true>(s, x, yv, dx, dy, n, walk, acc, &counter);
+          WalkWide<T, C, CountOutside, true>(s, _mm256_sub_ps(x, dx), _mm256_sub_ps(yv, dy), ndx,
+                                             ndy, back, walk, acc, &counter);
+        } else {
+          const F8 half = Set(0.5f);
+          WalkWide<T, C, CountOutside, false>(s, _mm256_add_ps(x, half), _mm256_add_ps(yv, half),
+                                              dx, dy, n, walk, acc, &counter);
+          WalkWide<T, C, CountOutside, false>(
+              s, _mm256_add_ps(_mm256_add_ps(x, ndx), half),
+              _mm256_add_ps(_mm256_add_ps(yv, ndy), half), ndx, ndy, back, walk, acc, &counter);
+        }
+      }
+      // Lanes that copy or lie past x1 have a count of 0; their result is not stored.
+      const F8 inv = _mm256_div_ps(Set(1.0f), UnsignedToFloat(counter));
+      alignas(32) int32_t result[C][8];
+      for (int32_t c = 0; c < C; ++c) {
+        const F8 average = _mm256_mul_ps(acc[c], inv);
+        if constexpr (std::is_same<T, float>::value) {
+          _mm256_store_si256(reinterpret_cast<I8*>(result[c]), AsI(average));
+        } else {
+          constexpr float kHigh = sizeof(T) == 1 ? 255.0f : 65535.0f;
+          F8 rounded = _mm256_cvtepi32_ps(_mm256_cvttps_epi32(_mm256_add_ps(average, Set(0.5f))));
+          rounded = _mm256_max_ps(rounded, _mm256_setzero_ps());
+          rounded = _mm256_min_ps(rounded, Set(kHigh));
+          _mm256_store_si256(reinterpret_cast<I8*>(result[c]), _mm256_cvttps_epi32(rounded));
+        }
+      }
+      const int32_t copyBits = _mm256_movemask_ps(AsF(copy));
+      unsigned char* out = outRow + xb * kPixelBytes;
+      for (int32_t l = 0; l < lanes; ++l, out += kPixelBytes) {
+        if (copyBits & (1 << l)) {
+          // Copied unchanged, with no conversion: floats keep every bit.
+          std::memcpy(out, srcRow + (xb + l) * kPixelBytes, kPixelBytes);
+          continue;
+        }
+        for (int32_t c = 0; c < C; ++c) StoreSample<T>(out + c * kSampleBytes, result[c][l]);
+      }
+    }
+  }
+}
+
+#define PL_BLUR_WIDE(T, C)                                                                     \
+  template void BlurRowsWidePath<T, C, false, false>(int32_t, int32_t, int32_t, int32_t,       \
+                                                     NuvImage*, const NuvImage*,               \
+                                                     const NuvImage*, NuvIdleAndProgressClass*, \
+                                                     float);                                   \
+  template void BlurRowsWidePath<T, C, false, true>(int32_t, int32_t, int32_t, int32_t,        \
+                                                    NuvImage*, const NuvImage*,                \
+                                                    const NuvImage*, NuvIdleAndProgressClass*,  \
+                                                    float);                                    \
+  template void BlurRowsWidePath<T, C, true, false>(int32_t, int32_t, int32_t, int32_t,        \
+                                                    NuvImage*, const NuvImage*,                \
+                                                    const NuvImage*, NuvIdleAndProgressClass*,  \
+                                                    float);                                    \
+  template void BlurRowsWidePath<T, C, true, true>(int32_t, int32_t, int32_t, int32_t,         \
+                                                   NuvImage*, const NuvImage*,                 \
+                                                   const NuvImage*, NuvIdleAndProgressClass*,   \
+                                                   float);
+#define PL_BLUR_WIDE_ALL_CHANNELS(T) \
+  PL_BLUR_WIDE(T, 1) PL_BLUR_WIDE(T, 2) PL_BLUR_WIDE(T, 3) PL_BLUR_WIDE(T, 4)
+PL_BLUR_WIDE_ALL_CHANNELS(uint8_t)
+PL_BLUR_WIDE_ALL_CHANNELS(uint16_t)
+PL_BLUR_WIDE_ALL_CHANNELS(float)
+
+#if defined(__clang__)
+#pragma clang attribute pop
+#else
+#pragma GCC pop_options
+#endif
+
+#endif  // FLOWBLUR_PLAIN_ONLY
+
+PLBlurPath PLBlurChosenPath() {
+  static const PLBlurPath chosen = [] {
+    const char* plain = std::getenv("FLOWBLUR_PLAIN");
+    const bool forced = plain && plain[0] != '\0' && !(plain[0] == '0' && plain[1] == '\0');
+    return PLBlurWideAvailable() && !forced ? PLBlurPath::kWide : PLBlurPath::kPlain;
+  }();
+  return chosen;
+}
