@@ -25,12 +25,13 @@ if [ -w /dev/shm ] && [ "$(df -Pk /dev/shm | awk 'NR == 2 { print $4 }')" -gt 30
   scratch=/dev/shm
 fi
 root=$scratch/flowblur-debian12-$(printf %s "$cache" | md5sum | cut -c1-8)
+boot=$root-bootstrap
 
 deb=$(scripts/package.sh "$build")
 version=$(dpkg-deb -f "$deb" Version)
 echo "== package $deb ($((SECONDS - started)) s)"
 
-cleanup() { $sudo_cmd rm -rf "$root" "$cache/bootstrap"; }
+cleanup() { $sudo_cmd rm -rf "$root" "$boot"; }
 trap cleanup EXIT
 
 # As root inside the Debian root, with a clean environment; bounded in time.
@@ -43,17 +44,17 @@ if [ ! -f "$base" ]; then
   echo "== debootstrap Debian 12 (once; kept in $base)"
   cleanup
   $sudo_cmd timeout 600 debootstrap --variant=minbase --include=man-db bookworm \
-    "$cache/bootstrap" "$mirror" > "$cache/debootstrap.log" 2>&1 \
+    "$boot" "$mirror" > "$cache/debootstrap.log" 2>&1 \
     || { tail -n 20 "$cache/debootstrap.log"; exit 1; }
   # A Debian 12 machine also has its updates and security suites.
   security=${mirror%/debian}/debian-security
   printf 'deb %s bookworm main\ndeb %s bookworm-updates main\ndeb %s bookworm-security main\n' \
-    "$mirror" "$mirror" "$security" | $sudo_cmd tee "$cache/bootstrap/etc/apt/sources.list" >/dev/null
-  $sudo_cmd cp /etc/resolv.conf "$cache/bootstrap/etc/resolv.conf"
-  $sudo_cmd timeout 300 chroot "$cache/bootstrap" apt-get update -qq
-  $sudo_cmd chroot "$cache/bootstrap" apt-get clean
-  $sudo_cmd tar -C "$cache/bootstrap" -cf "$base.part" . && mv "$base.part" "$base"
-  $sudo_cmd rm -rf "$cache/bootstrap"
+    "$mirror" "$mirror" "$security" | $sudo_cmd tee "$boot/etc/apt/sources.list" >/dev/null
+  $sudo_cmd cp /etc/resolv.conf "$boot/etc/resolv.conf"
+  $sudo_cmd timeout 300 chroot "$boot" apt-get update -qq
+  $sudo_cmd chroot "$boot" apt-get clean
+  $sudo_cmd tar -C "$boot" -cf "$base.part" . && mv "$base.part" "$base"
+  $sudo_cmd rm -rf "$boot"
 fi
 
 echo "== fresh Debian 12 root from $base ($((SECONDS - started)) s)"
