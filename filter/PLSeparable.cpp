@@ -2,12 +2,14 @@
 #include "filter/PLSeparable.h"
 
 #include <emmintrin.h>
+#include <immintrin.h>
 
 #include <cstddef>
 #include <cstring>
 #include <type_traits>
 
 #include "filter/PLFilterPrivate.h"
+#include "filter/PLWidePath.h"
 #include "image/PLDispatch.h"
 #include "runtime/NuvMP.h"
 
@@ -143,6 +145,37 @@ inline void MiddleVectors(__m128* value, const float* p, ptrdiff_t stride, int32
   }
 }
 
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+// The AVX2 form of MiddleVectors<4> (run only where PLWideAvailable): 32 neighbouring outputs
+// in four vectors of eight lanes, into `result`. Each lane does the same operations in the
+// same order, the additions pinned to the same operand order (VEX: the first source's NaN).
+__attribute__((target("avx2"))) inline __m256 AddKeepFirst8(__m256 a, __m256 b) {
+  __m256 sum;
+  asm("vaddps %2, %1, %0" : "=x"(sum) : "x"(a), "x"(b));
+  return sum;
+}
+template <bool RightFirst>
+__attribute__((target("avx2"), noinline)) void MiddleWide32(float* result, const float* p,
+                                                            ptrdiff_t stride, int32_t c,
+                                                            const float* w) {
+  const __m256 w0 = _mm256_broadcast_ss(w);
+  __m256 value[4];
+  for (int32_t v = 0; v < 4; ++v) value[v] = _mm256_mul_ps(w0, _mm256_loadu_ps(p + 8 * v));
+  for (int32_t k = c - 1; k >= 1; --k) {
+    const __m256 wk = _mm256_broadcast_ss(w + k);
+    const float* right = p + k * stride;
+    const float* left = p - k * stride;
+    for (int32_t v = 0; v < 4; ++v) {
+      const __m256 r = _mm256_loadu_ps(right + 8 * v);
+      const __m256 l = _mm256_loadu_ps(left + 8 * v);
+      const __m256 pair = RightFirst ? AddKeepFirst8(r, l) : AddKeepFirst8(l, r);
+      value[v] = AddKeepFirst8(value[v], _mm256_mul_ps(wk, pair));
+    }
+  }
+  for (int32_t v = 0; v < 4; ++v) _mm256_storeu_ps(result + 8 * v, value[v]);
+}
+#endif
+
 template <bool RightFirst>
 inline float MiddleScalar(const float* p, ptrdiff_t stride, int32_t c, const float* w) {
   float value = w[0] * p[0];
@@ -227,7 +260,8 @@ inline float BorderIndexedScalar(const float* p, int32_t c, const float* w, int3
 // of at least (n + 2c) * C floats.
 template <class T, int32_t C>
 void ConvolveRow(const unsigned char* input, unsigned char* output, int32_t n,
-                 const SeparableKernel* kernel, const ExpandedKernel* expanded, float* line) {
+                 const SeparableKernel* kernel, const ExpandedKernel* expanded, float* line,
+                 bool wide) {
   const int32_t c = kernel->count;
   const float* w = kernel->weights;
   const float* lanes = expanded->lanes;
@@ -263,6 +297,20 @@ void ConvolveRow(const unsigned char* input, unsigned char* output, int32_t n,
 
   border(0, headEnd);
   int32_t j = headEnd;
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+  // The wide loop takes whole groups of 32 from the start of the middle run, which the
+  // four-lane loops below would have taken with the same pair order.
+  if (wide) {
+    for (; j + 32 <= middleEnd; j += 32) {
+      alignas(32) float result[32];
+      MiddleWide32<false>(result, p + j, C, c, w);
+      for (int32_t v = 0; v < 8; ++v)
+        StoreSamples<T>(out(j + 4 * v), _mm_load_ps(result + 4 * v), 4);
+    }
+  }
+#else
+  (void)wide;
+#endif
   for (; j + 16 <= middleEnd; j += 16) {
     __m128 value[4];
     MiddleVectors<4>(value, p + j, C, c, lanes);
@@ -286,10 +334,11 @@ void RowWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* a
   const int32_t rowBytes = args->Next<int32_t>();
   const SeparableKernel* kernel = args->Next<const SeparableKernel*>();
   const ExpandedKernel* expanded = args->Next<const ExpandedKernel*>();
+  const bool wide = args->Next<int32_t>() != 0;
   float line[kSeparableLineMax * C];  // width + 2c <= kSeparableLineMax pixels
   for (int32_t y = firstRow; y <= lastRow; ++y) {
     const ptrdiff_t offset = static_cast<ptrdiff_t>(y) * rowBytes;
-    ConvolveRow<T, C>(source + offset, destination + offset, width, kernel, expanded, line);
+    ConvolveRow<T, C>(source + offset, destination + offset, width, kernel, expanded, line, wide);
   }
 }
 
@@ -301,7 +350,8 @@ void RowWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* a
 // never stored.
 template <class T, int32_t C>
 void ConvolveStrip(unsigned char* first, int32_t pixels, int32_t n, ptrdiff_t rowBytes,
-                   const SeparableKernel* kernel, const ExpandedKernel* expanded, float* strip) {
+                   const SeparableKernel* kernel, const ExpandedKernel* expanded, float* strip,
+                   bool wide) {
   const int32_t c = kernel->count;
   const float* lanes = expanded->lanes;
   const int32_t samples = pixels * C;
@@ -357,6 +407,18 @@ void ConvolveStrip(unsigned char* first, int32_t pixels, int32_t n, ptrdiff_t ro
     constexpr bool kRightFirst = decltype(rightFirst)::value;
     const float* p = rows + static_cast<ptrdiff_t>(r) * stride;
     int32_t v = 0;
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+    if (wide) {
+      for (; v + 8 <= vectors; v += 8) {
+        alignas(32) float result[32];
+        MiddleWide32<kRightFirst>(result, p + 4 * v, stride, c, kernel->weights);
+        for (int32_t i = 0; i < 8; ++i) {
+          const __m128 value = _mm_load_ps(result + 4 * i);
+          storeRow(r, &value, v + i, 1);
+        }
+      }
+    }
+#endif
     for (; v + 4 <= vectors; v += 4) {
       __m128 value[4];
       MiddleVectors<4, kRightFirst>(value, p + 4 * v, stride, c, lanes);
@@ -380,6 +442,7 @@ void ColumnWorker(int32_t, uint8_t, int32_t firstColumn, int32_t lastColumn, Nuv
   const int32_t rowBytes = args->Next<int32_t>();
   const SeparableKernel* kernel = args->Next<const SeparableKernel*>();
   const ExpandedKernel* expanded = args->Next<const ExpandedKernel*>();
+  const bool wide = args->Next<int32_t>() != 0;
   float strip[kStripFloats];
   // height + 2c <= kSeparableLineMax, so at least one vector of floats a row: one pixel.
   int32_t floatsPerRow = (kStripFloats / (height + 2 * kernel->count)) & ~3;
@@ -389,7 +452,7 @@ void ColumnWorker(int32_t, uint8_t, int32_t firstColumn, int32_t lastColumn, Nuv
   for (int32_t x = firstColumn; x <= lastColumn; x += stripPixels) {
     const int32_t pixels = lastColumn - x + 1 < stripPixels ? lastColumn - x + 1 : stripPixels;
     ConvolveStrip<T, C>(destination + x * pixelBytes, pixels, height, rowBytes, kernel,
-                        expanded, strip);
+                        expanded, strip, wide);
   }
 }
 
@@ -397,18 +460,18 @@ void ColumnWorker(int32_t, uint8_t, int32_t firstColumn, int32_t lastColumn, Nuv
 template <class T, int32_t C>
 int32_t ConvolveSeparableMember(const unsigned char* source, unsigned char* destination,
                                 int32_t width, int32_t height, int32_t rowBytes,
-                                const SeparableKernel* kernel, uint32_t mode) {
+                                const SeparableKernel* kernel, uint32_t mode, bool wide) {
   const int32_t rowThreads = NuvMPThreadsForRows(height);
   const int32_t columnThreads = NuvMPThreadsForRows(width);
   ExpandedKernel expanded;
   ExpandKernel(&expanded, kernel);
   if (mode < 2)
     NuvMPFork(rowThreads, height, RowWorker<T, C>, source, destination, width, rowBytes, kernel,
-              &expanded);
+              &expanded, int32_t{wide});
   // The fork has joined: the column pass sees finished rows.
   if (mode == 0 || mode == 2)
     NuvMPFork(columnThreads, width, ColumnWorker<T, C>, destination, height, rowBytes, kernel,
-              &expanded);
+              &expanded, int32_t{wide});
   return 0;
 }
 
@@ -416,6 +479,12 @@ int32_t ConvolveSeparableMember(const unsigned char* source, unsigned char* dest
 
 int32_t ConvolveSeparable(const NuvImage* source, NuvImage* destination,
                           const SeparableKernel* kernel, uint32_t mode) {
+  return ConvolveSeparableOnPath(PLWideChosen(), source, destination, kernel, mode);
+}
+
+int32_t ConvolveSeparableOnPath(bool wide, const NuvImage* source, NuvImage* destination,
+                                const SeparableKernel* kernel, uint32_t mode) {
+  wide = wide && PLWideAvailable();
   const int32_t width = source->width;
   const int32_t height = source->height;
   const int32_t c = kernel->count;
@@ -434,7 +503,7 @@ int32_t ConvolveSeparable(const NuvImage* source, NuvImage* destination,
     using T = typename decltype(tag)::Type;
     constexpr int32_t C = decltype(tag)::Channels;
     ConvolveSeparableMember<T, C>(sourceData, destinationData, width, height, rowBytes, kernel,
-                                  mode);
+                                  mode, wide);
   });
   return 0;
 }

@@ -1,0 +1,23 @@
+// flowblur: the run-time choice between the plain and the AVX2 loops of the filter and flow stages.
+#include "filter/PLWidePath.h"
+
+#include <cstdlib>
+
+bool PLWideAvailable() {
+#if defined(FLOWBLUR_PLAIN_ONLY)
+  return false;
+#else
+  // Asked once; the answer cannot change while the process runs.
+  static const bool available = __builtin_cpu_supports("avx2") != 0;
+  return available;
+#endif
+}
+
+bool PLWideChosen() {
+  static const bool chosen = [] {
+    const char* plain = std::getenv("FLOWBLUR_PLAIN");
+    const bool forced = plain && plain[0] != '\0' && !(plain[0] == '0' && plain[1] == '\0');
+    return PLWideAvailable() && !forced;
+  }();
+  return chosen;
+}
