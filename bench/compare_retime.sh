@@ -39,8 +39,12 @@ VTEST=/usr/share/doc/opencv-doc/examples/data/vtest.avi
 [ -f "$VTEST" ] || [ -f "$VTEST.gz" ] || apt_install opencv-doc
 if [ ! -f "$VTEST" ] && [ -f "$VTEST.gz" ]; then gunzip -c "$VTEST.gz" >vtest.avi; VTEST=$WORK/vtest.avi; fi
 
-# Seconds since the epoch, with fractions.
-now() { date +%s.%N; }
+# Runs a command and leaves its wall and CPU (user + system) seconds in WALL and CPU.
+timed() {
+  /usr/bin/time -f "%e %U %S" -o "$WORK/.time" "$@"
+  read -r WALL user sys <"$WORK/.time"
+  CPU=$(echo "$user + $sys" | bc)
+}
 # PSNR (average over frames, all planes) of two PNG sequences numbered from 1.
 psnr() {
   ffmpeg -hide_banner -nostats -i "$1" -i "$2" -lavfi "[0:v][1:v]psnr" -f null - 2>&1 |
@@ -54,8 +58,16 @@ pick() { # SRC_PATTERN FIRST STEP COUNT DIR
     ln -s "$(printf "$1" $(($2 + k * $3)))" "$(printf "%s/%04d.png" "$5" $((k + 1)))"
   done
 }
-row() { printf "| %-32s | %8s | %10s |\n" "$1" "$2" "$3"; }
-per_frame() { echo "scale=3; ($2 - $1) * 1000 / $3" | bc; }
+row() { printf "| %-34s | %8s | %12s | %12s |\n" "$1" "$2" "$3" "$4"; }
+header() {
+  row "method" "PSNR dB" "wall ms/frame" "CPU ms/frame"
+  row "---" "---" "---" "---"
+}
+# PSNR to two decimals, wall and CPU milliseconds per output frame.
+result() { # LABEL PSNR FRAMES
+  row "$1" "$(printf "%.2f" "$2")" "$(echo "scale=0; $WALL * 1000 / $3" | bc)" \
+      "$(echo "scale=0; $CPU * 1000 / $3" | bc)"
+}
 
 compare_retime() { # NAME SOURCE_PATTERN (frames 1..N) N
   local name=$1 src=$2 n=$3
@@ -63,8 +75,7 @@ compare_retime() { # NAME SOURCE_PATTERN (frames 1..N) N
   echo
   echo "### Retiming: $name ($n frames, every other one dropped and rebuilt; $lost rebuilt)"
   echo
-  row "method" "PSNR dB" "ms/frame"
-  row "---" "---" "---"
+  header
   pick "$(readlink -f "$(dirname "$src")")/$(basename "$src")" 1 2 "$kept" "$name/kept"
   pick "$(readlink -f "$(dirname "$src")")/$(basename "$src")" 2 2 "$lost" "$name/lost"
   for spec in "flow best:--method flow" "flow draft:--method flow --quality draft" \
@@ -73,26 +84,19 @@ compare_retime() { # NAME SOURCE_PATTERN (frames 1..N) N
     local label=${spec%%:*} args=${spec#*:}
     local out=$name/fb-${label// /-}
     rm -rf "$out"
-    local t0 t1
-    t0=$(now)
     # shellcheck disable=SC2086
-    "$FLOWBLUR" retime "$name/kept/%04d.png" "$out/%04d.png" --speed 0.5 --threads "$THREADS" -q $args
-    t1=$(now)
+    timed "$FLOWBLUR" retime "$name/kept/%04d.png" "$out/%04d.png" --speed 0.5 \
+      --threads "$THREADS" -q $args
     pick "$(readlink -f "$out")/%04d.png" 2 2 "$lost" "$out-made"
-    row "flowblur retime $label" "$(psnr "$name/lost/%04d.png" "$out-made/%04d.png")" \
-        "$(per_frame "$t0" "$t1" "$outs")"
+    result "flowblur retime $label" "$(psnr "$name/lost/%04d.png" "$out-made/%04d.png")" "$outs"
   done
   for filter in "minterpolate=fps=2:mi_mode=mci" "framerate=fps=2"; do
     local label=${filter%%=*} out=$name/ff-${filter%%=*}
     rm -rf "$out"; mkdir -p "$out"
-    local t0 t1
-    t0=$(now)
-    ffmpeg -hide_banner -loglevel error -framerate 1 -i "$name/kept/%04d.png" \
+    timed ffmpeg -hide_banner -loglevel error -framerate 1 -i "$name/kept/%04d.png" \
       -vf "$filter" -threads "$THREADS" -start_number 1 "$out/%04d.png"
-    t1=$(now)
     pick "$(readlink -f "$out")/%04d.png" 2 2 "$lost" "$out-made"
-    row "ffmpeg $label" "$(psnr "$name/lost/%04d.png" "$out-made/%04d.png")" \
-        "$(per_frame "$t0" "$t1" "$outs")"
+    result "ffmpeg $label" "$(psnr "$name/lost/%04d.png" "$out-made/%04d.png")" "$outs"
   done
 }
 
@@ -101,41 +105,34 @@ compare_deinterlace() { # NAME TRUTH_PATTERN (times 0, 0.5, 1 ... as 1, 2, 3 ...
   echo
   echo "### Deinterlacing: $name ($n interlaced frames, top field first)"
   echo
-  row "method" "PSNR dB" "ms/frame"
-  row "---" "---" "---"
+  header
   mkdir -p "$name/interlaced"
   # Pairs of true renders (t, t + 0.5) woven into one frame: even rows from t, odd from t + 0.5.
   ffmpeg -hide_banner -loglevel error -y -framerate 2 -i "$truth" -frames:v $((2 * n)) \
     -vf "interlace=scan=tff:lowpass=off" -start_number 1 "$name/interlaced/%04d.png"
   pick "$(readlink -f "$(dirname "$truth")")/$(basename "$truth")" 1 2 "$n" "$name/truth-frames"
-  local m out t0 t1
+  local m out
   for m in line average edge3 edge5; do
     out=$name/fb-$m; rm -rf "$out"
-    t0=$(now)
-    "$FLOWBLUR" deinterlace "$name/interlaced/%04d.png" "$out/%04d.png" --field-order tff \
+    timed "$FLOWBLUR" deinterlace "$name/interlaced/%04d.png" "$out/%04d.png" --field-order tff \
       --method "$m" --threads "$THREADS" -q
-    t1=$(now)
-    row "flowblur deinterlace $m" "$(psnr "$name/truth-frames/%04d.png" "$out/%04d.png")" \
-        "$(per_frame "$t0" "$t1" "$n")"
+    result "flowblur deinterlace $m" "$(psnr "$name/truth-frames/%04d.png" "$out/%04d.png")" "$n"
   done
-  out=$name/fb-field; rm -rf "$out"
-  t0=$(now)
-  "$FLOWBLUR" deinterlace "$name/interlaced/%04d.png" "$out/%04d.png" --field-order tff \
-    --rate field --threads "$THREADS" -q
-  t1=$(now)
-  row "flowblur deinterlace --rate field" "$(psnr "$truth" "$out/%04d.png")" \
-      "$(per_frame "$t0" "$t1" $((2 * n)))"
+  for q in best draft; do
+    out=$name/fb-field-$q; rm -rf "$out"
+    timed "$FLOWBLUR" deinterlace "$name/interlaced/%04d.png" "$out/%04d.png" --field-order tff \
+      --rate field --quality $q --threads "$THREADS" -q
+    result "flowblur deinterlace field rate $q" "$(psnr "$truth" "$out/%04d.png")" $((2 * n))
+  done
   for f in bwdif yadif; do
     for mode in 0 1; do
       out=$name/ff-$f-$mode; rm -rf "$out"; mkdir -p "$out"
-      t0=$(now)
-      ffmpeg -hide_banner -loglevel error -framerate 1 -i "$name/interlaced/%04d.png" \
+      timed ffmpeg -hide_banner -loglevel error -framerate 1 -i "$name/interlaced/%04d.png" \
         -vf "setfield=tff,$f=mode=$mode:parity=tff" -threads "$THREADS" -start_number 1 \
         "$out/%04d.png"
-      t1=$(now)
       local frames=$n ref=$name/truth-frames/%04d.png label="ffmpeg $f (frame rate)"
       if [ "$mode" = 1 ]; then frames=$((2 * n)); ref=$truth; label="ffmpeg $f (field rate)"; fi
-      row "$label" "$(psnr "$ref" "$out/%04d.png")" "$(per_frame "$t0" "$t1" "$frames")"
+      result "$label" "$(psnr "$ref" "$out/%04d.png")" "$frames"
     done
   done
 }
@@ -144,7 +141,9 @@ echo "## flowblur retime and deinterlace beside ffmpeg"
 echo
 echo "Machine: $(nproc) cores, load average $(cut -d' ' -f1-3 /proc/loadavg) at the start" \
      "(other work may be running: every method is timed in this one run, one after another)."
-echo "flowblur --threads $THREADS; ffmpeg -threads $THREADS. Times include reading and writing PNG."
+echo "flowblur --threads $THREADS; ffmpeg -threads $THREADS. Times are whole runs (PNG read and"
+echo "written, process start) over the output frames; CPU is user + system time, less affected"
+echo "by the load than the wall clock."
 
 # The demo clip at 960x540 and its true renders at every half frame.
 rm -rf demo-src

@@ -1,11 +1,13 @@
 // flowblur: the deinterlace command: one frame out per frame in by field interpolation, or
 // two (field rate), the missing rows of each field taken from the motion-compensated picture
 // of its neighbouring fields.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 
 #include "fill/InterpolateField.h"
+#include "image/PLPixelConvert.h"
 #include "tools/RetimeCommand.h"
 
 namespace flowblur {
@@ -17,6 +19,40 @@ void Say(const std::string& text) { std::fprintf(stderr, "flowblur: %s\n", text.
 // InterpolateField's field argument that keeps the rows of `parity` (0 even, 1 odd): on a
 // frame of even height lastRow is odd, so field 2 rebuilds the even rows and 3 the odd ones.
 int32_t FieldKeeping(int32_t parity) { return parity == 1 ? 2 : 3; }
+
+// Motion-compensated rows kept honest: each sample of the rows of `parity` becomes the median
+// of itself and the samples above and below it (rows of the field, which are real), so a
+// wrong vector can never put a value outside what the field itself shows there.
+void MedianWithField(PLImage* picture, int32_t parity) {
+  const int32_t type = picture->dataType;
+  const int32_t samples = picture->width * 4;
+  auto load = [&](const unsigned char* p) {
+    return type == PLFloat    ? PLLoad<float>(p)
+           : type == PLUShort ? static_cast<float>(PLLoad<uint16_t>(p))
+                              : static_cast<float>(*p);
+  };
+  auto store = [&](unsigned char* p, float v) {
+    if (type == PLFloat)
+      PLStore<float>(p, v);
+    else if (type == PLUShort)
+      PLStore<uint16_t>(p, static_cast<uint16_t>(v));
+    else
+      *p = static_cast<uint8_t>(v);
+  };
+  for (int32_t y = parity; y < picture->height; y += 2) {
+    const int32_t up = y > 0 ? y - 1 : y + 1;
+    const int32_t down = y + 1 < picture->height ? y + 1 : y - 1;
+    const unsigned char* a = picture->Row(up);
+    const unsigned char* b = picture->Row(down);
+    unsigned char* m = picture->Row(y);
+    for (int32_t i = 0; i < samples; ++i) {
+      const size_t at = static_cast<size_t>(i) * picture->bytesPerSample;
+      const float va = load(a + at), vb = load(b + at), vm = load(m + at);
+      const float lo = std::min(va, vb), hi = std::max(va, vb);
+      store(m + at, vm < lo ? lo : vm > hi ? hi : vm);
+    }
+  }
+}
 
 // The rows of `parity` of `from` into `into` (same layout).
 void CopyRows(PLImage* into, const PLImage& from, int32_t parity) {
@@ -98,6 +134,7 @@ int RunDeinterlace(const DeinterlaceOptions& o) {
         if (!ok) return false;
         engine.LastFlow(flow);
         CopyRows(&picture, source, kept);
+        MedianWithField(&picture, other);
       }
       FromWorking(picture, out);
       return true;

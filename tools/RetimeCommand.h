@@ -59,7 +59,8 @@ struct DeinterlaceOptions {
 // from the start), the first and the second field in time; each keeps its field's rows and
 // takes the other rows from the motion-compensated picture of the two nearest fields of
 // the other parity (before and after it), made by the retiming engine from those fields
-// made whole. The clip's first and last fields, which have a neighbour on one side only,
+// made whole, each sample limited to the range of the field's samples above and below it
+// (so a wrong vector cannot invent a value the field does not show there). The clip's first and last fields, which have a neighbour on one side only,
 // are rebuilt by field interpolation with `method`. Frames of odd height are refused.
 int RunDeinterlace(const DeinterlaceOptions& options);
 
