@@ -2,11 +2,14 @@
 // smoothing, hints and the transfer of a flow to a finer level.
 #include "flow/PLFlowStages.h"
 
+#include <immintrin.h>
+
 #include <cmath>
 #include <cstdio>
 #include <limits>
 
 #include "filter/PLKernels.h"
+#include "filter/PLWidePath.h"
 #include "flow/PLFlowPrivate.h"
 #include "image/PLImageCopy.h"
 #include "image/PLPixelConvert.h"
@@ -117,6 +120,76 @@ void ComputeMoments(PLImage* structure, const PLImage* gradX, const PLImage* gra
 
 // ---- Residual ----------------------------------------------------------------------------
 
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+// The unmasked residual of row y for eight pixels at a time, from x = 0 while eight remain
+// (run only where PLWideAvailable, on images of at least 2x2); returns the first pixel left
+// to the plain loop. Lane l does the plain loop's operations for pixel x + l in their order:
+// the frame test, the cell (which at a last index >= 1 never needs the clamp at 0), the
+// bilinear mix with its left operands first, d, and the two products.
+__attribute__((target("avx2"))) int32_t ResidualRowWide(float* r, const float* f, const float* a,
+                                                        const float* gx, const float* gy,
+                                                        const FView& s, int32_t w, int32_t h,
+                                                        float fy, int32_t lastColumn,
+                                                        int32_t lastRow) {
+  const __m256 zero = _mm256_setzero_ps();
+  const __m256 maxX = _mm256_set1_ps(static_cast<float>(w - 1));
+  const __m256 maxY = _mm256_set1_ps(static_cast<float>(h - 1));
+  const __m256 one = _mm256_set1_ps(1.0f);
+  const __m256 yv = _mm256_set1_ps(fy);
+  const __m256i lastX = _mm256_set1_epi32(lastColumn - 1);
+  const __m256i lastY = _mm256_set1_epi32(lastRow - 1);
+  const __m256i step = _mm256_set1_epi32(static_cast<int32_t>(s.step));
+  const __m256 iota = _mm256_setr_ps(0.0f, 1.0f, 2.0f, 3.0f, 4.0f, 5.0f, 6.0f, 7.0f);
+  int32_t x = 0;
+  for (; x + 8 <= w; x += 8) {
+    // Pairs (u, v) of eight pixels, split by channel.
+    const __m256 lo = _mm256_loadu_ps(f + 2 * x);
+    const __m256 hi = _mm256_loadu_ps(f + 2 * x + 8);
+    const __m256 u = _mm256_castpd_ps(_mm256_permute4x64_pd(
+        _mm256_castps_pd(_mm256_shuffle_ps(lo, hi, _MM_SHUFFLE(2, 0, 2, 0))), 0xD8));
+    const __m256 v = _mm256_castpd_ps(_mm256_permute4x64_pd(
+        _mm256_castps_pd(_mm256_shuffle_ps(lo, hi, _MM_SHUFFLE(3, 1, 3, 1))), 0xD8));
+    const __m256 xv = _mm256_add_ps(_mm256_set1_ps(static_cast<float>(x)), iota);
+    __m256 sx = _mm256_sub_ps(xv, u);
+    __m256 sy = _mm256_sub_ps(yv, v);
+    const __m256 in = _mm256_and_ps(
+        _mm256_and_ps(_mm256_cmp_ps(sx, zero, _CMP_GE_OQ), _mm256_cmp_ps(sx, maxX, _CMP_LE_OQ)),
+        _mm256_and_ps(_mm256_cmp_ps(sy, zero, _CMP_GE_OQ), _mm256_cmp_ps(sy, maxY, _CMP_LE_OQ)));
+    // Lanes outside read the cell at (0, 0), and their result is replaced by 0.
+    sx = _mm256_and_ps(sx, in);
+    sy = _mm256_and_ps(sy, in);
+    __m256i ix = _mm256_cvttps_epi32(sx);
+    __m256i iy = _mm256_cvttps_epi32(sy);
+    __m256 tx = _mm256_sub_ps(sx, _mm256_cvtepi32_ps(ix));
+    __m256 ty = _mm256_sub_ps(sy, _mm256_cvtepi32_ps(iy));
+    const __m256i slideX = _mm256_cmpgt_epi32(ix, lastX);
+    const __m256i slideY = _mm256_cmpgt_epi32(iy, lastY);
+    ix = _mm256_blendv_epi8(ix, lastX, slideX);
+    iy = _mm256_blendv_epi8(iy, lastY, slideY);
+    tx = _mm256_blendv_ps(tx, one, _mm256_castsi256_ps(slideX));
+    ty = _mm256_blendv_ps(ty, one, _mm256_castsi256_ps(slideY));
+    const __m256i at = _mm256_add_epi32(_mm256_mullo_epi32(iy, step), ix);
+    const __m256i below = _mm256_add_epi32(at, step);
+    const __m256 s00 = _mm256_i32gather_ps(s.base, at, 4);
+    const __m256 s10 = _mm256_i32gather_ps(s.base + 1, at, 4);
+    const __m256 s01 = _mm256_i32gather_ps(s.base, below, 4);
+    const __m256 s11 = _mm256_i32gather_ps(s.base + 1, below, 4);
+    const __m256 top = _mm256_add_ps(s00, _mm256_mul_ps(tx, _mm256_sub_ps(s10, s00)));
+    const __m256 bottom = _mm256_add_ps(s01, _mm256_mul_ps(tx, _mm256_sub_ps(s11, s01)));
+    const __m256 value = _mm256_add_ps(top, _mm256_mul_ps(ty, _mm256_sub_ps(bottom, top)));
+    const __m256 d = _mm256_sub_ps(value, _mm256_loadu_ps(a + x));
+    const __m256 rx = _mm256_and_ps(_mm256_mul_ps(_mm256_loadu_ps(gx + x), d), in);
+    const __m256 ry = _mm256_and_ps(_mm256_mul_ps(d, _mm256_loadu_ps(gy + x)), in);
+    // Back to pairs.
+    const __m256 p0 = _mm256_unpacklo_ps(rx, ry);
+    const __m256 p1 = _mm256_unpackhi_ps(rx, ry);
+    _mm256_storeu_ps(r + 2 * x, _mm256_permute2f128_ps(p0, p1, 0x20));
+    _mm256_storeu_ps(r + 2 * x + 8, _mm256_permute2f128_ps(p0, p1, 0x31));
+  }
+  return x;
+}
+#endif
+
 // The masked and unmasked loops are separate so that the common case tests no mask.
 template <bool kMasked>
 static void ResidualWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow,
@@ -128,6 +201,7 @@ static void ResidualWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow,
   const PLImage* gradY = args->Next<const PLImage*>();
   const PLImage* flow = args->Next<const PLImage*>();
   const PLImage* secondMask = args->Next<const PLImage*>();
+  const bool wide = args->Next<int32_t>() != 0;
   const int32_t w = residual->width;
   const float maxX = static_cast<float>(w - 1);
   const float maxY = static_cast<float>(residual->height - 1);
@@ -140,7 +214,15 @@ static void ResidualWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow,
     const float* gy = FRow(gradY, y);
     float* r = FRow(residual, y);
     const float fy = static_cast<float>(y);
-    for (int32_t x = 0; x < w; ++x) {
+    int32_t x = 0;
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+    if (!kMasked && wide)
+      x = ResidualRowWide(r, f, a, gx, gy, s, w, residual->height, fy, second->lastColumn,
+                          second->lastRow);
+#else
+    (void)wide;
+#endif
+    for (; x < w; ++x) {
       const float sx = static_cast<float>(x) - f[2 * x];
       const float sy = fy - f[2 * x + 1];
       if (!plflow::InFrame(sx, sy, maxX, maxY)) {
@@ -175,13 +257,23 @@ static void ResidualWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow,
 void ComputeResidual(PLImage* residual, const PLImage* first, const PLImage* second,
                      const PLImage* gradX, const PLImage* gradY, const PLImage* flow,
                      int32_t useMasks, const PLImage* secondMask) {
+  ComputeResidualOnPath(PLWideChosen(), residual, first, second, gradX, gradY, flow, useMasks,
+                        secondMask);
+}
+
+void ComputeResidualOnPath(bool wide, PLImage* residual, const PLImage* first,
+                           const PLImage* second, const PLImage* gradX, const PLImage* gradY,
+                           const PLImage* flow, int32_t useMasks, const PLImage* secondMask) {
   if (residual->width < 1) return;
+  // The wide loop needs a second cell column and row.
+  const int32_t useWide =
+      wide && PLWideAvailable() && second->width >= 2 && second->height >= 2 ? 1 : 0;
   if (useMasks != 0 && secondMask)
     PLForkImageRows(residual->height, ResidualWorker<true>, residual, first, second, gradX,
-                    gradY, flow, secondMask);
+                    gradY, flow, secondMask, int32_t{0});
   else
     PLForkImageRows(residual->height, ResidualWorker<false>, residual, first, second, gradX,
-                    gradY, flow, secondMask);
+                    gradY, flow, secondMask, useWide);
 }
 
 // ---- Update ------------------------------------------------------------------------------

@@ -40,6 +40,12 @@ void ComputeMoments(PLImage* structure, const PLImage* gradX, const PLImage* gra
 void ComputeResidual(PLImage* residual, const PLImage* first, const PLImage* second,
                      const PLImage* gradX, const PLImage* gradY, const PLImage* flow,
                      int32_t useMasks, const PLImage* secondMask);
+// The same on a chosen loop: `wide` true takes the AVX2 loop where PLWideAvailable()
+// (filter/PLWidePath.h) and the images are at least 2x2 and unmasked, false the plain one;
+// same bytes. ComputeResidual passes PLWideChosen(). For tests and benchmarks.
+void ComputeResidualOnPath(bool wide, PLImage* residual, const PLImage* first,
+                           const PLImage* second, const PLImage* gradX, const PLImage* gradY,
+                           const PLImage* flow, int32_t useMasks, const PLImage* secondMask);
 
 // The 2x2 least-squares step: with det = b*b - a*c, where |det| > 40.0 (strictly),
 // u += (b*q - c*p) / det and v += (b*p - a*q) / det.
