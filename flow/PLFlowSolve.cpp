@@ -73,10 +73,16 @@ void PLOpticalFlowUChar::SolvePyramid(PLImage* flowOut, int32_t smoothing,
     PLImage* structure = structurePyramid[level];
     PLImage* residual = residualPyramid[level];
     if (hints) ApplyHints(flow, hintFlowPyramid[level], hintWeightPyramid[level], 1);
-    ComputeGradients(gradX, gradY, firstPyramid[level]);
-    local.Idle();
-    if (masks) GateGradients(gradX, gradY, firstMaskPyramid[level]);
-    ComputeMoments(structure, gradX, gradY);
+    if (masks) {
+      ComputeGradients(gradX, gradY, firstPyramid[level]);
+      local.Idle();
+      GateGradients(gradX, gradY, firstMaskPyramid[level]);
+      ComputeMoments(structure, gradX, gradY);
+    } else {
+      // Nothing between the two stages: one pass.
+      ComputeGradientsAndMoments(gradX, gradY, structure, firstPyramid[level]);
+      local.Idle();
+    }
     local.Idle();
     SmoothStage(structure, true, smoothing);
     local.Idle();

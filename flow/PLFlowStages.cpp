@@ -21,13 +21,17 @@ using plflow::FView;
 
 // ---- Gradients -------------------------------------------------------------------------
 
+static void MomentsRow(float* s, const float* gx, const float* gy, int32_t w);
+
 // The mean of the one-sided differences that exist, the left (upper) term first. With no
 // term at all (a line of one sample) it is 0/0, a NaN, which no later stage acts on.
+// With a structure image, each row's moments follow at once, from the row just written.
 static void GradientsWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow,
                             NuvMPArgs* args) {
   PLImage* gradX = args->Next<PLImage*>();
   PLImage* gradY = args->Next<PLImage*>();
   const PLImage* image = args->Next<const PLImage*>();
+  PLImage* structure = args->Next<PLImage*>();
   const int32_t w = image->width;
   const int32_t h = image->height;
   const float nan = std::numeric_limits<float>::quiet_NaN();
@@ -54,12 +58,20 @@ static void GradientsWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow,
     } else {
       for (int32_t x = 0; x < w; ++x) gy[x] = nan;
     }
+    if (structure) MomentsRow(FRow(structure, y), gx, gy, w);
   }
 }
 
 void ComputeGradients(PLImage* gradX, PLImage* gradY, const PLImage* image) {
   if (image->width < 1) return;
-  PLForkImageRows(image->height, GradientsWorker, gradX, gradY, image);
+  PLForkImageRows(image->height, GradientsWorker, gradX, gradY, image,
+                  static_cast<PLImage*>(nullptr));
+}
+
+void ComputeGradientsAndMoments(PLImage* gradX, PLImage* gradY, PLImage* structure,
+                                const PLImage* image) {
+  if (image->width < 1) return;
+  PLForkImageRows(image->height, GradientsWorker, gradX, gradY, image, structure);
 }
 
 // ---- Gate --------------------------------------------------------------------------------
@@ -102,15 +114,15 @@ static void MomentsWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow,
   const PLImage* gradX = args->Next<const PLImage*>();
   const PLImage* gradY = args->Next<const PLImage*>();
   const int32_t w = structure->width;
-  for (int32_t y = firstRow; y <= lastRow; ++y) {
-    const float* gx = FRow(gradX, y);
-    const float* gy = FRow(gradY, y);
-    float* s = FRow(structure, y);
-    for (int32_t x = 0; x < w; ++x) {
-      s[3 * x] = gx[x] * gx[x];
-      s[3 * x + 1] = gy[x] * gx[x];
-      s[3 * x + 2] = gy[x] * gy[x];
-    }
+  for (int32_t y = firstRow; y <= lastRow; ++y)
+    MomentsRow(FRow(structure, y), FRow(gradX, y), FRow(gradY, y), w);
+}
+
+static void MomentsRow(float* s, const float* gx, const float* gy, int32_t w) {
+  for (int32_t x = 0; x < w; ++x) {
+    s[3 * x] = gx[x] * gx[x];
+    s[3 * x + 1] = gy[x] * gx[x];
+    s[3 * x + 2] = gy[x] * gy[x];
   }
 }
 

@@ -34,6 +34,12 @@ void GateGradients(PLImage* gradX, PLImage* gradY, const PLImage* mask);
 // structure (3 channels) = gx*gx, gy*gx, gy*gy.
 void ComputeMoments(PLImage* structure, const PLImage* gradX, const PLImage* gradY);
 
+// ComputeGradients then ComputeMoments in one pass (one fork, each row's moments while its
+// gradients are in cache): the same images, bit for bit. Only where nothing comes between
+// them (no gradient gate).
+void ComputeGradientsAndMoments(PLImage* gradX, PLImage* gradY, PLImage* structure,
+                                const PLImage* image);
+
 // residual (2 channels) = (gx*d, d*gy), d = second(x - u, y - v) - first(x, y) sampled
 // bilinearly, or (0, 0) where the target is outside the frame (or not a number) and, with
 // useMasks nonzero, where secondMask sampled there is below 0.999 (double).
