@@ -89,7 +89,7 @@ RetimeCli::RetimeCli(CLI::App* app, CLI::App* demo, int32_t threads) {
                            "Rebuilding rows from one field: line (repeat), average, edge3, "
                            "edge5 (edge-directed). At field rate: the first and last fields")
       ->check(CLI::IsMember({"line", "average", "edge3", "edge5"}))
-      ->default_str("edge3");
+      ->default_str("average");
   deinterlace_->add_option("--rate", rate_,
                            "frame: one frame out per frame in; field: two, one per field, "
                            "motion compensated")
@@ -196,9 +196,9 @@ int RetimeCli::RunDeinterlaceCommand() {
   if (int code = Settle(deinterlaceCommon_, &o.run, &o.draft, &o.haveStart, &o.start)) return code;
   o.order = fieldOrder_ == "bff" ? FieldOrder::kBottomFirst : FieldOrder::kTopFirst;
   o.method = fieldMethod_ == "line"      ? PLFieldReplicate
-             : fieldMethod_ == "average" ? PLFieldAverage
+             : fieldMethod_ == "edge3"   ? PLFieldEdgeThree
              : fieldMethod_ == "edge5"   ? PLFieldEdgeFive
-                                         : PLFieldEdgeThree;
+                                         : PLFieldAverage;
   o.fieldRate = rate_ == "field";
   return RunDeinterlace(o);
 }

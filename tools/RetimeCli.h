@@ -47,7 +47,7 @@ class RetimeCli {
 
   DeinterlaceOptions deinterlaceOptions_;
   Common deinterlaceCommon_;
-  std::string fieldOrder_, fieldMethod_ = "edge3", rate_ = "frame";
+  std::string fieldOrder_, fieldMethod_ = "average", rate_ = "frame";
 };
 
 }  // namespace flowblur

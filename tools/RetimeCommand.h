@@ -46,7 +46,7 @@ enum class FieldOrder { kTopFirst, kBottomFirst };
 struct DeinterlaceOptions {
   ResampleOptions run;
   FieldOrder order = FieldOrder::kTopFirst;
-  int32_t method = 2;       // PLFieldMethod 1..4: line, average, edge3, edge5
+  int32_t method = 2;       // PLFieldMethod 1..4: line, average (default), edge3, edge5
   bool fieldRate = false;   // two frames out per frame in
   bool haveStart = false;
   int64_t start = 0;
