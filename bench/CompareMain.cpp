@@ -20,6 +20,7 @@
 #include "bench/BenchHost.h"
 #include "bench/GroundTruth.h"
 #include "blur/PLMotionBlur.h"
+#include "host/SparkHost.h"
 #include "image/PLImage.h"
 #include "runtime/NuvMP.h"
 #include "shell/SparkDriver.h"
@@ -37,7 +38,11 @@ const char kUsage[] =
     "plug-in's pair and order) with the plug-in's estimator and with OpenCV's DIS (ultrafast,\n"
     "fast, medium) and Farneback, at the plug-in's working size (half, or a quarter with\n"
     "--draft) and on P threads, renders each flow with the plug-in's renderer and scores it\n"
-    "against the true blur. Flow times are the best of R runs per frame, from the RGB frames.\n";
+    "against the true blur. Flow times are the best of R runs per frame, from the RGB frames.\n"
+    "With --pipeline (default size 1920x1080) it times whole frames instead: SparkProcess in\n"
+    "Best and Draft against the script a user would write (DIS medium at half size, or\n"
+    "ultrafast at a quarter, the flow upsampled, then 11 bilinear remaps along it averaged),\n"
+    "on 1 and on P threads, and prints the ratios.\n";
 
 // The build's "Parallel framework:" line, which says what runs OpenCV's threads.
 std::string ParallelFramework() {
@@ -47,6 +52,19 @@ std::string ParallelFramework() {
   if (at == std::string::npos) return "unknown";
   at = info.find_first_not_of(' ', at + key.size());
   return info.substr(at, info.find('\n', at) - at);
+}
+
+// The first three fields of /proc/loadavg and a newline ("?" where it cannot be read).
+std::string LoadAverage() {
+  char text[128] = {};
+  FILE* f = std::fopen("/proc/loadavg", "r");
+  if (!f) return "?\n";
+  double a = 0, b = 0, c = 0;
+  const int read = std::fscanf(f, "%lf %lf %lf", &a, &b, &c);
+  std::fclose(f);
+  if (read != 3) return "?\n";
+  std::snprintf(text, sizeof text, "%.2f %.2f %.2f\n", a, b, c);
+  return text;
 }
 
 double Milliseconds(std::chrono::steady_clock::time_point since) {
@@ -61,6 +79,145 @@ struct Score {
   std::string name;
   double flowMs = 0.0, psnr = 0.0, epe = 0.0, discEpe = 0.0;
 };
+
+// ---- Whole frames: the plug-in against the usual flow-plus-remap script -----------------
+
+// The script, on one pair of 8-bit RGB frames: grey at the working size by area averaging,
+// DIS, the flow resized to the frame and scaled to its pixels, then `taps` remaps of the
+// frame at offsets t * flow for t evenly from -amount/2 to +amount/2, averaged in float.
+struct RemapScript {
+  cv::Ptr<cv::DISOpticalFlow> dis;
+  int32_t workWidth, workHeight, taps;
+  float amount;
+  cv::Mat gridX, gridY;  // pixel coordinates of the frame
+
+  RemapScript(int preset, int32_t width, int32_t height, int32_t ww, int32_t wh, float a)
+      : dis(cv::DISOpticalFlow::create(preset)), workWidth(ww), workHeight(wh), taps(11),
+        amount(a) {
+    gridX.create(height, width, CV_32F);
+    gridY.create(height, width, CV_32F);
+    for (int32_t y = 0; y < height; ++y)
+      for (int32_t x = 0; x < width; ++x) {
+        gridX.at<float>(y, x) = static_cast<float>(x);
+        gridY.at<float>(y, x) = static_cast<float>(y);
+      }
+  }
+
+  void Run(const cv::Mat& current, const cv::Mat& neighbour, cv::Mat* out) {
+    cv::Mat small, greyCurrent, greyNeighbour, flow, full;
+    cv::resize(current, small, cv::Size(workWidth, workHeight), 0, 0, cv::INTER_AREA);
+    cv::cvtColor(small, greyCurrent, cv::COLOR_RGB2GRAY);
+    cv::resize(neighbour, small, cv::Size(workWidth, workHeight), 0, 0, cv::INTER_AREA);
+    cv::cvtColor(small, greyNeighbour, cv::COLOR_RGB2GRAY);
+    dis->calc(greyCurrent, greyNeighbour, flow);
+    cv::resize(flow, full, current.size(), 0, 0, cv::INTER_LINEAR);
+    cv::Mat uv[2];
+    cv::split(full, uv);
+    uv[0] *= static_cast<double>(current.cols) / workWidth;
+    uv[1] *= static_cast<double>(current.rows) / workHeight;
+    cv::Mat sum = cv::Mat::zeros(current.size(), CV_32FC3), mapX, mapY, warped;
+    for (int32_t k = 0; k < taps; ++k) {
+      const double t = amount * (static_cast<double>(k) / (taps - 1) - 0.5);
+      cv::scaleAdd(uv[0], t, gridX, mapX);
+      cv::scaleAdd(uv[1], t, gridY, mapY);
+      cv::remap(current, warped, mapX, mapY, cv::INTER_LINEAR, cv::BORDER_REPLICATE);
+      cv::accumulate(warped, sum);
+    }
+    sum.convertTo(*out, CV_8UC3, 1.0 / taps);
+  }
+};
+
+int RunPipeline(const Options& o) {
+  const int32_t threads =
+      o.threads > 0 ? o.threads
+                    : std::max(1, static_cast<int32_t>(std::thread::hardware_concurrency()));
+  const int64_t pixels = static_cast<int64_t>(o.width) * o.height;
+  const size_t samples = static_cast<size_t>(pixels) * 3;
+  DemoScene scene(o.width, o.height);
+  std::vector<std::vector<uint8_t>> frames(o.frames, std::vector<uint8_t>(samples));
+  {
+    std::vector<float> rgb(samples);
+    for (int32_t n = 0; n < o.frames; ++n) {
+      RenderSceneFrame(scene, n, threads, rgb.data());
+      EncodeHostFrame(rgb.data(), pixels, 24, frames[n].data());
+    }
+  }
+  std::printf("flowblur_compare --pipeline: demo clip %dx%d 8-bit, frames 1..%d, amount %.2f, "
+              "best of %d runs a frame; OpenCV %s (%s); load average at the start %s",
+              o.width, o.height, o.frames - 1, o.amount, o.repeat, CV_VERSION,
+              ParallelFramework().c_str(), LoadAverage().c_str());
+  std::printf("%-6s %5s %-32s %12s %12s %7s\n", "preset", "procs", "script", "plug-in ms",
+              "script ms", "ratio");
+  std::vector<int32_t> processorCounts = {1};
+  if (o.processors > 1) processorCounts.push_back(o.processors);
+  double pluginMs[2][2] = {};
+  for (size_t pi = 0; pi < processorCounts.size(); ++pi) {
+    const int32_t processors = processorCounts[pi];
+    for (int32_t draft = 0; draft < 2; ++draft) {
+      // The plug-in, whole frames as the host asks for them (frame 0 is left out: it pairs
+      // forward, every other frame backward).
+      double plugin = 0.0, script = 0.0;
+      int32_t workWidth = 0, workHeight = 0;
+      {
+        PluginSession session(o.width, o.height, 24, o.frames, false, processors,
+                              BenchControls(o.amount, draft != 0));
+        for (int32_t n = 0; n < o.frames; ++n) session.SetFrame(kFrontClip, n, frames[n].data());
+        std::string error;
+        for (int32_t n = 1; n < o.frames; ++n) {
+          double best = 0.0;
+          for (int32_t r = 0; r < o.repeat; ++r) {
+            auto start = std::chrono::steady_clock::now();
+            if (!session.Process(n, &error)) {
+              std::fprintf(stderr, "flowblur_compare: frame %d: %s\n", n, error.c_str());
+              return 1;
+            }
+            const double ms = Milliseconds(start);
+            best = r == 0 ? ms : std::min(best, ms);
+          }
+          plugin += best;
+        }
+        std::vector<float> uv;
+        int32_t first, second;
+        if (!session.PluginFlow(1, &uv, &workWidth, &workHeight, &first, &second, &error)) {
+          std::fprintf(stderr, "flowblur_compare: %s\n", error.c_str());
+          return 1;
+        }
+      }
+      sparkhost::Reset();
+      // The script at the plug-in's working size, on as many threads.
+      cv::setNumThreads(processors);
+      RemapScript remap(draft ? cv::DISOpticalFlow::PRESET_ULTRAFAST
+                              : cv::DISOpticalFlow::PRESET_MEDIUM,
+                        o.width, o.height, workWidth, workHeight, o.amount);
+      cv::Mat out;
+      for (int32_t n = 1; n < o.frames; ++n) {
+        const cv::Mat current(o.height, o.width, CV_8UC3, frames[n].data());
+        const cv::Mat neighbour(o.height, o.width, CV_8UC3,
+                                frames[std::min(o.frames - 1, SparkNeighbourFrame(n, 0))].data());
+        double best = 0.0;
+        for (int32_t r = 0; r < o.repeat; ++r) {
+          auto start = std::chrono::steady_clock::now();
+          remap.Run(current, neighbour, &out);
+          const double ms = Milliseconds(start);
+          best = r == 0 ? ms : std::min(best, ms);
+        }
+        script += best;
+      }
+      const double count = o.frames - 1;
+      pluginMs[pi][draft] = plugin / count;
+      char what[64];
+      std::snprintf(what, sizeof what, "DIS %s %dx%d + 11 remaps", draft ? "ultrafast" : "medium",
+                    workWidth, workHeight);
+      std::printf("%-6s %5d %-32s %12.1f %12.1f %7.3f\n", draft ? "Draft" : "Best", processors,
+                  what, plugin / count, script / count, plugin / script);
+    }
+  }
+  if (processorCounts.size() == 2)
+    std::printf("plug-in, %d processors against 1: Best %.2f times, Draft %.2f times\n",
+                o.processors, pluginMs[0][0] / pluginMs[1][0], pluginMs[0][1] / pluginMs[1][1]);
+  std::printf("load average at the end %s", LoadAverage().c_str());
+  return 0;
+}
 
 int Run(const Options& o) {
   const int32_t threads =
@@ -255,10 +412,29 @@ int Run(const Options& o) {
 }  // namespace flowblur
 
 int main(int argc, char** argv) {
+  // --pipeline is ours; the rest goes to the shared option parser. Whole frames default to
+  // 1920x1080 and 4 frames unless a size or count is given.
+  bool pipeline = false, sized = false, counted = false;
+  std::vector<char*> rest;
+  for (int i = 0; i < argc; ++i) {
+    const std::string a = argv[i];
+    if (i > 0 && a == "--pipeline") {
+      pipeline = true;
+      continue;
+    }
+    if (a == "--width" || a == "--height") sized = true;
+    if (a == "--frames") counted = true;
+    rest.push_back(argv[i]);
+  }
   flowblur::Options options;
-  if (!flowblur::ParseHarnessOptions(argc, argv, {"flowblur_compare", false, true, 32}, &options)) {
+  if (pipeline) {
+    if (!sized) options.width = 1920, options.height = 1080;
+    if (!counted) options.frames = 4;
+  }
+  if (!flowblur::ParseHarnessOptions(static_cast<int>(rest.size()), rest.data(),
+                                     {"flowblur_compare", false, true, 32}, &options)) {
     std::fputs(flowblur::kUsage, stderr);
     return 2;
   }
-  return flowblur::Run(options);
+  return pipeline ? flowblur::RunPipeline(options) : flowblur::Run(options);
 }

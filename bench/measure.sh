@@ -32,6 +32,9 @@ if [[ -z "$filter" ]]; then
   if [[ -x "$bin/flowblur_compare" ]]; then
     "$bin/flowblur_compare" > "$out/compare-best.txt"
     "$bin/flowblur_compare" --draft > "$out/compare-draft.txt"
+    # Whole 1920x1080 frames against the flow-plus-remap script, both presets, 1 and 2
+    # processors, in one run (it prints the load average at its start and end).
+    "$bin/flowblur_compare" --pipeline > "$out/compare-pipeline.txt"
   fi
 fi
 echo "end: $(date -u +%FT%TZ), load average $(cut -d' ' -f1-3 /proc/loadavg)" | tee -a "$out/machine.txt"
@@ -56,6 +59,12 @@ for b in data["benchmarks"]:
 EOF
 for f in "$out"/quality-*.txt "$out"/compare-*.txt; do
   [[ -f "$f" ]] || continue
+  if [[ "$f" == */compare-pipeline.txt ]]; then
+    echo
+    echo "$(basename "$f"):"
+    cat "$f"
+    continue
+  fi
   echo
   echo "$(basename "$f"):"
   grep -E '^(flowblur_|flow |flowblur |DIS|Farneback|true motion|none| mean|render|the harness)' "$f"

@@ -16,7 +16,12 @@ bool PLBlurWideAvailable() { return false; }
 
 bool PLBlurWideAvailable() {
   // Asked once; the answer cannot change while the process runs.
-  static const bool available = __builtin_cpu_supports("avx2") != 0;
+  // The explicit init makes the answer safe however early the first call comes (a
+  // constructor of a shared object that runs before libgcc's own).
+  static const bool available = [] {
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx2") != 0;
+  }();
   return available;
 }
 

@@ -160,11 +160,14 @@ __attribute__((target("avx2"), noinline)) void MiddleWide32(float* result, const
                                                             const float* w) {
   const __m256 w0 = _mm256_broadcast_ss(w);
   __m256 value[4];
+#pragma GCC unroll 4
   for (int32_t v = 0; v < 4; ++v) value[v] = _mm256_mul_ps(w0, _mm256_loadu_ps(p + 8 * v));
   for (int32_t k = c - 1; k >= 1; --k) {
     const __m256 wk = _mm256_broadcast_ss(w + k);
     const float* right = p + k * stride;
     const float* left = p - k * stride;
+    // Unrolled, so that the four sums stay in registers.
+#pragma GCC unroll 4
     for (int32_t v = 0; v < 4; ++v) {
       const __m256 r = _mm256_loadu_ps(right + 8 * v);
       const __m256 l = _mm256_loadu_ps(left + 8 * v);
@@ -172,6 +175,7 @@ __attribute__((target("avx2"), noinline)) void MiddleWide32(float* result, const
       value[v] = AddKeepFirst8(value[v], _mm256_mul_ps(wk, pair));
     }
   }
+#pragma GCC unroll 4
   for (int32_t v = 0; v < 4; ++v) _mm256_storeu_ps(result + 8 * v, value[v]);
 }
 #endif
