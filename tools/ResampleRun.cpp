@@ -10,8 +10,10 @@
 #include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <iterator>
 #include <new>
 #include <set>
+#include <type_traits>
 
 #include "fill/InterpolateField.h"
 #include "host/SparkHost.h"
@@ -33,20 +35,6 @@ float WhiteOf(int32_t dataType) {
   return dataType == PLUChar ? 255.0f : dataType == PLUShort ? 65535.0f : 1.0f;
 }
 
-void StoreSample(unsigned char* p, int32_t dataType, float v) {
-  if (dataType == PLFloat) {
-    PLStore<float>(p, v);
-    return;
-  }
-  const float white = WhiteOf(dataType);
-  float s = v * white + 0.5f;
-  s = !(s > 0.0f) ? 0.0f : s > white ? white : s;
-  if (dataType == PLUChar)
-    *p = static_cast<uint8_t>(s);
-  else
-    PLStore<uint16_t>(p, static_cast<uint16_t>(s));
-}
-
 float LoadSample(const unsigned char* p, int32_t dataType) {
   if (dataType == PLFloat) return PLLoad<float>(p);
   const float s = dataType == PLUChar ? static_cast<float>(*p)
@@ -65,18 +53,42 @@ int32_t WorkingTypeFor(SampleDepth depth) {
   return depth == SampleDepth::k8 ? PLUChar : depth == SampleDepth::k16 ? PLUShort : PLFloat;
 }
 
-void ToWorking(const Frame& frame, int32_t dataType, PLImage* out) {
+namespace {
+
+// One frame into one working type: the type is chosen once, outside the pixel loop.
+template <class T>
+void ToWorkingAs(const Frame& frame, PLImage* out) {
   const FrameInfo& info = frame.info;
   const int32_t alpha = AlphaChannel(info);
   const int32_t source[4] = {info.colour[0], info.colour[1], info.colour[2], alpha};
+  const int32_t channels = info.channels;
   for (int32_t y = 0; y < out->height; ++y) {
-    const float* row = frame.pixels.data() + static_cast<size_t>(y) * info.width * info.channels;
-    unsigned char* dst = out->Row(y);
-    for (int32_t x = 0; x < out->width; ++x)
-      for (int32_t c = 0; c < 4; ++c)
-        StoreSample(dst + x * out->bytesPerPixel + c * out->bytesPerSample, dataType,
-                    source[c] >= 0 ? row[x * info.channels + source[c]] : 1.0f);
+    const float* row = frame.pixels.data() + static_cast<size_t>(y) * info.width * channels;
+    T* dst = reinterpret_cast<T*>(out->Row(y));
+    for (int32_t x = 0; x < out->width; ++x, row += channels, dst += 4)
+      for (int32_t c = 0; c < 4; ++c) {
+        const float v = source[c] >= 0 ? row[source[c]] : 1.0f;
+        if constexpr (std::is_same_v<T, float>) {
+          dst[c] = v;
+        } else {
+          const float white = std::is_same_v<T, uint8_t> ? 255.0f : 65535.0f;
+          float scaled = v * white + 0.5f;
+          scaled = !(scaled > 0.0f) ? 0.0f : scaled > white ? white : scaled;
+          dst[c] = static_cast<T>(scaled);
+        }
+      }
   }
+}
+
+}  // namespace
+
+void ToWorking(const Frame& frame, int32_t dataType, PLImage* out) {
+  if (dataType == PLUChar)
+    ToWorkingAs<uint8_t>(frame, out);
+  else if (dataType == PLUShort)
+    ToWorkingAs<uint16_t>(frame, out);
+  else
+    ToWorkingAs<float>(frame, out);
 }
 
 void FromWorking(const PLImage& picture, Frame* frame) {
@@ -132,11 +144,25 @@ int32_t PlannedChronar::OverrideAmount(float* amount) {
   return 1;
 }
 
+void PlannedChronar::Serve(const Inputs* inputs) {
+  inputs_ = inputs;
+  if (!inputs) return;
+  // Pictures of frames the next render no longer reads are let go; the others are kept, so
+  // that each frame is converted once however many renders read it.
+  for (auto it = served_.begin(); it != served_.end();)
+    it = inputs->count({kFrontClip, it->first}) ? std::next(it) : served_.erase(it);
+}
+
 int32_t PlannedChronar::GetFrame(NuvImage** view, int32_t frameNumber) {
   *view = nullptr;
   if (!inputs_ || frameNumber < 0) return PLErrParameter;
   // Past the clip's end only with weight 0 (a time on the last frame): that frame serves.
-  int64_t offset = std::min<int64_t>(frameNumber, clipFrames_ - 1);
+  const int64_t offset = std::min<int64_t>(frameNumber, clipFrames_ - 1);
+  auto held = served_.find(offset);
+  if (held != served_.end()) {
+    *view = held->second->view.get();
+    return 0;
+  }
   auto found = inputs_->find({kFrontClip, offset});
   if (found == inputs_->end()) {
     lastError_ = "frame " + std::to_string(offset) + " of the clip is not in the plan";
@@ -157,7 +183,7 @@ int32_t PlannedChronar::GetFrame(NuvImage** view, int32_t frameNumber) {
   served->view.reset(new NuvImage());
   served->view->Attach(served->wrapper.get());
   *view = served->view.get();
-  served_.push_back(std::move(served));
+  served_[offset] = std::move(served);
   return 0;
 }
 
@@ -165,13 +191,9 @@ int32_t PlannedChronar::GetMotionFrame(NuvImage** frame, int32_t frameNumber) {
   return GetFrame(frame, frameNumber);
 }
 
-void PlannedChronar::ReleaseFrame(NuvImage* frame) {
-  for (size_t k = 0; k < served_.size(); ++k)
-    if (served_[k]->view.get() == frame) {
-      served_.erase(served_.begin() + static_cast<std::ptrdiff_t>(k));
-      return;
-    }
-}
+// Pictures stay with the engine's subclass until Serve lets them go (the engine only reads
+// them).
+void PlannedChronar::ReleaseFrame(NuvImage*) {}
 
 int32_t PlannedChronar::GetMatte(NuvImage** matte, int32_t, int32_t) {
   *matte = nullptr;
@@ -199,7 +221,6 @@ bool PlannedChronar::Render(double time, int32_t quality, PLImage* out, std::str
   lastError_.clear();
   renderTime_ = static_cast<float>(time);
   const int32_t status = RenderAtTime(&view, renderTime_, quality, 1, nullptr);
-  served_.clear();
   if (status == 0) return true;
   if (!lastError_.empty())
     *error = lastError_;

@@ -45,8 +45,9 @@ class PlannedChronar : public NuvChronar4 {
   ~PlannedChronar() override;
 
   using Inputs = std::map<FrameRead, std::shared_ptr<const Frame>>;
-  // The frames of the next render (front clip).
-  void Serve(const Inputs* inputs) { inputs_ = inputs; }
+  // The frames of the next render (front clip); null between renders. Each frame is turned
+  // into the engine's picture once and kept while the renders that follow still read it.
+  void Serve(const Inputs* inputs);
   // Engine time k (the k-th output frame of the whole run) to source offset: the listed
   // frame's source time less the clip's first frame number, and between listed frames as
   // SourceTimeAt. Null: the identity.
@@ -88,7 +89,7 @@ class PlannedChronar : public NuvChronar4 {
   int32_t keptRows_ = -1;
   float shutterFraction_ = 0.0f;
   float renderTime_ = 0.0f;
-  std::vector<std::unique_ptr<Served>> served_;
+  std::map<int64_t, std::unique_ptr<Served>> served_;  // by offset in the clip
   std::string lastError_;
 };
 
