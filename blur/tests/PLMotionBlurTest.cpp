@@ -19,9 +19,6 @@ using pltest::MakeImage;
 using pltest::Set;
 using pltest::TestImage;
 
-float FlowAt(const PLImage* flow, int32_t x, int32_t y, int32_t k) {
-  return static_cast<float>(Get(flow, x, y, k));
-}
 float SrcAt(const PLImage* src, int32_t x, int32_t y, int32_t c) {
   return static_cast<float>(Get(src, x, y, c));
 }
@@ -59,20 +56,9 @@ void ReferenceBlur(PLImage* dst, const PLImage* src, const PLImage* flow, bool b
   for (int32_t yi = y0; yi <= y1; ++yi) {
     for (int32_t xi = x0; xi <= x1; ++xi) {
       const float x = static_cast<float>(xi), y = static_cast<float>(yi);
-      // Flow at (sx x, sy y), cell slid back at the last column and row.
-      const float fx = sx * x, fy = y * sy;
-      int32_t ix = static_cast<int32_t>(fx), iy = static_cast<int32_t>(fy);
-      float tx = fx - static_cast<float>(ix), ty = fy - static_cast<float>(iy);
-      if (ix >= f.lastColumn) ix = f.lastColumn - 1, tx = 1.0f;
-      if (iy >= f.lastRow) iy = f.lastRow - 1, ty = 1.0f;
-      float uv[2];
-      for (int32_t k = 0; k < 2; ++k) {
-        float ul = FlowAt(flow, ix, iy, k), ur = FlowAt(flow, ix + 1, iy, k);
-        float ll = FlowAt(flow, ix, iy + 1, k), lr = FlowAt(flow, ix + 1, iy + 1, k);
-        float a = tx * (ur - ul) + ul;
-        float b = tx * (lr - ll) + ll;
-        uv[k] = ty * (b - a) + a;
-      }
+      // Flow at (sx x, sy y).
+      const float uv[2] = {pltest::Bilinear(flow, sx * x, y * sy, 0),
+                           pltest::Bilinear(flow, sx * x, y * sy, 1)};
       const float hx = gx * uv[0], hy = gy * uv[1];
       const float m = hx * hx + hy * hy;
       if (m < (bilinear ? 1e-6f : 1.0f)) {
@@ -94,17 +80,8 @@ void ReferenceBlur(PLImage* dst, const PLImage* src, const PLImage* flow, bool b
           if (!(0.0f <= px && px < static_cast<float>(s.width) && 0.0f <= py &&
                 py < static_cast<float>(s.height)))
             return false;
-          int32_t jx = static_cast<int32_t>(px), jy = static_cast<int32_t>(py);
-          float ux = px - static_cast<float>(jx), uy = py - static_cast<float>(jy);
-          if (jx >= s.lastColumn) jx = s.lastColumn - 1, ux = 1.0f;
-          if (jy >= s.lastRow) jy = s.lastRow - 1, uy = 1.0f;
-          for (int32_t c = 0; c < channels; ++c) {
-            float p = SrcAt(src, jx, jy, c), r = SrcAt(src, jx + 1, jy, c);
-            float l = SrcAt(src, jx, jy + 1, c), lr = SrcAt(src, jx + 1, jy + 1, c);
-            float a = ux * (r - p) + p;
-            float b = ux * (lr - l) + l;
-            lanes[c] = lanes[c] + (uy * (b - a) + a);
-          }
+          for (int32_t c = 0; c < channels; ++c)
+            lanes[c] = lanes[c] + pltest::Bilinear(src, px, py, c);
         } else {
           int32_t jx = PLTruncToInt32(px), jy = PLTruncToInt32(py);
           if (jx < 0 || jx >= s.width || jy < 0 || jy >= s.height) return false;
@@ -130,16 +107,8 @@ void ReferenceBlur(PLImage* dst, const PLImage* src, const PLImage* flow, bool b
         walk((x + (-dx)) + 0.5f, (y + (-dy)) + 0.5f, -dx, -dy, n - 1);
       }
       const float inv = 1.0f / static_cast<float>(counter);
-      const float high = s.dataType == PLUChar ? 255.0f : 65535.0f;
-      for (int32_t c = 0; c < channels; ++c) {
-        float v = lanes[c] * inv;
-        if (s.dataType != PLFloat) {
-          v = static_cast<float>(PLTruncToInt32(v + 0.5f));
-          if (v < 0.0f) v = 0.0f;
-          if (v > high) v = high;
-        }
-        Set(dst, xi, yi, c, v);
-      }
+      for (int32_t c = 0; c < channels; ++c)
+        Set(dst, xi, yi, c, pltest::ClampedStore(s.dataType, lanes[c] * inv));
     }
   }
 }

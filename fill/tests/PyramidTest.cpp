@@ -17,22 +17,12 @@ float At(const PLImage* level, int32_t x, int32_t y) {
   return static_cast<float>(Get(level, x, y, 0));
 }
 
-// Expand as written: corner-aligned, the last cell slid back with a fraction of 1.0.
+// Expand as written: corner-aligned bilinear.
 void RefExpand(PLImage* dst, const PLImage* src) {
   const float sx = 1.0f / ((dst->width - 1.0f) / static_cast<float>(src->width - 1));
   const float sy = 1.0f / ((dst->height - 1.0f) / static_cast<float>(src->height - 1));
   for (int32_t y = 0; y < dst->height; ++y)
-    for (int32_t x = 0; x < dst->width; ++x) {
-      float fx = x * sx, fy = y * sy;
-      int32_t ix = static_cast<int32_t>(fx), iy = static_cast<int32_t>(fy);
-      fx -= ix;
-      fy -= iy;
-      if (ix >= src->lastColumn) ix = src->width - 2, fx = 1.0f;
-      if (iy >= src->lastRow) iy = src->height - 2, fy = 1.0f;
-      const float a = (At(src, ix + 1, iy) - At(src, ix, iy)) * fx + At(src, ix, iy);
-      const float b = (At(src, ix + 1, iy + 1) - At(src, ix, iy + 1)) * fx + At(src, ix, iy + 1);
-      Set(dst, x, y, 0, (b - a) * fy + a);
-    }
+    for (int32_t x = 0; x < dst->width; ++x) Set(dst, x, y, 0, Bilinear(src, x * sx, y * sy, 0));
 }
 
 TEST(Pyramid, LevelCountsAndSizes) {

@@ -11,12 +11,6 @@ using namespace pltest;
 
 namespace {
 
-float RefStoreWrapped(int32_t dataType, float v) {
-  if (dataType == PLFloat) return v;
-  uint32_t i = static_cast<uint32_t>(PLTruncToInt32(v + 0.5f));
-  return static_cast<float>(dataType == PLUChar ? (i & 0xFF) : (i & 0xFFFF));
-}
-
 // One line, as written: head and tail renormalise over the taps that exist, the tail
 // overwriting the head, the middle takes all taps from i - half and reads zeros past the end.
 std::vector<float> RefFullLine(const std::vector<float>& in, const std::vector<float>& w,
@@ -59,7 +53,7 @@ void RefConvolveFull(PLImage* im, const std::vector<float>& w, int32_t mode, flo
         std::vector<float> line(im->width);
         for (int32_t x = 0; x < im->width; ++x) line[x] = static_cast<float>(Get(im, x, y, c));
         std::vector<float> out = RefFullLine(line, w, half);
-        for (int32_t x = 0; x < im->width; ++x) Set(im, x, y, c, RefStoreWrapped(im->dataType, out[x]));
+        for (int32_t x = 0; x < im->width; ++x) Set(im, x, y, c, WrappedStore(im->dataType, out[x]));
       }
     }
     if (mode == 0 || mode >= 3) {
@@ -67,7 +61,7 @@ void RefConvolveFull(PLImage* im, const std::vector<float>& w, int32_t mode, flo
         std::vector<float> line(im->height);
         for (int32_t y = 0; y < im->height; ++y) line[y] = static_cast<float>(Get(im, x, y, c));
         std::vector<float> out = RefFullLine(line, w, half);
-        for (int32_t y = 0; y < im->height; ++y) Set(im, x, y, c, RefStoreWrapped(im->dataType, out[y]));
+        for (int32_t y = 0; y < im->height; ++y) Set(im, x, y, c, WrappedStore(im->dataType, out[y]));
       }
     }
   }

@@ -9,12 +9,6 @@ using namespace pltest;
 
 namespace {
 
-float RefWrap(int32_t dataType, float v) {
-  if (dataType == PLFloat) return v;
-  uint32_t i = static_cast<uint32_t>(PLTruncToInt32(v + 0.5f));
-  return static_cast<float>(dataType == PLUChar ? (i & 0xFF) : (i & 0xFFFF));
-}
-
 void RefResize(PLImage* d, const PLImage* s) {
   const float sx = (static_cast<float>(s->width) - 1.0f) / static_cast<float>(d->width - 1);
   const float sy = (static_cast<float>(s->height) - 1.0f) / static_cast<float>(d->height - 1);
@@ -23,20 +17,10 @@ void RefResize(PLImage* d, const PLImage* s) {
     const float fy = static_cast<float>(y) * sy;
     for (int32_t x = 0; x < d->width; ++x) {
       const float fx = static_cast<float>(x) * sx;
-      int32_t ix = static_cast<int32_t>(fx), iy = static_cast<int32_t>(fy);
-      float tx = fx - static_cast<float>(ix), ty = fy - static_cast<float>(iy);
-      if (ix >= s->lastColumn) ix = s->lastColumn - 1, tx = 1.0f;
-      if (iy >= s->lastRow) iy = s->lastRow - 1, ty = 1.0f;
       for (int32_t c = 0; c < d->channels; ++c) {
-        const float p = static_cast<float>(Get(s, ix, iy, c));
-        const float r = static_cast<float>(Get(s, ix + 1, iy, c));
-        const float l = static_cast<float>(Get(s, ix, iy + 1, c));
-        const float lr = static_cast<float>(Get(s, ix + 1, iy + 1, c));
-        const float a = (r - p) * tx + p;
-        const float b = (lr - l) * tx + l;
-        float v = (b - a) * ty + a;
+        float v = Bilinear(s, fx, fy, c);
         if (d->whitePoint != s->whitePoint) v = v * ratio;
-        Set(d, x, y, c, RefWrap(d->dataType, v));
+        Set(d, x, y, c, WrappedStore(d->dataType, v));
       }
     }
   }

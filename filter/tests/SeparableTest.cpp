@@ -24,13 +24,6 @@ Lanes Markers(int32_t dataType, int32_t channels) {
   return {-1.0f, -1.0f, -1.0f, -1.0f};
 }
 
-float RefStore(int32_t dataType, float v) {
-  if (dataType == PLFloat) return v;
-  int32_t i = PLTruncToInt32(v + 0.5f);
-  int32_t hi = dataType == PLUChar ? 255 : 65535;
-  return static_cast<float>(i < 0 ? 0 : (i > hi ? hi : i));
-}
-
 // Filters one line of n pixels in place.
 void RefLine(std::vector<Lanes>& line, int32_t dataType, int32_t channels,
              const SeparableKernel& k) {
@@ -67,7 +60,7 @@ void RefLine(std::vector<Lanes>& line, int32_t dataType, int32_t channels,
         }
         value = sum / norm;
       }
-      line[i][l] = RefStore(dataType, value);
+      line[i][l] = ClampedStore(dataType, value);
     }
   }
 }

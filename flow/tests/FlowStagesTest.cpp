@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "flow/tests/FlowTestSupport.h"
+#include "tests/support/PLTestImages.h"
 #include "tests/support/PLTestWorkers.h"
 
 using flowtest::At;
@@ -13,16 +14,11 @@ using flowtest::MakeFloat;
 
 namespace {
 
-// A deterministic pseudo-random float image in 0..255.
+// A pseudo-random float image in 0..255.
 std::unique_ptr<PLImage> Noise(int32_t w, int32_t h, int32_t channels, uint32_t seed,
                                int32_t flipped = 0) {
   std::unique_ptr<PLImage> image(new PLImage(w, h, channels, PLFloat, flipped));
-  uint32_t s = seed;
-  for (int32_t y = 0; y < h; ++y)
-    for (int32_t i = 0; i < w * channels; ++i) {
-      s = s * 1664525u + 1013904223u;
-      reinterpret_cast<float*>(image->Row(y))[i] = static_cast<float>(s >> 8) / 65793.0f;
-    }
+  pltest::FillRandom(image.get(), seed, 0.0f, 255.0f);
   return image;
 }
 
@@ -99,23 +95,6 @@ TEST(FlowMoments, Products) {
     }
 }
 
-// The bilinear rule, spelt out slowly.
-float RefSample(const PLImage* s, float sx, float sy) {
-  int32_t ix = static_cast<int32_t>(sx), iy = static_cast<int32_t>(sy);
-  float tx = sx - ix, ty = sy - iy;
-  if (ix >= s->lastColumn) {
-    ix = s->lastColumn - 1;
-    tx = 1.0f;
-  }
-  if (iy >= s->lastRow) {
-    iy = s->lastRow - 1;
-    ty = 1.0f;
-  }
-  const float top = At(s, ix, iy) + tx * (At(s, ix + 1, iy) - At(s, ix, iy));
-  const float bottom = At(s, ix, iy + 1) + tx * (At(s, ix + 1, iy + 1) - At(s, ix, iy + 1));
-  return top + ty * (bottom - top);
-}
-
 TEST(FlowResidual, MatchesReferenceMaskedAndUnmasked) {
   const int32_t w = 23, h = 17;
   auto first = Noise(w, h, 1, 11);
@@ -146,8 +125,8 @@ TEST(FlowResidual, MatchesReferenceMaskedAndUnmasked) {
         const float sy = y - At(flow.get(), x, y, 1);
         float p = 0.0f, q = 0.0f;
         if (sx >= 0 && sx <= w - 1 && sy >= 0 && sy <= h - 1) {
-          const float s = RefSample(second.get(), sx, sy);
-          if (!masked || static_cast<double>(RefSample(mask.get(), sx, sy)) >= 0.999) {
+          const float s = pltest::Bilinear(second.get(), sx, sy, 0);
+          if (!masked || static_cast<double>(pltest::Bilinear(mask.get(), sx, sy, 0)) >= 0.999) {
             const float d = s - At(first.get(), x, y);
             p = At(gx.get(), x, y) * d;
             q = d * At(gy.get(), x, y);
@@ -216,16 +195,8 @@ TEST(FlowUpsample, MatchesReferenceAndRefusesBadShapes) {
   for (int32_t y = 0; y < 11; ++y)
     for (int32_t x = 0; x < 15; ++x) {
       const float fx = x * (1.0f / kx), fy = y * (1.0f / ky);
-      int32_t ix = static_cast<int32_t>(fx), iy = static_cast<int32_t>(fy);
-      float tx = fx - ix, ty = fy - iy;
-      if (ix >= 6) ix = 5, tx = 1.0f;
-      if (iy >= 4) iy = 3, ty = 1.0f;
       for (int32_t c = 0; c < 2; ++c) {
-        const float top = At(src.get(), ix, iy, c) +
-                          tx * (At(src.get(), ix + 1, iy, c) - At(src.get(), ix, iy, c));
-        const float bot = At(src.get(), ix, iy + 1, c) +
-                          tx * (At(src.get(), ix + 1, iy + 1, c) - At(src.get(), ix, iy + 1, c));
-        const float v = (top + ty * (bot - top)) * (c == 0 ? kx : ky);
+        const float v = pltest::Bilinear(src.get(), fx, fy, c) * (c == 0 ? kx : ky);
         ASSERT_EQ(At(dst.get(), x, y, c), v) << x << "," << y << "," << c;
       }
     }

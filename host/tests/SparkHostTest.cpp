@@ -232,6 +232,9 @@ TEST_F(HostTest, GetFrameRevokesTheRecordLastFilledForAnId) {
   EXPECT_NE(stale.Buffer, nullptr) << "only the record last filled";
   EXPECT_NE(front.Buffer, nullptr);
   EXPECT_EQ(Mismatches(pixels, sh::ClipLayout(0), 1), 0) << "the copy still happened";
+  sh::NullBufferOnGetFrame(tmp + 1);  // no record filled for it: only logged
+  EXPECT_EQ(sparkGetFrame(0, 1, pixels), 1);
+  EXPECT_EQ(sh::HostLog().size(), 1u);
 }
 
 TEST_F(HostTest, MessagesErrorsAndCounters) {

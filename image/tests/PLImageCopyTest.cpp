@@ -195,8 +195,7 @@ TEST(ImageCopy, ConvertRectRefusesOtherTypesAndChannelMismatch) {
 float ScaledRef(float s, int32_t srcType, int32_t dstType) {
   const float white[] = {255.0f, 65535.0f, 1.0f};
   float k = white[dstType] / white[srcType];
-  float v = s * k;
-  return dstType == PLFloat ? v : CastRef(v + 0.5f, dstType);
+  return pltest::WrappedStore(dstType, s * k);
 }
 
 TEST(ImageCopy, CopyRectScaledRescalesByWhitePoints) {

@@ -95,6 +95,34 @@ inline float Sample(const PLImage* im, int32_t x, int32_t y, int32_t c) {
   return static_cast<float>(Get(im, x, y, c));
 }
 
+// The two integer stores of the library, for references: `v` rounded (truncation of
+// v + 0.5 toward zero) and then either clamped to the type's range or, with no clamp, its
+// low 8 or 16 bits kept. Float stores v as it is.
+inline float ClampedStore(int32_t dataType, float v) {
+  if (dataType == PLFloat) return v;
+  const int32_t i = PLTruncToInt32(v + 0.5f), high = dataType == PLUChar ? 255 : 65535;
+  return static_cast<float>(i < 0 ? 0 : (i > high ? high : i));
+}
+inline float WrappedStore(int32_t dataType, float v) {
+  if (dataType == PLFloat) return v;
+  const uint32_t i = static_cast<uint32_t>(PLTruncToInt32(v + 0.5f));
+  return static_cast<float>(dataType == PLUChar ? (i & 0xFF) : (i & 0xFFFF));
+}
+
+// The bilinear rule every resampler shares, written out slowly: the cell at (floor x,
+// floor y) of channel c, slid back with a fraction of 1.0 at the last column and row so
+// that no read leaves the image. x in 0 .. lastColumn, y in 0 .. lastRow, at least 2 x 2.
+inline float Bilinear(const PLImage* im, float x, float y, int32_t c) {
+  int32_t ix = static_cast<int32_t>(x), iy = static_cast<int32_t>(y);
+  float tx = x - static_cast<float>(ix), ty = y - static_cast<float>(iy);
+  if (ix >= im->lastColumn) ix = im->lastColumn - 1, tx = 1.0f;
+  if (iy >= im->lastRow) iy = im->lastRow - 1, ty = 1.0f;
+  auto at = [&](int32_t i, int32_t j) { return static_cast<float>(Get(im, i, j, c)); };
+  const float a = (at(ix + 1, iy) - at(ix, iy)) * tx + at(ix, iy);
+  const float b = (at(ix + 1, iy + 1) - at(ix, iy + 1)) * tx + at(ix, iy + 1);
+  return (b - a) * ty + a;
+}
+
 inline void Fill(PLImage* im, double v) {
   for (int32_t y = 0; y < im->height; ++y)
     for (int32_t x = 0; x < im->width; ++x)
