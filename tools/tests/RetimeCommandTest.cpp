@@ -326,6 +326,24 @@ TEST(Retime, WritesFlowPicturesForEveryFrame) {
   EXPECT_EQ(coloured(kept), 0);
 }
 
+TEST(RetimeDemo, WritesSlowMotionTruthFlowAndSheet) {
+  test::TempDir dir;
+  const std::string folder = dir / "demo";
+  test::RunResult r = Flowblur({"demo", folder, "--retime", "--size", "96", "--length", "3", "-q"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  auto files = test::Snapshot(folder);
+  for (const char* name : {"input/demo.0003.png", "retime/demo.0005.png", "retime-flow/flow.0004.png",
+                           "truth/demo.0006.png", "retime-sheet.png"})
+    EXPECT_EQ(files.count(name), 1u) << name;
+  EXPECT_EQ(files.count("retime/demo.0006.png"), 0u);
+  // Output 3 is source frame 2; output 2 is made, and nearer to the true half frame than
+  // either source frame is.
+  EXPECT_EQ(Load(folder + "/retime/demo.0003.png").pixels, Load(folder + "/input/demo.0002.png").pixels);
+  const Frame made = Load(folder + "/retime/demo.0002.png"), truth = Load(folder + "/truth/demo.0002.png");
+  EXPECT_LT(Distance(made, truth), Distance(Load(folder + "/input/demo.0001.png"), truth));
+  EXPECT_LT(Distance(made, truth), Distance(Load(folder + "/input/demo.0002.png"), truth));
+}
+
 // ---- Deinterlacing ---------------------------------------------------------------------------
 
 // Rows of one parity of two frames: the largest difference of any sample.
