@@ -152,17 +152,29 @@ struct RunSetup {
   int32_t formatCode = 24;
   SampleDepth outDepth = SampleDepth::k8;
   int64_t cacheBudget = 0;
+  LinearStage linear;                // linear light for the plug-in, or the stored values
+  std::shared_ptr<ClipSink> sink;    // output files or the output movie
 };
 
 std::string InputPath(const RunRange& range, const FrameRead& read) {
   return FramePath(read.clip == kBackClip ? range.back : range.input, range.clip.first + read.offset);
 }
 
+// Files or a movie: where the frames of a read come from.
+ClipSource& SourceOf(const RunRange& range, const FrameRead& read) {
+  return *(read.clip == kBackClip ? range.backSource : range.inputSource);
+}
+
 // The output frames of the range, less those --skip-existing finds done, and what each reads.
 int PlanRun(const BatchOptions& options, RunSetup* setup) {
   const RunRange& range = setup->range;
   const int64_t count = range.last - range.first + 1;
-  if (count > 1 && !range.output.numbered) {
+  if (IsMoviePattern(range.output) && options.skipExisting) {
+    Say("--skip-existing cannot resume movie output " + Quote(range.output.text) +
+        ": render it again, or into a sequence");
+    return kExitUsage;
+  }
+  if (count > 1 && !range.output.numbered && !IsMoviePattern(range.output)) {
     Say("output " + Quote(range.output.text) +
         " has no frame number (%04d or ####) but the input has " + std::to_string(count) +
         " frames");
@@ -207,7 +219,9 @@ int CheckInputs(RunSetup* setup) {
   for (const FrameRead& read : reads) {
     const std::string path = InputPath(range, read);
     const bool front = read.clip == kFrontClip;
-    if (access(path.c_str(), F_OK) != 0) {
+    ClipSource& source = SourceOf(range, read);
+    const int64_t number = range.clip.first + read.offset;
+    if (!source.Exists(number)) {
       Say(front ? "input frame " + Quote(path) + " is missing (the sequence runs from " +
                       std::to_string(range.clip.first) + " to " +
                       std::to_string(range.clip.Last()) + ")"
@@ -216,7 +230,7 @@ int CheckInputs(RunSetup* setup) {
       return kExitInput;
     }
     FrameInfo header;
-    if (!ReadFrameInfo(path, &header, &error)) {
+    if (!source.ReadInfo(number, &header, &error)) {
       Say(error);
       return kExitInput;
     }
@@ -296,9 +310,26 @@ int CheckOutputs(const BatchOptions& options, const RunSetup& setup,
 // the output frame, the packed copies of one frame's reads, the host's window and buffers, the
 // half planes and the flow estimator's pyramids. Refused, before anything is written, when it
 // would not fit.
+// The colour stage (linear light or stored values) and the output (files or a movie that can
+// hold the frames), settled from the first input frame.
+int CheckColourAndOutput(const BatchOptions& options, RunSetup* setup) {
+  std::string error;
+  if (!setup->linear.Settle(options.colour, setup->info, &error)) {
+    Say("input " + Quote(setup->range.input.text) + ": " + error);
+    return kExitUsage;
+  }
+  setup->sink = std::make_shared<ClipSink>();
+  if (!setup->sink->Prepare(setup->range.output, *setup->range.inputSource, setup->info,
+                            options.haveOutDepth, options.outDepth, options.movie, &error)) {
+    Say(error);
+    return kExitOutput;
+  }
+  return kExitOk;
+}
+
 int CheckMemory(RunSetup* setup) {
   const FrameInfo& info = setup->info;
-  setup->formatCode = FormatCodeFor(info.depth);
+  setup->formatCode = setup->linear.FormatCode(info.depth);
   const double pixels = static_cast<double>(info.width) * info.height;
   const double packed =
       static_cast<double>(PackedFrameBytes(info.width, info.height, setup->formatCode));
@@ -350,10 +381,12 @@ class FrameLoop {
       if (code != kExitOk) return code;
     }
     progress_.Break();
+    std::string error;
+    if (!setup_.sink->Finish(&error)) return Stopped(error, kExitOutput);
     if (!options_.quiet) {
       const std::vector<std::string>& out = setup_.outputs;
       Say("wrote " + std::to_string(count) + (count == 1 ? " frame: " : " frames: ") +
-          out.front() + (count > 1 ? " to " + out.back() : "") +
+          out.front() + (count > 1 && !setup_.sink->IsMovie() ? " to " + out.back() : "") +
           (setup_.skipped > 0 ? " (" + std::to_string(setup_.skipped) +
                                     " skipped: their output existed)"
                               : ""));
@@ -364,11 +397,13 @@ class FrameLoop {
  private:
   bool Load(const FrameRead& read, Frame* frame, std::string* error) {
     const std::string path = InputPath(setup_.range, read);
-    if (!ReadFrame(path, frame, error)) return false;
+    if (!SourceOf(setup_.range, read).Read(setup_.range.clip.first + read.offset, frame, error))
+      return false;
     if (frame->info.width != setup_.info.width || frame->info.height != setup_.info.height) {
       *error = Quote(path) + " changed size while the run was under way";
       return false;
     }
+    setup_.linear.In(frame);
     return true;
   }
 
@@ -404,16 +439,14 @@ class FrameLoop {
     // Other channels come from the input frame as stored.
     Frame out = *inputs.at({kFrontClip, planned.offset});
     UnpackColour(result, setup_.formatCode, &out);
+    setup_.linear.Out(&out);
     const bool replace = options_.overwrite || options_.skipExisting;
     if (!options_.flowFolder.empty() &&
         !WriteFlowFiles(window_, planned.offset, setup_.plan.clip, setup_.info, options_, replace,
                         &error))
       return Stopped(error, kExitOutput);
     const std::string& path = setup_.outputs[i];
-    OIIO::ImageSpec imageSpec =
-        OutputSpec(out.info, options_.haveOutDepth ? options_.outDepth : setup_.info.depth);
-    if (!WriteImageSafely(path, imageSpec, OIIO::TypeDesc::FLOAT, out.pixels.data(),
-                          options_.overwrite, &error))
+    if (!setup_.sink->Write(path, out, options_.overwrite, &error))
       return Stopped(error, kExitOutput);
     ++gFramesWritten;
     for (const FrameRead& read : planned.reads)
@@ -435,6 +468,12 @@ class FrameLoop {
     progress_.Break();
     Say(why);
     const int64_t count = static_cast<int64_t>(setup_.plan.frames.size());
+    if (setup_.sink->IsMovie()) {
+      // The unfinished movie goes with the run (its temporary file is removed).
+      Say("no movie written: " + Quote(setup_.outputs[0]) + " would have held " +
+          std::to_string(count) + " frames");
+      return code;
+    }
     if (gFramesWritten > 0 || count > 1)
       Say(std::to_string(gFramesWritten) + " of " + std::to_string(count) + " frames written" +
           (gFramesWritten > 0 ? " (" + setup_.outputs[0] + " to " +
@@ -497,7 +536,9 @@ int RunPlanned(const BatchOptions& options, RunSetup* setup) {
     return kExitOk;
   }
   std::vector<std::string> createdFolders;
-  if ((code = CheckInputs(setup)) != kExitOk || (code = CheckMemory(setup)) != kExitOk ||
+  if ((code = CheckInputs(setup)) != kExitOk ||
+      (code = CheckColourAndOutput(options, setup)) != kExitOk ||
+      (code = CheckMemory(setup)) != kExitOk ||
       (code = CheckOutputs(options, *setup, &createdFolders)) != kExitOk)
     return code;
   if (options.skipExisting) RemoveStaleTemporaries(*setup);
@@ -517,7 +558,15 @@ int ResolveRunRange(const BatchOptions& options, RunRange* range) {
     return kExitUsage;
   }
   const SequencePattern& input = range->input;
-  if (!input.numbered) {
+  range->inputSource = std::make_shared<ClipSource>();
+  range->backSource = std::make_shared<ClipSource>();
+  if (!range->inputSource->Open(input, &error) ||
+      (!options.motionFrom.empty() && !range->backSource->Open(range->back, &error))) {
+    Say(error);
+    return kExitInput;
+  }
+  const bool movie = range->inputSource->IsMovie();
+  if (!input.numbered && !movie) {
     // One file: a clip of one frame, numbered by --frames (0 without).
     if (options.haveFrames && options.firstFrame != options.lastFrame) {
       Say("input " + Quote(input.text) +
@@ -534,6 +583,8 @@ int ResolveRunRange(const BatchOptions& options, RunRange* range) {
   }
   if (options.haveClip) {
     range->clip = {options.clipFirst, options.clipLast - options.clipFirst + 1};
+  } else if (movie) {
+    range->clip = {kMovieFirstFrame, range->inputSource->MovieFrames()};
   } else {
     std::vector<int64_t> found = FindFrames(input, &error);
     if (!error.empty()) {

@@ -3,8 +3,10 @@
 #pragma once
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
+#include "tools/ClipFiles.h"
 #include "tools/FramePlan.h"
 #include "tools/ImageFiles.h"
 #include "tools/PluginSession.h"
@@ -36,9 +38,9 @@ enum ExitCode : int {
 };
 
 struct BatchOptions {
-  std::string input;       // sequence pattern (or one file)
-  std::string output;      // sequence pattern (or one file, for one frame)
-  std::string motionFrom;  // back clip pattern; empty: none
+  std::string input;       // sequence pattern, one file, or a movie
+  std::string output;      // sequence pattern, one file (for one frame), or a movie
+  std::string motionFrom;  // back clip pattern or movie; empty: none
   bool haveFrames = false;
   int64_t firstFrame = 0, lastFrame = 0;  // with haveFrames; a last frame past the clip is clamped
   bool haveClip = false;                  // the clip is clipFirst..clipLast, not what is on disk
@@ -53,6 +55,8 @@ struct BatchOptions {
   bool quiet = false;    // nothing but errors
   std::string flowFolder;  // --write-flow; empty: none
   bool flowExr = false;    // also the raw flow as EXR
+  ColourChoice colour;       // --colorspace: the input's encoding, converted to linear light
+  MovieOutputOptions movie;  // --codec, --crf, --fps for a movie OUTPUT
 };
 
 // Set by the SIGINT handler; the run stops at the next frame boundary.
@@ -68,6 +72,8 @@ void InstallSignalHandlers();
 // settled as the run settles them. Returns kExitOk, or an ExitCode after saying why.
 struct RunRange {
   SequencePattern input, output, back;
+  // Where the front and back frames come from (files or a movie), opened by ResolveRunRange.
+  std::shared_ptr<ClipSource> inputSource, backSource;
   ClipSpan clip;
   int64_t first = 0, last = 0;  // file frame numbers, inside the clip
 };

@@ -13,6 +13,7 @@
 
 #include "tools/DemoClip.h"
 #include "tools/ImageFiles.h"
+#include "tools/MovieFiles.h"
 
 namespace flowblur {
 namespace {
@@ -45,6 +46,28 @@ bool ReadPicture(const std::string& path, Picture* picture, std::string* error) 
       picture->rgb[i * 3 + c] = static_cast<uint8_t>(v * 255.0f + 0.5f);
     }
   return true;
+}
+
+// The blurred frames as one movie beside them.
+bool WriteDemoMovie(const std::string& folder, int32_t frames, std::string* error) {
+  MovieWriter writer;
+  for (int32_t t = 0; t < frames; ++t) {
+    char name[64];
+    std::snprintf(name, sizeof name, "/output/demo.%04d.png", t + 1);
+    Frame frame;
+    if (!ReadFrame(folder + name, &frame, error)) return false;
+    if (t == 0) {
+      MovieSettings settings;
+      settings.width = frame.info.width;
+      settings.height = frame.info.height;
+      settings.rate = {24, 1};
+      settings.tags.primaries = 1;  // BT.709 primaries, the sRGB curve: as the PNGs are
+      settings.tags.transfer = 13;
+      if (!writer.Open(folder + "/output/demo.mp4", settings, true, error)) return false;
+    }
+    if (!writer.Write(frame, error)) return false;
+  }
+  return writer.Finish(error);
 }
 
 }  // namespace
@@ -109,7 +132,7 @@ Picture ContactSheet(const std::vector<Picture>& cells, int32_t columns, int32_t
 }
 
 int RunDemo(const std::string& folder, const BatchOptions& base, int32_t width, int32_t height,
-            int32_t frames) {
+            int32_t frames, bool movie) {
   std::string error;
   std::string marker = folder + "/" + kMarker;
   if (HasEntries(folder) && access(marker.c_str(), F_OK) != 0) {
@@ -155,6 +178,10 @@ int RunDemo(const std::string& folder, const BatchOptions& base, int32_t width, 
   options.flowExr = false;
   int code = RunBatch(options);
   if (code != kExitOk) return code;
+  if (movie && !WriteDemoMovie(folder, frames, &error)) {
+    Say(error);
+    return kExitOutput;
+  }
 
   // The sheet: for three frames, input | output | flow at half size; then one row at full
   // size around the disc in the middle frame, where the blur is longest.
@@ -200,9 +227,11 @@ int RunDemo(const std::string& folder, const BatchOptions& base, int32_t width, 
       "  input/demo.####.png    the clip (%d frames)\n"
       "  output/demo.####.png   blurred by the plug-in (amount %.2f, %s quality)\n"
       "  flow/flow.####.png     the motion it found (hue: direction, saturation: length)\n"
-      "  contact-sheet.png      input | output | flow for frames %d, %d, %d, then a 1:1 crop\n",
+      "  contact-sheet.png      input | output | flow for frames %d, %d, %d, then a 1:1 crop\n"
+      "%s",
       folder.c_str(), frames, static_cast<double>(base.controls.amount),
-      base.controls.quality == 1 ? "draft" : "best", shown[0] + 1, shown[1] + 1, shown[2] + 1);
+      base.controls.quality == 1 ? "draft" : "best", shown[0] + 1, shown[1] + 1, shown[2] + 1,
+      movie ? "  output/demo.mp4        the blurred frames as a movie (h264, 24 fps)\n" : "");
   return kExitOk;
 }
 

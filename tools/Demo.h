@@ -11,9 +11,11 @@ namespace flowblur {
 // Writes the demo clip as 8-bit PNGs into DIR/input, blurs it into DIR/output with the
 // controls, threads and quiet flags of `base` (flow pictures into DIR/flow), and writes
 // DIR/contact-sheet.png. DIR must be empty, new, or an earlier demo folder (it holds the
-// marker file .flowblur-demo); an earlier demo's files are replaced. Returns an ExitCode.
+// marker file .flowblur-demo); an earlier demo's files are replaced. With `movie`, the
+// blurred frames also go into DIR/output/demo.mp4 (h264, 24 frames a second). Returns an
+// ExitCode.
 int RunDemo(const std::string& folder, const BatchOptions& base, int32_t width, int32_t height,
-            int32_t frames);
+            int32_t frames, bool movie = false);
 
 // An RGB8 picture (3 bytes a pixel, rows packed).
 struct Picture {

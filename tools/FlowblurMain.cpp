@@ -23,11 +23,23 @@
 namespace {
 
 constexpr const char* kDescription =
-    "flowblur: optical-flow motion blur for image sequences.\n"
+    "flowblur: optical-flow motion blur for image sequences and movies.\n"
     "Runs the flowblur plug-in over INPUT frame by frame, as a compositing host would, and\n"
     "writes OUTPUT. Sequences are written name.%04d.exr or name.####.exr; the clip is what is\n"
     "on disk (or --clip A-B) and --frames A-B renders part of it: a frame is numbered by its\n"
     "place in the clip, so chunks give the bytes of a whole run.\n"
+    "\n"
+    "Movies: INPUT (or --motion-from) may be a movie (.mp4, .mov, .mkv, .avi, ...), read frame\n"
+    "by frame; its frames are numbered from 1. OUTPUT may be a movie (.mp4, .mov, .mkv, .avi),\n"
+    "encoded at the input's frame rate and size (--fps for a sequence, default 24) with\n"
+    "--codec h264 (lossy, the default; --crf), ffv1 (lossless RGB(A), .mkv or .avi) or prores\n"
+    "(.mov or .mkv). Half and float input becomes 16-bit in a movie (10-bit in h264, prores).\n"
+    "\n"
+    "Linear light: a real shutter adds up light, so by default (--colorspace auto) frames\n"
+    "whose colour space is known (a PNG's or JPEG's sRGB, a movie's transfer tag) are\n"
+    "converted to linear light before the plug-in and back after it; such 8-bit input then\n"
+    "goes through the plug-in's half-float format (49), so nothing is lost to rounding. EXR\n"
+    "is linear already. --colorspace none blurs the stored values as they are.\n"
     "\n"
     "Depths: 8-bit files go through the plug-in as 8-bit (format 24), 16-bit (and other\n"
     "integer) files as 16-bit (48), half-float files as half (49); 32-bit float files are\n"
@@ -61,6 +73,9 @@ int main(int argc, char** argv) {
   std::string frames, clipText;
   FarmOptions farmOptions;
   std::string outDepth;
+  std::string colourText = "auto", codecText, fpsText;
+  int32_t crf = 18;
+  bool demoMovie = false;
   int32_t threads = static_cast<int32_t>(std::thread::hardware_concurrency());
   // On a farm node, the CPUs the scheduler gave this task, not the machine's.
   if (const char* cpus = std::getenv("SLURM_CPUS_PER_TASK")) {
@@ -121,6 +136,19 @@ int main(int argc, char** argv) {
       ->default_str(std::to_string(threads));
   app.add_option("--out-depth", outDepth, "Output depth: 8, 16, half or float (default: input's)")
       ->check(CLI::IsMember({"8", "16", "half", "float"}));
+  app.add_option("--colorspace", colourText,
+                 "The input's encoding: auto (from the file; EXR is linear), none (blur the "
+                 "stored values), linear, srgb, rec709, or a name of $OCIO's configuration. "
+                 "Encoded input is blurred in linear light, through half-float")
+      ->default_str("auto");
+  app.add_option("--codec", codecText,
+                 "Movie OUTPUT codec: h264 (lossy, default), ffv1 (lossless; .mkv, .avi), "
+                 "prores (.mov, .mkv)");
+  app.add_option("--crf", crf, "h264 quality: constant rate factor, 0 (lossless) to 51")
+      ->default_str("18");
+  app.add_option("--fps", fpsText,
+                 "Movie OUTPUT frame rate, e.g. 25 or 30000/1001 (default: the input movie's, "
+                 "else 24)");
   app.add_flag("--overwrite", options.overwrite, "Replace existing output files");
   app.add_flag("--skip-existing", options.skipExisting,
                "Leave frames whose output exists alone (to resume a stopped run)");
@@ -136,6 +164,7 @@ int main(int argc, char** argv) {
   demo->add_option("--size", demoWidth, "Demo frame width (height follows 16:9)")
       ->check(CLI::Range(64, 3840));
   demo->add_option("--length", demoFrames, "Demo frames")->check(CLI::Range(2, 240));
+  demo->add_flag("--movie", demoMovie, "Also write DIR/demo.mp4 of the blurred frames");
   RetimeCli retimeCli(&app, demo, threads);
 
   try {
@@ -189,6 +218,22 @@ int main(int argc, char** argv) {
     return usage("--overwrite and --skip-existing contradict each other; give one");
   if (options.flowExr && options.flowFolder.empty())
     return usage("--write-flow-exr needs --write-flow DIR");
+  {
+    std::string error;
+    if (!ParseColourChoice(colourText, &options.colour, &error)) return usage(error);
+    if (!codecText.empty() && !ParseMovieCodec(codecText, &options.movie.codec))
+      return usage("--codec must be h264, ffv1 or prores, not '" + codecText + "'");
+    options.movie.haveCodec = !codecText.empty();
+    options.movie.haveCrf = app.count("--crf") > 0;
+    options.movie.crf = crf;
+    if (options.movie.haveCrf && options.movie.codec != MovieCodec::kH264)
+      return usage(std::string("--crf applies to h264 only, not to ") +
+                   MovieCodecName(options.movie.codec));
+    if (crf < 0 || crf > 51) return usage("--crf " + std::to_string(crf) + " is outside 0 to 51");
+    if (!fpsText.empty() && !ParseFrameRate(fpsText, &options.movie.rate, &error))
+      return usage("--fps: " + error);
+    options.movie.haveRate = !fpsText.empty();
+  }
 
   if (slurm->parsed()) {
     farmOptions.threads = app.count("--threads") > 0 ? threads : 0;
@@ -201,7 +246,7 @@ int main(int argc, char** argv) {
     if (retimeCli.DemoWanted())
       return retimeCli.RunDemo(demoFolder, demoWidth, demoHeight, demoFrames, threads,
                                options.quiet);
-    return RunDemo(demoFolder, options, demoWidth, demoHeight, demoFrames);
+    return RunDemo(demoFolder, options, demoWidth, demoHeight, demoFrames, demoMovie);
   }
   if (options.input.empty() || options.output.empty())
     return usage("INPUT and OUTPUT are needed (or: flowblur demo [DIR]); see --help");

@@ -10,6 +10,7 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include <OpenImageIO/fmath.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -111,8 +112,10 @@ bool IsMoviePath(const std::string& path) {
   size_t dot = path.rfind('.');
   if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return false;
   const std::string ext = Lower(path.substr(dot + 1));
-  return ext == "mp4" || ext == "mov" || ext == "mkv" || ext == "avi" || ext == "m4v" ||
-         ext == "webm";
+  for (const char* movie : {"mp4", "mov", "mkv", "avi", "m4v", "webm", "mpg", "mpeg", "ts",
+                            "mts", "m2ts", "mxf", "flv", "wmv", "ogv"})
+    if (ext == movie) return true;
+  return false;
 }
 
 bool ParseFrameRate(const std::string& text, FrameRate* rate, std::string* error) {
@@ -513,7 +516,9 @@ bool ChooseEncoding(const std::string& path, const MovieSettings& settings,
                      : (alpha ? AV_PIX_FMT_BGRA : AV_PIX_FMT_BGR0);
       break;
     case MovieCodec::kProres:
-      *format = alpha ? AV_PIX_FMT_YUVA444P10 : AV_PIX_FMT_YUV422P10;
+      // 4:2:2 needs an even width; otherwise 4:4:4.
+      *format = alpha ? AV_PIX_FMT_YUVA444P10
+                      : settings.width % 2 == 0 ? AV_PIX_FMT_YUV422P10 : AV_PIX_FMT_YUV444P10;
       break;
   }
   if (!Takes(*encoder, *format)) {
@@ -640,7 +645,7 @@ bool MovieWriter::Open(const std::string& path, const MovieSettings& settings, b
       av_dict_set(&options, "slicecrc", "1", 0);
       break;
     case MovieCodec::kProres:
-      av_dict_set(&options, "profile", format == AV_PIX_FMT_YUVA444P10 ? "4444" : "hq", 0);
+      av_dict_set(&options, "profile", format == AV_PIX_FMT_YUV422P10 ? "hq" : "4444", 0);
       break;
   }
   code = avcodec_open2(c, encoder, &options);
@@ -694,12 +699,13 @@ bool MovieWriter::Write(const Frame& frame, std::string* error) {
   for (size_t i = 0; i < pixels; ++i) {
     const float* p = frame.pixels.data() + i * f.channels;
     for (int c = 0; c < out; ++c) {
-      const float v = p[c < 3 ? f.colour[c] : alphaIndex];
-      const double clamped = v > 0.0f ? (v < 1.0f ? static_cast<double>(v) : 1.0) : 0.0;
+      // OpenImageIO's own rounding, so a lossless movie holds what a file of the frame would.
+      float v = p[c < 3 ? f.colour[c] : alphaIndex];
+      if (std::isnan(v)) v = 0.0f;  // no integer holds it; the low end, as files get
       if (wide)
-        packed16[i * out + c] = static_cast<uint16_t>(clamped * 65535.0 + 0.5);
+        packed16[i * out + c] = OIIO::convert_type<float, uint16_t>(v);
       else
-        packed[i * out + c] = static_cast<uint8_t>(clamped * 255.0 + 0.5);
+        packed[i * out + c] = OIIO::convert_type<float, uint8_t>(v);
     }
   }
   int code = av_frame_make_writable(s.picture.get());

@@ -9,8 +9,9 @@
 
 namespace flowblur {
 
-// Whether `path` names a movie by its extension (.mp4, .mov, .mkv, .avi, .m4v, .webm, any
-// case). Everything else is an image file or a sequence of them.
+// Whether `path` names a movie by its extension (.mp4, .mov, .mkv, .avi, .m4v, .webm, .mpg,
+// .mpeg, .ts, .mts, .m2ts, .mxf, .flv, .wmv, .ogv; any case). Everything else is an image
+// file or a sequence of them.
 bool IsMoviePath(const std::string& path);
 
 // Frames a second as a fraction.
@@ -76,7 +77,8 @@ class MovieReader {
 enum class MovieCodec {
   kH264,   // libx264: lossy, for delivery; 8-bit or 10-bit YUV, no alpha
   kFfv1,   // FFV1: lossless RGB(A), 8 or 16 bits a sample; .mkv and .avi
-  kProres  // ProRes (prores_ks): 10-bit 4:2:2, or 4:4:4:4 with alpha; .mov and .mkv
+  kProres  // ProRes (prores_ks): 10-bit 4:2:2 (4:4:4 for odd widths), 4:4:4:4 with alpha;
+           // .mov and .mkv
 };
 const char* MovieCodecName(MovieCodec codec);  // "h264", "ffv1", "prores"
 bool ParseMovieCodec(const std::string& text, MovieCodec* codec);
