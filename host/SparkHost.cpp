@@ -28,7 +28,15 @@ namespace {
 
 struct Clip {
   FrameLayout layout;
-  std::vector<std::vector<uint8_t>> frames;
+  std::vector<std::vector<uint8_t>> frames;  // stored frames, when there is no source
+  FrameSource source;                        // frames fetched on demand instead
+  int32_t served = 0;                        // the source's frame count
+  int32_t Count() const { return source ? served : static_cast<int32_t>(frames.size()); }
+  // Frame `frame` (inside the clip), or null when the source cannot deliver it.
+  const uint8_t* Data(int32_t frame) const {
+    if (source) return static_cast<const uint8_t*>(source(frame));
+    return frames[static_cast<size_t>(frame)].data();
+  }
 };
 
 struct Buffer {
@@ -314,7 +322,7 @@ int64_t FramePixelsLocked(const State& s) {
 }
 
 int32_t ClampFrame(const Clip& clip, int32_t frame) {
-  int32_t last = static_cast<int32_t>(clip.frames.size()) - 1;
+  int32_t last = clip.Count() - 1;
   return std::min(std::max(frame, 0), last);
 }
 
@@ -407,6 +415,8 @@ void SetClip(int32_t clip, const FrameLayout& layout, int32_t frames) {
   Lock lock(gMutex);
   Clip& c = gState.clips[clip];
   c.layout = layout;
+  c.source = nullptr;
+  c.served = 0;
   c.frames.assign(static_cast<size_t>(frames),
                   std::vector<uint8_t>(static_cast<size_t>(FrameBytes(layout)), 0));
   Refresh(gState);
@@ -421,13 +431,14 @@ FrameLayout ClipLayout(int32_t clip) {
 int32_t ClipFrames(int32_t clip) {
   CheckClip(clip);
   Lock lock(gMutex);
-  return static_cast<int32_t>(gState.clips[clip].frames.size());
+  return gState.clips[clip].Count();
 }
 
 uint8_t* ClipFrame(int32_t clip, int32_t frame) {
   CheckClip(clip);
   Lock lock(gMutex);
   Clip& c = gState.clips[clip];
+  if (c.source) throw std::invalid_argument("sparkhost: the clip's frames come from its source");
   if (frame < 0 || frame >= static_cast<int32_t>(c.frames.size()))
     throw std::invalid_argument("sparkhost: no such frame");
   return c.frames[static_cast<size_t>(frame)].data();
@@ -436,6 +447,20 @@ uint8_t* ClipFrame(int32_t clip, int32_t frame) {
 void SetClipFrame(int32_t clip, int32_t frame, const void* bytes) {
   uint8_t* to = ClipFrame(clip, frame);
   std::memcpy(to, bytes, static_cast<size_t>(FrameBytes(ClipLayout(clip))));
+}
+
+void SetClipSource(int32_t clip, const FrameLayout& layout, int32_t frames, FrameSource source) {
+  CheckClip(clip);
+  CheckLayout(layout);
+  if (frames < 0) throw std::invalid_argument("sparkhost: negative frame count");
+  if (!source) throw std::invalid_argument("sparkhost: null frame source");
+  Lock lock(gMutex);
+  Clip& c = gState.clips[clip];
+  c.layout = layout;
+  std::vector<std::vector<uint8_t>>().swap(c.frames);
+  c.source = std::move(source);
+  c.served = frames;
+  Refresh(gState);
 }
 
 void SetBuffer(int32_t id, const FrameLayout& layout) {
@@ -523,13 +548,19 @@ spark_info_struct BeginFrame(int32_t frameNo) {
   State& s = gState;
   for (int32_t clip = 0; clip < 2; ++clip) {
     const Clip& c = s.clips[clip];
-    if (c.frames.empty()) continue;
+    if (c.Count() == 0) continue;
     Buffer& buffer = s.buffers.at(clip == 0 ? kFrontBuffer : kBackBuffer);
     if (static_cast<int64_t>(buffer.bytes) < Extent(c.layout)) continue;
     std::string why;
     if (!GuardedCopyAllowed(s, c.layout, buffer.Pixels(), &why)) continue;
-    CopyFrame(buffer.Pixels(), c.frames[static_cast<size_t>(ClampFrame(c, frameNo))].data(),
-              c.layout);
+    const int32_t frame = ClampFrame(c, frameNo);
+    const uint8_t* from = c.Data(frame);
+    if (!from) {
+      s.log.push_back("BeginFrame(" + std::to_string(frameNo) + "): the source of clip " +
+                      std::to_string(clip) + " did not deliver frame " + std::to_string(frame));
+      continue;
+    }
+    CopyFrame(buffer.Pixels(), from, c.layout);
   }
   spark_info_struct info;
   std::memset(&info, 0, sizeof info);
@@ -734,7 +765,7 @@ extern "C" int sparkGetFrame(int clip, int frame, void* pixels) {
   std::string where = "sparkGetFrame(" + std::to_string(clip) + ", " + std::to_string(frame) + ")";
   if (clip != 0 && clip != 1) {
     s.log.push_back(where + ": no such clip");
-  } else if (s.clips[clip].frames.empty()) {
+  } else if (s.clips[clip].Count() == 0) {
     s.log.push_back(where + ": the clip has no frames");
   } else if (!pixels) {
     s.log.push_back(where + ": null pixels");
@@ -758,11 +789,15 @@ extern "C" int sparkGetFrame(int clip, int frame, void* pixels) {
       s.log.push_back(where + ": " + why);
       fits = false;
     }
-    if (fits) {
+    const uint8_t* from = fits ? c.Data(delivered) : nullptr;
+    if (fits && !from)
+      s.log.push_back(where + ": the clip's source did not deliver frame " +
+                      std::to_string(delivered));
+    if (from) {
       if (delivered != frame)
         s.log.push_back(where + ": no such frame; frame " + std::to_string(delivered) +
                         " delivered");
-      CopyFrame(to, c.frames[static_cast<size_t>(delivered)].data(), c.layout);
+      CopyFrame(to, from, c.layout);
       call.delivered = delivered;
       call.result = 1;
     }

@@ -2,6 +2,7 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -33,11 +34,12 @@
 //   record, fills Buffer, State (usable bit 4), Width, Height, FormatCode and Stride,
 //   remembers the record's address and returns 1. An unknown id or a null record returns
 //   0 and leaves the record alone.
-// - sparkGetFrame(clip, frame, pixels): copies the frame row by row at the clip's stride
-//   (each row's padding in `pixels` is left alone) and returns 1. A frame number outside
-//   the clip is clamped to its first or last frame, as hosts do at clip ends, and a
-//   HostLog() line says so. An unknown clip, a clip without frames, null pixels, or
-//   pixels inside a host block too near its end for the frame copy nothing and return 0.
+// - sparkGetFrame(clip, frame, pixels): copies the frame (stored, or fetched from the
+//   clip's FrameSource) row by row at the clip's stride (each row's padding in `pixels` is
+//   left alone) and returns 1. A frame number outside the clip is clamped to its first or
+//   last frame, as hosts do at clip ends, and a HostLog() line says so. An unknown clip, a
+//   clip without frames, null pixels, pixels inside a host block too near its end for the
+//   frame, or a source that cannot deliver copy nothing and return 0.
 // - sparkMpFork(worker, 1, arg): runs worker(arg) once on each of Processors() real
 //   threads (never the caller's) and returns when all have ended. An exception that
 //   leaves a worker is caught there, written to HostLog() after the join, and the one
@@ -101,10 +103,22 @@ void SetClip(int32_t clip, const FrameLayout& layout, int32_t frames);
 FrameLayout ClipLayout(int32_t clip);
 int32_t ClipFrames(int32_t clip);  // 0 when the clip is not configured
 // The stored bytes of one frame, FrameBytes(ClipLayout(clip)) of them, writable; the
-// padding of each row is stored too and never copied out. Throws for a frame outside.
+// padding of each row is stored too and never copied out. Throws for a frame outside, and
+// for a clip served by a FrameSource.
 uint8_t* ClipFrame(int32_t clip, int32_t frame);
 // Copies FrameBytes(ClipLayout(clip)) bytes from `bytes` into the frame.
 void SetClipFrame(int32_t clip, int32_t frame, const void* bytes);
+
+// A clip whose frames the host fetches when they are asked for, as a host streams a long
+// clip from its disk instead of holding it: the source returns frame `frame` (already
+// clamped to the clip) as FrameBytes(layout) bytes of this layout, valid until the next
+// call of the source, or null when it cannot. sparkGetFrame and BeginFrame call it (on the
+// thread that calls them, with the simulator locked: it must not call the simulator) and
+// copy from what it returns as from a stored frame; a null return copies nothing,
+// sparkGetFrame returns 0 and a HostLog() line says so. Such a clip stores no frames:
+// ClipFrame and SetClipFrame throw for it. SetClip makes the clip a stored one again.
+using FrameSource = std::function<const void*(int32_t frame)>;
+void SetClipSource(int32_t clip, const FrameLayout& layout, int32_t frames, FrameSource source);
 
 // ---- Buffers: result (1), front (2), back (3), registered temporary buffers (4 on)
 

@@ -35,14 +35,16 @@ float AmountMinimum() { return SparkFloat0.minimum; }
 float AmountMaximum() { return SparkFloat0.maximum; }
 
 PluginSession::PluginSession(int32_t width, int32_t height, int32_t formatCode, int32_t frames,
-                             bool withBack, int32_t processors, const PluginControls& controls)
+                             bool withBack, int32_t processors, const PluginControls& controls,
+                             FrameSource source)
     : width_(width),
       height_(height),
       formatCode_(formatCode),
       frames_(frames),
       processors_(processors),
       withBack_(withBack),
-      controls_(controls) {
+      controls_(controls),
+      source_(std::move(source)) {
   sparkhost::Reset();
   sparkhost::SetProcessors(processors);
   sparkhost::FrameLayout layout;
@@ -50,11 +52,16 @@ PluginSession::PluginSession(int32_t width, int32_t height, int32_t formatCode, 
   layout.height = height;
   layout.formatCode = formatCode;
   layout.stride = 0;
-  sparkhost::SetClip(kFrontClip, layout, frames);
+  auto setClip = [&](int32_t clip) {
+    if (!source_) return sparkhost::SetClip(clip, layout, frames);
+    sparkhost::SetClipSource(clip, layout, frames,
+                             [this, clip](int32_t frame) { return source_(clip, frame); });
+  };
+  setClip(kFrontClip);
   // The plug-in fetches the back buffer on every frame, so it needs one even when no back
   // clip is connected; it then holds black and is never read.
   if (withBack)
-    sparkhost::SetClip(kBackClip, layout, frames);
+    setClip(kBackClip);
   else
     sparkhost::SetBuffer(sparkhost::kBackBuffer, layout);
   SparkInitialise(SessionInfo(formatCode, processors));
@@ -77,6 +84,11 @@ void PluginSession::SetFrame(int32_t clip, int32_t frame, const void* packed) {
 }
 
 uint8_t* PluginSession::ClipFrame(int32_t clip, int32_t frame) {
+  return sparkhost::ClipFrame(clip, frame);
+}
+
+const uint8_t* PluginSession::FrameOf(int32_t clip, int32_t frame) {
+  if (source_) return static_cast<const uint8_t*>(source_(clip, frame));
   return sparkhost::ClipFrame(clip, frame);
 }
 
@@ -149,8 +161,12 @@ bool PluginSession::PluginFlow(int32_t n, std::vector<float>* uv, int32_t* flowW
   // The plug-in's order: the neighbour first at frame 0, the current frame first otherwise.
   *first = n == 0 ? neighbour : current;
   *second = n == 0 ? current : neighbour;
-  uint8_t* a = sparkhost::ClipFrame(clip, *first);
-  uint8_t* b = sparkhost::ClipFrame(clip, *second);
+  const uint8_t* a = FrameOf(clip, *first);
+  const uint8_t* b = FrameOf(clip, *second);
+  if (!a || !b) {
+    *error = "frame " + std::to_string(a ? *second : *first) + " of the pair was not supplied";
+    return false;
+  }
   int32_t rowBytes = static_cast<int32_t>(sparkhost::RowBytes(sparkhost::ClipLayout(clip)));
   // Half frames reach the estimator as float planes, as in the plug-in, converted by the
   // shell's own (exact) half conversion.
@@ -166,8 +182,8 @@ bool PluginSession::PluginFlow(int32_t n, std::vector<float>* uv, int32_t* flowW
       std::memcpy(&half, b + i * 2, 2);
       planeB[i] = SparkHalfToFloat(half);
     }
-    a = reinterpret_cast<uint8_t*>(planeA.data());
-    b = reinterpret_cast<uint8_t*>(planeB.data());
+    a = reinterpret_cast<const uint8_t*>(planeA.data());
+    b = reinterpret_cast<const uint8_t*>(planeB.data());
     rowBytes = width_ * 12;
   }
   // What SparkProcess sets before its calls: thread count and the frame the workers divide.
@@ -180,7 +196,9 @@ bool PluginSession::PluginFlow(int32_t n, std::vector<float>* uv, int32_t* flowW
     *error = "cannot create the flow estimator (out of memory?)";
     return false;
   }
-  int32_t code = CalculateFlow(estimator, a, width_, height_, rowBytes, kSparkRowOrder, b,
+  // The flow calls only read the frames.
+  int32_t code = CalculateFlow(estimator, const_cast<uint8_t*>(a), width_, height_, rowBytes,
+                               kSparkRowOrder, const_cast<uint8_t*>(b),
                                width_, height_, rowBytes, kSparkRowOrder,
                                PixelTypeFor(formatCode_), false, kSparkLevelFactor,
                                kSparkWhitePoint);
@@ -200,65 +218,50 @@ bool PluginSession::PluginFlow(int32_t n, std::vector<float>* uv, int32_t* flowW
   return true;
 }
 
-namespace {
-// Frames of the host window: the current frame, one before and one after it.
-constexpr int64_t kWindowFrames = 3;
-}  // namespace
-
-ClipWindow::ClipWindow(int32_t width, int32_t height, int32_t formatCode, int64_t clipFrames,
-                       bool withBack, int32_t processors, const PluginControls& controls)
+ClipSession::ClipSession(int32_t width, int32_t height, int32_t formatCode, int64_t clipFrames,
+                         bool withBack, int32_t processors, const PluginControls& controls)
     : clipFrames_(clipFrames),
-      window_(static_cast<int32_t>(std::min(clipFrames, kWindowFrames))),
       withBack_(withBack),
       motionFromBack_(controls.motionFromBack),
-      session_(width, height, formatCode, window_, withBack, processors, controls) {}
+      session_(width, height, formatCode, static_cast<int32_t>(clipFrames), withBack, processors,
+               controls, [this](int32_t clip, int32_t frame) { return Serve(clip, frame); }) {}
 
-std::vector<std::pair<int32_t, int64_t>> ClipWindow::FramesRead(int64_t n) const {
+std::vector<std::pair<int32_t, int64_t>> ClipSession::FramesRead(int64_t n) const {
   return PluginSession::FramesRead(n, clipFrames_, withBack_, motionFromBack_);
 }
 
-// Frames 0 and 1 keep their own numbers (the plug-in treats both specially); every later
-// frame is the window's last, with its predecessor before it.
-int32_t ClipWindow::Local(int64_t n) const {
-  return static_cast<int32_t>(std::min<int64_t>(n, window_ - 1));
+const void* ClipSession::Serve(int32_t clip, int32_t frame) {
+  const void* bytes = packed_ ? packed_(clip, frame) : nullptr;
+  if (!bytes && missing_.empty())
+    missing_ = "frame " + std::to_string(frame) + (clip == kBackClip ? " of the back clip" : "") +
+               " was not supplied";
+  return bytes;
 }
 
-const void* ClipWindow::Process(int64_t n, const PackedFrame& packed, std::string* error) {
+const void* ClipSession::Process(int64_t n, const PackedFrame& packed, std::string* error) {
   if (n < 0 || n >= clipFrames_) {
     *error = "frame " + std::to_string(n) + " is outside the clip";
     return nullptr;
   }
-  const int32_t local = Local(n);
-  const int64_t start = n - local;
-  const auto whole = FramesRead(n);
-  const auto inWindow = session_.FramesNeeded(local);
-  if (whole.size() != inWindow.size()) {
-    *error = "the host window does not match the plug-in's frame pairing";
+  packed_ = packed;
+  missing_.clear();
+  const void* result = session_.Process(static_cast<int32_t>(n), error);
+  // A frame the host could not load is the host's fault, whatever the plug-in made of it.
+  if (!missing_.empty()) {
+    *error = missing_;
     return nullptr;
   }
-  for (size_t i = 0; i < whole.size(); ++i) {
-    if (whole[i].first != inWindow[i].first || whole[i].second != start + inWindow[i].second) {
-      *error = "the host window does not match the plug-in's frame pairing";
-      return nullptr;
-    }
-    const void* frame = packed(whole[i].first, whole[i].second);
-    if (!frame) {
-      *error = "frame " + std::to_string(whole[i].second) + " was not supplied";
-      return nullptr;
-    }
-    session_.SetFrame(inWindow[i].first, inWindow[i].second, frame);
-  }
-  return session_.Process(local, error);
+  return result;
 }
 
-bool ClipWindow::PluginFlow(int64_t n, std::vector<float>* uv, int32_t* flowWidth,
-                            int32_t* flowHeight, int64_t* first, int64_t* second,
-                            std::string* error) {
-  const int32_t local = Local(n);
+bool ClipSession::PluginFlow(int64_t n, std::vector<float>* uv, int32_t* flowWidth,
+                             int32_t* flowHeight, int64_t* first, int64_t* second,
+                             std::string* error) {
   int32_t a, b;
-  if (!session_.PluginFlow(local, uv, flowWidth, flowHeight, &a, &b, error)) return false;
-  *first = n - local + a;
-  *second = n - local + b;
+  if (!session_.PluginFlow(static_cast<int32_t>(n), uv, flowWidth, flowHeight, &a, &b, error))
+    return false;
+  *first = a;
+  *second = b;
   return true;
 }
 

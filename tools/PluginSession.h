@@ -34,11 +34,18 @@ float AmountMaximum();
 // per process: the host and the plug-in are process-wide, as in a real host.
 //
 // Frames are handed to the host by SetFrame before the frame that needs them is processed;
-// FramesNeeded tells which. The host keeps the whole clip in memory.
+// FramesNeeded tells which. The host keeps the whole clip in memory. With a FrameSource the
+// host keeps none of it: it asks the source for frame n of a clip when the plug-in loads it
+// (SetFrame and ClipFrame are then refused), as a host streams a long clip from its disk.
 class PluginSession {
  public:
+  // Packed frame `frame` (clamped to the clip) of `clip`, valid until the next call, or null
+  // when the caller cannot give it. Called on the thread that calls the plug-in.
+  using FrameSource = std::function<const void*(int32_t clip, int32_t frame)>;
+
   PluginSession(int32_t width, int32_t height, int32_t formatCode, int32_t frames, bool withBack,
-                int32_t processors, const PluginControls& controls);
+                int32_t processors, const PluginControls& controls,
+                FrameSource source = nullptr);
   ~PluginSession();
   PluginSession(const PluginSession&) = delete;
   PluginSession& operator=(const PluginSession&) = delete;
@@ -85,33 +92,34 @@ class PluginSession {
  private:
   int32_t ClampFrame(int32_t frame) const;
   int32_t MotionClip() const;
+  const uint8_t* FrameOf(int32_t clip, int32_t frame);
 
   int32_t width_, height_, formatCode_, frames_, processors_;
   bool withBack_;
   PluginControls controls_;
+  FrameSource source_;
   size_t notesSeen_ = 0;
 };
 
-// A session over a clip of any length that holds only a window of it in the host: the frames
-// one call reads, at most three a clip, however long the clip. Frame n of the clip reaches the
-// plug-in as frame min(n, 2) of a window starting at n - min(n, 2), which gives the plug-in
-// the pair, the order and the clamping at the clip's ends that it would have for frame n of
-// the whole clip (the window's own clamping is checked against the whole clip's on every
-// call, so a change of the plug-in's pairing rule fails loudly instead of blurring with the
-// wrong neighbour). The frames are handed over per call, so the caller decides what stays
-// in memory.
-class ClipWindow {
+// A session over a clip of any length that holds none of it in the host: frame n of the clip
+// reaches the plug-in as frame n, its true offset in the whole clip, and the host fetches the
+// frames the plug-in asks for from those the caller hands to Process, so the plug-in sees the
+// pair, the order and the clamping at the clip's ends of the whole clip whatever part of it a
+// run renders. The caller decides what stays in memory.
+class ClipSession {
  public:
-  ClipWindow(int32_t width, int32_t height, int32_t formatCode, int64_t clipFrames,
-             bool withBack, int32_t processors, const PluginControls& controls);
+  ClipSession(int32_t width, int32_t height, int32_t formatCode, int64_t clipFrames,
+              bool withBack, int32_t processors, const PluginControls& controls);
 
   int64_t FrameBytes() const { return session_.FrameBytes(); }
   // The (clip, offset) pairs frame n of the whole clip reads.
   std::vector<std::pair<int32_t, int64_t>> FramesRead(int64_t n) const;
-  // Packed frame (FrameBytes() bytes) `offset` of `clip`, for each pair FramesRead(n) names.
+  // Packed frame (FrameBytes() bytes) `offset` of `clip`, for each pair FramesRead(n) names;
+  // null for any other.
   using PackedFrame = std::function<const void*(int32_t clip, int64_t offset)>;
   // Frame n through the plug-in: the result buffer (valid until the next call), or null with
-  // `error` set.
+  // `error` set (also when the plug-in asked for a frame `packed` does not give). `packed` is
+  // kept for PluginFlow(n): what it refers to must outlive that call.
   const void* Process(int64_t n, const PackedFrame& packed, std::string* error);
   // The plug-in's flow for frame n (see PluginSession::PluginFlow), right after Process(n);
   // `first` and `second` are offsets in the whole clip.
@@ -119,12 +127,15 @@ class ClipWindow {
                   int64_t* first, int64_t* second, std::string* error);
 
  private:
-  int32_t Local(int64_t n) const;
+  const void* Serve(int32_t clip, int32_t frame);
 
   int64_t clipFrames_;
-  int32_t window_;
   bool withBack_, motionFromBack_;
-  PluginSession session_;
+  PackedFrame packed_;     // the frames of the last Process
+  std::string missing_;    // a frame the plug-in asked for that `packed_` did not give
+  PluginSession session_;  // last: its source refers to the members above
 };
+// Until every caller says ClipSession.
+using ClipWindow = ClipSession;
 
 }  // namespace flowblur

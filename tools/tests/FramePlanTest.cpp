@@ -1,12 +1,14 @@
 // flowblur tool tests: render ranges within a clip, frame plans read through the frame cache,
-// and the host window against a session that holds the whole clip.
+// and a session that serves the clip frame by frame against one that holds all of it.
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <set>
 
 #include "tools/DemoClip.h"
 #include "tools/FrameCache.h"
 #include "tools/FramePlan.h"
+#include "host/SparkHost.h"
 #include "tools/PluginSession.h"
 
 namespace flowblur {
@@ -98,17 +100,18 @@ TEST(FramePlan, ACacheOfTheMostHeldFramesReadsEachFrameOnce) {
   }
 }
 
-// The host window gives the bytes and the flow pair a session holding the whole clip gives,
-// frame by frame, whatever frame a window starts at.
-struct WindowCase {
+// A session that serves the clip frame by frame gives the plug-in each frame's true offset
+// and the bytes and flow pair of a session holding the whole clip, whatever frame a run
+// starts at; the host asks only for the frames the plan reads, by their offsets.
+struct ServedCase {
   int32_t frames;
   bool back;
 };
-class ClipWindowTest : public ::testing::TestWithParam<WindowCase> {};
+class ClipSessionTest : public ::testing::TestWithParam<ServedCase> {};
 
-TEST_P(ClipWindowTest, GivesTheWholeClipsBytesAndFlowPairs) {
+TEST_P(ClipSessionTest, TrueOffsetsGiveTheWholeClipsBytesAndFlowPairs) {
   constexpr int32_t kW = 64, kH = 36;
-  const WindowCase c = GetParam();
+  const ServedCase c = GetParam();
   DemoClip demo(kW, kH, c.frames);
   std::vector<std::vector<uint8_t>> clips[2];
   for (int32_t t = 0; t < c.frames; ++t)
@@ -137,30 +140,76 @@ TEST_P(ClipWindowTest, GivesTheWholeClipsBytesAndFlowPairs) {
       wholePairs.push_back({first, second});
     }
   }
-  // One window per starting frame, as each chunk of a farm render has its own.
+  // One session per starting frame, as each chunk of a farm render has its own; each call is
+  // given only the frames FramesRead names.
   for (int32_t start = 0; start < c.frames; ++start) {
-    ClipWindow window(kW, kH, 24, c.frames, c.back, 2, controls);
+    ClipSession session(kW, kH, 24, c.frames, c.back, 2, controls);
     for (int32_t n = start; n < c.frames; ++n) {
+      const auto reads = session.FramesRead(n);
+      auto packed = [&](int32_t clip, int64_t offset) -> const void* {
+        for (const auto& read : reads)
+          if (read.first == clip && read.second == offset) return clips[clip][offset].data();
+        return nullptr;
+      };
+      const size_t callsBefore = sparkhost::GetFrameCalls().size();
       std::string error;
-      const uint8_t* result = static_cast<const uint8_t*>(window.Process(
-          n, [&](int32_t clip, int64_t offset) { return clips[clip][offset].data(); }, &error));
+      const uint8_t* result = static_cast<const uint8_t*>(session.Process(n, packed, &error));
       ASSERT_NE(result, nullptr) << error;
       EXPECT_EQ(std::memcmp(result, whole[n].data(), whole[n].size()), 0)
-          << "frame " << n << " from a window started at " << start;
+          << "frame " << n << " from a run started at " << start;
+      const auto calls = sparkhost::GetFrameCalls();
+      ASSERT_GT(calls.size(), callsBefore);
+      bool askedForItself = false;
+      for (size_t k = callsBefore; k < calls.size(); ++k) {
+        askedForItself |= calls[k].frame == n;
+        EXPECT_EQ(calls[k].result, 1) << "frame " << n << " asked for " << calls[k].frame;
+      }
+      EXPECT_TRUE(askedForItself) << "frame " << n << " reached the plug-in under another number";
       std::vector<float> uv;
       int32_t w, h;
       int64_t first, second;
-      ASSERT_TRUE(window.PluginFlow(n, &uv, &w, &h, &first, &second, &error)) << error;
+      ASSERT_TRUE(session.PluginFlow(n, &uv, &w, &h, &first, &second, &error)) << error;
       EXPECT_EQ(first, wholePairs[n].first) << "frame " << n;
       EXPECT_EQ(second, wholePairs[n].second) << "frame " << n;
     }
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Clips, ClipWindowTest,
-                         ::testing::Values(WindowCase{1, false}, WindowCase{2, false},
-                                           WindowCase{3, false}, WindowCase{6, false},
-                                           WindowCase{2, true}, WindowCase{6, true}));
+INSTANTIATE_TEST_SUITE_P(Clips, ClipSessionTest,
+                         ::testing::Values(ServedCase{1, false}, ServedCase{2, false},
+                                           ServedCase{3, false}, ServedCase{6, false},
+                                           ServedCase{2, true}, ServedCase{6, true}));
+
+// A frame far into a long clip reaches the plug-in under its own number, with nothing of the
+// clip held by the host; a frame the caller does not give stops the call with a message.
+TEST(ClipSession, AFrameDeepInALongClipAndAFrameNotGiven) {
+  constexpr int32_t kW = 32, kH = 18;
+  constexpr int64_t kFrames = 2000000;
+  DemoClip demo(kW, kH, 3);
+  std::vector<uint8_t> a(static_cast<size_t>(kW) * kH * 3), b(a.size());
+  demo.Render8(0, a.data());
+  demo.Render8(1, b.data());
+  ClipSession session(kW, kH, 24, kFrames, false, 1, PluginControls());
+  const int64_t n = kFrames - 1;
+  ASSERT_EQ(session.FramesRead(n), (std::vector<std::pair<int32_t, int64_t>>{
+                                       {kFrontClip, n}, {kFrontClip, n - 1}}));
+  std::string error;
+  const void* result = session.Process(
+      n, [&](int32_t, int64_t offset) -> const void* {
+        return offset == n ? b.data() : offset == n - 1 ? a.data() : nullptr;
+      },
+      &error);
+  ASSERT_NE(result, nullptr) << error;
+  std::set<int32_t> asked;
+  for (const auto& call : sparkhost::GetFrameCalls()) asked.insert(call.frame);
+  EXPECT_EQ(asked, (std::set<int32_t>{static_cast<int32_t>(n), static_cast<int32_t>(n - 1)}));
+  result = session.Process(
+      n, [&](int32_t, int64_t offset) -> const void* { return offset == n ? b.data() : nullptr; },
+      &error);
+  EXPECT_EQ(result, nullptr);
+  EXPECT_NE(error.find("frame " + std::to_string(n - 1) + " was not supplied"), std::string::npos)
+      << error;
+}
 
 }  // namespace
 }  // namespace flowblur

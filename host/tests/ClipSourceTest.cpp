@@ -1,0 +1,148 @@
+// flowblur: clips whose frames the host simulator fetches from a source when they are asked for.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <stdexcept>
+#include <vector>
+
+#include "host/SparkHost.h"
+
+namespace sh = sparkhost;
+
+namespace {
+
+sh::FrameLayout Layout(int32_t w, int32_t h, int32_t format, int32_t stride = 0) {
+  sh::FrameLayout layout;
+  layout.width = w;
+  layout.height = h;
+  layout.formatCode = format;
+  layout.stride = stride;
+  return layout;
+}
+
+// Frame f of a clip as its source holds it: every sample names the frame and its place,
+// and the row padding holds a byte the host must never copy.
+std::vector<uint8_t> SourceFrame(const sh::FrameLayout& layout, int32_t f) {
+  std::vector<uint8_t> bytes(static_cast<size_t>(sh::FrameBytes(layout)), 0xAB);
+  const uint32_t mask = sh::BytesPerPixel(layout.formatCode) == 3 ? 0xFF : 0xFFFF;
+  for (int32_t y = 0; y < layout.height; ++y)
+    for (int32_t x = 0; x < layout.width; ++x)
+      for (int32_t c = 0; c < 3; ++c)
+        sh::SetSample(bytes.data(), layout, x, y, c,
+                      static_cast<uint32_t>(f * 131 + y * 17 + x * 5 + c + 1) & mask);
+  return bytes;
+}
+
+// Whether `block` holds frame f's samples (padding not compared).
+bool Holds(const uint8_t* block, const sh::FrameLayout& layout, int32_t f) {
+  const std::vector<uint8_t> want = SourceFrame(layout, f);
+  for (int32_t y = 0; y < layout.height; ++y)
+    for (int32_t x = 0; x < layout.width; ++x)
+      for (int32_t c = 0; c < 3; ++c)
+        if (sh::Sample(block, layout, x, y, c) != sh::Sample(want.data(), layout, x, y, c))
+          return false;
+  return true;
+}
+
+// A long clip served a frame at a time: the source sees only the (clamped) frames asked for.
+struct Served {
+  sh::FrameLayout layout;
+  std::vector<int32_t> asked;
+  std::vector<uint8_t> current;
+  bool fail = false;
+  sh::FrameSource Source() {
+    return [this](int32_t frame) -> const void* {
+      asked.push_back(frame);
+      if (fail) return nullptr;
+      current = SourceFrame(layout, frame);
+      return current.data();
+    };
+  }
+};
+
+struct ClipSourceTest : ::testing::TestWithParam<sh::FrameLayout> {
+  void SetUp() override { sh::Reset(); }
+  void TearDown() override { sh::Reset(); }
+};
+
+TEST_P(ClipSourceTest, FramesComeFromTheSourceByTheirTrueNumberClampedAtTheEnds) {
+  constexpr int32_t kFrames = 100000;  // nothing of it is held by the host
+  Served front{GetParam()}, back{GetParam()};
+  sh::SetClipSource(0, front.layout, kFrames, front.Source());
+  sh::SetClipSource(1, back.layout, kFrames, back.Source());
+  EXPECT_EQ(sh::ClipFrames(0), kFrames);
+  std::vector<uint8_t> pixels(static_cast<size_t>(sh::BufferCapacity(sh::kFrontBuffer)), 0x11);
+  struct Case {
+    int32_t asked, delivered;
+  };
+  for (Case c : {Case{71234, 71234}, Case{0, 0}, Case{-3, 0}, Case{kFrames + 5, kFrames - 1}}) {
+    front.asked.clear();
+    EXPECT_EQ(sparkGetFrame(0, c.asked, pixels.data()), 1);
+    EXPECT_EQ(front.asked, std::vector<int32_t>{c.delivered});
+    EXPECT_TRUE(Holds(pixels.data(), front.layout, c.delivered)) << c.asked;
+    EXPECT_EQ(sh::GetFrameCalls().back().delivered, c.delivered);
+  }
+  // Padding of the destination is left alone, as for stored frames.
+  const int64_t row = sh::RowBytes(front.layout);
+  const int64_t used = int64_t{front.layout.width} * sh::BytesPerPixel(front.layout.formatCode);
+  for (int64_t x = used; x < row; ++x) EXPECT_EQ(pixels[static_cast<size_t>(x)], 0x11);
+  // The host's own step loads both clips through their sources.
+  front.asked.clear();
+  spark_info_struct info = sh::BeginFrame(4242);
+  EXPECT_EQ(info.FrameNo, 4242);
+  EXPECT_EQ(front.asked, std::vector<int32_t>{4242});
+  EXPECT_EQ(back.asked.back(), 4242);
+  EXPECT_TRUE(Holds(sh::BufferPixels(sh::kFrontBuffer), front.layout, 4242));
+  EXPECT_TRUE(Holds(sh::BufferPixels(sh::kBackBuffer), back.layout, 4242));
+}
+
+TEST_P(ClipSourceTest, ASourceThatCannotDeliverCopiesNothingAndIsLogged) {
+  Served front{GetParam()};
+  sh::SetClipSource(0, front.layout, 5, front.Source());
+  front.fail = true;
+  std::vector<uint8_t> pixels(static_cast<size_t>(sh::FrameBytes(front.layout)), 0x22);
+  EXPECT_EQ(sparkGetFrame(0, 2, pixels.data()), 0);
+  EXPECT_EQ(sh::GetFrameCalls().back().delivered, -1);
+  for (uint8_t b : pixels) ASSERT_EQ(b, 0x22);
+  std::memset(sh::BufferPixels(sh::kFrontBuffer), 0x33, 16);
+  sh::BeginFrame(3);
+  EXPECT_EQ(sh::BufferPixels(sh::kFrontBuffer)[0], 0x33);
+  ASSERT_EQ(sh::HostLog().size(), 2u);
+  EXPECT_NE(sh::HostLog()[0].find("did not deliver frame 2"), std::string::npos);
+  EXPECT_NE(sh::HostLog()[1].find("did not deliver frame 3"), std::string::npos);
+}
+
+TEST_P(ClipSourceTest, GuardedBuffersTakeServedFramesIntact) {
+  Served front{GetParam()};
+  sh::SetGuardedBuffers(true);
+  sh::SetClipSource(0, front.layout, 8, front.Source());
+  sh::BeginFrame(6);
+  EXPECT_TRUE(Holds(sh::BufferPixels(sh::kFrontBuffer), front.layout, 6));
+  EXPECT_EQ(sparkGetFrame(0, 7, sh::BufferPixels(sh::kResultBuffer)), 1);
+  EXPECT_TRUE(Holds(sh::BufferPixels(sh::kResultBuffer), front.layout, 7));
+  EXPECT_TRUE(sh::GuardDamage(0).empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Layouts, ClipSourceTest,
+                         ::testing::Values(Layout(7, 5, 24), Layout(7, 5, 49, 7 * 6 + 10),
+                                           Layout(3, 4, 48, 3 * 6 + 2)));
+
+TEST(ClipSource, HoldsNoFramesAndGivesWayToAStoredClip) {
+  sh::Reset();
+  const sh::FrameLayout layout = Layout(4, 3, 24);
+  EXPECT_THROW(sh::SetClipSource(0, layout, 3, nullptr), std::invalid_argument);
+  EXPECT_THROW(sh::SetClipSource(2, layout, 3, [](int32_t) { return nullptr; }),
+               std::invalid_argument);
+  sh::SetClipSource(0, layout, 3, [](int32_t) -> const void* { return nullptr; });
+  EXPECT_THROW(sh::ClipFrame(0, 0), std::invalid_argument);
+  std::vector<uint8_t> bytes(static_cast<size_t>(sh::FrameBytes(layout)), 9);
+  EXPECT_THROW(sh::SetClipFrame(0, 0, bytes.data()), std::invalid_argument);
+  sh::SetClip(0, layout, 2);
+  sh::SetClipFrame(0, 1, bytes.data());
+  std::vector<uint8_t> pixels(bytes.size(), 0);
+  EXPECT_EQ(sparkGetFrame(0, 1, pixels.data()), 1);
+  EXPECT_EQ(pixels, bytes);
+  sh::Reset();
+}
+
+}  // namespace
