@@ -38,7 +38,6 @@ TEST(FlowLuma, EveryCellOfTheTable) {
   const double w16 = 0.3 * 40000 + 0.59 * 1234 + 0.11 * 65535;
   const double wf = 0.3 * static_cast<double>(cf[0]) + 0.59 * static_cast<double>(cf[1]) +
                     0.11 * static_cast<double>(cf[2]);
-  EXPECT_EQ(Luma(OnePixel(PLUChar, 3, c8).get(), 0), 153.5f);  // 30 + 118 + 5.5
   // UChar
   EXPECT_EQ(Luma(OnePixel(PLUChar, 1, c8).get(), 0), 100.0f);
   EXPECT_EQ(Luma(OnePixel(PLUChar, 1, c8).get(), 1), 100.0f);
@@ -63,10 +62,6 @@ TEST(FlowLuma, EveryCellOfTheTable) {
   EXPECT_EQ(Luma(OnePixel(PLFloat, 3, cf).get(), 1), (0.25f * 255.0f * 255.0f) / 219.0f);
   EXPECT_EQ(Luma(OnePixel(PLFloat, 4, cf).get(), 0), static_cast<float>(wf * 255.0));
   EXPECT_EQ(Luma(OnePixel(PLFloat, 4, cf).get(), 1), ((0.8f * 255.0f - 16.0f) * 255.0f) / 219.0f);
-  // Two channels: no luma, no message.
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(Luma(OnePixel(PLUChar, 2, c8).get(), 0), -12345.0f);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 TEST(FlowLuma, EightBitRGBAgainstTheDoubleFormula) {
@@ -206,12 +201,12 @@ TEST(FlowInput, KeptBlursGiveTheSamePyramidsAsTheStepByStepPath) {
   steps.BuildPyramidForSide(a.get(), nullptr, nullptr, 0, false);
   steps.ComputeFlowFromPyramids(nullptr, 1, 1, 0, nullptr);
   for (int32_t level = 0; level < whole.numLevels; ++level) {
-    EXPECT_TRUE(flowtest::SameBytes(whole.firstPyramid[level], steps.firstPyramid[level]))
+    EXPECT_TRUE(pltest::SamePixels(whole.firstPyramid[level], steps.firstPyramid[level]))
         << level;
-    EXPECT_TRUE(flowtest::SameBytes(whole.secondPyramid[level], steps.secondPyramid[level]))
+    EXPECT_TRUE(pltest::SamePixels(whole.secondPyramid[level], steps.secondPyramid[level]))
         << level;
   }
-  EXPECT_TRUE(flowtest::SameBytes(whole.flowPyramid[0], steps.flowPyramid[0]));
+  EXPECT_TRUE(pltest::SamePixels(whole.flowPyramid[0], steps.flowPyramid[0]));
 }
 
 }  // namespace

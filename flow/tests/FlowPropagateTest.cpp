@@ -160,14 +160,14 @@ TEST(FlowPropagate, MatchesReferenceForAnyWorkerCount) {
             masks ? est->firstMaskPyramid[0] : nullptr,
             masks ? est->secondMaskPyramid[0] : nullptr, 150, 140};
     ref.Sweeps(expected.get());
-    ASSERT_FALSE(flowtest::SameBytes(expected.get(), start.get()));  // the sweeps did work
+    ASSERT_FALSE(pltest::SamePixels(expected.get(), start.get()));  // the sweeps did work
     for (int32_t workers : kPLTestWorkerCounts) {
       PLTestUseWorkers(workers);
       PLImage* flow = est->flowPyramid[0];
       for (int32_t y = 0; y < 140; ++y)
         std::memcpy(flow->Row(y), start->Row(y), 150 * 8);
       est->PropagateFlow(0, false, nullptr);
-      EXPECT_TRUE(flowtest::SameBytes(flow, expected.get()))
+      EXPECT_TRUE(pltest::SamePixels(flow, expected.get()))
           << "workers " << workers << " masks " << masks;
     }
     PLTestUseWorkers(1);
@@ -181,7 +181,7 @@ TEST(FlowPropagate, SkipDoesNothingNotEvenIdle) {
   NuvIdleAndProgressClass progress(nullptr);
   progress.SetInterrupted(true);  // any Idle would throw
   EXPECT_NO_THROW(est->PropagateFlow(0, true, &progress));
-  EXPECT_TRUE(flowtest::SameBytes(before.get(), est->flowPyramid[0]));
+  EXPECT_TRUE(pltest::SamePixels(before.get(), est->flowPyramid[0]));
   EXPECT_THROW(est->PropagateFlow(0, false, &progress), PLErr);
 }
 
@@ -196,7 +196,7 @@ TEST(FlowPropagate, AllEqualFieldIsUnchanged) {
     }
   auto before = flowtest::Snapshot(f);
   est->PropagateFlow(0, false, nullptr);
-  EXPECT_TRUE(flowtest::SameBytes(before.get(), f));
+  EXPECT_TRUE(pltest::SamePixels(before.get(), f));
 }
 
 // first = noise; second(x, y) = first(x - 6, y) for x >= 6, so (-6, 0) is a perfect vector
@@ -260,7 +260,7 @@ TEST(FlowPropagate, NoInteriorNoWork) {
     FillScene(est.get(), 3);
     auto before = flowtest::Snapshot(est->flowPyramid[0]);
     est->PropagateFlow(0, false, nullptr);
-    EXPECT_TRUE(flowtest::SameBytes(before.get(), est->flowPyramid[0]));
+    EXPECT_TRUE(pltest::SamePixels(before.get(), est->flowPyramid[0]));
   }
 }
 
@@ -274,7 +274,7 @@ TEST(FlowPropagate, NotANumberVectorsAreOutside) {
   Ref ref{est->firstPyramid[0], est->secondPyramid[0], nullptr, nullptr, 30, 30};
   ref.Sweeps(expected.get());  // NaN compares false everywhere there too
   est->PropagateFlow(0, false, nullptr);
-  EXPECT_TRUE(flowtest::SameBytes(expected.get(), f));
+  EXPECT_TRUE(pltest::SamePixels(expected.get(), f));
 }
 
 }  // namespace

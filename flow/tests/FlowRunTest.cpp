@@ -118,7 +118,7 @@ TEST(FlowRun, SecondRunGivesTheSameFlow) {
   flow.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, nullptr);
   auto first = flowtest::Snapshot(flow.flowPyramid[0]);
   flow.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, nullptr);
-  EXPECT_TRUE(flowtest::SameBytes(first.get(), flow.flowPyramid[0]));
+  EXPECT_TRUE(pltest::SamePixels(first.get(), flow.flowPyramid[0]));
 }
 
 TEST(FlowRun, IdenticalForAnyWorkerCount) {
@@ -288,13 +288,13 @@ TEST(FlowSteps, AllValidMasksChangeNothing) {
   masked.BuildPyramidForSide(b.get(), a.get(), b.get(), 1, false);
   masked.BuildPyramidForSide(a.get(), nullptr, nullptr, 0, false);
   masked.ComputeFlowFromPyramids(nullptr, 1, 1, 0, nullptr);
-  EXPECT_TRUE(flowtest::SameBytes(plain.flowPyramid[0], masked.flowPyramid[0]));
+  EXPECT_TRUE(pltest::SamePixels(plain.flowPyramid[0], masked.flowPyramid[0]));
   // Ignoring the masks puts them back afterwards.
   PLImage** first = masked.firstMaskPyramid;
   masked.ComputeFlowIgnoringMasks(nullptr, a.get(), b.get(), 1, 1, 0, nullptr, false);
   EXPECT_EQ(masked.firstMaskPyramid, first);
   EXPECT_EQ(masked.useMasks, 1);
-  EXPECT_TRUE(flowtest::SameBytes(plain.flowPyramid[0], masked.flowPyramid[0]));
+  EXPECT_TRUE(pltest::SamePixels(plain.flowPyramid[0], masked.flowPyramid[0]));
 }
 
 TEST(FlowSteps, InvalidMaskAreaGrowsDownThePyramid) {
@@ -374,7 +374,7 @@ TEST(FlowOneShot, StatusesAndResult) {
   EXPECT_EQ(ComputeFlowOneShot(&vf, &va, &vb, 1, nullptr), 0);
   PLOpticalFlowUChar same(64, 48, 1, 0, 0, 2);
   same.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, nullptr, false);
-  EXPECT_TRUE(flowtest::SameBytes(same.flowPyramid[0], out.get()));
+  EXPECT_TRUE(pltest::SamePixels(same.flowPyramid[0], out.get()));
 }
 
 }  // namespace

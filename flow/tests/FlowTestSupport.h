@@ -8,6 +8,7 @@
 
 #include "flow/flow.h"
 #include "image/PLImage.h"
+#include "tests/support/PLTestImages.h"
 #include "tests/support/PLTestTexture.h"
 
 namespace flowtest {
@@ -40,15 +41,6 @@ inline uint64_t Hash(const PLImage* image) {
     }
   }
   return h;
-}
-
-inline bool SameBytes(const PLImage* a, const PLImage* b) {
-  if (a->width != b->width || a->height != b->height || a->bytesPerPixel != b->bytesPerPixel)
-    return false;
-  for (int32_t y = 0; y < a->height; ++y)
-    if (std::memcmp(a->Row(y), b->Row(y), static_cast<size_t>(a->width) * a->bytesPerPixel))
-      return false;
-  return true;
 }
 
 // Copy of a float image's pixels into a fresh unflipped image.

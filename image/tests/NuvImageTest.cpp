@@ -7,39 +7,6 @@
 
 namespace {
 
-TEST(NuvImage, AttachCopiesTheWrappersAddressing) {
-  PLImage image(6, 4, 3, PLUChar, 0);
-  NuvImageInternal wrapper(&image);
-  EXPECT_EQ(wrapper.ownsData, 0);
-  NuvImage view;
-  EXPECT_EQ(view.Attach(&wrapper), 0);
-  EXPECT_EQ(view.data, image.data);
-  EXPECT_EQ(view.rowStep, image.rowStep);
-  EXPECT_EQ(view.lastRow, image.lastRow);
-  EXPECT_EQ(view.lastColumn, image.lastColumn);
-  EXPECT_EQ(view.width, 6);
-  EXPECT_EQ(view.height, 4);
-  EXPECT_EQ(view.bytesPerPixel, 3);
-  EXPECT_EQ(view.rowOrder, 1);
-  EXPECT_EQ(view.pixelType, 0);
-  EXPECT_EQ(view.GetChannels(), 3);
-  EXPECT_EQ(view.GetRedIndex(), 0);
-  EXPECT_EQ(view.GetGreenIndex(), 1);
-  EXPECT_EQ(view.GetBlueIndex(), 2);
-  EXPECT_EQ(wrapper.hasMatte, 0);
-  EXPECT_EQ(wrapper.colorSet, 1);
-}
-
-TEST(NuvImage, FlippedImageGivesNegativeStepAndRowOrderZero) {
-  PLImage image(2, 3, 1, PLFloat, 1);
-  NuvImageInternal wrapper(&image);
-  NuvImage view;
-  view.Attach(&wrapper);
-  EXPECT_LT(view.rowStep, 0);
-  EXPECT_EQ(view.rowOrder, 0);
-  EXPECT_EQ(wrapper.flipped, 1);
-}
-
 TEST(NuvImage, TwoChannelFlowAndFourChannelRoles) {
   PLImage flow(4, 4, 2, PLFloat, 0);
   NuvImageInternal flowWrapper(&flow);

@@ -15,28 +15,6 @@ struct FailingAllocator {
   ~FailingAllocator() { NuvMemSetHooks(nullptr, nullptr, nullptr); }
 };
 
-TEST(PLImage, AllocatedImageFields) {
-  PLImage image(5, 3, 3, PLUShort, 0);
-  EXPECT_NE(image.data, nullptr);
-  EXPECT_EQ(image.errorCode, 0);
-  EXPECT_EQ(image.bytesPerSample, 2);
-  EXPECT_EQ(image.bytesPerPixel, 6);
-  EXPECT_EQ(image.rowBytes, 30);
-  EXPECT_EQ(image.ownsData, 1);
-  EXPECT_EQ(image.lastRow, 2);
-  EXPECT_EQ(image.lastColumn, 4);
-  EXPECT_EQ(image.rowStep, 30);
-  EXPECT_EQ(image.matteMode, MatteUnknown);
-  EXPECT_EQ(image.whitePoint, 65535.0f);
-  EXPECT_NE(image.readSample, nullptr);
-}
-
-TEST(PLImage, WhitePointsOfTheWorkingTypes) {
-  EXPECT_EQ(PLImage(1, 1, 1, PLUChar, 0).whitePoint, 255.0f);
-  EXPECT_EQ(PLImage(1, 1, 1, PLUShort, 0).whitePoint, 65535.0f);
-  EXPECT_EQ(PLImage(1, 1, 1, PLFloat, 0).whitePoint, 1.0f);
-}
-
 TEST(PLImage, WrappingNullDataIsEmpty) {
   PLImage image(nullptr, 10, 10, 40, 1, PLFloat, 0);
   EXPECT_EQ(image.width, 0);
