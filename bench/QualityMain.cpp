@@ -26,12 +26,38 @@ using Options = HarnessOptions;
 const char kUsage[] =
     "usage: flowblur_quality [--width W] [--height H] [--frames N] [--format 24|48|49]\n"
     "                        [--draft] [--amount A] [--processors P] [--subframes S]\n"
-    "                        [--threads T]\n"
+    "                        [--threads T] [--linear-light]\n"
     "Runs the plug-in (SparkProcess through the host simulator) on frames 0..N-1 (N >= 3) of the demo\n"
     "clip, moving as at 960 wide at any size (5 to 30 px a frame), and compares each output with the\n"
     "true blur: the mean of S renders across a shutter open for amount x the frame interval,\n"
     "centred on the frame. Defaults: 960x540, 8 frames, format 24, Best, amount 0.5,\n"
-    "2 processors, 64 sub-frames.\n";
+    "2 processors, 64 sub-frames.\n"
+    "--linear-light: the clip's values are sRGB-encoded light; the true blur adds up linear\n"
+    "light and is stored as 8-bit sRGB. Compares the plug-in on the stored 8-bit values\n"
+    "(--colorspace none, format 24) with the plug-in in linear light through half floats\n"
+    "(--colorspace auto, format 49).\n";
+
+// The published sRGB curves (the built-in configuration's sRGB, as the batch host converts it).
+double SrgbToLinear(double v) {
+  return v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4);
+}
+double LinearToSrgb(double v) {
+  return v <= 0.0031308 ? v * 12.92 : 1.055 * std::pow(v, 1.0 / 2.4) - 0.055;
+}
+float Quantise8(double v) { return static_cast<float>(std::lround(std::clamp(v, 0.0, 1.0) * 255.0) / 255.0); }
+
+// The plug-in's output for frame n of a session whose clip is already set, decoded to floats.
+bool Process(PluginSession& session, int32_t n, int32_t format, int64_t pixels, float* rgb) {
+  spark_info_struct info = session.BeginFrame(n);
+  const void* result = SparkProcess(info);
+  std::string said;
+  if (session.TakeNotes(&said) || !result) {
+    std::fprintf(stderr, "flowblur_quality: frame %d: %s\n", n,
+                 said.empty() ? "the plug-in returned no result" : said.c_str());
+    return false;
+  }
+  return DecodeHostFrame(result, pixels, format, rgb);
+}
 
 // The plug-in's renderer as RenderBlur calls it (bilinear, edges not counted) on a packed host
 // frame along `flow`, decoded to floats as the host would receive it. Half frames go through
@@ -170,14 +196,96 @@ int Run(const Options& o) {
   return 0;
 }
 
+// The linear-light case: the demo clip's values taken as sRGB-encoded; the truth is the mean
+// of the sub-frames' linear light, stored as 8-bit sRGB. The plug-in runs on the 8-bit frames
+// as stored (none), and on their linear light as half floats, encoded back to 8-bit sRGB
+// after (auto), as the batch host does with --colorspace none and auto.
+int RunLinearLight(const Options& o) {
+  const int32_t threads =
+      o.threads > 0 ? o.threads : std::max(1, static_cast<int32_t>(std::thread::hardware_concurrency()));
+  DemoScene scene(o.width, o.height);
+  const int64_t pixels = static_cast<int64_t>(o.width) * o.height;
+  const size_t samples = static_cast<size_t>(pixels) * 3;
+  std::printf("flowblur_quality --linear-light: demo clip %dx%d, %d frames, %s, amount %.2f, "
+              "true blur of %d sub-frames in linear light, stored as 8-bit sRGB\n",
+              o.width, o.height, o.frames, o.draft ? "Draft" : "Best", o.amount, o.subframes);
+  // The truth of every frame, and the clip as 8-bit files hold it.
+  std::vector<std::vector<float>> truth(o.frames, std::vector<float>(samples));
+  std::vector<std::vector<uint8_t>> files(o.frames, std::vector<uint8_t>(samples));
+  {
+    std::vector<float> sub(samples);
+    std::vector<double> sum(samples);
+    for (int32_t n = 0; n < o.frames; ++n) {
+      RenderSceneFrame(scene, n, threads, sub.data());
+      EncodeHostFrame(sub.data(), pixels, 24, files[n].data());
+      std::fill(sum.begin(), sum.end(), 0.0);
+      for (int32_t k = 0; k < o.subframes; ++k) {
+        const double t = n - o.amount / 2.0 + (k + 0.5) * o.amount / o.subframes;
+        RenderSceneFrame(scene, t, threads, sub.data());
+        for (size_t i = 0; i < samples; ++i) sum[i] += SrgbToLinear(sub[i]);
+      }
+      for (size_t i = 0; i < samples; ++i)
+        truth[n][i] = Quantise8(LinearToSrgb(sum[i] / o.subframes));
+    }
+  }
+  // One session at a time (the plug-in keeps its frame records in statics): first the stored
+  // values, then linear light.
+  std::vector<double> psnr[2];
+  std::vector<float> out(samples), light(samples);
+  for (int pass = 0; pass < 2; ++pass) {
+    const int32_t format = pass == 0 ? 24 : 49;
+    PluginSession session(o.width, o.height, format, o.frames, false, o.processors,
+                          BenchControls(o.amount, o.draft));
+    std::vector<uint8_t> host(static_cast<size_t>(session.FrameBytes()));
+    for (int32_t n = 0; n < o.frames; ++n) {
+      if (pass == 0) {
+        session.SetFrame(kFrontClip, n, files[n].data());
+      } else {
+        for (size_t i = 0; i < samples; ++i)
+          light[i] = static_cast<float>(SrgbToLinear(files[n][i] / 255.0));
+        EncodeHostFrame(light.data(), pixels, 49, host.data());
+        session.SetFrame(kFrontClip, n, host.data());
+      }
+    }
+    for (int32_t n = 0; n < o.frames; ++n) {
+      if (!Process(session, n, format, pixels, out.data())) return 1;
+      if (pass == 1)
+        for (float& v : out) v = Quantise8(LinearToSrgb(std::max(0.0f, v)));
+      psnr[pass].push_back(Psnr(out.data(), truth[n].data(), samples));
+    }
+  }
+  std::printf("%5s %12s %12s %7s\n", "frame", "PSNR none", "PSNR auto", "gain");
+  double sumNone = 0.0, sumAuto = 0.0;
+  for (int32_t n = 0; n < o.frames; ++n) {
+    std::printf("%5d %12.2f %12.2f %+7.2f\n", n, psnr[0][n], psnr[1][n], psnr[1][n] - psnr[0][n]);
+    sumNone += psnr[0][n];
+    sumAuto += psnr[1][n];
+  }
+  std::printf("%5s %12.2f %12.2f %+7.2f\n", "mean", sumNone / o.frames, sumAuto / o.frames,
+              (sumAuto - sumNone) / o.frames);
+  std::printf("(PSNR in dB against the true blur in linear light stored as 8-bit sRGB, peak 1; "
+              "none: the plug-in on the stored values; auto: in linear light through half)\n");
+  return 0;
+}
+
 }  // namespace
 }  // namespace flowblur
 
 int main(int argc, char** argv) {
   flowblur::Options options;
-  if (!flowblur::ParseHarnessOptions(argc, argv, {"flowblur_quality", true, false, 16}, &options)) {
+  // --linear-light is this program's own; the rest are the harness's common options.
+  std::vector<char*> args;
+  bool linearLight = false;
+  for (int i = 0; i < argc; ++i) {
+    if (i > 0 && std::strcmp(argv[i], "--linear-light") == 0)
+      linearLight = true;
+    else
+      args.push_back(argv[i]);
+  }
+  if (!flowblur::ParseHarnessOptions(static_cast<int>(args.size()), args.data(),
+                                     {"flowblur_quality", !linearLight, false, 16}, &options)) {
     std::fputs(flowblur::kUsage, stderr);
     return 2;
   }
-  return flowblur::Run(options);
+  return linearLight ? flowblur::RunLinearLight(options) : flowblur::Run(options);
 }
