@@ -146,11 +146,13 @@ int RunPipeline(const Options& o) {
               "best of %d runs a frame; OpenCV %s (%s); load average at the start %s",
               o.width, o.height, o.frames - 1, o.amount, o.repeat, CV_VERSION,
               ParallelFramework().c_str(), LoadAverage().c_str());
-  std::printf("%-6s %5s %-32s %12s %12s %7s\n", "preset", "procs", "script", "plug-in ms",
-              "script ms", "ratio");
+  std::printf("%-6s %5s %-32s %12s %12s %7s  %s\n", "preset", "procs", "script", "plug-in ms",
+              "script ms", "ratio", "plug-in output hash");
   std::vector<int32_t> processorCounts = {1};
   if (o.processors > 1) processorCounts.push_back(o.processors);
   double pluginMs[2][2] = {};
+  uint64_t hash[2][2] = {{14695981039346656037ull, 14695981039346656037ull},
+                         {14695981039346656037ull, 14695981039346656037ull}};
   for (size_t pi = 0; pi < processorCounts.size(); ++pi) {
     const int32_t processors = processorCounts[pi];
     for (int32_t draft = 0; draft < 2; ++draft) {
@@ -165,9 +167,11 @@ int RunPipeline(const Options& o) {
         std::string error;
         for (int32_t n = 1; n < o.frames; ++n) {
           double best = 0.0;
+          const void* output = nullptr;
           for (int32_t r = 0; r < o.repeat; ++r) {
             auto start = std::chrono::steady_clock::now();
-            if (!session.Process(n, &error)) {
+            output = session.Process(n, &error);
+            if (!output) {
               std::fprintf(stderr, "flowblur_compare: frame %d: %s\n", n, error.c_str());
               return 1;
             }
@@ -175,6 +179,11 @@ int RunPipeline(const Options& o) {
             best = r == 0 ? ms : std::min(best, ms);
           }
           plugin += best;
+          // FNV-1a over the output bytes: two builds that print the same hash gave the
+          // same frames.
+          const uint8_t* bytes = static_cast<const uint8_t*>(output);
+          uint64_t& h = hash[pi][draft];
+          for (size_t i = 0; i < samples; ++i) h = (h ^ bytes[i]) * 1099511628211ull;
         }
         std::vector<float> uv;
         int32_t first, second;
@@ -208,8 +217,9 @@ int RunPipeline(const Options& o) {
       char what[64];
       std::snprintf(what, sizeof what, "DIS %s %dx%d + 11 remaps", draft ? "ultrafast" : "medium",
                     workWidth, workHeight);
-      std::printf("%-6s %5d %-32s %12.1f %12.1f %7.3f\n", draft ? "Draft" : "Best", processors,
-                  what, plugin / count, script / count, plugin / script);
+      std::printf("%-6s %5d %-32s %12.1f %12.1f %7.3f  %016llx\n", draft ? "Draft" : "Best",
+                  processors, what, plugin / count, script / count, plugin / script,
+                  static_cast<unsigned long long>(hash[pi][draft]));
     }
   }
   if (processorCounts.size() == 2)
