@@ -356,6 +356,7 @@ template <class T, int32_t C>
 void ConvolveStrip(unsigned char* first, int32_t pixels, int32_t n, ptrdiff_t rowBytes,
                    const SeparableKernel* kernel, const ExpandedKernel* expanded, float* strip,
                    bool wide) {
+  (void)wide;  // read only where the build carries the wide loop
   const int32_t c = kernel->count;
   const float* lanes = expanded->lanes;
   const int32_t samples = pixels * C;
