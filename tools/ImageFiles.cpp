@@ -28,17 +28,45 @@ std::string OiioError(const std::string& fallback) {
   return e.empty() ? fallback : e;
 }
 
-// Opens `path` for reading with `config` and fills `header` with the file's description
-// (size, channels, sample format, metadata). Null, with the reason in `why`, on failure.
+// Whether `path` is a regular file with something in it; false with the reason in `why`.
+bool CheckInputFile(const std::string& path, std::string* why) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) {
+    *why = std::strerror(errno);
+    return false;
+  }
+  if (S_ISDIR(st.st_mode)) {
+    *why = "it is a folder, not an image file";
+    return false;
+  }
+  if (!S_ISREG(st.st_mode)) {
+    *why = "it is not a regular file";
+    return false;
+  }
+  if (st.st_size == 0) {
+    *why = "the file is empty";
+    return false;
+  }
+  return true;
+}
+
+// Opens `path` (or, with `proxy`, the bytes behind it, `path` naming them) for reading with
+// `config` and fills `header` with the file's description (size, channels, sample format,
+// metadata). Null, with the reason in `why`, on failure.
 std::unique_ptr<OIIO::ImageInput> OpenToRead(const std::string& path,
                                              const OIIO::ImageSpec& config,
-                                             OIIO::ImageSpec* header, std::string* why) {
-  auto in = OIIO::ImageInput::create(path, false, &config);
+                                             OIIO::ImageSpec* header, std::string* why,
+                                             OIIO::Filesystem::IOProxy* proxy = nullptr) {
+  if (!proxy && !CheckInputFile(path, why)) return nullptr;
+  // The readers take the proxy from the configuration at open().
+  OIIO::ImageSpec withProxy = config;
+  if (proxy) withProxy.attribute("oiio:ioproxy", OIIO::TypeDesc::PTR, &proxy);
+  auto in = OIIO::ImageInput::create(path, false, &withProxy, proxy);
   if (!in) {
     *why = OiioError("no reader for this file");
     return nullptr;
   }
-  if (!in->open(path, *header, config)) {
+  if (!in->open(path, *header, withProxy)) {
     std::string e = in->geterror();
     *why = e.empty() ? OiioError("unknown error") : e;
     return nullptr;
@@ -140,6 +168,19 @@ bool ClassifyFrame(const std::string& path, const OIIO::ImageSpec& imageSpec, Fr
     *error = Quote(path) + " has no pixels";
     return false;
   }
+  if (imageSpec.deep) {
+    *error = Quote(path) + " holds deep data: flat images only";
+    return false;
+  }
+  // Checked in steps, so that no product can overflow.
+  const int64_t samples = int64_t{imageSpec.width} * imageSpec.height;
+  if (samples > kMaxFrameSamples || samples * imageSpec.nchannels > kMaxFrameSamples) {
+    *error = Quote(path) + " claims " + std::to_string(imageSpec.width) + "x" +
+             std::to_string(imageSpec.height) + " pixels of " +
+             std::to_string(imageSpec.nchannels) + " channels, more than a frame may have (" +
+             std::to_string(kMaxFrameSamples) + " samples)";
+    return false;
+  }
   int32_t byName[3] = {-1, -1, -1};
   const char* names[3] = {"r", "g", "b"};
   std::vector<int32_t> plain;  // channels that are neither alpha nor depth
@@ -190,23 +231,45 @@ bool ReadFrameInfo(const std::string& path, FrameInfo* info, std::string* error)
   return ok;
 }
 
-bool ReadFrame(const std::string& path, Frame* frame, std::string* error) {
+namespace {
+
+bool ReadFrameFrom(const std::string& path, OIIO::Filesystem::IOProxy* proxy, Frame* frame,
+                   std::string* error) {
   OIIO::ImageSpec imageSpec;
   std::string why;
-  auto in = OpenToRead(path, ReadConfig(), &imageSpec, &why);
+  auto in = OpenToRead(path, ReadConfig(), &imageSpec, &why, proxy);
   if (!in) {
     *error = "cannot read " + Quote(path) + ": " + why;
     return false;
   }
   if (!ClassifyFrame(path, imageSpec, &frame->info, error)) return false;
   frame->pixels.assign(static_cast<size_t>(imageSpec.width) * imageSpec.height * imageSpec.nchannels, 0.0f);
-  if (!in->read_image(0, 0, 0, imageSpec.nchannels, OIIO::TypeDesc::FLOAT, frame->pixels.data())) {
-    std::string e = in->geterror();
+  bool ok = in->read_image(0, 0, 0, imageSpec.nchannels, OIIO::TypeDesc::FLOAT, frame->pixels.data());
+  // Some readers fill what a truncated file lacks and only warn: any error they left counts.
+  std::string e = in->geterror();
+  if (!ok || !e.empty()) {
     *error = "cannot read " + Quote(path) + ": " + (e.empty() ? "read failed" : e);
+    frame->pixels = std::vector<float>();
     return false;
   }
   in->close();
   return true;
+}
+
+}  // namespace
+
+bool ReadFrame(const std::string& path, Frame* frame, std::string* error) {
+  return ReadFrameFrom(path, nullptr, frame, error);
+}
+
+bool ReadFrameFromMemory(const std::string& name, const void* bytes, size_t size, Frame* frame,
+                         std::string* error) {
+  if (size == 0) {
+    *error = "cannot read " + Quote(name) + ": the file is empty";
+    return false;
+  }
+  OIIO::Filesystem::IOMemReader proxy(bytes, size);
+  return ReadFrameFrom(name, &proxy, frame, error);
 }
 
 int64_t PackedFrameBytes(int32_t width, int32_t height, int32_t formatCode) {

@@ -37,6 +37,14 @@ bool ClassifyFrame(const std::string& path, const OIIO::ImageSpec& imageSpec, Fr
 // Opens the file and reads and classifies its header only.
 bool ReadFrameInfo(const std::string& path, FrameInfo* info, std::string* error);
 
+// Files that lie. Before any reader sees a path, a folder, anything but a regular file, and an
+// empty file are refused. A header is refused before any pixel memory is taken when it
+// describes deep data or more than kMaxFrameSamples samples (width x height x channels, 1 GiB
+// as floats: 8192 x 8192 x 4, or 16384 x 16384 x 1). A file whose pixels cannot all be decoded
+// (truncated, corrupted) is refused, also when the reader only warned. Every refusal is one
+// message that names the file.
+constexpr int64_t kMaxFrameSamples = int64_t{1} << 28;
+
 // A whole frame in memory: every channel as float, interleaved, rows packed, row 0 on top.
 // Samples are as stored: alpha is neither multiplied in nor divided out.
 struct Frame {
@@ -44,6 +52,10 @@ struct Frame {
   std::vector<float> pixels;
 };
 bool ReadFrame(const std::string& path, Frame* frame, std::string* error);
+// ReadFrame from `size` bytes in memory; `name` chooses the reader by its extension and names
+// the frame in messages.
+bool ReadFrameFromMemory(const std::string& name, const void* bytes, size_t size, Frame* frame,
+                         std::string* error);
 
 // Bytes of a packed plug-in frame (three channels, rows without padding).
 int64_t PackedFrameBytes(int32_t width, int32_t height, int32_t formatCode);

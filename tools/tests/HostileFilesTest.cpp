@@ -1,0 +1,228 @@
+// flowblur tool tests: files that lie (truncated, corrupted, empty, folders, headers that claim
+// enormous frames) give one message naming the file, and the batch host stops with exit code
+// 1 and writes nothing; a disk that fills mid-run names the frame that failed.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <cmath>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tools/ImageFiles.h"
+#include "tools/tests/ToolTestSupport.h"
+
+namespace flowblur {
+namespace {
+
+const char* const kExtensions[] = {"png", "jpg", "tif", "exr", "dpx"};
+
+// A small textured frame in one of the formats above, returned as the file's bytes.
+std::string ValidFile(const test::TempDir& dir, const std::string& ext, int32_t w = 48,
+                      int32_t h = 32) {
+  std::vector<float> pixels(static_cast<size_t>(w) * h * 3);
+  for (size_t i = 0; i < pixels.size(); ++i)
+    pixels[i] = 0.5f + 0.4f * std::sin(static_cast<float>(i) * 0.37f);
+  SampleDepth depth = ext == "exr" ? SampleDepth::kHalf : ext == "jpg" ? SampleDepth::k8
+                                                                        : SampleDepth::k16;
+  OIIO::ImageSpec spec(w, h, 3, TypeFor(depth));
+  std::string path = dir / ("valid." + ext), error;
+  unlink(path.c_str());
+  EXPECT_TRUE(WriteImageSafely(path, spec, OIIO::TypeDesc::FLOAT, pixels.data(), true, &error))
+      << error;
+  std::ifstream in(path, std::ios::binary);
+  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  unlink(path.c_str());
+  return bytes;
+}
+
+void Put(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+uint32_t Crc32(const std::string& bytes, size_t from, size_t to) {
+  uint32_t crc = 0xFFFFFFFFu;
+  for (size_t i = from; i < to; ++i) {
+    crc ^= static_cast<uint8_t>(bytes[i]);
+    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+  }
+  return ~crc;
+}
+
+void PutBigEndian(std::string* bytes, size_t at, uint32_t v) {
+  for (int k = 0; k < 4; ++k) (*bytes)[at + k] = static_cast<char>(v >> (24 - 8 * k));
+}
+
+// The variants of one valid file that must all be refused.
+std::vector<std::pair<std::string, std::string>> Lies(const std::string& ext,
+                                                      const std::string& valid) {
+  std::vector<std::pair<std::string, std::string>> lies = {
+      {"empty", ""},
+      {"header only", valid.substr(0, 24)},
+      {"cut in half", valid.substr(0, valid.size() / 2)},
+      {"last bytes missing", valid.substr(0, valid.size() - 16)},
+  };
+  if (ext == "png") {
+    // IHDR claims 100000 x 100000, with a correct checksum so that only the size lies.
+    std::string huge = valid;
+    PutBigEndian(&huge, 16, 100000);
+    PutBigEndian(&huge, 20, 100000);
+    PutBigEndian(&huge, 29, Crc32(huge, 12, 29));
+    lies.push_back({"claims 100000x100000", huge});
+  }
+  if (ext == "dpx") {
+    std::string huge = valid;
+    PutBigEndian(&huge, 772, 100000);  // pixels per line
+    PutBigEndian(&huge, 776, 100000);  // lines per element
+    lies.push_back({"claims 100000x100000", huge});
+  }
+  return lies;
+}
+
+TEST(HostileFiles, EveryLieIsOneMessageNamingTheFile) {
+  test::TempDir dir;
+  for (const char* ext : kExtensions) {
+    const std::string valid = ValidFile(dir, ext);
+    ASSERT_GT(valid.size(), 200u) << ext;
+    for (const auto& [what, bytes] : Lies(ext, valid)) {
+      SCOPED_TRACE(std::string(ext) + ": " + what);
+      const std::string path = dir / ("frame.0001." + std::string(ext));
+      Put(path, bytes);
+      Frame frame;
+      std::string error;
+      EXPECT_FALSE(ReadFrame(path, &frame, &error));
+      EXPECT_EQ(error.find("'" + path + "'"), error.find('\'')) << error;
+      EXPECT_NE(error.find("'" + path + "'"), std::string::npos) << error;
+      EXPECT_TRUE(frame.pixels.empty());
+      // The same bytes from memory, as the fuzz target reads them.
+      Frame fromMemory;
+      std::string memoryError;
+      EXPECT_FALSE(ReadFrameFromMemory("mem." + std::string(ext), bytes.data(), bytes.size(),
+                                       &fromMemory, &memoryError));
+      EXPECT_NE(memoryError.find("'mem." + std::string(ext) + "'"), std::string::npos);
+      // The PNG reader passes the claimed size on (and it is refused as too large); the DPX
+      // reader already rejects the header itself.
+      if (what.find("claims") == 0 && std::string(ext) == "png") {
+        EXPECT_NE(error.find("claims 100000x100000 pixels"), std::string::npos) << error;
+      }
+    }
+    // The valid file itself reads, from disk and from memory alike.
+    Frame a, b;
+    std::string error;
+    Put(dir / ("ok." + std::string(ext)), valid);
+    ASSERT_TRUE(ReadFrame(dir / ("ok." + std::string(ext)), &a, &error)) << error;
+    ASSERT_TRUE(ReadFrameFromMemory("ok." + std::string(ext), valid.data(), valid.size(), &b,
+                                    &error))
+        << error;
+    EXPECT_EQ(a.pixels, b.pixels);
+  }
+}
+
+TEST(HostileFiles, FoldersAndSpecialFilesAreNotRead) {
+  test::TempDir dir;
+  mkdir((dir / "frame.0001.png").c_str(), 0755);
+  Frame frame;
+  std::string error;
+  EXPECT_FALSE(ReadFrame(dir / "frame.0001.png", &frame, &error));
+  EXPECT_EQ(error, "cannot read '" + dir / "frame.0001.png" + "': it is a folder, not an image file");
+  EXPECT_FALSE(ReadFrame("/dev/null", &frame, &error));
+  EXPECT_EQ(error, "cannot read '/dev/null': it is not a regular file");
+  FrameInfo info;
+  EXPECT_FALSE(ReadFrameInfo(dir / "frame.0001.png", &info, &error));
+}
+
+// Corruption inside the pixel data may go unnoticed by a format (an uncompressed TIFF has no
+// checksum); what matters is that nothing crashes and a refusal names the file.
+TEST(HostileFiles, CorruptedBytesNeverCrash) {
+  test::TempDir dir;
+  for (const char* ext : kExtensions) {
+    const std::string valid = ValidFile(dir, ext);
+    for (size_t step : {7u, 13u, 61u}) {
+      std::string bytes = valid;
+      for (size_t i = 16; i < bytes.size(); i += step) bytes[i] = static_cast<char>(bytes[i] ^ 0x5A);
+      Frame frame;
+      std::string error;
+      if (!ReadFrameFromMemory("c." + std::string(ext), bytes.data(), bytes.size(), &frame,
+                               &error))
+        EXPECT_NE(error.find("'c." + std::string(ext) + "'"), std::string::npos) << error;
+      else
+        EXPECT_EQ(frame.pixels.size(), static_cast<size_t>(frame.info.width) *
+                                           frame.info.height * frame.info.channels);
+    }
+  }
+}
+
+test::RunResult Flowblur(const std::vector<std::string>& args,
+                         const test::RunOptions& options = test::RunOptions()) {
+  return test::RunCommand(FLOWBLUR_EXE, args, options);
+}
+
+// Through the batch host: the lie in the sequence's first frame, a good second frame.
+TEST(HostileFiles, TheBatchHostStopsWithCodeOneAndWritesNothing) {
+  for (const char* ext : kExtensions) {
+    test::TempDir dir;
+    const std::string valid = ValidFile(dir, ext);
+    std::vector<std::pair<std::string, std::string>> cases = Lies(ext, valid);
+    cases.push_back({"folder", ""});
+    for (const auto& [what, bytes] : cases) {
+      SCOPED_TRACE(std::string(ext) + ": " + what);
+      const std::string first = dir / ("in.0001." + std::string(ext));
+      test::TempDir::Remove(first);
+      if (what == "folder")
+        mkdir(first.c_str(), 0755);
+      else
+        Put(first, bytes);
+      Put(dir / ("in.0002." + std::string(ext)), valid);
+      auto before = test::Names(test::Snapshot(dir.path()));
+      test::RunResult r = Flowblur({dir / ("in.%04d." + std::string(ext)),
+                                    dir / ("o.%04d." + std::string(ext)), "-q"});
+      EXPECT_EQ(r.exitCode, 1) << r.err;
+      EXPECT_NE(r.err.find("'" + first + "'"), std::string::npos) << r.err;
+      // One line of ours; the PNG library may add its own line before it.
+      int32_t ours = 0;
+      std::istringstream lines(r.err);
+      for (std::string line; std::getline(lines, line);) ours += line.rfind("libpng ", 0) != 0;
+      EXPECT_EQ(ours, 1) << r.err;
+      EXPECT_EQ(test::Names(test::Snapshot(dir.path())), before);
+    }
+  }
+}
+
+// Frame 1 is flat (its output compresses to little), frames 2 and 3 are noise: a file-size
+// limit between the two lets the first frame through and stops the second.
+TEST(HostileFiles, ADiskFullMidRunNamesTheFrameAndLeavesNoPartialFile) {
+  test::TempDir dir;
+  const int32_t w = 64, h = 48;
+  for (int32_t t = 1; t <= 3; ++t) {
+    std::vector<float> pixels(static_cast<size_t>(w) * h * 3, 0.5f);
+    uint32_t seed = 12345u * static_cast<uint32_t>(t);
+    if (t > 1)
+      for (float& v : pixels) {
+        seed = seed * 1664525u + 1013904223u;
+        v = static_cast<float>(seed >> 8) / 16777216.0f;
+      }
+    std::string error, path = dir / ("in.000" + std::to_string(t) + ".png");
+    ASSERT_TRUE(WriteImageSafely(path, OIIO::ImageSpec(w, h, 3, OIIO::TypeDesc::UINT8),
+                                 OIIO::TypeDesc::FLOAT, pixels.data(), false, &error));
+  }
+  struct stat flat, noisy;
+  ASSERT_EQ(stat((dir / "in.0001.png").c_str(), &flat), 0);
+  ASSERT_EQ(stat((dir / "in.0002.png").c_str(), &noisy), 0);
+  ASSERT_LT(flat.st_size * 4, noisy.st_size);
+  test::RunOptions options;
+  options.fileSizeLimit = noisy.st_size / 2;
+  test::RunResult r = Flowblur({dir / "in.%04d.png", dir / "out.%04d.png", "--amount", "0"},
+                               options);
+  EXPECT_EQ(r.exitCode, 3) << r.err;
+  EXPECT_NE(r.err.find("cannot write '" + dir / "out.0002.png" + "'"), std::string::npos)
+      << r.err;
+  EXPECT_NE(r.err.find("1 of 3 frames written"), std::string::npos) << r.err;
+  std::vector<std::string> names = test::Names(test::Snapshot(dir.path()));
+  EXPECT_EQ(names, (std::vector<std::string>{"in.0001.png", "in.0002.png", "in.0003.png",
+                                             "out.0001.png"}));
+}
+
+}  // namespace
+}  // namespace flowblur
