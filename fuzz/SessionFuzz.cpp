@@ -2,6 +2,7 @@
 // and out of the design, with guard zones around every host buffer checked after each call.
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdio>
@@ -111,6 +112,17 @@ void* FailingPlane(size_t bytes) {
 }
 void NoPause(uint32_t) {}
 
+// FLOWBLUR_FUZZ_VERBOSE=1 describes each session on stderr, to read a failing input.
+bool Verbose() {
+  static const bool verbose = std::getenv("FLOWBLUR_FUZZ_VERBOSE") != nullptr;
+  return verbose;
+}
+
+std::string Describe(const FrameLayout& l) {
+  return std::to_string(l.width) + "x" + std::to_string(l.height) + " format " +
+         std::to_string(l.formatCode) + " stride " + std::to_string(l.stride);
+}
+
 [[noreturn]] void Fail(const std::string& what) {
   std::fprintf(stderr, "flowblur session fuzz: %s\n", what.c_str());
   std::abort();
@@ -170,7 +182,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   gPlanesLeft = (faults & 0x20) ? in.ConsumeIntegralInRange<int64_t>(0, 2) : -1;
   SparkSetPlaneAllocator((faults & 0x20) ? FailingPlane : nullptr);
 
+  if (Verbose()) {
+    for (int32_t clip = 0; clip < 2; ++clip)
+      std::fprintf(stderr, "clip %d: %s, %d frames\n", clip,
+                   Describe(sparkhost::ClipLayout(clip)).c_str(), sparkhost::ClipFrames(clip));
+    for (int32_t id : {1, 2, 3, 4})
+      std::fprintf(stderr, "buffer %d: %s\n", id, Describe(sparkhost::BufferLayout(id)).c_str());
+    std::fprintf(stderr, "processors %d, faults 0x%02x\n", sparkhost::Processors(), faults);
+  }
+
   const int32_t calls = in.ConsumeIntegralInRange<int32_t>(1, 3);
+  int64_t cleared = 0;
   for (int32_t call = 0; call < calls; ++call) {
     SparkFloat0.value = PickAmount(in);
     SparkPup1.value = in.ConsumeBool() ? in.ConsumeIntegralInRange<int32_t>(0, 1)
@@ -183,12 +205,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (in.ConsumeIntegralInRange<int32_t>(0, 5) == 0) info.FrameBytes = in.ConsumeIntegral<int32_t>();
     if (in.ConsumeIntegralInRange<int32_t>(0, 5) == 0) info.FormatCode = PickFormat(in);
 
+    if (Verbose())
+      std::fprintf(stderr,
+                   "call: frame %d amount %g pup %d back %d bypass %d processors %d bytes %d "
+                   "format %d\n",
+                   info.FrameNo, static_cast<double>(SparkFloat0.value), SparkPup1.value,
+                   SparkBoolean2.value, info.ControlsBypass, info.ProcessorCount, info.FrameBytes,
+                   info.FormatCode);
     const size_t notesBefore = sparkhost::Notes().size();
     void* got = in.ConsumeBool() ? sparkCallback(1, info) : SparkProcess(info);
     void* result = sparkhost::BufferPixels(sparkhost::kResultBuffer);
     if (got && got != result) Fail("SparkProcess returned a pointer that is not the result");
-    // Every message of the driver comes with a clearing of FrameBytes bytes.
-    int64_t cleared = sparkhost::Notes().size() > notesBefore ? info.FrameBytes : 0;
+    // Every message of the driver comes with a clearing of FrameBytes bytes, and what one
+    // call cleared stays cleared through the session.
+    if (sparkhost::Notes().size() > notesBefore) cleared = std::max<int64_t>(cleared, info.FrameBytes);
+    if (Verbose())
+      for (size_t k = notesBefore; k < sparkhost::Notes().size(); ++k)
+        std::fprintf(stderr, "  message: %s\n", sparkhost::Notes()[k].text.c_str());
     std::vector<std::string> damage = sparkhost::GuardDamage(cleared);
     if (!damage.empty()) Fail(damage.front());
   }
