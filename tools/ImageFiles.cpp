@@ -28,6 +28,8 @@ std::string OiioError(const std::string& fallback) {
   return e.empty() ? fallback : e;
 }
 
+constexpr int64_t kMaxSamplesPerByte = 4096;
+
 // Whether `path` is a regular file with something in it; false with the reason in `why`.
 bool CheckInputFile(const std::string& path, std::string* why) {
   struct stat st;
@@ -69,6 +71,19 @@ std::unique_ptr<OIIO::ImageInput> OpenToRead(const std::string& path,
   if (!in->open(path, *header, withProxy)) {
     std::string e = in->geterror();
     *why = e.empty() ? OiioError("unknown error") : e;
+    return nullptr;
+  }
+  // No format packs more than a few thousand samples into one byte of file (deflate stops
+  // near 1032:1, LZW below 2000:1): a header that claims more lies, and is refused before
+  // its pixels are given any memory.
+  const int64_t bytes = proxy ? static_cast<int64_t>(proxy->size())
+                              : static_cast<int64_t>(OIIO::Filesystem::file_size(path));
+  const int64_t samples = int64_t{std::max(header->width, 0)} * std::max(header->height, 0);
+  if (samples > bytes * kMaxSamplesPerByte ||
+      samples * std::max(header->nchannels, 1) > bytes * kMaxSamplesPerByte) {
+    *why = "its header claims " + std::to_string(header->width) + "x" +
+           std::to_string(header->height) + " pixels, far more than its " +
+           std::to_string(bytes) + " bytes can hold";
     return nullptr;
   }
   return in;

@@ -39,8 +39,9 @@ bool ReadFrameInfo(const std::string& path, FrameInfo* info, std::string* error)
 
 // Files that lie. Before any reader sees a path, a folder, anything but a regular file, and an
 // empty file are refused. A header is refused before any pixel memory is taken when it
-// describes deep data or more than kMaxFrameSamples samples (width x height x channels, 1 GiB
-// as floats: 8192 x 8192 x 4, or 16384 x 16384 x 1). A file whose pixels cannot all be decoded
+// describes deep data, more than kMaxFrameSamples samples (width x height x channels, 1 GiB
+// as floats: 8192 x 8192 x 4, or 16384 x 16384 x 1), or more than 4096 samples for each byte
+// of the file (no format compresses that far). A file whose pixels cannot all be decoded
 // (truncated, corrupted) is refused, also when the reader only warned. Every refusal is one
 // message that names the file.
 constexpr int64_t kMaxFrameSamples = int64_t{1} << 28;
