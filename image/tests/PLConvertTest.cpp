@@ -91,6 +91,7 @@ TEST(SampleConvert, PairsOutsideTheTableHaveNoRoutine) {
   EXPECT_EQ(PLGetSampleConverter(PLDouble, PLLong), nullptr);
   EXPECT_EQ(PLGetSampleConverter(PLFloat, 9), nullptr);
   EXPECT_EQ(PLGetSampleReader(-1), nullptr);
+  EXPECT_EQ(PLGetSampleReader(9), nullptr);
 }
 
 // ---- CopyResized ----
