@@ -117,6 +117,11 @@ std::vector<std::string> ChunkArguments(const BatchOptions& options, const ClipS
   args.insert(args.end(), {"--amount", amount, "--quality",
                            options.controls.quality == 1 ? "draft" : "best"});
   if (!options.motionFrom.empty()) args.insert(args.end(), {"--motion-from", Absolute(options.motionFrom)});
+  // Every task blurs in the same light as the rest.
+  if (options.colour.mode == ColourChoice::Mode::kNone)
+    args.insert(args.end(), {"--colorspace", "none"});
+  else if (options.colour.mode == ColourChoice::Mode::kNamed)
+    args.insert(args.end(), {"--colorspace", options.colour.name});
   if (options.haveOutDepth) args.insert(args.end(), {"--out-depth", DepthName(options.outDepth)});
   args.push_back(options.overwrite ? "--overwrite" : "--skip-existing");
   if (options.quiet) args.push_back("--quiet");

@@ -307,6 +307,8 @@ struct Setup {
   FramePlan plan;              // those frames
   std::vector<std::string> outputs;
   int64_t skipped = 0;
+  std::shared_ptr<ClipSource> source;  // the input's files or movie
+  std::shared_ptr<ClipSink> sink;      // a movie OUTPUT (files are written below)
 };
 
 std::string InputPath(const Setup& s, int64_t offset) {
@@ -322,8 +324,9 @@ int Resolve(const ResampleOptions& options, Setup* s) {
   s->input = range.input;
   s->output = range.output;
   s->clip = range.clip;
+  s->source = range.inputSource;
   std::string error;
-  if (!ReadFrameInfo(InputPath(*s, 0), &s->info, &error)) {
+  if (!s->source->ReadInfo(s->clip.first, &s->info, &error)) {
     Say(error);
     return kExitInput;
   }
@@ -336,7 +339,11 @@ int Choose(const ResampleOptions& options, Setup* s) {
     Say("the time map gives no output frames");
     return kExitUsage;
   }
-  if (all.size() > 1 && !s->output.numbered) {
+  if (IsMoviePattern(s->output) && options.skipExisting) {
+    Say("--skip-existing cannot resume movie output " + Quote(s->output.text));
+    return kExitUsage;
+  }
+  if (all.size() > 1 && !s->output.numbered && !IsMoviePattern(s->output)) {
     Say("output " + Quote(s->output.text) +
         " has no frame number (%04d or ####) but the run makes " + std::to_string(all.size()) +
         " frames");
@@ -372,13 +379,13 @@ int CheckInputs(Setup* s) {
   const std::string firstPath = InputPath(*s, 0);
   for (const FrameRead& read : s->plan.DistinctReads()) {
     const std::string path = InputPath(*s, read.offset);
-    if (access(path.c_str(), F_OK) != 0) {
+    if (!s->source->Exists(s->clip.first + read.offset)) {
       Say("input frame " + Quote(path) + " is missing (the sequence runs from " +
           std::to_string(s->clip.first) + " to " + std::to_string(s->clip.Last()) + ")");
       return kExitInput;
     }
     FrameInfo header;
-    if (!ReadFrameInfo(path, &header, &error)) {
+    if (!s->source->ReadInfo(s->clip.first + read.offset, &header, &error)) {
       Say(error);
       return kExitInput;
     }
@@ -474,7 +481,7 @@ int Loop(const ResampleOptions& options, Setup* s, int64_t storeBudget) {
   FrameCache cache(storeBudget);  // keyed by (offset in the clip, clip)
   auto load = [&](const FrameRead& read, Frame* frame, std::string* error) {
     const std::string path = InputPath(*s, read.offset);
-    if (!ReadFrame(path, frame, error)) return false;
+    if (!s->source->Read(s->clip.first + read.offset, frame, error)) return false;
     if (frame->info.width != s->info.width || frame->info.height != s->info.height) {
       *error = Quote(path) + " changed size while the run was under way";
       return false;
@@ -522,14 +529,19 @@ int Loop(const ResampleOptions& options, Setup* s, int64_t storeBudget) {
                             OIIO::TypeDesc::UINT8, rgb.data(), replace, &error))
         return Stopped(*s, &progress, error, kExitOutput);
     }
-    OIIO::ImageSpec spec =
-        OutputSpec(out.info, options.haveOutDepth ? options.outDepth : s->info.depth);
-    // PNG rows unfiltered (zlib at its default level): the encoder's search over row filters
-    // took two thirds of a whole run's time; files stay about as large as other tools' PNGs.
-    spec.attribute("png:filter", 8);  // PNG_FILTER_NONE
-    if (!WriteImageSafely(s->outputs[i], spec, OIIO::TypeDesc::FLOAT, out.pixels.data(),
-                          options.overwrite, &error))
-      return Stopped(*s, &progress, error, kExitOutput);
+    if (s->sink->IsMovie()) {
+      if (!s->sink->Write(s->outputs[i], out, options.overwrite, &error))
+        return Stopped(*s, &progress, error, kExitOutput);
+    } else {
+      OIIO::ImageSpec spec =
+          OutputSpec(out.info, options.haveOutDepth ? options.outDepth : s->info.depth);
+      // PNG rows unfiltered (zlib at its default level): the encoder's search over row filters
+      // took two thirds of a whole run's time; files stay about as large as other tools' PNGs.
+      spec.attribute("png:filter", 8);  // PNG_FILTER_NONE
+      if (!WriteImageSafely(s->outputs[i], spec, OIIO::TypeDesc::FLOAT, out.pixels.data(),
+                            options.overwrite, &error))
+        return Stopped(*s, &progress, error, kExitOutput);
+    }
     ++gResampleWritten;
     for (const FrameRead& read : planned.reads)
       if (lastUse[read] == i) cache.Drop(read.offset, read.clip);
@@ -544,6 +556,8 @@ int Loop(const ResampleOptions& options, Setup* s, int64_t storeBudget) {
     progress.Update(static_cast<int64_t>(i) + 1, planned.outputNumber);
   }
   progress.Break();
+  std::string error;
+  if (!s->sink->Finish(&error)) return Stopped(*s, &progress, error, kExitOutput);
   if (!options.quiet) {
     const size_t count = s->outputs.size();
     Say("wrote " + std::to_string(count) + (count == 1 ? " frame: " : " frames: ") +
@@ -569,7 +583,15 @@ int Run(const ResampleOptions& options, const PlanMaker& makePlan) {
   }
   int64_t budget = 0;
   std::vector<std::string> made;
-  if ((code = CheckInputs(&s)) != kExitOk || (code = CheckMemory(s, &budget)) != kExitOk ||
+  s.sink = std::make_shared<ClipSink>();
+  std::string error;
+  if ((code = CheckInputs(&s)) != kExitOk) return code;
+  if (!s.sink->Prepare(s.output, *s.source, s.info, options.haveOutDepth, options.outDepth,
+                       options.movie, &error)) {
+    Say(error);
+    return kExitOutput;
+  }
+  if ((code = CheckMemory(s, &budget)) != kExitOk ||
       (code = CheckOutputs(options, s, &made)) != kExitOk)
     return code;
   UseWorkers(options.threads, s.info.width, s.info.height);

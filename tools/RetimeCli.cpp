@@ -120,6 +120,22 @@ void RetimeCli::AddCommon(CLI::App* command, ResampleOptions* run, Common* commo
   command->add_option("--out-depth", common->outDepth,
                       "Output depth: 8, 16, half or float (default: input's)")
       ->check(CLI::IsMember({"8", "16", "half", "float"}));
+  command->add_option_function<std::string>(
+             "--codec",
+             [run](const std::string& text) {
+               run->movie.haveCodec = ParseMovieCodec(text, &run->movie.codec);
+             },
+             "Movie OUTPUT codec: h264 (lossy, default), ffv1 (lossless; .mkv, .avi), prores "
+             "(.mov, .mkv)")
+      ->check(CLI::IsMember({"h264", "ffv1", "prores"}));
+  command->add_option_function<int32_t>(
+             "--crf",
+             [run](const int32_t& crf) {
+               run->movie.crf = crf;
+               run->movie.haveCrf = true;
+             },
+             "h264 quality: constant rate factor, 0 (lossless) to 51 (default 18)")
+      ->check(CLI::Range(0, 51));
   command->add_flag("--overwrite", run->overwrite, "Replace existing output files");
   command->add_flag("--skip-existing", run->skipExisting,
                     "Leave frames whose output exists alone (to resume a stopped run)");
@@ -178,6 +194,12 @@ int RetimeCli::RunRetimeCommand() {
     o.haveRates = true;
     if (!ParseRate(fpsIn_, &o.rateIn, &error) || !ParseRate(fpsOut_, &o.rateOut, &error))
       return Usage("--fps-in/--fps-out: " + error);
+    // A movie OUTPUT plays at the output rate.
+    if (o.rateOut.numerator <= INT32_MAX && o.rateOut.denominator <= INT32_MAX) {
+      o.run.movie.haveRate = true;
+      o.run.movie.rate = {static_cast<int32_t>(o.rateOut.numerator),
+                          static_cast<int32_t>(o.rateOut.denominator)};
+    }
   }
   if (!o.timeMapFile.empty() && o.haveStart)
     return Usage("--start cannot be used with --timemap: the time map numbers the output frames");

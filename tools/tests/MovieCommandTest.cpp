@@ -172,6 +172,23 @@ TEST(MovieRuns, ASequenceInGivesAMovieAtTheRateAsked) {
     EXPECT_EQ(Levels(movie[f]), Levels(ReadFile(Numbered(dir / "seq.%04d.png", f + 1)))) << f;
 }
 
+TEST(MovieRuns, RetimeReadsAndWritesMoviesAtTheOutputRate) {
+  test::TempDir dir;
+  WriteMovie(dir / "in.mkv", 4, MovieCodec::kFfv1);
+  test::RunResult r = Flowblur({"retime", dir / "in.mkv", dir / "out.mkv", "--fps-in", "30",
+                                "--fps-out", "60", "--codec", "ffv1", "-q"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  MovieInfo info;
+  std::vector<Frame> movie = ReadMovie(dir / "out.mkv", &info);
+  EXPECT_EQ(info.rate.Value(), 60.0);
+  ASSERT_EQ(movie.size(), 7u);  // every source frame and one made between each pair
+  // Source frames come through as they were.
+  EXPECT_EQ(Levels(movie[2]), Levels(Picture(1)));
+  r = Flowblur({"retime", dir / "in.mkv", dir / "slow.%04d.png", "--speed", "0.5", "-q"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(test::Snapshot(dir.path()).count("slow.0007.png"), 1u);
+}
+
 // ---- Linear light
 
 TEST(LinearLightRuns, AStillFrameComesBackWithinOneLevel) {
@@ -251,6 +268,16 @@ TEST(LinearLightRuns, ANamedSpaceOfTheUsersConfiguration) {
                                    "srgb", "--amount", "1", "-q"});
   ASSERT_EQ(srgb.exitCode, 0) << srgb.err;
   EXPECT_NE(Levels(ReadFile(dir / "sq.0002.png")), Levels(ReadFile(dir / "s.0002.png")));
+}
+
+TEST(LinearLightRuns, FarmTasksBlurInTheLightAskedFor) {
+  test::TempDir dir;
+  WritePngs(dir / "in.%04d.png", 3);
+  test::RunResult r = Flowblur({"farm", "slurm", dir / "in.%04d.png", dir / "out/o.%04d.png",
+                                "--chunk", "2", "--colorspace", "none"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_NE(test::Snapshot(dir / "out")["flowblur-slurm.sh"].find("'--colorspace' 'none'"),
+            std::string::npos);
 }
 
 // ---- Refused: a message naming the file and the reason, the exit code, nothing written.
