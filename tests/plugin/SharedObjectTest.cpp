@@ -61,7 +61,7 @@ std::vector<std::string> Lines(const std::string& command) {
 std::string Bare(const std::string& symbol) { return symbol.substr(0, symbol.find('@')); }
 
 bool FromSanitizer(const std::string& name) {
-  for (const char* prefix : {"__asan", "__ubsan", "__sanitizer", "__lsan"})
+  for (const char* prefix : {"__asan", "__ubsan", "__sanitizer", "__lsan", "__tsan"})
     if (name.rfind(prefix, 0) == 0) return true;
   return false;
 }
@@ -83,7 +83,8 @@ TEST(SharedObject, ExportsExactlyTheHostFacingNames) {
 
 bool NeedsSanitizerRuntime() {
   for (const std::string& line : Lines(std::string("objdump -p '") + FLOWBLUR_SPARK_SO + "'"))
-    if (line.find("NEEDED") != std::string::npos && line.find("libasan") != std::string::npos)
+    if (line.find("NEEDED") != std::string::npos &&
+        (line.find("libasan") != std::string::npos || line.find("libtsan") != std::string::npos))
       return true;
   return false;
 }
@@ -129,7 +130,8 @@ TEST(SharedObject, LeavesOnlyHostAndSystemSymbolsUndefined) {
 
 TEST(SharedObject, NeedsOnlyTheSystemLibraries) {
   const char* allowed[] = {"libstdc++.so",  "libm.so",  "libgcc_s.so", "libc.so",
-                           "libpthread.so", "ld-linux", "libasan.so",  "libubsan.so"};
+                           "libpthread.so", "ld-linux", "libasan.so",  "libubsan.so",
+                           "libtsan.so"};
   int needed = 0;
   for (const std::string& line : Lines(std::string("objdump -p '") + FLOWBLUR_SPARK_SO + "'")) {
     std::istringstream in(line);
