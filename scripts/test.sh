@@ -62,7 +62,7 @@ for target in session file; do
   # The EXR reader itself may take about 2 GB on a hostile header before our checks see it.
   leaks=1 quarantine=256 rss=2048
   [ "$target" = file ] && leaks=0 quarantine=64 rss=4096
-  ASAN_OPTIONS="$ASAN_OPTIONS:quarantine_size_mb=$quarantine" \
+  ASAN_OPTIONS="$ASAN_OPTIONS:detect_leaks=$leaks:quarantine_size_mb=$quarantine" \
     build-fuzz/fuzz/flowblur_${target}_fuzz -max_total_time="${FLOWBLUR_FUZZ_SECONDS:-60}" \
     -detect_leaks=$leaks -rss_limit_mb=$rss -close_fd_mask=2 -print_final_stats=1 "$scratch" "fuzz/corpus/$target" \
     > "$scratch.log" 2>&1 || status=$?
