@@ -14,12 +14,14 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <set>
 #include <vector>
 
 #include "tools/FlowView.h"
 #include "tools/FrameCache.h"
+#include "tools/FramePipeline.h"
 #include "tools/Sequence.h"
 
 namespace flowblur {
@@ -94,14 +96,18 @@ std::string FlowName(const std::string& folder, int64_t fileFrame, const char* e
   return folder + name + ext;
 }
 
-// The written flow pictures: hue for direction, saturation for length, a legend wheel. Called
-// right after frame n went through the plug-in.
-bool WriteFlowFiles(ClipWindow& window, int64_t n, const ClipSpan& clip, const FrameInfo& info,
-                    const BatchOptions& options, bool replace, std::string* error) {
+// The plug-in's flow for frame n and the offsets of its pair, as the flow pictures show it.
+struct FrameFlow {
+  int64_t n = 0;
   FlowField flow;
-  int64_t first, second;
-  if (!window.PluginFlow(n, &flow.uv, &flow.width, &flow.height, &first, &second, error))
-    return false;
+  int64_t first = 0, second = 0;
+};
+
+// The written flow pictures: hue for direction, saturation for length, a legend wheel.
+bool WriteFlowFiles(const FrameFlow& frameFlow, const ClipSpan& clip, const FrameInfo& info,
+                    const BatchOptions& options, bool replace, std::string* error) {
+  const FlowField& flow = frameFlow.flow;
+  const int64_t n = frameFlow.n, first = frameFlow.first, second = frameFlow.second;
   // Shown as motion forward in time at the frame's own size, whichever way the pair runs.
   FlowField picture = ResampleFlow(flow, info.width, info.height);
   if (second < first)
@@ -154,6 +160,7 @@ struct RunSetup {
   int64_t cacheBudget = 0;
   LinearStage linear;                // linear light for the plug-in, or the stored values
   std::shared_ptr<ClipSink> sink;    // output files or the output movie
+  int32_t ioThreads = 0;             // --io-threads
 };
 
 std::string InputPath(const RunRange& range, const FrameRead& read) {
@@ -337,8 +344,13 @@ int CheckMemory(RunSetup* setup) {
   const double held = static_cast<double>(setup->plan.MostHeld());
   // Room for the frames the plan keeps, counted as the cache counts them.
   setup->cacheBudget = static_cast<int64_t>(held * (stored + 4096.0));
-  const double clips = setup->withBack ? 2.0 : 1.0;
-  const double need = (held + 1.0) * stored + (3.0 * clips + 4.0 + clips + 1.0) * packed +
+  // Beside the frames kept: the frames decoded ahead (with their packed copies), the frames
+  // waiting to be written (the input kept for its other channels, the output, the result), the
+  // host's four buffers and the packed copies of the frames kept.
+  const PipelineSettings pipeline = PipelineFor(setup->ioThreads);
+  const double ahead = pipeline.readAhead, behind = pipeline.writeBehind;
+  const double need = (held + 1.0 + ahead + 2.0 * behind) * stored +
+                      (held + ahead + behind + 4.0 + 1.0) * packed +
                       (setup->formatCode == 49 ? 3.0 * 12.0 * pixels : 0.0) + 16.0 * pixels;
   const double machine = static_cast<double>(sysconf(_SC_PHYS_PAGES)) * sysconf(_SC_PAGESIZE);
   if (machine > 0.0 && need > 0.75 * machine) {
@@ -355,23 +367,34 @@ int CheckMemory(RunSetup* setup) {
 }
 
 // The planned frames through the plug-in, in order, each input read once into the cache and
-// let go after its last use.
+// let go after its last use. The frames come next are decoded, and the finished ones encoded
+// and written, on the pipeline's I/O threads (--io-threads) while this thread runs the plug-in;
+// outcomes are taken in frame order, so the lines, the counts and the stops are those of a
+// run that does everything in turn.
 class FrameLoop {
  public:
   FrameLoop(const BatchOptions& options, const RunSetup& setup)
       : options_(options),
         setup_(setup),
         lastUse_(setup.plan.LastUse()),
-        window_(setup.info.width, setup.info.height, setup.formatCode, setup.plan.clip.count,
-                setup.withBack, options.threads, options.controls),
+        session_(setup.info.width, setup.info.height, setup.formatCode, setup.plan.clip.count,
+                 setup.withBack, options.threads, options.controls),
         cache_(setup.cacheBudget),
         progress_(options.progress && !options.quiet && isatty(2),
                   static_cast<int64_t>(setup.plan.frames.size())),
-        frameLines_(!options.quiet && !isatty(2)) {}
+        frameLines_(!options.quiet && !isatty(2)),
+        started_(setup.plan.frames.size()),
+        written_(setup.plan.frames.size(), false),
+        pipeline_(Settings(setup, options), setup.plan.DistinctReads(),
+                  [this](const FrameRead& read, Frame* frame, std::string* error) {
+                    return Load(read, frame, error);
+                  }) {}
 
   int Run() {
     const size_t count = setup_.plan.frames.size();
+    std::string failed;
     for (size_t i = 0; i < count; ++i) {
+      if (!RetireWrites(false, &failed)) return Stopped(failed, kExitOutput);
       if (gInterrupted.load()) return Stopped("interrupted", kExitInterrupted);
       if (int signal = gStopSignal.load())
         return Stopped(std::string("stopped by ") + (signal == SIGUSR1 ? "SIGUSR1" : "SIGTERM") +
@@ -380,6 +403,7 @@ class FrameLoop {
       int code = RenderFrame(i);
       if (code != kExitOk) return code;
     }
+    if (!RetireWrites(true, &failed)) return Stopped(failed, kExitOutput);
     progress_.Break();
     std::string error;
     if (!setup_.sink->Finish(&error)) return Stopped(error, kExitOutput);
@@ -395,6 +419,17 @@ class FrameLoop {
   }
 
  private:
+  // A movie decodes and encodes frame after frame: its lane of the pipeline is serial.
+  static PipelineSettings Settings(const RunSetup& setup, const BatchOptions& options) {
+    PipelineSettings settings = PipelineFor(options.ioThreads);
+    settings.serialReads = setup.range.inputSource->IsMovie() ||
+                           (setup.withBack && setup.range.backSource->IsMovie());
+    settings.serialWrites = setup.sink->IsMovie();
+    return settings;
+  }
+
+  // Runs on an I/O thread (or this one): the frame, its colour stage and its packed copy for
+  // the plug-in, so that this thread only runs the plug-in.
   bool Load(const FrameRead& read, Frame* frame, std::string* error) {
     const std::string path = InputPath(setup_.range, read);
     if (!SourceOf(setup_.range, read).Read(setup_.range.clip.first + read.offset, frame, error))
@@ -404,69 +439,141 @@ class FrameLoop {
       return false;
     }
     setup_.linear.In(frame);
+    auto bytes = std::make_shared<std::vector<uint8_t>>(
+        static_cast<size_t>(session_.FrameBytes()));
+    PackColour(*frame, setup_.formatCode, bytes->data());
+    std::lock_guard<std::mutex> lock(packedMutex_);
+    packed_[read] = std::move(bytes);
     return true;
   }
 
+  // The packed copy Load made of a frame in the cache.
+  std::shared_ptr<const std::vector<uint8_t>> PackedOf(const FrameRead& read, const Frame& frame) {
+    {
+      std::lock_guard<std::mutex> lock(packedMutex_);
+      auto it = packed_.find(read);
+      if (it != packed_.end()) return it->second;
+    }
+    auto bytes = std::make_shared<std::vector<uint8_t>>(static_cast<size_t>(session_.FrameBytes()));
+    PackColour(frame, setup_.formatCode, bytes->data());
+    std::lock_guard<std::mutex> lock(packedMutex_);
+    packed_[read] = bytes;
+    return bytes;
+  }
+
   int RenderFrame(size_t i) {
-    const auto started = std::chrono::steady_clock::now();
+    started_[i] = std::chrono::steady_clock::now();
     const PlannedFrame& planned = setup_.plan.frames[i];
     std::string error;
     std::map<FrameRead, std::shared_ptr<const Frame>> inputs;
-    std::map<FrameRead, const uint8_t*> packed;
-    for (size_t r = 0; r < planned.reads.size(); ++r) {
-      const FrameRead& read = planned.reads[r];
+    std::map<FrameRead, std::shared_ptr<const std::vector<uint8_t>>> packed;
+    for (const FrameRead& read : planned.reads) {
       auto frame = cache_.Get(
           read.offset, read.clip,
-          [&](Frame* into, std::string* why) { return Load(read, into, why); }, &error);
+          [&](Frame* into, std::string* why) { return pipeline_.Take(read, into, why); }, &error);
       if (!frame) return Stopped(error, kExitInput);
       inputs[read] = frame;
-      // Packed again at each use: cheap beside the flow, and the cache holds one form only.
-      if (packed_.size() <= r) packed_.emplace_back(static_cast<size_t>(window_.FrameBytes()));
-      PackColour(*frame, setup_.formatCode, packed_[r].data());
-      packed[read] = packed_[r].data();
+      packed[read] = PackedOf(read, *frame);
     }
-    const void* result = window_.Process(
+    const void* result = session_.Process(
         planned.offset,
         [&](int32_t clip, int64_t offset) -> const void* {
           auto it = packed.find({clip, offset});
-          return it == packed.end() ? nullptr : it->second;
+          return it == packed.end() ? nullptr : it->second->data();
         },
         &error);
     if (!result)
       return Stopped("frame " + Quote(InputPath(setup_.range, {kFrontClip, planned.offset})) +
                          ": " + error,
                      kExitPlugin);
-    // Other channels come from the input frame as stored.
-    Frame out = *inputs.at({kFrontClip, planned.offset});
-    UnpackColour(result, setup_.formatCode, &out);
-    setup_.linear.Out(&out);
-    const bool replace = options_.overwrite || options_.skipExisting;
-    if (!options_.flowFolder.empty() &&
-        !WriteFlowFiles(window_, planned.offset, setup_.plan.clip, setup_.info, options_, replace,
-                        &error))
-      return Stopped(error, kExitOutput);
-    const std::string& path = setup_.outputs[i];
-    if (!setup_.sink->Write(path, out, options_.overwrite, &error))
-      return Stopped(error, kExitOutput);
-    ++gFramesWritten;
-    for (const FrameRead& read : planned.reads)
-      if (lastUse_[read] == i) cache_.Drop(read.offset, read.clip);
-    const int64_t number = planned.outputNumber;
-    if (frameLines_) {
-      const double seconds =
-          std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-      char text[64];
-      std::snprintf(text, sizeof text, "frame %lld done in %.2f s: ", static_cast<long long>(number),
-                    seconds);
-      Say(text + path);
+    // The plug-in's flow is computed here, by its own calls; drawn and written with the frame.
+    std::shared_ptr<FrameFlow> flow;
+    if (!options_.flowFolder.empty()) {
+      flow = std::make_shared<FrameFlow>();
+      flow->n = planned.offset;
+      if (!session_.PluginFlow(planned.offset, &flow->flow.uv, &flow->flow.width,
+                               &flow->flow.height, &flow->first, &flow->second, &error))
+        return Stopped(error, kExitOutput);
     }
-    progress_.Update(static_cast<int64_t>(i) + 1, number);
+    auto bytes = std::make_shared<std::vector<uint8_t>>(
+        static_cast<const uint8_t*>(result),
+        static_cast<const uint8_t*>(result) + session_.FrameBytes());
+    // Other channels come from the input frame as stored.
+    std::shared_ptr<const Frame> input = inputs.at({kFrontClip, planned.offset});
+    pipeline_.Write([this, i, input, bytes, flow](std::string* error) {
+      Frame out = *input;
+      UnpackColour(bytes->data(), setup_.formatCode, &out);
+      setup_.linear.Out(&out);
+      const bool replace = options_.overwrite || options_.skipExisting;
+      if (flow && !WriteFlowFiles(*flow, setup_.plan.clip, setup_.info, options_, replace, error))
+        return false;
+      return setup_.sink->Write(setup_.outputs[i], out, options_.overwrite, error);
+    });
+    for (const FrameRead& read : planned.reads)
+      if (lastUse_[read] == i) {
+        cache_.Drop(read.offset, read.clip);
+        std::lock_guard<std::mutex> lock(packedMutex_);
+        packed_.erase(read);
+      }
     return kExitOk;
   }
 
+  // The outcomes of finished writes (each planned frame queues one, in order): a line a
+  // frame, the progress and the count. False with the first failure's message; the writes
+  // queued after it are then dropped.
+  bool RetireWrites(bool wait, std::string* failed) {
+    FramePipeline::Outcome outcome;
+    while (pipeline_.Retire(wait, &outcome)) {
+      const size_t i = static_cast<size_t>(outcome.number);
+      if (!outcome.ok) {
+        if (failed->empty()) {
+          *failed = outcome.error;
+          pipeline_.CancelQueuedWrites();
+        }
+        continue;
+      }
+      ++gFramesWritten;
+      written_[i] = true;
+      const int64_t number = setup_.plan.frames[i].outputNumber;
+      if (frameLines_) {
+        const double seconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - started_[i]).count();
+        char text[64];
+        std::snprintf(text, sizeof text, "frame %lld done in %.2f s: ",
+                      static_cast<long long>(number), seconds);
+        Say(text + setup_.outputs[i]);
+      }
+      progress_.Update(gFramesWritten, number);
+    }
+    return failed->empty();
+  }
+
+  // The frames written, for the closing line: "a to b", and any written after a gap.
+  std::string WrittenText() const {
+    std::string text;
+    size_t i = 0;
+    while (i < written_.size()) {
+      if (!written_[i]) {
+        ++i;
+        continue;
+      }
+      size_t last = i;
+      while (last + 1 < written_.size() && written_[last + 1]) ++last;
+      text += (text.empty() ? "" : ", ") + setup_.outputs[i] +
+              (last > i ? " to " + setup_.outputs[last] : "");
+      i = last + 1;
+    }
+    return text;
+  }
+
+  // Stops the run: the frames already queued are written first (a stop comes after whole
+  // frames), then the reason and what was written.
   int Stopped(const std::string& why, int code) {
+    std::string failed;
+    RetireWrites(true, &failed);
     progress_.Break();
     Say(why);
+    if (!failed.empty() && failed != why) Say(failed);
     const int64_t count = static_cast<int64_t>(setup_.plan.frames.size());
     if (setup_.sink->IsMovie()) {
       // The unfinished movie goes with the run (its temporary file is removed).
@@ -476,20 +583,22 @@ class FrameLoop {
     }
     if (gFramesWritten > 0 || count > 1)
       Say(std::to_string(gFramesWritten) + " of " + std::to_string(count) + " frames written" +
-          (gFramesWritten > 0 ? " (" + setup_.outputs[0] + " to " +
-                                    setup_.outputs[static_cast<size_t>(gFramesWritten - 1)] + ")"
-                              : ""));
+          (gFramesWritten > 0 ? " (" + WrittenText() + ")" : ""));
     return code;
   }
 
   const BatchOptions& options_;
   const RunSetup& setup_;
   std::map<FrameRead, size_t> lastUse_;
-  ClipWindow window_;
+  ClipSession session_;
   FrameCache cache_;  // keyed by (offset in the clip, clip)
-  std::vector<std::vector<uint8_t>> packed_;  // one a read of a frame, reused
+  std::mutex packedMutex_;
+  std::map<FrameRead, std::shared_ptr<const std::vector<uint8_t>>> packed_;  // by Load
   Progress progress_;
   bool frameLines_;
+  std::vector<std::chrono::steady_clock::time_point> started_;
+  std::vector<bool> written_;
+  FramePipeline pipeline_;  // last: ended first, while what its jobs use is alive
 };
 
 // Temporary files a killed run left beside the outputs this run is about to write: hidden
@@ -526,6 +635,7 @@ void RemoveStaleTemporaries(const RunSetup& setup) {
 }
 
 int RunPlanned(const BatchOptions& options, RunSetup* setup) {
+  setup->ioThreads = options.ioThreads;
   int code = ResolveRunRange(options, &setup->range);
   if (code == kExitOk) code = PlanRun(options, setup);
   if (code != kExitOk) return code;

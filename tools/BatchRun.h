@@ -47,6 +47,9 @@ struct BatchOptions {
   int64_t clipFirst = 0, clipLast = 0;
   PluginControls controls;
   int32_t threads = 1;  // 1 to 127
+  // Threads that decode the frames to come and encode and write finished ones beside the
+  // plug-in (tools/FramePipeline.h); 0: everything in turn on one thread.
+  int32_t ioThreads = 0;
   bool haveOutDepth = false;
   SampleDepth outDepth = SampleDepth::k8;
   bool overwrite = false;
