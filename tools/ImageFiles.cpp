@@ -22,6 +22,10 @@ std::string Lower(std::string s) {
   return s;
 }
 
+// A reader's error text may run over several lines (each library layer adds its own): the
+// first says what went wrong, and one message is one line.
+std::string FirstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
+
 // OIIO keeps its last error per thread; reading it also clears it.
 std::string OiioError(const std::string& fallback) {
   std::string e = OIIO::geterror();
@@ -70,7 +74,7 @@ std::unique_ptr<OIIO::ImageInput> OpenToRead(const std::string& path,
   }
   if (!in->open(path, *header, withProxy)) {
     std::string e = in->geterror();
-    *why = e.empty() ? OiioError("unknown error") : e;
+    *why = FirstLine(e.empty() ? OiioError("unknown error") : e);
     return nullptr;
   }
   // No format packs more than a few thousand samples into one byte of file (deflate stops
@@ -263,7 +267,7 @@ bool ReadFrameFrom(const std::string& path, OIIO::Filesystem::IOProxy* proxy, Fr
   // Some readers fill what a truncated file lacks and only warn: any error they left counts.
   std::string e = in->geterror();
   if (!ok || !e.empty()) {
-    *error = "cannot read " + Quote(path) + ": " + (e.empty() ? "read failed" : e);
+    *error = "cannot read " + Quote(path) + ": " + (e.empty() ? "read failed" : FirstLine(e));
     frame->pixels = std::vector<float>();
     return false;
   }
