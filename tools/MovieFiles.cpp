@@ -112,8 +112,10 @@ bool IsMoviePath(const std::string& path) {
   size_t dot = path.rfind('.');
   if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return false;
   const std::string ext = Lower(path.substr(dot + 1));
-  for (const char* movie : {"mp4", "mov", "mkv", "avi", "m4v", "webm", "mpg", "mpeg", "ts",
-                            "mts", "m2ts", "mxf", "flv", "wmv", "ogv"})
+  // Every name OpenImageIO's own movie reader would take is here too (it reads a movie as
+  // single frames and leaks inside libavutil): none of them reaches it.
+  for (const char* movie : {"mp4", "mov", "qt", "mkv", "avi", "m4v", "m4a", "3gp", "3g2", "mj2",
+                            "webm", "mpg", "mpeg", "ts", "mts", "m2ts", "mxf", "flv", "wmv", "ogv"})
     if (ext == movie) return true;
   return false;
 }

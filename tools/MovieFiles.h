@@ -9,9 +9,9 @@
 
 namespace flowblur {
 
-// Whether `path` names a movie by its extension (.mp4, .mov, .mkv, .avi, .m4v, .webm, .mpg,
-// .mpeg, .ts, .mts, .m2ts, .mxf, .flv, .wmv, .ogv; any case). Everything else is an image
-// file or a sequence of them.
+// Whether `path` names a movie by its extension (.mp4, .mov, .qt, .mkv, .avi, .m4v, .m4a,
+// .3gp, .3g2, .mj2, .webm, .mpg, .mpeg, .ts, .mts, .m2ts, .mxf, .flv, .wmv, .ogv; any case).
+// Everything else is an image file or a sequence of them.
 bool IsMoviePath(const std::string& path);
 
 // Frames a second as a fraction.
