@@ -385,6 +385,8 @@ class FrameLoop {
         frameLines_(!options.quiet && !isatty(2)),
         started_(setup.plan.frames.size()),
         written_(setup.plan.frames.size(), false),
+        packedBytes_(static_cast<size_t>(
+            PackedFrameBytes(setup.info.width, setup.info.height, setup.formatCode))),
         pipeline_(Settings(setup, options), setup.plan.DistinctReads(),
                   [this](const FrameRead& read, Frame* frame, std::string* error) {
                     return Load(read, frame, error);
@@ -439,8 +441,7 @@ class FrameLoop {
       return false;
     }
     setup_.linear.In(frame);
-    auto bytes = std::make_shared<std::vector<uint8_t>>(
-        static_cast<size_t>(session_.FrameBytes()));
+    auto bytes = std::make_shared<std::vector<uint8_t>>(packedBytes_);
     PackColour(*frame, setup_.formatCode, bytes->data());
     std::lock_guard<std::mutex> lock(packedMutex_);
     packed_[read] = std::move(bytes);
@@ -454,7 +455,7 @@ class FrameLoop {
       auto it = packed_.find(read);
       if (it != packed_.end()) return it->second;
     }
-    auto bytes = std::make_shared<std::vector<uint8_t>>(static_cast<size_t>(session_.FrameBytes()));
+    auto bytes = std::make_shared<std::vector<uint8_t>>(packedBytes_);
     PackColour(frame, setup_.formatCode, bytes->data());
     std::lock_guard<std::mutex> lock(packedMutex_);
     packed_[read] = bytes;
@@ -598,6 +599,7 @@ class FrameLoop {
   bool frameLines_;
   std::vector<std::chrono::steady_clock::time_point> started_;
   std::vector<bool> written_;
+  const size_t packedBytes_;  // of a packed frame; the I/O threads do not ask the host
   FramePipeline pipeline_;  // last: ended first, while what its jobs use is alive
 };
 

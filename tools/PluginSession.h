@@ -135,7 +135,5 @@ class ClipSession {
   std::string missing_;    // a frame the plug-in asked for that `packed_` did not give
   PluginSession session_;  // last: its source refers to the members above
 };
-// Until every caller says ClipSession.
-using ClipWindow = ClipSession;
 
 }  // namespace flowblur

@@ -1,0 +1,135 @@
+#!/usr/bin/env bash
+# Batch throughput of `flowblur` at 1920x1080, end to end, beside what bounds it: the I/O floor
+# (oiiotool transcoding the same sequence: decode and encode, nothing else) and the plug-in
+# alone (SparkProcess on 1080p frames, times the frame count). For 8-bit PNG, 16-bit TIFF and
+# half-float EXR; all timed in one run, so that the figures share the machine's load.
+#
+#   bench/batch_throughput.sh [--flowblur EXE] [--before EXE] [--bench EXE] [--frames N]
+#                             [--threads N] [--io-threads N] [--repeat N] [--work DIR]
+#
+#   --flowblur EXE  the build to time (default: build/tools/flowblur)
+#   --before EXE    another build timed beside it, e.g. one without the I/O pipeline
+#   --bench EXE     flowblur_bench, for the plug-in alone (default: build/bench/flowblur_bench;
+#                   configure with -DFLOWBLUR_BENCH=ON); without it that column is empty
+#   --frames N      frames of the demo clip (default 12)
+#   --threads N     processors lent to the plug-in, in every run (default 2)
+#   --io-threads N  passed to the timed build when it has the option (default: its own)
+#   --repeat N      runs of each command; the fastest counts (default 1)
+#   --work DIR      scratch folder (default: a new one under $TMPDIR), removed at the end
+#
+# oiiotool comes from Debian's openimageio-tools, installed here when missing (for this
+# benchmark only; flowblur itself links the library). Ratios are end-to-end time over the
+# floor plus the plug-in alone: below 1.0 the run overlaps its I/O with the plug-in.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+flowblur=build/tools/flowblur
+before=""
+bench=build/bench/flowblur_bench
+frames=12
+threads=2
+io_threads=""
+repeat=1
+work=""
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --flowblur) flowblur=$2; shift 2 ;;
+    --before) before=$2; shift 2 ;;
+    --bench) bench=$2; shift 2 ;;
+    --frames) frames=$2; shift 2 ;;
+    --threads) threads=$2; shift 2 ;;
+    --io-threads) io_threads=$2; shift 2 ;;
+    --repeat) repeat=$2; shift 2 ;;
+    --work) work=$2; shift 2 ;;
+    -h|--help) sed -n '2,22p' "$0"; exit 0 ;;
+    *) echo "batch_throughput.sh: unknown argument $1" >&2; exit 2 ;;
+  esac
+done
+
+if ! command -v oiiotool > /dev/null; then
+  sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo=sudo
+  echo "== installing openimageio-tools (oiiotool), for this benchmark only"
+  $sudo apt-get install -y openimageio-tools > /dev/null
+fi
+[ -x "$flowblur" ] || { echo "batch_throughput.sh: no flowblur at $flowblur" >&2; exit 2; }
+
+if [ -z "$work" ]; then
+  work=$(mktemp -d "${TMPDIR:-/tmp}/flowblur-throughput-XXXXXX")
+  trap 'rm -rf "$work"' EXIT
+fi
+mkdir -p "$work"
+
+# Seconds a command takes, the fastest of --repeat runs; its output is thrown away. The
+# command's outputs are removed before each run so that every run writes them anew.
+seconds() {
+  local out=$1; shift
+  local best=""
+  for _ in $(seq "$repeat"); do
+    rm -rf "$out"; mkdir -p "$out"
+    local start=$EPOCHREALTIME
+    "$@" > /dev/null 2> "$work/last.log" || { cat "$work/last.log" >&2; return 1; }
+    local end=$EPOCHREALTIME
+    best=$(awk -v a="$start" -v b="$end" -v best="$best" \
+      'BEGIN { t = b - a; if (best == "" || t < best) best = t; printf "%.2f", best }')
+  done
+  echo "$best"
+}
+
+echo "== the demo clip at 1920x1080, $frames frames, as PNG, 16-bit TIFF and half EXR"
+"$flowblur" demo "$work/demo" --size 1920 --length "$frames" -q --threads "$threads" > /dev/null
+mkdir -p "$work/in"
+cp "$work"/demo/input/demo.*.png "$work/in/"
+last=$(printf '%04d' "$frames")
+oiiotool --frames "1-$frames" "$work/in/demo.%04d.png" -d uint16 -o "$work/in/demo.%04d.tif"
+oiiotool --frames "1-$frames" "$work/in/demo.%04d.png" -d half -o "$work/in/demo.%04d.exr"
+[ -f "$work/in/demo.$last.exr" ] || { echo "batch_throughput.sh: oiiotool made no EXR" >&2; exit 1; }
+
+# Options both builds understand, and the blur of the stored values in both (a build that
+# converts to linear light by default is told not to, so that both do the same work).
+common=(--threads "$threads" -q --overwrite)
+after_extra=()
+before_extra=()
+"$flowblur" --help 2>&1 | grep -q -- --colorspace && after_extra+=(--colorspace none)
+[ -n "$io_threads" ] && after_extra+=(--io-threads "$io_threads")
+if [ -n "$before" ]; then
+  "$before" --help 2>&1 | grep -q -- --colorspace && before_extra+=(--colorspace none)
+fi
+
+# The plug-in alone: SparkProcess on a 1080p frame of each format, Best quality, on the same
+# processors, times the frame count.
+plugin_ms() {
+  [ -x "$bench" ] || { echo ""; return; }
+  "$bench" --benchmark_filter="BM_SparkProcess/w:1920/h:1080/format:$1/draft:0/procs:$threads/" \
+    --benchmark_min_time=1 --benchmark_format=csv 2> /dev/null |
+    awk -F, '/BM_SparkProcess/ { print $3; exit }'
+}
+
+printf '\n%-6s %9s %9s %9s %9s %9s %11s %11s\n' format before after floor plug-in sum \
+  before/sum after/sum
+for case in png:24 tif:48 exr:49; do
+  ext=${case%%:*}
+  code=${case##*:}
+  in="$work/in/demo.%04d.$ext"
+  floor=$(seconds "$work/floor" oiiotool --frames "1-$frames" "$in" -o "$work/floor/o.%04d.$ext")
+  after=$(seconds "$work/after" "$flowblur" "$in" "$work/after/o.%04d.$ext" "${common[@]}" \
+    "${after_extra[@]}")
+  b="-"
+  if [ -n "$before" ]; then
+    b=$(seconds "$work/before" "$before" "$in" "$work/before/o.%04d.$ext" "${common[@]}" \
+      "${before_extra[@]}")
+    # The same bytes, or the comparison means nothing.
+    cmp -s <(cat "$work"/before/o.*."$ext") <(cat "$work"/after/o.*."$ext") ||
+      echo "batch_throughput.sh: $ext outputs of the two builds differ" >&2
+  fi
+  ms=$(plugin_ms "$code")
+  awk -v f="$ext" -v b="$b" -v a="$after" -v fl="$floor" -v ms="$ms" -v n="$frames" 'BEGIN {
+    p = ms == "" ? "" : ms * n / 1000.0
+    s = p == "" ? "" : fl + p
+    printf "%-6s %9s %9.2f %9.2f %9s %9s %11s %11s\n", f, b, a, fl,
+      p == "" ? "-" : sprintf("%.2f", p), s == "" ? "-" : sprintf("%.2f", s),
+      (s == "" || b == "-") ? "-" : sprintf("%.2f", b / s), s == "" ? "-" : sprintf("%.2f", a / s)
+  }'
+done
+echo
+echo "seconds for $frames frames at 1920x1080, --threads $threads; load average: $(cut -d' ' -f1-3 /proc/loadavg)"
