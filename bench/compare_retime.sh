@@ -78,10 +78,10 @@ compare_retime() { # NAME SOURCE_PATTERN (frames 1..N) N
   header
   pick "$(readlink -f "$(dirname "$src")")/$(basename "$src")" 1 2 "$kept" "$name/kept"
   pick "$(readlink -f "$(dirname "$src")")/$(basename "$src")" 2 2 "$lost" "$name/lost"
-  for spec in "flow best:--method flow" "flow draft:--method flow --quality draft" \
+  for entry in "flow best:--method flow" "flow draft:--method flow --quality draft" \
               "dissolve best:--method dissolve" "nearest best:--method nearest" \
               "blend (no flow):--method blend" "flow forward warp:--method flow --warp forward"; do
-    local label=${spec%%:*} args=${spec#*:}
+    local label=${entry%%:*} args=${entry#*:}
     local out=$name/fb-${label// /-}
     rm -rf "$out"
     # shellcheck disable=SC2086

@@ -120,8 +120,8 @@ bool ClipSink::Prepare(const SequencePattern& output, const ClipSource& input,
 bool ClipSink::Write(const std::string& path, const Frame& frame, bool overwrite,
                      std::string* error) {
   if (!movie_) {
-    OIIO::ImageSpec spec = OutputSpec(frame.info, depth_);
-    return WriteImageSafely(path, spec, OIIO::TypeDesc::FLOAT, frame.pixels.data(), overwrite,
+    OIIO::ImageSpec imageSpec = OutputSpec(frame.info, depth_);
+    return WriteImageSafely(path, imageSpec, OIIO::TypeDesc::FLOAT, frame.pixels.data(), overwrite,
                             error);
   }
   if (!writer_) {

@@ -407,16 +407,16 @@ bool MovieReader::Read(int64_t index, Frame* frame, std::string* error) {
   int strides[4] = {static_cast<int>(rowBytes), 0, 0, 0};
   sws_scale(s.scaler.get(), d->data, d->linesize, 0, d->height, planes, strides);
 
-  OIIO::ImageSpec spec(d->width, d->height, channels,
+  OIIO::ImageSpec imageSpec(d->width, d->height, channels,
                        sampleBytes == 1 ? OIIO::TypeDesc::UINT8 : OIIO::TypeDesc::UINT16);
   if (alpha) {
-    spec.channelnames = {"R", "G", "B", "A"};
-    spec.alpha_channel = 3;
+    imageSpec.channelnames = {"R", "G", "B", "A"};
+    imageSpec.alpha_channel = 3;
   }
-  spec.attribute("oiio:ColorSpace", info_.colourSpace);
+  imageSpec.attribute("oiio:ColorSpace", info_.colourSpace);
   const int rate[2] = {info_.rate.numerator, info_.rate.denominator};
-  spec.attribute("FramesPerSecond", OIIO::TypeRational, rate);
-  if (!ClassifyFrame(info_.path, spec, &frame->info, error)) return false;
+  imageSpec.attribute("FramesPerSecond", OIIO::TypeRational, rate);
+  if (!ClassifyFrame(info_.path, imageSpec, &frame->info, error)) return false;
   const size_t samples = static_cast<size_t>(d->width) * d->height * channels;
   frame->pixels.resize(samples);
   if (sampleBytes == 1) {
