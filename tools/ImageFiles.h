@@ -58,6 +58,9 @@ bool ReadFrame(const std::string& path, Frame* frame, std::string* error);
 bool ReadFrameFromMemory(const std::string& name, const void* bytes, size_t size, Frame* frame,
                          std::string* error);
 
+// The bits of the half nearest to each of `n` floats (ties to even), as Imath::half gives them.
+void FloatsToHalfBits(const float* in, uint16_t* out, size_t n);
+
 // Bytes of a packed plug-in frame (three channels, rows without padding).
 int64_t PackedFrameBytes(int32_t width, int32_t height, int32_t formatCode);
 // The frame's colour channels into a packed plug-in buffer of `formatCode` (24, 48 or 49).
