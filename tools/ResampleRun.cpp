@@ -524,8 +524,8 @@ int Loop(const ResampleOptions& options, Setup* s, int64_t storeBudget) {
       const float longest = MaxFlowLength(picture);
       std::vector<uint8_t> rgb = FlowToColour(picture, longest);
       DrawFlowLegend(&rgb, w, h, longest);
-      OIIO::ImageSpec spec(w, h, 3, OIIO::TypeDesc::UINT8);
-      if (!WriteImageSafely(FlowPath(options.flowFolder, planned.outputNumber), spec,
+      OIIO::ImageSpec imageSpec(w, h, 3, OIIO::TypeDesc::UINT8);
+      if (!WriteImageSafely(FlowPath(options.flowFolder, planned.outputNumber), imageSpec,
                             OIIO::TypeDesc::UINT8, rgb.data(), replace, &error))
         return Stopped(*s, &progress, error, kExitOutput);
     }
@@ -533,12 +533,12 @@ int Loop(const ResampleOptions& options, Setup* s, int64_t storeBudget) {
       if (!s->sink->Write(s->outputs[i], out, options.overwrite, &error))
         return Stopped(*s, &progress, error, kExitOutput);
     } else {
-      OIIO::ImageSpec spec =
+      OIIO::ImageSpec imageSpec =
           OutputSpec(out.info, options.haveOutDepth ? options.outDepth : s->info.depth);
       // PNG rows unfiltered (zlib at its default level): the encoder's search over row filters
       // took two thirds of a whole run's time; files stay about as large as other tools' PNGs.
-      spec.attribute("png:filter", 8);  // PNG_FILTER_NONE
-      if (!WriteImageSafely(s->outputs[i], spec, OIIO::TypeDesc::FLOAT, out.pixels.data(),
+      imageSpec.attribute("png:filter", 8);  // PNG_FILTER_NONE
+      if (!WriteImageSafely(s->outputs[i], imageSpec, OIIO::TypeDesc::FLOAT, out.pixels.data(),
                             options.overwrite, &error))
         return Stopped(*s, &progress, error, kExitOutput);
     }

@@ -25,14 +25,14 @@ double Rec709ToLinear(double v) {
 constexpr double kCurveTolerance = 2e-4;
 
 Frame MakeFrame(int32_t width, int32_t height, std::vector<std::string> names) {
-  OIIO::ImageSpec spec(width, height, static_cast<int>(names.size()), OIIO::TypeDesc::UINT8);
-  spec.channelnames = names;
+  OIIO::ImageSpec imageSpec(width, height, static_cast<int>(names.size()), OIIO::TypeDesc::UINT8);
+  imageSpec.channelnames = names;
   for (size_t c = 0; c < names.size(); ++c)
-    if (names[c] == "A") spec.alpha_channel = static_cast<int>(c);
-  spec.attribute("oiio:ColorSpace", "sRGB");
+    if (names[c] == "A") imageSpec.alpha_channel = static_cast<int>(c);
+  imageSpec.attribute("oiio:ColorSpace", "sRGB");
   Frame f;
   std::string error;
-  EXPECT_TRUE(ClassifyFrame("made.png", spec, &f.info, &error)) << error;
+  EXPECT_TRUE(ClassifyFrame("made.png", imageSpec, &f.info, &error)) << error;
   f.pixels.resize(static_cast<size_t>(width) * height * names.size());
   return f;
 }

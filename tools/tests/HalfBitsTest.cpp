@@ -70,8 +70,8 @@ TEST(HalfBits, PackedFramesAndHalfFilesKeepThem) {
   test::TempDir dir;
   const std::string path = dir / "h.exr";
   std::string error;
-  OIIO::ImageSpec spec(frame.info.width, frame.info.height, 4, OIIO::TypeDesc::HALF);
-  ASSERT_TRUE(WriteImageSafely(path, spec, OIIO::TypeDesc::FLOAT, frame.pixels.data(), false,
+  OIIO::ImageSpec imageSpec(frame.info.width, frame.info.height, 4, OIIO::TypeDesc::HALF);
+  ASSERT_TRUE(WriteImageSafely(path, imageSpec, OIIO::TypeDesc::FLOAT, frame.pixels.data(), false,
                                &error))
       << error;
   auto in = OIIO::ImageInput::open(path);

@@ -27,10 +27,10 @@ std::string ValidFile(const test::TempDir& dir, const std::string& ext, int32_t 
     pixels[i] = 0.5f + 0.4f * std::sin(static_cast<float>(i) * 0.37f);
   SampleDepth depth = ext == "exr" ? SampleDepth::kHalf : ext == "jpg" ? SampleDepth::k8
                                                                         : SampleDepth::k16;
-  OIIO::ImageSpec spec(w, h, 3, TypeFor(depth));
+  OIIO::ImageSpec imageSpec(w, h, 3, TypeFor(depth));
   std::string path = dir / ("valid." + ext), error;
   unlink(path.c_str());
-  EXPECT_TRUE(WriteImageSafely(path, spec, OIIO::TypeDesc::FLOAT, pixels.data(), true, &error))
+  EXPECT_TRUE(WriteImageSafely(path, imageSpec, OIIO::TypeDesc::FLOAT, pixels.data(), true, &error))
       << error;
   std::ifstream in(path, std::ios::binary);
   std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());

@@ -30,11 +30,11 @@ std::string Numbered(const std::string& pattern, int32_t frame) {
 // background and a small white square moving 8 px a frame instead.
 Frame Picture(int32_t t, int32_t channels = 3, bool spot = false) {
   Frame f;
-  OIIO::ImageSpec spec(kW, kH, channels, OIIO::TypeDesc::UINT8);
-  if (channels == 4) spec.alpha_channel = 3;
-  spec.attribute("oiio:ColorSpace", "sRGB");
+  OIIO::ImageSpec imageSpec(kW, kH, channels, OIIO::TypeDesc::UINT8);
+  if (channels == 4) imageSpec.alpha_channel = 3;
+  imageSpec.attribute("oiio:ColorSpace", "sRGB");
   std::string error;
-  EXPECT_TRUE(ClassifyFrame("made.png", spec, &f.info, &error)) << error;
+  EXPECT_TRUE(ClassifyFrame("made.png", imageSpec, &f.info, &error)) << error;
   f.pixels.resize(static_cast<size_t>(kW) * kH * channels);
   for (int32_t y = 0; y < kH; ++y)
     for (int32_t x = 0; x < kW; ++x)

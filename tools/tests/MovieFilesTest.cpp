@@ -21,10 +21,10 @@ namespace {
 // alpha, when there is one, a ramp that changes with t.
 Frame MakeFrame(int32_t width, int32_t height, int32_t channels, SampleDepth depth, int32_t t) {
   Frame f;
-  OIIO::ImageSpec spec(width, height, channels, TypeFor(depth));
-  if (channels == 4) spec.alpha_channel = 3;
+  OIIO::ImageSpec imageSpec(width, height, channels, TypeFor(depth));
+  if (channels == 4) imageSpec.alpha_channel = 3;
   std::string error;
-  EXPECT_TRUE(ClassifyFrame("made", spec, &f.info, &error)) << error;
+  EXPECT_TRUE(ClassifyFrame("made", imageSpec, &f.info, &error)) << error;
   f.pixels.resize(static_cast<size_t>(width) * height * channels);
   const double levels = depth == SampleDepth::k8 ? 255.0 : 65535.0;
   for (int32_t y = 0; y < height; ++y)

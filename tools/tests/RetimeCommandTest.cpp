@@ -150,10 +150,10 @@ void WriteClip(const std::string& pattern, int32_t first, int32_t count, SampleD
       for (int32_t x = 0; x < kW; ++x)
         for (int32_t c = 0; c < channels; ++c)
           pixels[(static_cast<size_t>(y) * kW + x) * channels + c] = Sample(t, x, y, c);
-    OIIO::ImageSpec spec(kW, height, channels, TypeFor(depth));
-    spec.attribute("oiio:UnassociatedAlpha", 1);
+    OIIO::ImageSpec imageSpec(kW, height, channels, TypeFor(depth));
+    imageSpec.attribute("oiio:UnassociatedAlpha", 1);
     std::string error;
-    ASSERT_TRUE(WriteImageSafely(Path(pattern, first + t), spec, OIIO::TypeDesc::FLOAT,
+    ASSERT_TRUE(WriteImageSafely(Path(pattern, first + t), imageSpec, OIIO::TypeDesc::FLOAT,
                                  pixels.data(), false, &error))
         << error;
   }
