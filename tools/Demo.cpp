@@ -18,35 +18,11 @@
 namespace flowblur {
 namespace {
 
-constexpr const char* kMarker = ".flowblur-demo";
+constexpr const char* kMarker = kDemoMarker;
 
 void Say(const std::string& text) { std::fprintf(stderr, "flowblur: %s\n", text.c_str()); }
 
-// Whether the folder has anything in it besides . and ..; false for a missing folder.
-bool HasEntries(const std::string& folder) {
-  DIR* dir = opendir(folder.c_str());
-  if (!dir) return false;
-  bool any = false;
-  while (dirent* entry = readdir(dir))
-    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) any = true;
-  closedir(dir);
-  return any;
-}
 
-bool ReadPicture(const std::string& path, Picture* picture, std::string* error) {
-  Frame frame;
-  if (!ReadFrame(path, &frame, error)) return false;
-  picture->width = frame.info.width;
-  picture->height = frame.info.height;
-  picture->rgb.resize(static_cast<size_t>(picture->width) * picture->height * 3);
-  for (size_t i = 0; i < static_cast<size_t>(picture->width) * picture->height; ++i)
-    for (int c = 0; c < 3; ++c) {
-      float v = frame.pixels[i * frame.info.channels + frame.info.colour[c]];
-      v = std::clamp(v, 0.0f, 1.0f);
-      picture->rgb[i * 3 + c] = static_cast<uint8_t>(v * 255.0f + 0.5f);
-    }
-  return true;
-}
 
 // The blurred frames as one movie beside them.
 bool WriteDemoMovie(const std::string& folder, int32_t frames, std::string* error) {
@@ -233,6 +209,31 @@ int RunDemo(const std::string& folder, const BatchOptions& base, int32_t width, 
       base.controls.quality == 1 ? "draft" : "best", shown[0] + 1, shown[1] + 1, shown[2] + 1,
       movie ? "  output/demo.mp4        the blurred frames as a movie (h264, 24 fps)\n" : "");
   return kExitOk;
+}
+
+bool HasEntries(const std::string& folder) {
+  DIR* dir = opendir(folder.c_str());
+  if (!dir) return false;
+  bool any = false;
+  while (dirent* entry = readdir(dir))
+    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) any = true;
+  closedir(dir);
+  return any;
+}
+
+bool ReadPicture(const std::string& path, Picture* picture, std::string* error) {
+  Frame frame;
+  if (!ReadFrame(path, &frame, error)) return false;
+  picture->width = frame.info.width;
+  picture->height = frame.info.height;
+  picture->rgb.resize(static_cast<size_t>(picture->width) * picture->height * 3);
+  for (size_t i = 0; i < static_cast<size_t>(picture->width) * picture->height; ++i)
+    for (int c = 0; c < 3; ++c) {
+      float v = frame.pixels[i * frame.info.channels + frame.info.colour[c]];
+      v = std::clamp(v, 0.0f, 1.0f);
+      picture->rgb[i * 3 + c] = static_cast<uint8_t>(v * 255.0f + 0.5f);
+    }
+  return true;
 }
 
 }  // namespace flowblur

@@ -30,4 +30,11 @@ Picture Crop(const Picture& picture, int32_t x, int32_t y, int32_t width, int32_
 // Every cell is as large as the largest picture.
 Picture ContactSheet(const std::vector<Picture>& cells, int32_t columns, int32_t gap);
 
+// The file a demo leaves in its folder, so that either demo may write there again.
+inline constexpr const char* kDemoMarker = ".flowblur-demo";
+// Whether the folder has anything in it besides . and ..; false for a missing folder.
+bool HasEntries(const std::string& folder);
+// An image file's colour channels as 8-bit RGB, clamped to 0..1 first, for a contact sheet.
+bool ReadPicture(const std::string& path, Picture* picture, std::string* error);
+
 }  // namespace flowblur

@@ -17,34 +17,11 @@ namespace flowblur {
 namespace {
 
 // The same marker as the blur demo's, so that either demo may rerun in the other's folder.
-constexpr const char* kMarker = ".flowblur-demo";
+constexpr const char* kMarker = kDemoMarker;
 
 void Say(const std::string& text) { std::fprintf(stderr, "flowblur: %s\n", text.c_str()); }
 
-bool HasEntries(const std::string& folder) {
-  DIR* dir = opendir(folder.c_str());
-  if (!dir) return false;
-  bool any = false;
-  while (dirent* entry = readdir(dir))
-    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) any = true;
-  closedir(dir);
-  return any;
-}
 
-bool ReadPicture(const std::string& path, Picture* picture, std::string* error) {
-  Frame frame;
-  if (!ReadFrame(path, &frame, error)) return false;
-  picture->width = frame.info.width;
-  picture->height = frame.info.height;
-  picture->rgb.resize(static_cast<size_t>(picture->width) * picture->height * 3);
-  for (size_t i = 0; i < static_cast<size_t>(picture->width) * picture->height; ++i)
-    for (int c = 0; c < 3; ++c) {
-      const float v = std::clamp(frame.pixels[i * frame.info.channels + frame.info.colour[c]],
-                                 0.0f, 1.0f);
-      picture->rgb[i * 3 + c] = static_cast<uint8_t>(v * 255.0f + 0.5f);
-    }
-  return true;
-}
 
 std::string Numbered(const std::string& folder, const char* stem, int32_t number) {
   char name[64];
