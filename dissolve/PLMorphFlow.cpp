@@ -19,19 +19,6 @@ inline float* FRow(const PLImage* image, int32_t y) {
   return reinterpret_cast<float*>(image->Row(y));
 }
 
-PLImage** NewPyramidArray(int32_t count) {
-  PLImage** array =
-      static_cast<PLImage**>(NuvMemAlloc(sizeof(PLImage*) * static_cast<uint64_t>(count)));
-  for (int32_t i = 0; i < count; ++i) array[i] = nullptr;
-  return array;
-}
-
-void DeletePyramid(PLImage**& pyramid, int32_t count) {
-  if (!pyramid) return;
-  for (int32_t i = 0; i < count; ++i) delete pyramid[i];
-  NuvMemFree(pyramid);
-  pyramid = nullptr;
-}
 
 std::unique_ptr<PLImage> NewFloatImage(int32_t width, int32_t height, int32_t channels) {
   std::unique_ptr<PLImage> image(NUV_NEW PLImage(0, width, height, channels, PLFloat, 0));
@@ -275,7 +262,7 @@ void PLMorphFlow::Construct(int32_t throwOnError, int32_t width, int32_t height,
     PLImage*** pyramids[] = {&flowPyramid, &hintFlowPyramid, &hintWeightPyramid,
                              &scratchPyramid};
     const int32_t channels[] = {2, 2, 1, 1};
-    for (PLImage*** p : pyramids) *p = NewPyramidArray(count);
+    for (PLImage*** p : pyramids) *p = PLFlowNewPyramid(count);
     for (int32_t p = 0; p < 4; ++p) {
       for (int32_t level = 0; level < count; ++level) {
         int32_t lw, lh;
@@ -298,10 +285,10 @@ void PLMorphFlow::Construct(int32_t throwOnError, int32_t width, int32_t height,
 }
 
 void PLMorphFlow::ReleaseAll() {
-  DeletePyramid(flowPyramid, numLevels + 1);
-  DeletePyramid(hintFlowPyramid, numLevels + 1);
-  DeletePyramid(hintWeightPyramid, numLevels + 1);
-  DeletePyramid(scratchPyramid, numLevels + 1);
+  PLFlowDeletePyramid(flowPyramid, numLevels + 1);
+  PLFlowDeletePyramid(hintFlowPyramid, numLevels + 1);
+  PLFlowDeletePyramid(hintWeightPyramid, numLevels + 1);
+  PLFlowDeletePyramid(scratchPyramid, numLevels + 1);
 }
 
 PLMorphFlow::~PLMorphFlow() { ReleaseAll(); }

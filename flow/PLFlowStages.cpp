@@ -13,6 +13,7 @@
 #include "flow/PLFlowPrivate.h"
 #include "image/PLImageCopy.h"
 #include "image/PLPixelConvert.h"
+#include "runtime/NuvMem.h"
 
 using plflow::BilinearCell;
 using plflow::Cell;
@@ -485,4 +486,18 @@ void PLFlowAddHint(PLImage* hintFlow, PLImage* hintWeight, float workMaxX, float
   f[0] = f[0] + (tx - px);
   f[1] = f[1] + (ty - py);
   w[0] = w[0] + 1.0f;
+}
+
+PLImage** PLFlowNewPyramid(int32_t levels) {
+  PLImage** array =
+      static_cast<PLImage**>(NuvMemAlloc(sizeof(PLImage*) * static_cast<uint64_t>(levels)));
+  for (int32_t i = 0; i < levels; ++i) array[i] = nullptr;
+  return array;
+}
+
+void PLFlowDeletePyramid(PLImage**& pyramid, int32_t levels) {
+  if (!pyramid) return;
+  for (int32_t i = 0; i < levels; ++i) delete pyramid[i];
+  NuvMemFree(pyramid);
+  pyramid = nullptr;
 }

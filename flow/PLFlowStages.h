@@ -4,6 +4,11 @@
 
 #include "image/PLImage.h"
 
+// A pyramid's array of `levels` null image pointers, from the library's allocator; and its
+// release: each non-null level deleted, the array freed, the pointer set to null.
+PLImage** PLFlowNewPyramid(int32_t levels);
+void PLFlowDeletePyramid(PLImage**& pyramid, int32_t levels);
+
 // The start level and its fraction for a pyramid of `levels` levels and a level factor:
 // s = levels + log(pow(factor, 2)) / log(2) in double, narrowed once to float. s below 0 or
 // NaN gives level 0 and fraction 0; s at or beyond `levels` gives the last level and 1.0.

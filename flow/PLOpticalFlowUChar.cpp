@@ -51,23 +51,6 @@ PLOpticalFlowUChar::PLOpticalFlowUChar(int32_t width, int32_t height, int32_t mo
   Construct(1, width, height, modeValue, hints, masks, minSize);
 }
 
-namespace {
-// An array of numLevels null pointers from the library's allocator.
-PLImage** NewPyramidArray(int32_t levels) {
-  PLImage** array =
-      static_cast<PLImage**>(NuvMemAlloc(sizeof(PLImage*) * static_cast<uint64_t>(levels)));
-  for (int32_t i = 0; i < levels; ++i) array[i] = nullptr;
-  return array;
-}
-
-void DeletePyramid(PLImage**& pyramid, int32_t levels) {
-  if (!pyramid) return;
-  for (int32_t i = 0; i < levels; ++i) delete pyramid[i];
-  NuvMemFree(pyramid);
-  pyramid = nullptr;
-}
-}  // namespace
-
 void PLOpticalFlowUChar::Construct(int32_t throwOnError, int32_t width, int32_t height,
                                    int32_t modeValue, int32_t hints, int32_t masks,
                                    int32_t minSize) {
@@ -105,7 +88,7 @@ void PLOpticalFlowUChar::Construct(int32_t throwOnError, int32_t width, int32_t 
     const bool wanted[] = {true, true, true, true, true, useHints == 1, useHints == 1,
                            useMasks == 1, useMasks == 1, true, true};
     for (int32_t p = 0; p < 11; ++p)
-      if (wanted[p]) *pyramids[p] = NewPyramidArray(numLevels);
+      if (wanted[p]) *pyramids[p] = PLFlowNewPyramid(numLevels);
     for (int32_t p = 0; p < 11; ++p) {
       if (!wanted[p]) continue;
       for (int32_t level = 0; level < numLevels; ++level) {
@@ -133,17 +116,17 @@ void PLOpticalFlowUChar::Construct(int32_t throwOnError, int32_t width, int32_t 
 }
 
 void PLOpticalFlowUChar::ReleaseAll() {
-  DeletePyramid(structurePyramid, numLevels);
-  DeletePyramid(residualPyramid, numLevels);
-  DeletePyramid(secondPyramid, numLevels);
-  DeletePyramid(firstPyramid, numLevels);
-  DeletePyramid(flowPyramid, numLevels);
-  DeletePyramid(hintFlowPyramid, numLevels);
-  DeletePyramid(hintWeightPyramid, numLevels);
-  DeletePyramid(firstMaskPyramid, numLevels);
-  DeletePyramid(secondMaskPyramid, numLevels);
-  DeletePyramid(gradXPyramid, numLevels);
-  DeletePyramid(gradYPyramid, numLevels);
+  PLFlowDeletePyramid(structurePyramid, numLevels);
+  PLFlowDeletePyramid(residualPyramid, numLevels);
+  PLFlowDeletePyramid(secondPyramid, numLevels);
+  PLFlowDeletePyramid(firstPyramid, numLevels);
+  PLFlowDeletePyramid(flowPyramid, numLevels);
+  PLFlowDeletePyramid(hintFlowPyramid, numLevels);
+  PLFlowDeletePyramid(hintWeightPyramid, numLevels);
+  PLFlowDeletePyramid(firstMaskPyramid, numLevels);
+  PLFlowDeletePyramid(secondMaskPyramid, numLevels);
+  PLFlowDeletePyramid(gradXPyramid, numLevels);
+  PLFlowDeletePyramid(gradYPyramid, numLevels);
 }
 
 PLOpticalFlowUChar::~PLOpticalFlowUChar() { ReleaseAll(); }
