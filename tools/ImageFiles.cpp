@@ -13,6 +13,7 @@
 #include <cstring>
 
 #if defined(__x86_64__)
+#include <cpuid.h>
 #include <immintrin.h>
 #endif
 
@@ -311,6 +312,12 @@ void FloatsToHalvesPlain(const float* in, uint16_t* out, size_t n) {
 }
 
 #if defined(__x86_64__)
+// Asked of the processor directly: not every compiler knows "f16c" as a feature name.
+bool ProcessorHasF16c() {
+  unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
+  return __get_cpuid(1, &eax, &ebx, &ecx, &edx) != 0 && (ecx & bit_F16C) != 0;
+}
+
 __attribute__((target("avx,f16c"))) void FloatsToHalvesF16c(const float* in, uint16_t* out,
                                                             size_t n) {
   size_t i = 0;
@@ -329,7 +336,7 @@ __attribute__((target("avx,f16c"))) void FloatsToHalvesF16c(const float* in, uin
 
 void FloatsToHalves(const float* in, uint16_t* out, size_t n) {
 #if defined(__x86_64__)
-  static const bool f16c = __builtin_cpu_supports("avx") && __builtin_cpu_supports("f16c");
+  static const bool f16c = __builtin_cpu_supports("avx") && ProcessorHasF16c();
   if (f16c) return FloatsToHalvesF16c(in, out, n);
 #endif
   FloatsToHalvesPlain(in, out, n);
