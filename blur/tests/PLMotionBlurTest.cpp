@@ -9,7 +9,9 @@
 #include <tuple>
 #include <vector>
 
+#include "blur/PLBlurWide.h"
 #include "blur/blur.h"
+#include "image/PLDispatch.h"
 #include "tests/support/PLTestImages.h"
 
 namespace {
@@ -30,16 +32,47 @@ TestImage ConstantFlow(int32_t w, int32_t h, float u, float v) {
   return flow;
 }
 
-// Flow with still regions, sub-pixel motion near both copy thresholds, and large motion.
-void FillRandomFlow(PLImage* flow, std::mt19937& rng) {
-  std::uniform_real_distribution<float> big(-15.0f, 15.0f), small(-0.004f, 0.004f),
-      nearOne(-2.2f, 2.2f), pick(0.0f, 1.0f);
+// Flows that reach every branch of a lane: still, sub-pixel around both copy thresholds,
+// long (walks that leave the image), huge (its square overflows), infinite and NaN vectors.
+void FillRandomFlow(PLImage* flow, std::mt19937& rng, bool specials = true) {
+  std::uniform_real_distribution<float> pick(0.0f, 1.0f), big(-40.0f, 40.0f),
+      small(-0.004f, 0.004f), nearOne(-2.5f, 2.5f);
+  const float kSpecials[] = {std::numeric_limits<float>::infinity(),
+                            -std::numeric_limits<float>::infinity(),
+                            std::numeric_limits<float>::quiet_NaN(), 1.0e30f, -0.0f};
   for (int32_t y = 0; y < flow->height; ++y)
-    for (int32_t x = 0; x < flow->width; ++x) {
-      float p = pick(rng);
-      for (int32_t c = 0; c < 2; ++c)
-        Set(flow, x, y, c, p < 0.15f ? 0.0f : p < 0.3f ? small(rng) : p < 0.5f ? nearOne(rng) : big(rng));
-    }
+    for (int32_t x = 0; x < flow->width; ++x)
+      for (int32_t c = 0; c < 2; ++c) {
+        const float p = pick(rng);
+        float v = p < 0.1f ? 0.0f : p < 0.25f ? small(rng) : p < 0.5f ? nearOne(rng) : big(rng);
+        if (specials && p > 0.985f) v = kSpecials[static_cast<int32_t>(rng() % 5)];
+        Set(flow, x, y, c, v);
+      }
+}
+
+// Views on the stack over test images, as PLMotionBlurRect makes them.
+struct Views {
+  NuvImageInternal srcWrap, dstWrap, flowWrap;
+  NuvImage src, dst, flow;
+  Views(PLImage* d, const PLImage* s, const PLImage* f) : srcWrap(s), dstWrap(d), flowWrap(f) {
+    src.Attach(&srcWrap);
+    dst.Attach(&dstWrap);
+    flow.Attach(&flowWrap);
+  }
+};
+
+// One member of the renderer on the given row loop, on the calling thread.
+void RenderOnPath(PLBlurPath path, bool countOutside, bool bilinear, PLImage* dst,
+                  const PLImage* src, const PLImage* flow, float amount, int32_t x0, int32_t x1,
+                  int32_t y0, int32_t y1) {
+  Views v(dst, src, flow);
+  NuvIdleAndProgressClass progress(nullptr);
+  PLDispatch(src->dataType, src->channels, [&](auto tag) {
+    using Tag = decltype(tag);
+    BlurRowsOnPath<typename Tag::Type, Tag::Channels>(path, countOutside, x0, x1, y0, y1, &v.dst,
+                                                      &v.src, &v.flow, bilinear ? 1 : 0,
+                                                      &progress, amount);
+  });
 }
 
 // The renderer written out plainly, one pixel at a time, one lane at a time.
@@ -115,35 +148,51 @@ void ReferenceBlur(PLImage* dst, const PLImage* src, const PLImage* flow, bool b
 
 class BlurReference : public ::testing::TestWithParam<std::tuple<int32_t, int32_t>> {};
 
-// Every member, both sampling paths, both border rules, on random flows of three sizes, with
-// mixed row orders, padded rows and a sub-rectangle: bit for bit against the reference.
-TEST_P(BlurReference, MatchesScalarReferenceBitForBit) {
+// Every member, both sampling paths, both border rules, both row loops (plain, and wide where
+// the processor has AVX2), on random flows of several sizes (images of two pixels a side,
+// whose last bytes sit at the end of the buffer, and widths that leave every count of lanes
+// in a row's last group), mixed row orders, padded rows and sub-rectangles; 4-channel Float
+// sources carry a NaN payload, an infinity and -0.0 in separate lanes: bit for bit against
+// the reference.
+TEST_P(BlurReference, BothRowLoopsMatchTheScalarReferenceBitForBit) {
   const auto [type, channels] = GetParam();
   std::mt19937 rng(1234 + type * 10 + channels);
-  const int32_t w = 37, h = 29;
-  const int32_t flowSizes[3][2] = {{37, 29}, {19, 15}, {50, 41}};
+  const int32_t sizes[][4] = {{2, 2, 2, 2},    {3, 2, 2, 2},    {9, 5, 4, 3},
+                              {17, 11, 9, 6},  {37, 29, 37, 29}, {37, 29, 19, 15},
+                              {37, 29, 50, 41}, {61, 30, 7, 44}};
   int32_t trial = 0;
-  for (const auto& fs : flowSizes)
+  for (const auto& sz : sizes)
     for (int32_t bilinear = 0; bilinear < 2; ++bilinear)
       for (int32_t countOutside = 0; countOutside < 2; ++countOutside, ++trial) {
+        const int32_t w = sz[0], h = sz[1];
         TestImage src = MakeImage(w, h, channels, type, trial & 1, (trial % 3) * 4 + 1);
-        TestImage flow = MakeImage(fs[0], fs[1], 2, PLFloat, (trial >> 1) & 1, trial % 2 ? 12 : 0);
-        TestImage got = MakeImage(w, h, channels, type, (trial >> 2) & 1, trial % 5);
+        TestImage flow = MakeImage(sz[2], sz[3], 2, PLFloat, (trial >> 1) & 1, trial % 2 ? 12 : 0);
         TestImage want = MakeImage(w, h, channels, type);
         pltest::FillRandom(src.get(), rng());
+        if (type == PLFloat && channels == 4) {
+          const uint32_t nanBits = 0x7FC0BEEFu;
+          std::memcpy(src->PixelAddress(w / 2, h / 2), &nanBits, 4);
+          Set(src.get(), 0, h - 1, channels - 1, std::numeric_limits<float>::infinity());
+          Set(src.get(), w - 1, 0, 0, -0.0);
+        }
         FillRandomFlow(flow.get(), rng);
-        const float amount = trial % 4 == 3 ? -1.3f : 0.8f;
+        const float amount = trial % 4 == 3 ? -1.3f : 0.8f + static_cast<float>(trial % 3) * 0.45f;
         int32_t x0 = 0, x1 = w - 1, y0 = 0, y1 = h - 1;  // a sub-rectangle on every third
-        if (trial % 3 == 2) x0 = 3, x1 = 30, y0 = 2, y1 = 20;
-        pltest::CopyPixels(want.get(), got.get());
+        if (trial % 3 == 2 && w > 8) x0 = 1, x1 = w - 3, y0 = 1, y1 = h - 2;
+        TestImage first = MakeImage(w, h, channels, type, (trial >> 2) & 1, trial % 5);
+        pltest::CopyPixels(want.get(), first.get());
         ReferenceBlur(want.get(), src.get(), flow.get(), bilinear, countOutside, amount, x0, x1,
                       y0, y1);
-        PLMotionBlurRect(got.get(), src.get(), flow.get(), bilinear ? 1 : 0, nullptr,
-                         static_cast<uint8_t>(countOutside), x0, x1, y0, y1, amount);
-        EXPECT_TRUE(pltest::SamePixels(want.get(), got.get()))
-            << "flow " << fs[0] << "x" << fs[1] << " bilinear " << bilinear << " countOutside "
-            << countOutside;
-        EXPECT_TRUE(pltest::PaddingUntouched(got));
+        for (PLBlurPath path : {PLBlurPath::kPlain, PLBlurPath::kWide}) {
+          if (path == PLBlurPath::kWide && !PLBlurWideAvailable()) continue;
+          TestImage got = MakeImage(w, h, channels, type, (trial >> 2) & 1, trial % 5);
+          RenderOnPath(path, countOutside, bilinear, got.get(), src.get(), flow.get(), amount, x0,
+                       x1, y0, y1);
+          EXPECT_TRUE(pltest::SamePixels(want.get(), got.get()))
+              << w << "x" << h << " flow " << sz[2] << "x" << sz[3] << " bilinear " << bilinear
+              << " countOutside " << countOutside << " path " << static_cast<int32_t>(path);
+          EXPECT_TRUE(pltest::PaddingUntouched(got));
+        }
       }
 }
 
@@ -163,7 +212,7 @@ TEST(MotionBlur, ZeroFlowAndZeroAmountCopyExactly) {
       Set(src.get(), 6, 7, 2, -0.0);
     }
     TestImage moving = MakeImage(12, 9, 2, PLFloat), still = ConstantFlow(12, 9, 0.0f, 0.0f);
-    FillRandomFlow(moving.get(), rng);
+    FillRandomFlow(moving.get(), rng, false);
     for (int32_t quality : {0, 1}) {
       TestImage a = MakeImage(23, 17, 3, type), b = MakeImage(23, 17, 3, type);
       PLMotionBlur(a.get(), src.get(), still.get(), quality, 0, nullptr, 0, 0.7f);
