@@ -5,9 +5,11 @@
 
 #include "filter/PLKernels.h"
 #include "filter/PLSeparable.h"
+#include "filter/tests/FilterTestSupport.h"
 #include "tests/support/PLTestImages.h"
 
 using namespace pltest;
+using filtertest::GaussKernel;
 
 namespace {
 
@@ -20,32 +22,13 @@ TestImage Impulse(int32_t size = 41) {
   return im;
 }
 
-// Half-weights normalised as the builders do.
-std::vector<float> Normalised(std::vector<float> w) {
-  float sum = 0.0f;
-  for (float v : w) sum += v;
-  const float norm = (sum + sum) - w[0];
-  for (float& v : w) v = v / norm;
-  return w;
-}
-
-std::vector<float> GaussWeights(float radius) {
-  const int32_t count = static_cast<int32_t>(radius) + 1;
-  const float q = radius / 3.0f, d = q * q;
-  std::vector<float> w(count);
-  for (int32_t i = 0; i < count; ++i)
-    w[i] = static_cast<float>(
-        std::pow(2.0, static_cast<double>(-static_cast<float>(i) * static_cast<float>(i) / d)));
-  return Normalised(w);
-}
-
-void ExpectRowResponse(const PLImage* im, const std::vector<float>& half) {
+void ExpectRowResponse(const PLImage* im, const SeparableKernel& half) {
   const int32_t c = im->width / 2;
-  for (size_t k = 0; k < half.size(); ++k) {
-    EXPECT_EQ(Get(im, c + static_cast<int32_t>(k), c, 0), half[k]) << "tap " << k;
-    EXPECT_EQ(Get(im, c - static_cast<int32_t>(k), c, 0), half[k]) << "tap -" << k;
+  for (int32_t k = 0; k < half.count; ++k) {
+    EXPECT_EQ(Get(im, c + k, c, 0), half.weights[k]) << "tap " << k;
+    EXPECT_EQ(Get(im, c - k, c, 0), half.weights[k]) << "tap -" << k;
   }
-  EXPECT_EQ(Get(im, c + static_cast<int32_t>(half.size()), c, 0), 0.0);
+  EXPECT_EQ(Get(im, c + half.count, c, 0), 0.0);
   EXPECT_EQ(Get(im, c, c + 1, 0), 0.0);  // rows only
 }
 
@@ -55,15 +38,15 @@ TEST(GaussBlur, ImpulseResponseHasTheNormalisedHalfWeights) {
   for (float radius : {1.0f, 2.9f}) {
     TestImage im = Impulse();
     PLGaussBlur(im.get(), 2, radius);
-    ExpectRowResponse(im.get(), GaussWeights(radius));
+    ExpectRowResponse(im.get(), GaussKernel(radius));
   }
-  const std::vector<float> one = GaussWeights(1.0f), frac = GaussWeights(2.9f);
-  ASSERT_EQ(one.size(), 2u);
-  ASSERT_EQ(frac.size(), 3u);
+  const SeparableKernel one = GaussKernel(1.0f), frac = GaussKernel(2.9f);
+  ASSERT_EQ(one.count, 2);
+  ASSERT_EQ(frac.count, 3);
   // d = (1/3)^2 in float is a hair off 1/9, so the exponent is -8.999999, not -9 exactly.
   const float kExponentRounding = 1e-5f;
-  EXPECT_NEAR(one[1] / one[0] * 512.0f, 1.0f, kExponentRounding);
-  EXPECT_GT(frac[2] / frac[0], 0.01f);
+  EXPECT_NEAR(one.weights[1] / one.weights[0] * 512.0f, 1.0f, kExponentRounding);
+  EXPECT_GT(frac.weights[2] / frac.weights[0], 0.01f);
 }
 
 TEST(GaussBlur, TinyRadiusLeavesTheImageAsItIs) {
@@ -152,10 +135,10 @@ TEST(CosineBlur, QuarterTurnConstantLeavesATinyNegativeLastWeight) {
   TestImage im = Impulse();
   // Through the engine the response is 2D; its centre row at distance 2 is w2 * w0.
   PLCosineBlur(im.get(), 2.0f);
-  std::vector<float> w(3);
+  std::vector<float> half(3);
   for (int32_t i = 0; i < 3; ++i)
-    w[i] = static_cast<float>(std::cos(static_cast<double>(i) * 1.570796826795 / 2.0));
-  w = Normalised(w);
+    half[i] = static_cast<float>(std::cos(static_cast<double>(i) * 1.570796826795 / 2.0));
+  const float* w = filtertest::Normalised(half).weights;
   EXPECT_LT(w[2], 0.0f);
   EXPECT_GT(w[2], -1e-6f);
   const int32_t c = 20;

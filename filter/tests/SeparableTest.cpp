@@ -8,10 +8,15 @@
 
 #include "filter/PLKernels.h"
 #include "filter/PLSeparable.h"
+#include "filter/PLWidePath.h"
+#include "filter/tests/FilterTestSupport.h"
 #include "tests/support/PLTestImages.h"
 #include "tests/support/PLTestWorkers.h"
 
 using namespace pltest;
+using filtertest::Filter;
+using filtertest::GaussKernel;
+using filtertest::Path;
 
 namespace {
 
@@ -93,29 +98,6 @@ void RefConvolve(const PLImage* image, const SeparableKernel& k, uint32_t mode) 
   }
 }
 
-SeparableKernel GaussKernel(float radius) {
-  SeparableKernel k;
-  k.count = static_cast<int32_t>(radius) + 1;
-  float q = radius / 3.0f, d = q * q;
-  float sum = 0.0f;
-  for (int32_t i = 0; i < k.count; ++i) {
-    k.weights[i] = static_cast<float>(
-        std::pow(2.0, static_cast<double>(-static_cast<float>(i) * static_cast<float>(i) / d)));
-    sum += k.weights[i];
-  }
-  float norm = (sum + sum) - k.weights[0];
-  for (int32_t i = 0; i < k.count; ++i) k.weights[i] /= norm;
-  return k;
-}
-
-int32_t Filter(PLImage* source, PLImage* destination, const SeparableKernel& k, uint32_t mode) {
-  NuvImageInternal sw(source), dw(destination);
-  NuvImage sv, dv;
-  sv.Attach(&sw);
-  dv.Attach(&dw);
-  return ConvolveSeparable(&sv, &dv, &k, mode);
-}
-
 // Float images get exact -1.0 and marker values at and near the ends of lines, where the
 // outside test can mistake them for missing samples.
 void PlantMarkers(PLImage* im) {
@@ -138,23 +120,36 @@ SeparableKernel Binomial() {
   return k;
 }
 
-// Filters a random image (with markers planted) of the given layout in place and compares it
-// with the reference, padding included.
+// The row loops to check: the plain ones, and the wide ones where the processor has AVX2.
+std::vector<Path> Paths() {
+  if (PLWideAvailable()) return {Path::kPlain, Path::kWide};
+  return {Path::kPlain};
+}
+
+// Filters a random image (with markers planted) of the given layout in place on each row loop
+// and compares it with the reference, padding included.
 ::testing::AssertionResult MatchesReference(int32_t w, int32_t h, int32_t channels,
                                             int32_t type, const SeparableKernel& k,
                                             uint32_t mode, int32_t flipped, int32_t pad,
                                             uint32_t seed) {
-  TestImage got = MakeImage(w, h, channels, type, flipped, pad);
-  FillRandom(got.get(), seed);
-  PlantMarkers(got.get());
+  TestImage input = MakeImage(w, h, channels, type, flipped, pad);
+  FillRandom(input.get(), seed);
+  PlantMarkers(input.get());
   TestImage want = MakeImage(w, h, channels, type, flipped, pad);
-  CopyPixels(want.get(), got.get());
-  if (Filter(got.get(), got.get(), k, mode) != 0) return ::testing::AssertionFailure() << "refused";
+  CopyPixels(want.get(), input.get());
   RefConvolve(want.get(), k, mode);
-  ::testing::AssertionResult same = SamePixels(got.get(), want.get());
-  if (same && !PaddingUntouched(got)) same = ::testing::AssertionFailure() << "padding written";
-  return same << " (" << w << "x" << h << " count " << k.count << " mode " << mode
-              << " flipped " << flipped << ")";
+  for (Path path : Paths()) {
+    TestImage got = MakeImage(w, h, channels, type, flipped, pad);
+    CopyPixels(got.get(), input.get());
+    if (Filter(got.get(), got.get(), k, mode, path) != 0)
+      return ::testing::AssertionFailure() << "refused";
+    ::testing::AssertionResult same = SamePixels(got.get(), want.get());
+    if (same && !PaddingUntouched(got)) same = ::testing::AssertionFailure() << "padding written";
+    if (!same)
+      return same << " (" << w << "x" << h << " count " << k.count << " mode " << mode
+                  << " flipped " << flipped << " wide " << (path == Path::kWide) << ")";
+  }
+  return ::testing::AssertionSuccess();
 }
 
 class SeparableReference : public ::testing::TestWithParam<std::tuple<int32_t, int32_t>> {};
@@ -242,17 +237,18 @@ TEST(Separable, MinusOneLooksMissingNearEndsOnlyInItsLane) {
 // Columns only never read the source; rows (and then columns) go from the source into the
 // destination.
 TEST(Separable, SourceAndDestinationApart) {
-  for (uint32_t mode : {2u, 0u}) {
+  for (Path path : Paths())
+    for (uint32_t mode : {2u, 0u}) {
     TestImage source = MakeImage(25, 30, 3, PLUShort), dest = MakeImage(25, 30, 3, PLUShort);
     TestImage want = MakeImage(25, 30, 3, PLUShort);
     FillRandom(source.get(), 5);
     FillRandom(dest.get(), 6);
     CopyPixels(want.get(), mode == 2 ? dest.get() : source.get());
     SeparableKernel k = GaussKernel(4.0f);
-    ASSERT_EQ(Filter(source.get(), dest.get(), k, mode), 0);
+    ASSERT_EQ(Filter(source.get(), dest.get(), k, mode, path), 0);
     RefConvolve(want.get(), k, mode);
     EXPECT_TRUE(SamePixels(dest.get(), want.get())) << "mode " << mode;
-  }
+    }
 }
 
 TEST(Separable, UnsupportedLayoutsDoNothing) {
@@ -339,15 +335,12 @@ TEST(Separable, SameBytesForAnyWorkerCount) {
 // NaN samples keep their bits through the filter. Where two NaNs meet in one addition the
 // output carries one of them, and which one is part of the engine's output: the accumulated
 // sum first at the ends (so the right tap's, added first), the left tap's in the middle run,
-// except in the last zero to three outputs of a 1-channel middle run (the right tap's).
+// except in the last zero to three outputs of a 1-channel middle run (the right tap's); on
+// both row loops.
 TEST(Separable, NaNSamplesKeepTheirBits) {
   const uint32_t right = 0x7fc00001u;  // quiet NaNs with different signs and payloads
   const uint32_t left = 0xffc00002u;
-  SeparableKernel k;
-  k.count = 3;
-  k.weights[0] = 0.375f;
-  k.weights[1] = 0.25f;
-  k.weights[2] = 0.0625f;
+  const SeparableKernel k = Binomial();
   auto bitsOf = [](double v) {
     float f = static_cast<float>(v);
     uint32_t b;
@@ -359,6 +352,7 @@ TEST(Separable, NaNSamplesKeepTheirBits) {
     std::memcpy(&f, &b, 4);
     return static_cast<double>(f);
   };
+  for (Path path : Paths())
   for (int32_t channels = 1; channels <= 4; ++channels)
     for (int32_t n : {19, 40})
       for (bool columns : {false, true})
@@ -373,7 +367,7 @@ TEST(Separable, NaNSamplesKeepTheirBits) {
           };
           set(i + 2, right);
           set(i - 2, left);
-          Filter(im.get(), im.get(), k, columns ? 2 : 1);
+          Filter(im.get(), im.get(), k, columns ? 2 : 1, path);
           const int32_t middle = n - 2 * k.count;
           const bool inMiddle = i >= k.count && i < n - k.count;
           const bool rightFirst =
@@ -381,7 +375,7 @@ TEST(Separable, NaNSamplesKeepTheirBits) {
           for (int32_t c = 0; c < channels; ++c)
             ASSERT_EQ(bitsOf(Get(im.get(), columns ? 0 : i, columns ? i : 0, c)),
                       rightFirst ? right : left)
-                << "channels " << channels << " n " << n << " columns " << columns << " output "
+                << "wide " << (path == Path::kWide) << " channels " << channels << " n " << n << " columns " << columns << " output "
                 << i << " lane " << c;
         }
 }
