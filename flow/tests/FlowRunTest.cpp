@@ -63,35 +63,29 @@ TEST(FlowRun, IdenticalImagesGiveZeroFlowAtEveryLevel) {
 // v, no pixel off by more than 0.07 px). We ask the mean within 0.08 px and 95% of the
 // pixels within 0.2 px, away from a border band as wide as the largest kernel (15 taps)
 // plus the motion, where the one-sided gradients and renormalised kernels act.
-TEST(FlowRun, SubPixelTranslationIsFound) {
-  const double du = 2.3, dv = -1.6;
-  auto a = MakeTextured(240, 180, 3, PLUChar, 0, 0);
-  auto b = MakeTextured(240, 180, 3, PLUChar, du, dv);
-  PLOpticalFlowUChar flow(240, 180, 0, 0, 0, 12);
-  flow.SetLevelFactor(0.7f);
-  PLImage out(240, 180, 2, PLFloat, 1);  // a flipped destination is written row by row
-  flow.ComputeFlow(&out, a.get(), b.get(), 1, 1, 0, nullptr);
-  const FlowStats s = Measure(&out, du, dv, 24, 0.2);
-  EXPECT_NEAR(s.meanU, du, 0.08);
-  EXPECT_NEAR(s.meanV, dv, 0.08);
-  EXPECT_GT(s.within, 0.95) << "worst " << s.worst;
-  for (int32_t y = 0; y < 180; ++y)
-    for (int32_t x = 0; x < 240; ++x)
-      ASSERT_EQ(At(&out, x, y, 0), At(flow.flowPyramid[0], x, y, 0));
-}
+struct Motion {
+  int32_t w, h, channels, dataType, mode;
+  double du, dv, su, sv;  // su, sv: working-size pixels per input pixel
+  int32_t margin;
+};
 
-TEST(FlowRun, ModeOneOnFloatInputFindsHalfTheMotion) {
-  const double du = -4.6, dv = 3.2;
-  auto a = MakeTextured(256, 200, 1, PLFloat, 0, 0);
-  auto b = MakeTextured(256, 200, 1, PLFloat, du, dv);
-  PLOpticalFlowUChar flow(256, 200, 1, 0, 0, 12);
-  flow.SetLevelFactor(0.7f);
-  flow.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, nullptr);
-  // Working-size pixels: corner-aligned halving scales by 127/255 and 99/199.
-  const FlowStats s = Measure(flow.flowPyramid[0], du * 127 / 255, dv * 99 / 199, 14, 0.2);
-  EXPECT_NEAR(s.meanU, du * 127 / 255, 0.08);
-  EXPECT_NEAR(s.meanV, dv * 99 / 199, 0.08);
-  EXPECT_GT(s.within, 0.95) << "worst " << s.worst;
+TEST(FlowRun, KnownTranslationsAreFound) {
+  // Mode 1 works at half size: corner-aligned halving scales by 127/255 and 99/199.
+  const Motion motions[] = {{240, 180, 3, PLUChar, 0, 2.3, -1.6, 1.0, 1.0, 24},
+                            {256, 200, 1, PLFloat, 1, -4.6, 3.2, 127.0 / 255, 99.0 / 199, 14}};
+  for (const Motion& m : motions) {
+    auto a = MakeTextured(m.w, m.h, m.channels, m.dataType, 0, 0);
+    auto b = MakeTextured(m.w, m.h, m.channels, m.dataType, m.du, m.dv);
+    PLOpticalFlowUChar flow(m.w, m.h, m.mode, 0, 0, 12);
+    flow.SetLevelFactor(0.7f);
+    PLImage out(flow.workWidth, flow.workHeight, 2, PLFloat, 1);  // a flipped destination
+    flow.ComputeFlow(&out, a.get(), b.get(), 1, 1, 0, nullptr);
+    const FlowStats s = Measure(&out, m.du * m.su, m.dv * m.sv, m.margin, 0.2);
+    EXPECT_NEAR(s.meanU, m.du * m.su, 0.08) << "mode " << m.mode;
+    EXPECT_NEAR(s.meanV, m.dv * m.sv, 0.08) << "mode " << m.mode;
+    EXPECT_GT(s.within, 0.95) << "worst " << s.worst;
+    EXPECT_TRUE(pltest::SamePixels(&out, flow.flowPyramid[0]));  // written row by row
+  }
 }
 
 // The flow of a fixed synthetic pair, hashed. The value was recorded from the
@@ -381,29 +375,36 @@ TEST(FlowOneShot, StatusesAndResult) {
 
 // ---- The all-outside rule ----------------------------------------------------------------
 
-// Drives the coarsest level's flow through hand-set hint pyramids (weights only at that
-// level, so the rule is skipped there and applies from the next level on), on two identical
-// images, where no step can change a flow whose targets lie outside.
-std::unique_ptr<PLOpticalFlowUChar> RunWithCoarseField(float (*u)(int32_t x)) {
-  std::unique_ptr<PLOpticalFlowUChar> flow(new PLOpticalFlowUChar(48, 48, 0, 1, 0, 12));
-  EXPECT_EQ(flow->numLevels, 3);  // 48, 24, 12
-  for (int32_t level = 0; level < 3; ++level) {
+// Drives the flow through hand-set hint pyramids (weights only at the hinted levels, where the
+// rule is skipped; it applies from the next level on), on two identical images, where no step
+// can change a flow whose targets lie outside. `fields` holds, per level from the coarsest,
+// the internal u of every pixel, or null for no hint.
+std::unique_ptr<PLOpticalFlowUChar> RunWithHintedFields(int32_t size,
+                                                        std::vector<float (*)(int32_t x)> fields) {
+  std::unique_ptr<PLOpticalFlowUChar> flow(new PLOpticalFlowUChar(size, size, 0, 1, 0, 12));
+  EXPECT_EQ(flow->numLevels, static_cast<int32_t>(fields.size()));
+  for (int32_t level = 0; level < flow->numLevels; ++level) {
     Clear(flow->hintFlowPyramid[level]);
     Clear(flow->hintWeightPyramid[level]);
+    float (*u)(int32_t) = fields[flow->numLevels - 1 - level];
+    if (!u) continue;
+    const int32_t n = flow->hintFlowPyramid[level]->width;
+    for (int32_t y = 0; y < n; ++y)
+      for (int32_t x = 0; x < n; ++x) {
+        At(flow->hintFlowPyramid[level], x, y, 0) = u(x);
+        At(flow->hintWeightPyramid[level], x, y) = 1.0f;
+      }
   }
-  PLImage* hf = flow->hintFlowPyramid[2];
-  for (int32_t y = 0; y < 12; ++y)
-    for (int32_t x = 0; x < 12; ++x) {
-      At(hf, x, y, 0) = u(x);
-      At(flow->hintWeightPyramid[2], x, y) = 1.0f;
-    }
-  auto a = MakeTextured(48, 48, 1, PLUChar, 0, 0);
+  auto a = MakeTextured(size, size, 1, PLUChar, 0, 0);
   flow->ComputeFlow(nullptr, a.get(), a.get(), 1, 1, 0, nullptr);
   return flow;
 }
 
+float FarLeft(int32_t) { return -100.0f; }
+float PlusOne(int32_t x) { return static_cast<float>(x + 1); }
+
 TEST(FlowAllOutside, ALevelWithEveryPixelOutsideIsDropped) {
-  auto flow = RunWithCoarseField([](int32_t) { return -100.0f; });
+  auto flow = RunWithHintedFields(48, {FarLeft, nullptr, nullptr});  // 12, 24, 48
   EXPECT_EQ(At(flow->flowPyramid[2], 5, 5, 0), -100.0f);  // hinted: the rule skipped there
   EXPECT_TRUE(AllZero(flow->flowPyramid[1]));             // about -209 everywhere: dropped
   EXPECT_TRUE(AllZero(flow->flowPyramid[0]));
@@ -412,32 +413,15 @@ TEST(FlowAllOutside, ALevelWithEveryPixelOutsideIsDropped) {
 TEST(FlowAllOutside, TheTestAddsTheFlow) {
   // Internal u = x + 1: sampling at x - u = -1 is outside everywhere, but the rule adds the
   // flow (x + u = 2x + 1), finds pixels inside, and keeps the field.
-  auto flow = RunWithCoarseField([](int32_t x) { return static_cast<float>(x + 1); });
+  auto flow = RunWithHintedFields(48, {PlusOne, nullptr, nullptr});
   EXPECT_GT(At(flow->flowPyramid[1], 3, 3, 0), 4.0f);
   EXPECT_LT(At(flow->flowPyramid[0], 6, 6, 0), -8.0f);  // delivered sign
 }
 
 TEST(FlowAllOutside, OncePassedTheRuleIsNeverAppliedAgain) {
-  PLOpticalFlowUChar flow(96, 96, 0, 1, 0, 12);  // 96, 48, 24, 12
-  ASSERT_EQ(flow.numLevels, 4);
-  for (int32_t level = 0; level < 4; ++level) {
-    Clear(flow.hintFlowPyramid[level]);
-    Clear(flow.hintWeightPyramid[level]);
-  }
   // Level 3: u = x + 1, which passes the test at level 2. Level 1: u = -100 everywhere,
   // which carries level 0 wholly outside; the rule is over by then and keeps it.
-  for (int32_t y = 0; y < 12; ++y)
-    for (int32_t x = 0; x < 12; ++x) {
-      At(flow.hintFlowPyramid[3], x, y, 0) = static_cast<float>(x + 1);
-      At(flow.hintWeightPyramid[3], x, y) = 1.0f;
-    }
-  for (int32_t y = 0; y < 48; ++y)
-    for (int32_t x = 0; x < 48; ++x) {
-      At(flow.hintFlowPyramid[1], x, y, 0) = -100.0f;
-      At(flow.hintWeightPyramid[1], x, y) = 1.0f;
-    }
-  auto a = MakeTextured(96, 96, 1, PLUChar, 0, 0);
-  flow.ComputeFlow(nullptr, a.get(), a.get(), 1, 1, 0, nullptr);
-  EXPECT_GT(At(flow.flowPyramid[2], 3, 3, 0), 4.0f);
-  EXPECT_GT(At(flow.flowPyramid[0], 50, 50, 0), 150.0f);  // about +202, delivered sign
+  auto flow = RunWithHintedFields(96, {PlusOne, nullptr, FarLeft, nullptr});  // 12 .. 96
+  EXPECT_GT(At(flow->flowPyramid[2], 3, 3, 0), 4.0f);
+  EXPECT_GT(At(flow->flowPyramid[0], 50, 50, 0), 150.0f);  // about +202, delivered sign
 }

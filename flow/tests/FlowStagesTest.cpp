@@ -3,7 +3,11 @@
 
 #include <cmath>
 #include <cstring>
+#include <limits>
+#include <random>
 #include <vector>
+
+#include "filter/PLWidePath.h"
 
 #include "flow/tests/FlowTestSupport.h"
 #include "tests/support/PLTestImages.h"
@@ -11,6 +15,7 @@
 
 using flowtest::At;
 using flowtest::MakeFloat;
+using namespace pltest;
 
 namespace {
 
@@ -33,35 +38,67 @@ float RefGradient(float left, float centre, float right, bool hasLeft, bool hasR
     sum = sum + (right - centre);
     n = n + 1.0f;
   }
-  return sum / n;
+  return sum / n;  // 0 / 0 on a line of one sample: not a number
 }
 
-TEST(FlowGradients, MatchReferenceOnFlippedInput) {
-  auto image = Noise(37, 21, 1, 7, 1);
-  auto gx = MakeFloat(37, 21, 1);
-  auto gy = MakeFloat(37, 21, 1);
-  ComputeGradients(gx.get(), gy.get(), image.get());
-  for (int32_t y = 0; y < 21; ++y)
-    for (int32_t x = 0; x < 37; ++x) {
-      const float c = At(image.get(), x, y);
-      const float l = x > 0 ? At(image.get(), x - 1, y) : 0.0f;
-      const float r = x < 36 ? At(image.get(), x + 1, y) : 0.0f;
-      const float u = y > 0 ? At(image.get(), x, y - 1) : 0.0f;
-      const float d = y < 20 ? At(image.get(), x, y + 1) : 0.0f;
-      ASSERT_EQ(At(gx.get(), x, y), RefGradient(l, c, r, x > 0, x < 36)) << x << "," << y;
-      ASSERT_EQ(At(gy.get(), x, y), RefGradient(u, c, d, y > 0, y < 20)) << x << "," << y;
+// Bit for bit, except that any NaN matches any NaN (a line of one sample has no gradient; which
+// NaN it holds is not part of the rule).
+::testing::AssertionResult SameUpToNaN(const PLImage* got, const PLImage* want) {
+  for (int32_t y = 0; y < want->height; ++y)
+    for (int32_t x = 0; x < want->width; ++x)
+      for (int32_t c = 0; c < want->channels; ++c) {
+        const float a = Sample(got, x, y, c), b = Sample(want, x, y, c);
+        if (std::memcmp(&a, &b, 4) != 0 && !(std::isnan(a) && std::isnan(b)))
+          return ::testing::AssertionFailure() << a << " for " << b << " at " << x << "," << y;
+      }
+  return ::testing::AssertionSuccess();
+}
+
+// Gradients and moments, as two stages and in one pass, against the reference on lines of
+// one sample, small and odd sizes, every layout, an infinite sample, and 1, 3 and 8 workers.
+TEST(FlowGradients, SeparateAndFusedStagesMatchTheReference) {
+  const int32_t sizes[][2] = {{1, 5}, {6, 1}, {2, 2}, {37, 21}, {64, 70}};
+  int32_t trial = 0;
+  for (const auto& sz : sizes)
+    for (int32_t workers : {1, 3, 8}) {
+      const int32_t w = sz[0], h = sz[1];
+      const Layout l = kLayouts[trial++ % 4];
+      TestImage image = MakeImage(w, h, 1, PLFloat, l);
+      FillRandom(image.get(), 300 + trial, 0.0f, 255.0f);
+      Set(image.get(), w / 2, h / 2, 0, std::numeric_limits<float>::infinity());
+      TestImage want[3] = {MakeImage(w, h, 1, PLFloat), MakeImage(w, h, 1, PLFloat),
+                           MakeImage(w, h, 3, PLFloat)};
+      auto at = [&](int32_t x, int32_t y) { return Sample(image.get(), x, y, 0); };
+      for (int32_t y = 0; y < h; ++y)
+        for (int32_t x = 0; x < w; ++x) {
+          const float c = at(x, y);
+          const float a = RefGradient(x > 0 ? at(x - 1, y) : 0.0f, c, x < w - 1 ? at(x + 1, y) : 0.0f,
+                                      x > 0, x < w - 1);
+          const float b = RefGradient(y > 0 ? at(x, y - 1) : 0.0f, c, y < h - 1 ? at(x, y + 1) : 0.0f,
+                                      y > 0, y < h - 1);
+          Set(want[0].get(), x, y, 0, a);
+          Set(want[1].get(), x, y, 0, b);
+          Set(want[2].get(), x, y, 0, a * a);
+          Set(want[2].get(), x, y, 1, b * a);
+          Set(want[2].get(), x, y, 2, b * b);
+        }
+      TestImage gx[2] = {MakeImage(w, h, 1, PLFloat, l), MakeImage(w, h, 1, PLFloat, l)};
+      TestImage gy[2] = {MakeImage(w, h, 1, PLFloat, l), MakeImage(w, h, 1, PLFloat, l)};
+      TestImage st[2] = {MakeImage(w, h, 3, PLFloat, l), MakeImage(w, h, 3, PLFloat, l)};
+      PLTestUseWorkers(workers);
+      ComputeGradients(gx[0].get(), gy[0].get(), image.get());
+      ComputeMoments(st[0].get(), gx[0].get(), gy[0].get());
+      ComputeGradientsAndMoments(gx[1].get(), gy[1].get(), st[1].get(), image.get());
+      PLTestUseWorkers(1);
+      EXPECT_EQ(PixelBytes(gx[0].get()), PixelBytes(gx[1].get()));  // NaN bits included
+      EXPECT_EQ(PixelBytes(st[0].get()), PixelBytes(st[1].get()));
+      for (int32_t fused = 0; fused < 2; ++fused) {
+        EXPECT_TRUE(SameUpToNaN(gx[fused].get(), want[0].get())) << w << "x" << h << " " << fused;
+        EXPECT_TRUE(SameUpToNaN(gy[fused].get(), want[1].get())) << w << "x" << h << " " << fused;
+        EXPECT_TRUE(SameUpToNaN(st[fused].get(), want[2].get())) << w << "x" << h << " " << fused;
+        EXPECT_TRUE(PaddingUntouched(st[fused]));
+      }
     }
-}
-
-TEST(FlowGradients, OnePixelWideIsNotANumber) {
-  auto image = Noise(1, 5, 1, 3);
-  auto gx = MakeFloat(1, 5, 1);
-  auto gy = MakeFloat(1, 5, 1);
-  ComputeGradients(gx.get(), gy.get(), image.get());
-  for (int32_t y = 0; y < 5; ++y) {
-    EXPECT_TRUE(std::isnan(At(gx.get(), 0, y)));
-    EXPECT_FALSE(std::isnan(At(gy.get(), 0, y)));
-  }
 }
 
 TEST(FlowGradients, GateZeroesPixelsNextToInvalidOnes) {
@@ -81,63 +118,83 @@ TEST(FlowGradients, GateZeroesPixelsNextToInvalidOnes) {
     }
 }
 
-TEST(FlowMoments, Products) {
-  auto gx = Noise(9, 4, 1, 1);
-  auto gy = Noise(9, 4, 1, 2);
-  auto s = MakeFloat(9, 4, 3);
-  ComputeMoments(s.get(), gx.get(), gy.get());
-  for (int32_t y = 0; y < 4; ++y)
-    for (int32_t x = 0; x < 9; ++x) {
-      const float a = At(gx.get(), x, y), b = At(gy.get(), x, y);
-      EXPECT_EQ(At(s.get(), x, y, 0), a * a);
-      EXPECT_EQ(At(s.get(), x, y, 1), b * a);
-      EXPECT_EQ(At(s.get(), x, y, 2), b * b);
+// Flows that put targets inside, on the last column and row exactly (the sliding cell),
+// just outside, far outside, at the corners, and at NaN and infinity.
+void FillTrickyFlow(PLImage* flow, std::mt19937& rng) {
+  std::uniform_real_distribution<float> pick(0.0f, 1.0f), near(-3.0f, 3.0f), far(-60.0f, 60.0f);
+  for (int32_t y = 0; y < flow->height; ++y)
+    for (int32_t x = 0; x < flow->width; ++x) {
+      const float p = pick(rng);
+      float u = near(rng), v = near(rng);
+      if (p < 0.2f) u = far(rng), v = far(rng);
+      else if (p < 0.25f) u = static_cast<float>(x - flow->width + 1);  // target on the last column
+      else if (p < 0.3f) v = static_cast<float>(y - flow->height + 1);  // on the last row
+      else if (p < 0.32f) u = std::numeric_limits<float>::quiet_NaN();
+      else if (p < 0.34f) v = std::numeric_limits<float>::infinity();
+      else if (p < 0.4f) u = 0.0f, v = 0.0f;
+      Set(flow, x, y, 0, u);
+      Set(flow, x, y, 1, v);
     }
+  Set(flow, 0, 0, 0, 0.0f);
+  Set(flow, flow->width - 1, flow->height - 1, 1, 0.0f);
+  Set(flow, flow->width - 1, flow->height - 1, 0, 0.0f);
 }
 
-TEST(FlowResidual, MatchesReferenceMaskedAndUnmasked) {
-  const int32_t w = 23, h = 17;
-  auto first = Noise(w, h, 1, 11);
-  auto second = Noise(w, h, 1, 12, 1);
-  auto gx = Noise(w, h, 1, 13);
-  auto gy = Noise(w, h, 1, 14);
-  auto flow = MakeFloat(w, h, 2);
-  auto mask = MakeFloat(w, h, 1, 1.0f);
-  At(mask.get(), 7, 7) = 0.0f;
-  for (int32_t y = 0; y < h; ++y)
-    for (int32_t x = 0; x < w; ++x) {
-      At(flow.get(), x, y, 0) = 3.7f * std::sin(0.9f * x + y);
-      At(flow.get(), x, y, 1) = 2.9f * std::cos(0.7f * y - x);
-    }
-  // Exact corners: a target at (w - 1, h - 1) is in the frame and reads the corner pixel.
-  At(flow.get(), w - 1, h - 1, 0) = 0.0f;
-  At(flow.get(), w - 1, h - 1, 1) = 0.0f;
-  At(flow.get(), 0, 0, 0) = 0.0f;
-  At(flow.get(), 0, 0, 1) = 0.0f;
-  At(flow.get(), 5, 5, 0) = std::nanf("");  // not a number: outside
-  for (int32_t masked = 0; masked < 2; ++masked) {
-    auto r = MakeFloat(w, h, 2, 99.0f);
-    ComputeResidual(r.get(), first.get(), second.get(), gx.get(), gy.get(), flow.get(), masked,
-                    mask.get());
-    for (int32_t y = 0; y < h; ++y)
-      for (int32_t x = 0; x < w; ++x) {
-        const float sx = x - At(flow.get(), x, y, 0);
-        const float sy = y - At(flow.get(), x, y, 1);
-        float p = 0.0f, q = 0.0f;
-        if (sx >= 0 && sx <= w - 1 && sy >= 0 && sy <= h - 1) {
-          const float s = pltest::Bilinear(second.get(), sx, sy, 0);
-          if (!masked || static_cast<double>(pltest::Bilinear(mask.get(), sx, sy, 0)) >= 0.999) {
-            const float d = s - At(first.get(), x, y);
-            p = At(gx.get(), x, y) * d;
-            q = d * At(gy.get(), x, y);
+// The residual, masked and unmasked, on both loops (plain, and wide where the processor has
+// AVX2), on sizes that leave every count of pixels to the wide loop's plain tail, with
+// flipped and padded layouts, NaN in the second image, and 1, 2 and 8 workers.
+TEST(FlowResidual, BothLoopsMatchTheReferenceMaskedAndUnmasked) {
+  std::mt19937 rng(17);
+  const int32_t sizes[][2] = {{2, 2}, {8, 3}, {9, 5}, {23, 17}, {64, 40}, {101, 33}};
+  int32_t trial = 0;
+  for (const auto& sz : sizes)
+    for (int32_t workers : {1, 2, 8}) {
+      const int32_t w = sz[0], h = sz[1];
+      auto layout = [&](int32_t k) { return kLayouts[(trial + k) % 4]; };
+      TestImage first = MakeImage(w, h, 1, PLFloat, layout(0));
+      TestImage second = MakeImage(w, h, 1, PLFloat, layout(1));
+      TestImage gx = MakeImage(w, h, 1, PLFloat, layout(2));
+      TestImage gy = MakeImage(w, h, 1, PLFloat, layout(3));
+      TestImage flow = MakeImage(w, h, 2, PLFloat, layout(1));
+      TestImage mask = MakeImage(w, h, 1, PLFloat, layout(0));
+      FillRandom(first.get(), rng(), 0.0f, 255.0f);
+      FillRandom(second.get(), rng(), 0.0f, 255.0f);
+      FillRandom(gx.get(), rng(), -40.0f, 40.0f);
+      FillRandom(gy.get(), rng(), -40.0f, 40.0f);
+      Fill(mask.get(), 1.0);
+      Set(mask.get(), w / 3, h / 3, 0, 0.0);
+      Set(second.get(), w / 2, h / 2, 0, std::numeric_limits<float>::quiet_NaN());
+      FillTrickyFlow(flow.get(), rng);
+      const int32_t masked = trial++ % 2;
+      TestImage want = MakeImage(w, h, 2, PLFloat);
+      for (int32_t y = 0; y < h; ++y)
+        for (int32_t x = 0; x < w; ++x) {
+          const float sx = x - Sample(flow.get(), x, y, 0);
+          const float sy = y - Sample(flow.get(), x, y, 1);
+          float p = 0.0f, q = 0.0f;
+          if (sx >= 0 && sx <= w - 1 && sy >= 0 && sy <= h - 1) {
+            const float s = pltest::Bilinear(second.get(), sx, sy, 0);
+            if (!masked || static_cast<double>(pltest::Bilinear(mask.get(), sx, sy, 0)) >= 0.999) {
+              const float d = s - Sample(first.get(), x, y, 0);
+              p = Sample(gx.get(), x, y, 0) * d;
+              q = d * Sample(gy.get(), x, y, 0);
+            }
           }
+          Set(want.get(), x, y, 0, p);
+          Set(want.get(), x, y, 1, q);
         }
-        ASSERT_EQ(At(r.get(), x, y, 0), p) << x << "," << y << " masked " << masked;
-        ASSERT_EQ(At(r.get(), x, y, 1), q) << x << "," << y;
+      for (bool wide : {false, true}) {
+        if (wide && !PLWideAvailable()) continue;
+        TestImage got = MakeImage(w, h, 2, PLFloat, layout(2));
+        PLTestUseWorkers(workers);
+        ComputeResidualOnPath(wide, got.get(), first.get(), second.get(), gx.get(), gy.get(),
+                              flow.get(), masked, mask.get());
+        PLTestUseWorkers(1);
+        EXPECT_TRUE(SamePixels(got.get(), want.get()))
+            << w << "x" << h << " workers " << workers << " wide " << wide << " masked " << masked;
+        EXPECT_TRUE(PaddingUntouched(got));
       }
-    const float dCorner = At(second.get(), w - 1, h - 1) - At(first.get(), w - 1, h - 1);
-    EXPECT_EQ(At(r.get(), w - 1, h - 1, 0), At(gx.get(), w - 1, h - 1) * dCorner);
-  }
+    }
 }
 
 TEST(FlowUpdate, StrictFortyAndTheSignOfTheDeterminant) {
@@ -168,23 +225,6 @@ TEST(FlowUpdate, StrictFortyAndTheSignOfTheDeterminant) {
   // u += (b q - c p) / det = (0 - 4.5 * 9) / -40.5 = 1; v += (b p - a q) / det = 1.
   EXPECT_EQ(At(flow.get(), 2, 0, 0), 2.0f);
   EXPECT_EQ(At(flow.get(), 2, 0, 1), 2.0f);
-}
-
-TEST(FlowUpsample, ConstantFlowScalesByTheGridRatio) {
-  auto src = MakeFloat(3, 3, 2);
-  for (int32_t y = 0; y < 3; ++y)
-    for (int32_t x = 0; x < 3; ++x) At(src.get(), x, y, 0) = 1.0f;
-  auto five = MakeFloat(5, 5, 2, 7.0f);
-  UpsampleFlow(five.get(), src.get());
-  auto six = MakeFloat(6, 5, 2, 7.0f);
-  UpsampleFlow(six.get(), src.get());
-  for (int32_t y = 0; y < 5; ++y) {
-    for (int32_t x = 0; x < 5; ++x) {
-      EXPECT_EQ(At(five.get(), x, y, 0), 2.0f);
-      EXPECT_EQ(At(five.get(), x, y, 1), 0.0f);
-    }
-    for (int32_t x = 0; x < 6; ++x) EXPECT_EQ(At(six.get(), x, y, 0), 2.5f);
-  }
 }
 
 TEST(FlowUpsample, MatchesReferenceAndRefusesBadShapes) {
