@@ -210,30 +210,6 @@ TEST(Separable, IntegerStoresOutOfRangeLikeTheScalarRule) {
         }
 }
 
-// A real -1.0 near the end of a line, in a 3-channel Float image, is taken for a missing
-// sample in its own lane only; a 1-channel image tests by index and keeps it. In the middle
-// run nothing is tested.
-TEST(Separable, MinusOneLooksMissingNearEndsOnlyInItsLane) {
-  const int32_t n = 40;
-  SeparableKernel k = GaussKernel(3.0f);  // count 4
-  for (int32_t channels : {1, 3}) {
-    TestImage im = MakeImage(n, 1, channels, PLFloat);
-    Fill(im.get(), 0.5);
-    Set(im.get(), n - 1, 0, 0, -1.0);   // near the end
-    Set(im.get(), 20, 0, channels - 1, -1.0);  // in the middle
-    Filter(im.get(), im.get(), k, 1);
-    const double nearEnd = Get(im.get(), n - 2, 0, 0);
-    if (channels == 3) {
-      // 0.5 * w summed, over w summed: exactly 0.5, the -1.0 dropped out.
-      EXPECT_EQ(nearEnd, 0.5);
-      EXPECT_EQ(Get(im.get(), n - 2, 0, 1), 0.5);
-    } else {
-      EXPECT_LT(nearEnd, 0.5);
-    }
-    EXPECT_LT(Get(im.get(), 19, 0, channels - 1), 0.5);  // the middle used it
-  }
-}
-
 // Columns only never read the source; rows (and then columns) go from the source into the
 // destination.
 TEST(Separable, SourceAndDestinationApart) {
