@@ -148,8 +148,8 @@ void ReferenceBlur(PLImage* dst, const PLImage* src, const PLImage* flow, bool b
 
 class BlurReference : public ::testing::TestWithParam<std::tuple<int32_t, int32_t>> {};
 
-// Every member, both sampling paths, both border rules, both row loops (plain, and wide where
-// the processor has AVX2), on random flows of several sizes (images of two pixels a side,
+// Every member, both sampling paths, both border rules, through the entry and on both row
+// loops (plain, and wide where the processor has AVX2), on random flows of several sizes (images of two pixels a side,
 // whose last bytes sit at the end of the buffer, and widths that leave every count of lanes
 // in a row's last group), mixed row orders, padded rows and sub-rectangles; 4-channel Float
 // sources carry a NaN payload, an infinity and -0.0 in separate lanes: bit for bit against
@@ -183,14 +183,19 @@ TEST_P(BlurReference, BothRowLoopsMatchTheScalarReferenceBitForBit) {
         pltest::CopyPixels(want.get(), first.get());
         ReferenceBlur(want.get(), src.get(), flow.get(), bilinear, countOutside, amount, x0, x1,
                       y0, y1);
-        for (PLBlurPath path : {PLBlurPath::kPlain, PLBlurPath::kWide}) {
-          if (path == PLBlurPath::kWide && !PLBlurWideAvailable()) continue;
+        // Run 0 is the entry (on the loop it chooses), 1 the plain loop, 2 the wide loop.
+        for (int32_t run = 0; run < 3; ++run) {
+          if (run == 2 && !PLBlurWideAvailable()) continue;
           TestImage got = MakeImage(w, h, channels, type, (trial >> 2) & 1, trial % 5);
-          RenderOnPath(path, countOutside, bilinear, got.get(), src.get(), flow.get(), amount, x0,
-                       x1, y0, y1);
+          if (run == 0)
+            PLMotionBlurRect(got.get(), src.get(), flow.get(), bilinear ? 1 : 0, nullptr,
+                             static_cast<uint8_t>(countOutside), x0, x1, y0, y1, amount);
+          else
+            RenderOnPath(run == 1 ? PLBlurPath::kPlain : PLBlurPath::kWide, countOutside,
+                         bilinear, got.get(), src.get(), flow.get(), amount, x0, x1, y0, y1);
           EXPECT_TRUE(pltest::SamePixels(want.get(), got.get()))
               << w << "x" << h << " flow " << sz[2] << "x" << sz[3] << " bilinear " << bilinear
-              << " countOutside " << countOutside << " path " << static_cast<int32_t>(path);
+              << " countOutside " << countOutside << " run " << run;
           EXPECT_TRUE(pltest::PaddingUntouched(got));
         }
       }
