@@ -1,29 +1,19 @@
 // flowblur: the renderer's wide row loop, eight pixels of a row side by side in AVX2 lanes.
 #include <immintrin.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <type_traits>
 
 #include "blur/PLBlurWide.h"
 #include "image/PLPixelConvert.h"
+#include "runtime/PLWidePath.h"
 
-#if defined(FLOWBLUR_PLAIN_ONLY)
+// The renderer follows the library's one choice.
+bool PLBlurWideAvailable() { return PLWideAvailable(); }
 
-bool PLBlurWideAvailable() { return false; }
+PLBlurPath PLBlurChosenPath() { return PLWideChosen() ? PLBlurPath::kWide : PLBlurPath::kPlain; }
 
-#else
-
-bool PLBlurWideAvailable() {
-  // Asked once; the answer cannot change while the process runs.
-  // The explicit init makes the answer safe however early the first call comes (a
-  // constructor of a shared object that runs before libgcc's own).
-  static const bool available = [] {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx2") != 0;
-  }();
-  return available;
-}
+#if !defined(FLOWBLUR_PLAIN_ONLY)
 
 // Only the functions from here to the end use AVX2, and only after PLBlurWideAvailable.
 // The target adds no fused multiply-add, and the build keeps -ffp-contract=off.
@@ -375,12 +365,3 @@ PL_BLUR_WIDE_ALL_CHANNELS(float)
 #endif
 
 #endif  // FLOWBLUR_PLAIN_ONLY
-
-PLBlurPath PLBlurChosenPath() {
-  static const PLBlurPath chosen = [] {
-    const char* plain = std::getenv("FLOWBLUR_PLAIN");
-    const bool forced = plain && plain[0] != '\0' && !(plain[0] == '0' && plain[1] == '\0');
-    return PLBlurWideAvailable() && !forced ? PLBlurPath::kWide : PLBlurPath::kPlain;
-  }();
-  return chosen;
-}

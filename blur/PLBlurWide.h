@@ -11,12 +11,12 @@
 //          plain loop's operations in the plain loop's order (no fused multiply-add).
 enum class PLBlurPath : int32_t { kPlain = 0, kWide = 1 };
 
-// True when this build carries the wide loop and the processor runs AVX2. A build with
-// FLOWBLUR_PLAIN_ONLY defined carries only the plain loop.
+// PLWideAvailable() (runtime/PLWidePath.h): this build carries the wide loop and the processor
+// runs AVX2. A build with FLOWBLUR_PLAIN_ONLY defined carries only the plain loop.
 bool PLBlurWideAvailable();
 
-// The loop the renderer uses, decided once per process: wide when available, unless the
-// environment variable FLOWBLUR_PLAIN is set to anything but "" or "0".
+// The loop the renderer uses: the library's one choice, PLWideChosen() (wide when available,
+// unless the environment variable FLOWBLUR_PLAIN is set to anything but "" or "0").
 PLBlurPath PLBlurChosenPath();
 
 // One member of the renderer on a given path, on the calling thread: rows yFirst..yLast,

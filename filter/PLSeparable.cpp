@@ -9,7 +9,7 @@
 #include <type_traits>
 
 #include "filter/PLFilterPrivate.h"
-#include "filter/PLWidePath.h"
+#include "runtime/PLWidePath.h"
 #include "image/PLDispatch.h"
 #include "runtime/NuvMP.h"
 

@@ -61,7 +61,7 @@ enum : uint32_t {
 int32_t ConvolveSeparable(const NuvImage* source, NuvImage* destination,
                           const SeparableKernel* kernel, uint32_t mode);
 // The same on a chosen loop: `wide` true takes the AVX2 middle run where PLWideAvailable()
-// (filter/PLWidePath.h), false the plain one; same bytes. ConvolveSeparable passes
+// (runtime/PLWidePath.h), false the plain one; same bytes. ConvolveSeparable passes
 // PLWideChosen(). For tests and benchmarks that compare the two.
 int32_t ConvolveSeparableOnPath(bool wide, const NuvImage* source, NuvImage* destination,
                                 const SeparableKernel* kernel, uint32_t mode);

@@ -9,7 +9,7 @@
 #include <limits>
 
 #include "filter/PLKernels.h"
-#include "filter/PLWidePath.h"
+#include "runtime/PLWidePath.h"
 #include "flow/PLFlowPrivate.h"
 #include "image/PLImageCopy.h"
 #include "image/PLPixelConvert.h"

@@ -52,7 +52,7 @@ void ComputeResidual(PLImage* residual, const PLImage* first, const PLImage* sec
                      const PLImage* gradX, const PLImage* gradY, const PLImage* flow,
                      int32_t useMasks, const PLImage* secondMask);
 // The same on a chosen loop: `wide` true takes the AVX2 loop where PLWideAvailable()
-// (filter/PLWidePath.h) and the images are at least 2x2 and unmasked, false the plain one;
+// (runtime/PLWidePath.h) and the images are at least 2x2 and unmasked, false the plain one;
 // same bytes. ComputeResidual passes PLWideChosen(). For tests and benchmarks.
 void ComputeResidualOnPath(bool wide, PLImage* residual, const PLImage* first,
                            const PLImage* second, const PLImage* gradX, const PLImage* gradY,

@@ -1,5 +1,5 @@
-// flowblur: the run-time choice between the plain and the AVX2 loops of the filter and flow stages.
-#include "filter/PLWidePath.h"
+// flowblur: the run-time choice between the plain and the AVX2 loops of every wide stage.
+#include "runtime/PLWidePath.h"
 
 #include <cstdlib>
 
