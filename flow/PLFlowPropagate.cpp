@@ -3,28 +3,16 @@
 
 #include <cstdint>
 
+#include "runtime/PLWidePath.h"
 #include "flow/PLFlowPrivate.h"
+#include "flow/PLFlowSweep.h"
 #include "flow/PLOpticalFlowUChar.h"
 #include "image/PLImageCopy.h"
 
 using plflow::FView;
+using plflow::SweepImages;
 
 namespace {
-
-// What one sweep needs, shared read-only by its workers (the flow is written only along
-// each worker's own lines).
-struct SweepImages {
-  FView first;
-  FView second;
-  FView flow;
-  FView cache;  // 2 floats a pixel: error of the pixel's own flow, and its state
-  const float* firstMaskBase;  // null without masks
-  intptr_t firstMaskStep;
-  const float* secondMaskBase;
-  intptr_t secondMaskStep;
-  int32_t w;
-  int32_t h;
-};
 
 // The 3x3 block of the first image around (x, y): three rows, lanes x - 1 .. x + 1 (lane 3
 // is 0). Read once per pixel and shared by both patch evaluations. Each row is read as two
@@ -140,9 +128,9 @@ __attribute__((always_inline)) inline bool PatchError(const SweepImages& im, con
 // the frame, a first-mask sample below 0.95, or an invalid patch). The first sweep writes
 // the state of every interior pixel, so no clearing is needed; a pixel that takes a
 // candidate takes its error with it. Only the number of patch evaluations changes.
-constexpr float kUnknown = 0.0f;
-constexpr float kValid = 1.0f;
-constexpr float kSkipped = 2.0f;
+constexpr float kUnknown = plflow::kSweepUnknown;
+constexpr float kValid = plflow::kSweepValid;
+constexpr float kSkipped = plflow::kSweepSkipped;
 
 // One pixel of any sweep: the pixel's flow f, the neighbour's current flow g, the pixel's
 // cache entry c.
@@ -424,11 +412,16 @@ __attribute__((always_inline)) inline void ColumnStep4(const SweepImages& im, in
 }
 
 // Sweeps 1 and 2: each work item is a row y = 1 + item, walked along x. Unmasked, on a
-// level of at least 4x4, four rows go side by side; the rest one by one.
+// level of at least 4x4, eight rows go side by side where the wide loops are chosen, then
+// four; the rest one by one.
 template <bool kMasked, int32_t kStep>
 void RowSweepWorker(int32_t, uint8_t, int32_t firstItem, int32_t lastItem, NuvMPArgs* args) {
   const SweepImages& im = *args->Next<const SweepImages*>();
   int32_t y = 1 + firstItem;
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+  if (!kMasked && im.w >= 4 && im.h >= 4 && im.wide)
+    for (; y + 7 <= 1 + lastItem; y += 8) plflow::RowSweep8<kStep>(im, y);
+#endif
   if (!kMasked && im.w >= 4 && im.h >= 4)
     for (; y + 3 <= 1 + lastItem; y += 4) RowSweep4<kStep>(im, y);
   for (; y <= 1 + lastItem; ++y) {
@@ -446,7 +439,8 @@ void RowSweepWorker(int32_t, uint8_t, int32_t firstItem, int32_t lastItem, NuvMP
 
 // Sweeps 3 and 4: each work item is a column x = 1 + item, walked along y. Columns are
 // independent, so a worker walks its band of columns row by row, which keeps each
-// column's order and reads memory in rows; unmasked, four columns go side by side.
+// column's order and reads memory in rows; unmasked, eight (wide) or four columns go side by
+// side.
 template <bool kMasked, int32_t kStep>
 void ColumnSweepWorker(int32_t, uint8_t, int32_t firstItem, int32_t lastItem,
                        NuvMPArgs* args) {
@@ -454,12 +448,18 @@ void ColumnSweepWorker(int32_t, uint8_t, int32_t firstItem, int32_t lastItem,
   const int32_t first = 1 + firstItem;
   const int32_t last = 1 + lastItem;
   const bool wide = !kMasked && im.w >= 4 && im.h >= 4;
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+  const bool wider = wide && im.wide;
+#endif
   for (int32_t i = 1; i <= im.h - 2; ++i) {
     const int32_t y = kStep > 0 ? i : im.h - 1 - i;
     float* row = im.flow.Row(y);
     const float* previous = im.flow.Row(y - kStep);
     float* cache = im.cache.Row(y);
     int32_t x = first;
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+    if (wider) x = plflow::ColumnRow8(im, x, last, y, row, previous, cache);
+#endif
     if (wide)
       for (; x + 3 <= last; x += 4) ColumnStep4(im, x, y, row, previous, cache);
     for (; x <= last; ++x)
@@ -482,6 +482,14 @@ void RunSweeps(const SweepImages& im, NuvIdleAndProgressClass* progress) {
 
 }  // namespace
 
+void plflow::PropagateSweepsOnPath(bool wide, PLImage* flow, const PLImage* first,
+                                   const PLImage* second, PLImage* cache) {
+  const SweepImages im{FView(first), FView(second), FView(flow), FView(cache), nullptr, 0,
+                       nullptr, 0, flow->width, flow->height, wide && PLWideAvailable()};
+  NuvIdleAndProgressClass local(nullptr);
+  RunSweeps<false>(im, &local);
+}
+
 void PLOpticalFlowUChar::PropagateFlow(int32_t level, bool skip,
                                        NuvIdleAndProgressClass* progress) {
   if (skip || !flowPyramid) return;
@@ -497,7 +505,8 @@ void PLOpticalFlowUChar::PropagateFlow(int32_t level, bool skip,
                  nullptr,
                  0,
                  flow->width,
-                 flow->height};
+                 flow->height,
+                 PLWideChosen()};
   const bool masked = firstMaskPyramid && secondMaskPyramid;
   if (masked) {
     const FView fm(firstMaskPyramid[level]);
