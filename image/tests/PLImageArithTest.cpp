@@ -221,7 +221,7 @@ TEST(ImageArith, TwoImageOperationsMatchTheReferenceForEveryTypePair) {
   for (const Op& op : ops)
     for (int32_t dt : types)
       for (int32_t st : types)
-        for (int32_t channels : {1, 2, 3}) {
+        for (int32_t channels : {1, 2, 3, 4}) {
           auto dst = MakeImage(6, 5, channels, dt, pltest::kPadded);
           auto src = MakeImage(6, 5, channels, st, pltest::kFlipped);
           pltest::FillRandom(dst.get(), 40, -100.0f, 300.0f);
@@ -335,6 +335,10 @@ TEST(ImageMatte, MembersMoveTheMatteMode) {
   SetPixel4(&im, 1, 0, 50, 50, 50, 255);
   im.UpdateMatteMode(0);
   EXPECT_EQ(im.matteMode, MatteOpaque);
+  PLImage deep(1, 1, 4, PLUShort, 0);
+  SetPixel4(&deep, 0, 0, 1, 2, 3, 65535);
+  deep.UpdateMatteMode(0);
+  EXPECT_EQ(deep.matteMode, MatteOpaque);
   PLImage fresh(1, 1, 4, PLFloat, 0);
   SetPixel4(&fresh, 0, 0, 0.5f, 0.5f, 0.5f, 0.5f);
   fresh.UpdateMatteMode(0);

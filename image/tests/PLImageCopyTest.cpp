@@ -192,30 +192,28 @@ TEST(ImageCopy, ConvertRectRefusesOtherTypesAndChannelMismatch) {
   for (int32_t i = 0; i < 32; ++i) ASSERT_EQ(chars.data[i], 5);
 }
 
-float ScaledRef(float s, int32_t srcType, int32_t dstType) {
-  const float white[] = {255.0f, 65535.0f, 1.0f};
-  float k = white[dstType] / white[srcType];
-  return pltest::WrappedStore(dstType, s * k);
-}
-
 TEST(ImageCopy, CopyRectScaledRescalesByWhitePoints) {
   const int32_t types[] = {PLUChar, PLUShort, PLFloat};
   for (int32_t st : types)
     for (int32_t dt : types)
-      for (int32_t channels : {1, 3, 4, 6}) {
+      for (int32_t channels : {1, 2, 3, 4, 6}) {
         PLImage src(5, 4, channels, st, 1), dst(6, 6, channels, dt, 0);
         pltest::FillRandom(&src, 8, -0.2f, 1.3f);
         pltest::FillRandom(&dst, 9);
+        if (channels == 2) dst.whitePoint = 0.5f * dst.whitePoint;  // equal types rescale too
         PLImage before(6, 6, channels, dt, 0);
         CopyWhole(&before, &dst);
         CopyRectScaled(&dst, 1, 2, &src, 0, 1, 4, 3);
+        const bool plain = st == dt && src.whitePoint == dst.whitePoint;
+        const float k = dst.whitePoint / src.whitePoint;
         for (int32_t y = 0; y < 6; ++y)
           for (int32_t x = 0; x < 6; ++x)
             for (int32_t c = 0; c < channels; ++c) {
               bool inside = x >= 1 && x < 5 && y >= 2 && y < 5;
-              float expected = !inside  ? Sample(&before, x, y, c)
-                               : st == dt ? Sample(&src, x - 1, y - 1, c)
-                                          : ScaledRef(Sample(&src, x - 1, y - 1, c), st, dt);
+              const float s = inside ? Sample(&src, x - 1, y - 1, c) : 0.0f;
+              float expected = !inside ? Sample(&before, x, y, c)
+                               : plain ? s
+                                       : pltest::WrappedStore(dt, s * k);
               ASSERT_EQ(Sample(&dst, x, y, c), expected)
                   << st << "->" << dt << " c" << channels << " at " << x << "," << y;
             }
@@ -283,6 +281,13 @@ TEST(ImageFill, FillColorUsesAsManyValuesAsChannels) {
   std::memset(five.data, 7, 20);
   FillColor(&five, 1, 1, 1, 1);
   for (int32_t i = 0; i < 20; ++i) EXPECT_EQ(five.data[i], 7);
+  for (int32_t type : {PLUShort, PLFloat})
+    for (int32_t channels = 1; channels <= 3; ++channels) {
+      PLImage im(2, 2, channels, type, 0);
+      FillColor(&im, 1.0f, 0.0f, 1.0f, 0.0f);
+      const float white = type == PLFloat ? 1.0f : 65535.0f;
+      EXPECT_EQ(Sample(&im, 1, 1, channels - 1), channels == 2 ? 0.0f : white) << channels;
+    }
   std::memset(chars.data, 7, 4);
   FillColor(&chars, 1, 1, 1, 1);
   EXPECT_EQ(chars.data[3], 7);
