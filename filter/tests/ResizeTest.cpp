@@ -43,8 +43,9 @@ TEST_P(ResizeReference, MatchesLiteralReference) {
         FillRandom(src.get(), seed++);
         TestImage got = MakeImage(z[2], z[3], channels, dt, 1 - odd, 2);
         TestImage want = MakeImage(z[2], z[3], channels, dt);
-        // The second form with equal types: a white point of our own makes them unequal.
-        if (odd && dt == st) got->whitePoint = want->whitePoint = 2.0f * src->whitePoint;
+        // The second form: equal types get a white point of their own (scaled), unequal types
+        // the source's (not scaled).
+        if (odd) got->whitePoint = want->whitePoint = (dt == st ? 2.0f : 1.0f) * src->whitePoint;
         PLResizeBilinear(got.get(), src.get());
         RefResize(want.get(), src.get());
         ASSERT_TRUE(SamePixels(got.get(), want.get()))
