@@ -30,23 +30,18 @@ TEST(FlowLevels, Of960x540WithMinimum12) {
 }
 
 TEST(FlowLevels, ModesHalveTheInput) {
-  PLOpticalFlowUChar m1(1920, 1080, 1, 0, 0, 12);
-  EXPECT_EQ(m1.workWidth, 960);
-  EXPECT_EQ(m1.workHeight, 540);
-  EXPECT_EQ(m1.workMaxX, 959);
-  EXPECT_EQ(m1.numLevels, 6);
-  PLOpticalFlowUChar m2(1920, 1080, 2, 0, 0, 12);
-  EXPECT_EQ(m2.workWidth, 480);
-  EXPECT_EQ(m2.workHeight, 270);
-  PLOpticalFlowUChar m3(1921, 1083, 3, 0, 0, 12);
-  EXPECT_EQ(m3.workWidth, 240);
-  EXPECT_EQ(m3.workHeight, 135);
-  PLOpticalFlowUChar seven(7, 7, 1, 0, 0, 12);
-  EXPECT_EQ(seven.workWidth, 3);
-  EXPECT_EQ(seven.flowPyramid[0]->width, 3);
-  EXPECT_EQ(seven.numLevels, 1);
-  PLOpticalFlowUChar other(100, 80, 9, 0, 0, 2);  // an unknown mode sizes as mode 0
-  EXPECT_EQ(other.workWidth, 100);
+  // Input size, mode, working size, level count; an unknown mode sizes as mode 0.
+  const int32_t cases[][6] = {{1920, 1080, 1, 960, 540, 6}, {1920, 1080, 2, 480, 270, 5},
+                              {1921, 1083, 3, 240, 135, 4}, {7, 7, 1, 3, 3, 1},
+                              {100, 80, 9, 100, 80, 3}};
+  for (const auto& k : cases) {
+    PLOpticalFlowUChar flow(k[0], k[1], k[2], 0, 0, 12);
+    EXPECT_EQ(flow.workWidth, k[3]) << k[2];
+    EXPECT_EQ(flow.workHeight, k[4]) << k[2];
+    EXPECT_EQ(flow.workMaxX, k[3] - 1);
+    EXPECT_EQ(flow.flowPyramid[0]->width, k[3]);
+    EXPECT_EQ(flow.numLevels, k[5]) << k[2];
+  }
 }
 
 TEST(FlowLevels, CountRule) {

@@ -72,10 +72,10 @@ TEST(FlowGradients, SeparateAndFusedStagesMatchTheReference) {
       for (int32_t y = 0; y < h; ++y)
         for (int32_t x = 0; x < w; ++x) {
           const float c = at(x, y);
-          const float a = RefGradient(x > 0 ? at(x - 1, y) : 0.0f, c, x < w - 1 ? at(x + 1, y) : 0.0f,
-                                      x > 0, x < w - 1);
-          const float b = RefGradient(y > 0 ? at(x, y - 1) : 0.0f, c, y < h - 1 ? at(x, y + 1) : 0.0f,
-                                      y > 0, y < h - 1);
+          const float l = x > 0 ? at(x - 1, y) : 0.0f, r = x < w - 1 ? at(x + 1, y) : 0.0f;
+          const float u = y > 0 ? at(x, y - 1) : 0.0f, d = y < h - 1 ? at(x, y + 1) : 0.0f;
+          const float a = RefGradient(l, c, r, x > 0, x < w - 1);
+          const float b = RefGradient(u, c, d, y > 0, y < h - 1);
           Set(want[0].get(), x, y, 0, a);
           Set(want[1].get(), x, y, 0, b);
           Set(want[2].get(), x, y, 0, a * a);
