@@ -149,12 +149,12 @@ void ReferenceBlur(PLImage* dst, const PLImage* src, const PLImage* flow, bool b
 class BlurReference : public ::testing::TestWithParam<std::tuple<int32_t, int32_t>> {};
 
 // Every member, both sampling paths, both border rules, through the entry and on both row
-// loops (plain, and wide where the processor has AVX2), on random flows of several sizes (images of two pixels a side,
-// whose last bytes sit at the end of the buffer, and widths that leave every count of lanes
-// in a row's last group), mixed row orders, padded rows and sub-rectangles; 4-channel Float
-// sources carry a NaN payload, an infinity and -0.0 in separate lanes: bit for bit against
-// the reference.
-TEST_P(BlurReference, BothRowLoopsMatchTheScalarReferenceBitForBit) {
+// loops (plain, and wide where the processor has AVX2), on random flows of several sizes
+// (images of two pixels a side, whose last bytes sit at the end of the buffer, and widths that
+// leave every count of lanes in a row's last group), mixed row orders, padded rows and
+// sub-rectangles; 4-channel Float sources carry a NaN payload, an infinity and -0.0 in
+// separate lanes: bit for bit against the reference.
+TEST_P(BlurReference, EntryAndBothRowLoopsMatchTheScalarReferenceBitForBit) {
   const auto [type, channels] = GetParam();
   std::mt19937 rng(1234 + type * 10 + channels);
   const int32_t sizes[][4] = {{2, 2, 2, 2},    {3, 2, 2, 2},    {9, 5, 4, 3},

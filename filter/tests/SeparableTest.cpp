@@ -215,15 +215,15 @@ TEST(Separable, IntegerStoresOutOfRangeLikeTheScalarRule) {
 TEST(Separable, SourceAndDestinationApart) {
   for (Path path : Paths())
     for (uint32_t mode : {2u, 0u}) {
-    TestImage source = MakeImage(25, 30, 3, PLUShort), dest = MakeImage(25, 30, 3, PLUShort);
-    TestImage want = MakeImage(25, 30, 3, PLUShort);
-    FillRandom(source.get(), 5);
-    FillRandom(dest.get(), 6);
-    CopyPixels(want.get(), mode == 2 ? dest.get() : source.get());
-    SeparableKernel k = GaussKernel(4.0f);
-    ASSERT_EQ(Filter(source.get(), dest.get(), k, mode, path), 0);
-    RefConvolve(want.get(), k, mode);
-    EXPECT_TRUE(SamePixels(dest.get(), want.get())) << "mode " << mode;
+      TestImage source = MakeImage(25, 30, 3, PLUShort), dest = MakeImage(25, 30, 3, PLUShort);
+      TestImage want = MakeImage(25, 30, 3, PLUShort);
+      FillRandom(source.get(), 5);
+      FillRandom(dest.get(), 6);
+      CopyPixels(want.get(), mode == 2 ? dest.get() : source.get());
+      SeparableKernel k = GaussKernel(4.0f);
+      ASSERT_EQ(Filter(source.get(), dest.get(), k, mode, path), 0);
+      RefConvolve(want.get(), k, mode);
+      EXPECT_TRUE(SamePixels(dest.get(), want.get())) << "mode " << mode;
     }
 }
 
@@ -329,31 +329,31 @@ TEST(Separable, NaNSamplesKeepTheirBits) {
     return static_cast<double>(f);
   };
   for (Path path : Paths())
-  for (int32_t channels = 1; channels <= 4; ++channels)
-    for (int32_t n : {19, 40})
-      for (bool columns : {false, true})
-        for (int32_t i = 0; i < n; ++i) {
-          TestImage im = columns ? MakeImage(1, n, channels, PLFloat, 0, 4)
-                                 : MakeImage(n, 1, channels, PLFloat);
-          Fill(im.get(), 0.5);
-          auto set = [&](int32_t j, uint32_t b) {
-            if (j < 0 || j >= n) return;
+    for (int32_t channels = 1; channels <= 4; ++channels)
+      for (int32_t n : {19, 40})
+        for (bool columns : {false, true})
+          for (int32_t i = 0; i < n; ++i) {
+            TestImage im = columns ? MakeImage(1, n, channels, PLFloat, 0, 4)
+                                   : MakeImage(n, 1, channels, PLFloat);
+            Fill(im.get(), 0.5);
+            auto set = [&](int32_t j, uint32_t b) {
+              if (j < 0 || j >= n) return;
+              for (int32_t c = 0; c < channels; ++c)
+                Set(im.get(), columns ? 0 : j, columns ? j : 0, c, nanOf(b));
+            };
+            set(i + 2, right);
+            set(i - 2, left);
+            Filter(im.get(), im.get(), k, columns ? 2 : 1, path);
+            const int32_t middle = n - 2 * k.count;
+            const bool inMiddle = i >= k.count && i < n - k.count;
+            const bool rightFirst =
+                inMiddle ? channels == 1 && i >= k.count + (middle & ~3) : i + 2 < n;
             for (int32_t c = 0; c < channels; ++c)
-              Set(im.get(), columns ? 0 : j, columns ? j : 0, c, nanOf(b));
-          };
-          set(i + 2, right);
-          set(i - 2, left);
-          Filter(im.get(), im.get(), k, columns ? 2 : 1, path);
-          const int32_t middle = n - 2 * k.count;
-          const bool inMiddle = i >= k.count && i < n - k.count;
-          const bool rightFirst =
-              inMiddle ? channels == 1 && i >= k.count + (middle & ~3) : i + 2 < n;
-          for (int32_t c = 0; c < channels; ++c)
-            ASSERT_EQ(bitsOf(Get(im.get(), columns ? 0 : i, columns ? i : 0, c)),
-                      rightFirst ? right : left)
-                << "wide " << (path == Path::kWide) << " channels " << channels << " n " << n << " columns " << columns << " output "
-                << i << " lane " << c;
-        }
+              ASSERT_EQ(bitsOf(Get(im.get(), columns ? 0 : i, columns ? i : 0, c)),
+                        rightFirst ? right : left)
+                  << "wide " << (path == Path::kWide) << " channels " << channels << " n " << n
+                  << " columns " << columns << " output " << i << " lane " << c;
+          }
 }
 
 }  // namespace
