@@ -6,7 +6,6 @@
 #include <mutex>
 #include <stdexcept>
 #include <thread>
-#include <tuple>
 #include <vector>
 
 #include "host/SparkHost.h"
@@ -27,7 +26,7 @@ struct Call {
 std::mutex gCallsMutex;
 std::vector<Call> gCalls;
 
-void Note(int32_t thread, uint8_t reporter, int32_t first, int32_t last) {
+void RecordWorker(int32_t thread, uint8_t reporter, int32_t first, int32_t last, NuvMPArgs*) {
   std::lock_guard<std::mutex> lock(gCallsMutex);
   gCalls.push_back({thread, reporter, first, last, std::this_thread::get_id()});
 }
@@ -38,10 +37,6 @@ std::vector<Call> Calls() {
   std::vector<Call> calls = gCalls;
   std::sort(calls.begin(), calls.end());
   return calls;
-}
-
-void RecordWorker(int32_t thread, uint8_t reporter, int32_t first, int32_t last, NuvMPArgs*) {
-  Note(thread, reporter, first, last);
 }
 
 struct ForkTest : ::testing::Test {
@@ -59,35 +54,23 @@ struct ForkTest : ::testing::Test {
 // NuvMPRowRange's slices for `threads`.
 void ExpectSlices(const std::vector<Call>& calls, int32_t threads, int32_t rows) {
   ASSERT_EQ(calls.size(), static_cast<size_t>(threads));
-  std::vector<int32_t> seen(static_cast<size_t>(rows), 0);
   for (int32_t i = 0; i < threads; ++i) {
     int32_t first, last;
     NuvMPRowRange(threads, i, rows, &first, &last);
-    EXPECT_EQ(calls[static_cast<size_t>(i)].thread, i);
-    EXPECT_EQ(calls[static_cast<size_t>(i)].first, first) << "worker " << i;
-    EXPECT_EQ(calls[static_cast<size_t>(i)].last, last) << "worker " << i;
-    EXPECT_EQ(calls[static_cast<size_t>(i)].reporter, 0);
-    for (int32_t r = first; r <= last; ++r) ++seen[static_cast<size_t>(r)];
+    const Call& call = calls[static_cast<size_t>(i)];
+    EXPECT_EQ(call.thread, i);
+    EXPECT_EQ(call.first, first) << "worker " << i;
+    EXPECT_EQ(call.last, last) << "worker " << i;
+    EXPECT_EQ(call.reporter, 0);
   }
-  for (int32_t r = 0; r < rows; ++r) ASSERT_EQ(seen[static_cast<size_t>(r)], 1) << "row " << r;
-}
-
-TEST_F(ForkTest, ThreadsForRowsExamples) {
-  NuvMPSetThreadCount(8);
-  EXPECT_EQ(NuvMPThreadsForRows(100), 6);
-  EXPECT_EQ(NuvMPThreadsForRows(128), 8);
-  EXPECT_EQ(NuvMPThreadsForRows(31), 1);
-  EXPECT_EQ(NuvMPThreadsForRows(16), 1);
-  EXPECT_EQ(NuvMPThreadsForRows(32), 2);
-  EXPECT_EQ(NuvMPThreadsForRows(1), 1);
-  EXPECT_EQ(NuvMPThreadsForRows(0), 0);
 }
 
 // The answer is the largest worker count up to the processors and the rows that leaves
-// every worker 16 rows, or 1 when none does.
+// every worker 16 rows, or 1 when none does (0 for no rows); no processors act as one.
 TEST_F(ForkTest, ThreadsForRowsIsTheLargestCountWithSixteenRowsEach) {
   for (int32_t t : {1, 2, 3, 5, 8, 64}) {
     NuvMPSetThreadCount(t);
+    EXPECT_EQ(NuvMPThreadsForRows(0), 0);
     for (int32_t rows = 1; rows <= 1200; ++rows) {
       int32_t want = 1;
       for (int32_t r = 1; r <= std::min(t, rows); ++r)
@@ -95,9 +78,6 @@ TEST_F(ForkTest, ThreadsForRowsIsTheLargestCountWithSixteenRowsEach) {
       ASSERT_EQ(NuvMPThreadsForRows(rows), want) << t << " processors, " << rows << " rows";
     }
   }
-}
-
-TEST_F(ForkTest, NoProcessorsActsAsOneAndStoresOne) {
   for (int32_t count : {0, -3}) {
     NuvMPSetThreadCount(count);
     EXPECT_EQ(NuvMPGetRawThreadCount(), count) << "stored without a test";
@@ -106,50 +86,42 @@ TEST_F(ForkTest, NoProcessorsActsAsOneAndStoresOne) {
   }
 }
 
+// Contiguous slices covering every row, the remainder to the last worker; no threads: the
+// whole range.
 TEST_F(ForkTest, RowRangeGivesTheRemainderToTheLastWorker) {
   int32_t first, last;
-  std::vector<std::pair<int32_t, int32_t>> got;
-  for (int32_t i = 0; i < 3; ++i) {
-    NuvMPRowRange(3, i, 100, &first, &last);
-    got.push_back({first, last});
-  }
-  EXPECT_EQ(got, (std::vector<std::pair<int32_t, int32_t>>{{0, 32}, {33, 65}, {66, 99}}));
-  // Contiguous slices covering every row, for any split that ThreadsForRows can give.
+  NuvMPRowRange(3, 2, 100, &first, &last);
+  EXPECT_EQ(first, 66);
+  EXPECT_EQ(last, 99);
+  NuvMPRowRange(0, 0, 100, &first, &last);
+  EXPECT_EQ(first, 0);
+  EXPECT_EQ(last, 99);
   for (int32_t threads = 1; threads <= 8; ++threads)
     for (int32_t rows = threads; rows <= 300; ++rows) {
       int32_t next = 0;
       for (int32_t i = 0; i < threads; ++i) {
         NuvMPRowRange(threads, i, rows, &first, &last);
         ASSERT_EQ(first, next) << threads << " threads, " << rows << " rows, worker " << i;
-        ASSERT_GE(last, first - 1);
+        ASSERT_EQ(last - first + 1, i < threads - 1 ? rows / threads : rows - next);
         next = last + 1;
       }
-      ASSERT_EQ(next, rows) << threads << " threads, " << rows << " rows";
     }
 }
 
-TEST_F(ForkTest, OneThreadRunsHereWithoutTheHost) {
+TEST_F(ForkTest, OneThreadOrOneRowRunsHereWithoutTheHost) {
   PLTestUseWorkers(8);
   NuvMPFork(1, 50, RecordWorker);
-  std::vector<Call> calls = Calls();
-  ASSERT_EQ(calls.size(), 1u);
-  EXPECT_EQ(calls[0].thread, 0);
-  EXPECT_EQ(calls[0].first, 0);
-  EXPECT_EQ(calls[0].last, 49);
-  EXPECT_EQ(calls[0].id, std::this_thread::get_id());
-  EXPECT_EQ(sparkhost::Calls().mpFork, 0);
-  EXPECT_EQ(sparkhost::Calls().mpInfo, 0);
-}
-
-TEST_F(ForkTest, OneRowRunsHereWhateverTheThreadCount) {
-  PLTestUseWorkers(8);
   NuvMPFork(4, 1, RecordWorker);
-  std::vector<Call> calls = Calls();
-  ASSERT_EQ(calls.size(), 1u);
-  EXPECT_EQ(calls[0].first, 0);
-  EXPECT_EQ(calls[0].last, 0);
-  EXPECT_EQ(calls[0].id, std::this_thread::get_id());
-  EXPECT_EQ(sparkhost::Calls().mpFork, 0);
+  std::vector<Call> calls = gCalls;
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_EQ(calls[0].last, 49);
+  EXPECT_EQ(calls[1].last, 0);
+  for (const Call& call : calls) {
+    EXPECT_EQ(call.thread, 0);
+    EXPECT_EQ(call.first, 0);
+    EXPECT_EQ(call.id, std::this_thread::get_id());
+  }
+  EXPECT_EQ(sparkhost::Calls().mpFork + sparkhost::Calls().mpInfo, 0);
 }
 
 TEST_F(ForkTest, TwoThreadsOnEightProcessorsLeaveSixIdle) {
@@ -161,22 +133,18 @@ TEST_F(ForkTest, TwoThreadsOnEightProcessorsLeaveSixIdle) {
   ExpectSlices(calls, 2, 100);
   EXPECT_NE(calls[0].id, calls[1].id);
   EXPECT_NE(calls[0].id, std::this_thread::get_id());
-  EXPECT_EQ(sparkhost::Calls().mpFork, 2);
-  EXPECT_EQ(sparkhost::Calls().mpInfo, 16) << "every processor entered both forks";
-}
-
-TEST_F(ForkTest, NoRowsReachTheHostAndCallNoWorker) {
-  PLTestUseWorkers(8);
+  // No rows reach the host too, and call no worker.
+  gCalls.clear();
   NuvMPFork(NuvMPThreadsForRows(0), 0, RecordWorker);
   EXPECT_TRUE(Calls().empty());
-  EXPECT_EQ(sparkhost::Calls().mpFork, 1);
-  EXPECT_EQ(sparkhost::Calls().mpInfo, 8);
+  EXPECT_EQ(sparkhost::Calls().mpFork, 3);
+  EXPECT_EQ(sparkhost::Calls().mpInfo, 24) << "every processor entered every fork";
 }
 
 const PLErr* gThrownAt = nullptr;
 std::atomic<int32_t> gFinished{0};
 
-// Worker 2 fails; the others run to the end of their slices.
+// Worker 2 fails (or every worker, when told); the others run to the end of their slices.
 void FailingWorker(int32_t thread, uint8_t, int32_t, int32_t, NuvMPArgs* args) {
   PLErr value = args->Next<PLErr>();
   if (thread == 2 || args->Next<int32_t>() == 1) {
@@ -190,98 +158,67 @@ void FailingWorker(int32_t thread, uint8_t, int32_t, int32_t, NuvMPArgs* args) {
   ++gFinished;
 }
 
-TEST_F(ForkTest, APLErrFromASerialWorkerComesBackAsANewObject) {
-  PLTestUseWorkers(1);
-  try {
-    NuvMPFork(1, 10, FailingWorker, PLErrParameter, int32_t{1});
-    FAIL() << "nothing thrown";
-  } catch (PLErr& err) {
-    EXPECT_EQ(err, PLErrParameter);
-    EXPECT_NE(&err, gThrownAt);
-  }
-}
-
-TEST_F(ForkTest, APLErrFromAThreadedWorkerComesBackWithItsValue) {
-  PLTestUseWorkers(4);
-  gFinished = 0;
-  try {
-    NuvMPFork(4, 128, FailingWorker, PLErrInterrupted, int32_t{0});
-    FAIL() << "nothing thrown";
-  } catch (PLErr& err) {
-    EXPECT_EQ(err, PLErrInterrupted);
-    EXPECT_NE(&err, gThrownAt);
-  }
-  EXPECT_EQ(gFinished.load(), 3);
-}
-
 void RuntimeErrorWorker(int32_t, uint8_t, int32_t, int32_t, NuvMPArgs*) {
   throw std::runtime_error("not ours");
 }
 
-TEST_F(ForkTest, OtherExceptionsPassThrough) {
-  PLTestUseWorkers(1);
-  EXPECT_THROW(NuvMPFork(1, 4, RuntimeErrorWorker), std::runtime_error);
-  PLTestUseWorkers(2);
-  EXPECT_THROW(NuvMPFork(2, 64, RuntimeErrorWorker), std::runtime_error);
+// A PLErr comes back by value, as a new object, from a serial or a threaded worker; other
+// exceptions pass through.
+TEST_F(ForkTest, ExceptionsFromWorkersComeBack) {
+  for (int32_t workers : {1, 4}) {
+    PLTestUseWorkers(workers);
+    gFinished = 0;
+    const PLErr sent = workers == 1 ? PLErrParameter : PLErrInterrupted;
+    try {
+      NuvMPFork(workers, 128, FailingWorker, sent, int32_t{workers == 1});
+      ADD_FAILURE() << "nothing thrown";
+    } catch (PLErr& err) {
+      EXPECT_EQ(err, sent);
+      EXPECT_NE(&err, gThrownAt);
+    }
+    EXPECT_EQ(gFinished.load(), workers - 1);
+    EXPECT_THROW(NuvMPFork(workers, 64, RuntimeErrorWorker), std::runtime_error);
+  }
 }
 
 enum Mode : int32_t { kModeA = 3, kModeB = -7 };
-std::atomic<int32_t> gArgsOk{0};
 
-// Reads all sixteen words in order; every worker must see the same sequence.
-void ArgsWorker(int32_t, uint8_t, int32_t, int32_t, NuvMPArgs* args) {
+// Reads all sixteen words in order, then fills its rows from its row numbers and the
+// arguments only: every worker must see the same sequence.
+void ArgsWorker(int32_t, uint8_t, int32_t first, int32_t last, NuvMPArgs* args) {
   bool ok = args->Next<int32_t>() == -5;
   ok &= *args->Next<const float*>() == 0.25f;
   ok &= args->Next<Mode>() == kModeB;
   ok &= args->Next<const char*>() == nullptr;
   ok &= args->Next<int64_t>() == (int64_t{1} << 40);
   ok &= args->Next<uint8_t>() == 200;
-  for (int32_t i = 6; i < 16; ++i) ok &= args->Next<int32_t>() == i * 11;
-  if (ok) ++gArgsOk;
-}
-
-TEST_F(ForkTest, ArgumentsArriveInOrderThroughPrivateCursors) {
-  float amount = 0.25f;
-  for (int32_t p : kPLTestWorkerCounts) {
-    PLTestUseWorkers(p);
-    gArgsOk = 0;
-    int32_t threads = NuvMPThreadsForRows(256);
-    NuvMPFork(threads, 256, ArgsWorker, int32_t{-5}, &amount, kModeB, nullptr, int64_t{1} << 40,
-              uint8_t{200}, 66, 77, 88, 99, 110, 121, 132, 143, 154, 165);
-    EXPECT_EQ(gArgsOk.load(), threads) << p << " workers";
-  }
-}
-
-// Each output row is a function of its row number and the arguments only.
-void FillRows(int32_t, uint8_t, int32_t first, int32_t last, NuvMPArgs* args) {
+  for (int32_t i = 6; i < 14; ++i) ok &= args->Next<int32_t>() == i * 11;
   uint8_t* out = args->Next<uint8_t*>();
-  int32_t width = args->Next<int32_t>();
-  int32_t seed = args->Next<int32_t>();
   int32_t* visits = args->Next<int32_t*>();
   for (int32_t y = first; y <= last; ++y) {
     ++visits[y];
-    for (int32_t x = 0; x < width; ++x)
-      out[y * width + x] = static_cast<uint8_t>((x * 13 + y * 7 + seed) ^ (y >> 2));
+    for (int32_t x = 0; x < 48; ++x)
+      out[y * 48 + x] = static_cast<uint8_t>(ok ? (x * 13 + y * 7) ^ (y >> 2) : 0);
   }
 }
 
-TEST_F(ForkTest, ForkGivesTheSameBytesForAnyWorkerCount) {
-  const int32_t rows = 200, width = 48;
+TEST_F(ForkTest, ArgumentsArriveInOrderAndAnyWorkerCountGivesTheSameBytes) {
+  const int32_t rows = 200;
+  float amount = 0.25f;
   std::vector<uint8_t> reference;
   for (int32_t p : kPLTestWorkerCounts) {
     PLTestUseWorkers(p);
-    std::vector<uint8_t> out(static_cast<size_t>(rows * width), 0);
+    std::vector<uint8_t> out(static_cast<size_t>(rows * 48), 0);
     std::vector<int32_t> visits(static_cast<size_t>(rows), 0);
     int32_t threads = NuvMPThreadsForRows(rows);
     EXPECT_EQ(threads, p);
-    NuvMPFork(threads, rows, FillRows, out.data(), width, int32_t{5}, visits.data());
-    for (int32_t y = 0; y < rows; ++y)
-      ASSERT_EQ(visits[static_cast<size_t>(y)], 1) << p << " workers, row " << y;
-    if (reference.empty())
-      reference = out;
-    else
-      EXPECT_EQ(out, reference) << p << " workers";
+    NuvMPFork(threads, rows, ArgsWorker, int32_t{-5}, &amount, kModeB, nullptr, int64_t{1} << 40,
+              uint8_t{200}, 66, 77, 88, 99, 110, 121, 132, 143, out.data(), visits.data());
+    EXPECT_EQ(visits, std::vector<int32_t>(rows, 1)) << p << " workers";
+    if (reference.empty()) reference = out;
+    EXPECT_EQ(out, reference) << p << " workers";
   }
+  EXPECT_NE(reference, std::vector<uint8_t>(reference.size(), 0));
   EXPECT_EQ(sparkhost::Calls().mpFork, 3) << "every count but 1 went through the host";
 }
 
