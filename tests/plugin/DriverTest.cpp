@@ -17,53 +17,41 @@
 namespace {
 
 using plugintest::Layout;
+using plugintest::Messages;
 using plugintest::Pauses;
 using sparkhost::kBackBuffer;
 using sparkhost::kFrontBuffer;
 using sparkhost::kResultBuffer;
+using Strings = std::vector<std::string>;
 
 constexpr uint8_t kUntouched = 0xA5;
+const int32_t kIds[] = {1, 2, 3, 4};  // result, front, back, the first temporary buffer
 
 class Driver : public plugintest::PluginTest {
  protected:
-  // Both clips 10 frames of `format`; the result buffer filled with a marker byte.
+  // A fresh host, both clips 10 frames of `format`, the result filled with a marker byte.
   void Setup(int32_t format, int32_t width = 24, int32_t height = 20, int32_t pad = 0) {
+    Fresh();
     MakeClips(Layout(width, height, format, pad), 10, 1.0, 0.0, 0.0, 1.0);
-  }
-  void MarkResult() {
     uint8_t* r = sparkhost::BufferPixels(kResultBuffer);
     std::memset(r, kUntouched, static_cast<size_t>(sparkhost::BufferCapacity(kResultBuffer)));
   }
-  // Whole block untouched, or the first FrameBytes bytes zero and the rest untouched.
+  // Whole block untouched, or the first frameBytes bytes zero and the rest untouched.
   bool ResultIs(bool cleared, int32_t frameBytes) {
     const uint8_t* r = sparkhost::BufferPixels(kResultBuffer);
-    int64_t capacity = sparkhost::BufferCapacity(kResultBuffer);
-    for (int64_t i = 0; i < capacity; ++i) {
-      uint8_t want = cleared && i < frameBytes ? 0 : kUntouched;
-      if (r[i] != want) return false;
-    }
+    for (int64_t i = 0; i < sparkhost::BufferCapacity(kResultBuffer); ++i)
+      if (r[i] != (cleared && i < frameBytes ? 0 : kUntouched)) return false;
     return true;
-  }
-  std::vector<std::string> Messages() {
-    std::vector<std::string> out;
-    for (const sparkhost::Note& n : sparkhost::Notes()) {
-      EXPECT_EQ(n.kind, sparkhost::Note::kMessage);
-      out.push_back(n.text);
-    }
-    return out;
   }
   void* Result() { return sparkhost::BufferPixels(kResultBuffer); }
 };
 
 TEST(SparkNeighbour, Table) {
-  struct Row {
-    int32_t n, front, back;
-  };
-  const Row rows[] = {{0, 1, 1},     {1, 2, 0},   {2, 1, 1},   {3, 2, 2},
-                      {100, 99, 99}, {-1, 0, -2}, {-5, -4, -6}};
-  for (const Row& r : rows) {
-    EXPECT_EQ(SparkNeighbourFrame(r.n, 0), r.front) << r.n;
-    EXPECT_EQ(SparkNeighbourFrame(r.n, 1), r.back) << r.n;
+  const int32_t rows[][3] = {{0, 1, 1},     {1, 2, 0},   {2, 1, 1},   {3, 2, 2},
+                             {100, 99, 99}, {-1, 0, -2}, {-5, -4, -6}};
+  for (const auto& r : rows) {
+    EXPECT_EQ(SparkNeighbourFrame(r[0], 0), r[1]) << r[0];
+    EXPECT_EQ(SparkNeighbourFrame(r[0], 1), r[2]) << r[0];
   }
   // A flag value other than 1 is not "from back".
   EXPECT_EQ(SparkNeighbourFrame(1, 2), 2);
@@ -75,59 +63,37 @@ TEST(SparkNeighbour, Table) {
 
 // Which frames the host is asked for, and into which buffers: the neighbour into tmp, then
 // frame n into the motion clip's buffer, then (motion from back) frame n into the back
-// buffer again. An unknown format keeps the library out of it.
+// buffer again. An unknown format keeps the library out of it, and the result alone.
 TEST_F(Driver, AsksForTheNeighbourThenTheFrameOfTheMotionClip) {
-  Setup(26);
-  struct Row {
-    int32_t n, front, back;
-  };
-  const Row rows[] = {{0, 1, 1}, {1, 2, 0}, {2, 1, 1}, {5, 4, 4}, {-1, 0, -2}};
-  for (const Row& r : rows) {
-    for (uint8_t fromBack : {0, 1}) {
-      sparkhost::Reset();
-      Setup(26);
-      SparkMemoryTempBuffers();
-      SparkBoolean2.value = fromBack;
-      MarkResult();
-      spark_info_struct info = sparkhost::BeginFrame(r.n < 0 ? 0 : r.n);
-      info.FrameNo = r.n;
-      EXPECT_EQ(SparkProcess(info), Result());
-      EXPECT_TRUE(ResultIs(false, info.FrameBytes));
-      std::vector<sparkhost::GetFrameCall> calls = sparkhost::GetFrameCalls();
-      int32_t clip = fromBack;
-      void* clipBuffer = sparkhost::BufferPixels(fromBack ? kBackBuffer : kFrontBuffer);
-      ASSERT_EQ(calls.size(), fromBack ? 3u : 2u) << r.n;
-      EXPECT_EQ(calls[0].clip, clip);
-      EXPECT_EQ(calls[0].frame, fromBack ? r.back : r.front) << r.n << " " << int(fromBack);
-      EXPECT_EQ(calls[0].pixels, sparkhost::BufferPixels(TempBufferId));
-      EXPECT_EQ(calls[1].clip, clip);
-      EXPECT_EQ(calls[1].frame, r.n);
-      EXPECT_EQ(calls[1].pixels, clipBuffer);
-      if (fromBack) {
-        EXPECT_EQ(calls[2].clip, 1);
-        EXPECT_EQ(calls[2].frame, r.n);
-        EXPECT_EQ(calls[2].pixels, sparkhost::BufferPixels(kBackBuffer));
+  const int32_t rows[][3] = {{0, 1, 1}, {1, 2, 0}, {5, 4, 4}, {-1, 0, -2}};
+  for (int32_t format : {26, 0, 47, 65})
+    for (const auto& r : rows)
+      for (uint8_t fromBack : {0, 1}) {
+        Setup(format);
+        SparkBoolean2.value = fromBack;
+        spark_info_struct info = sparkhost::BeginFrame(r[0] < 0 ? 0 : r[0]);
+        info.FrameNo = r[0];
+        EXPECT_EQ(SparkProcess(info), Result());
+        EXPECT_TRUE(ResultIs(false, info.FrameBytes));
+        std::vector<sparkhost::GetFrameCall> calls = sparkhost::GetFrameCalls();
+        void* clipBuffer = sparkhost::BufferPixels(fromBack ? kBackBuffer : kFrontBuffer);
+        ASSERT_EQ(calls.size(), fromBack ? 3u : 2u) << r[0];
+        EXPECT_EQ(calls[0].clip, fromBack);
+        EXPECT_EQ(calls[0].frame, r[1 + fromBack]) << r[0] << " " << int(fromBack);
+        EXPECT_EQ(calls[0].pixels, sparkhost::BufferPixels(TempBufferId));
+        EXPECT_EQ(calls[1].clip, fromBack);
+        EXPECT_EQ(calls[1].frame, r[0]);
+        EXPECT_EQ(calls[1].pixels, clipBuffer);
+        if (fromBack) {
+          EXPECT_EQ(calls[2].clip, 1);
+          EXPECT_EQ(calls[2].frame, r[0]);
+          EXPECT_EQ(calls[2].pixels, sparkhost::BufferPixels(kBackBuffer));
+        }
+        EXPECT_TRUE(sparkhost::Notes().empty());
+        EXPECT_TRUE(Pauses().empty());
+        EXPECT_EQ(sparkhost::Calls().mpFork, 0);
+        EXPECT_EQ(sparkhost::GetBufferCalls(), std::vector<int32_t>(kIds, kIds + 4));
       }
-      EXPECT_TRUE(sparkhost::Notes().empty());
-      EXPECT_TRUE(Pauses().empty());
-      std::vector<int32_t> ids = sparkhost::GetBufferCalls();
-      EXPECT_EQ(ids, (std::vector<int32_t>{1, 2, 3, TempBufferId}));
-    }
-  }
-}
-
-TEST_F(Driver, BypassedControlsTakeTheFrontClip) {
-  Setup(26);
-  SparkBoolean2.value = 1;
-  SparkPup1.value = 1;
-  SparkFloat0.value = 3.0f;
-  spark_info_struct info = sparkhost::BeginFrame(1);
-  info.ControlsBypass = 1;
-  SparkProcess(info);
-  std::vector<sparkhost::GetFrameCall> calls = sparkhost::GetFrameCalls();
-  ASSERT_EQ(calls.size(), 2u);
-  EXPECT_EQ(calls[0].clip, 0);
-  EXPECT_EQ(calls[0].frame, 2);
 }
 
 TEST_F(Driver, ProcessorCountAndFrameSizeAreHandedOnFirst) {
@@ -148,122 +114,79 @@ TEST_F(Driver, ProcessorCountAndFrameSizeAreHandedOnFirst) {
   EXPECT_EQ(sparkhost::Calls().cursorBusy, 2);
 }
 
-TEST_F(Driver, AFailedBufferFetchEndsAtOnceInSilence) {
-  for (int32_t which = 0; which < 4; ++which) {
-    sparkhost::Reset();
-    Setup(24);
-    SparkMemoryTempBuffers();
-    const int32_t ids[] = {1, 2, 3, TempBufferId};
-    sparkhost::FailGetBuffer(ids[which]);
-    MarkResult();
-    spark_info_struct info = sparkhost::BeginFrame(3);
-    EXPECT_EQ(SparkProcess(info), nullptr);
-    EXPECT_EQ(sparkhost::GetBufferCalls(),
-              std::vector<int32_t>(std::begin(ids), std::begin(ids) + which + 1));
-    EXPECT_TRUE(sparkhost::GetFrameCalls().empty());
-    EXPECT_TRUE(sparkhost::Notes().empty());
-    EXPECT_TRUE(ResultIs(false, info.FrameBytes));
-    EXPECT_EQ(sparkhost::Calls().cursorBusy, 1);
-  }
-  EXPECT_TRUE(Pauses().empty());
-}
-
-TEST_F(Driver, AnUnusableBufferEndsInSilenceAfterAllFourFetches) {
-  for (int32_t which = 0; which < 4; ++which) {
-    sparkhost::Reset();
-    Setup(24);
-    SparkMemoryTempBuffers();
-    const int32_t ids[] = {1, 2, 3, TempBufferId};
-    sparkhost::ClearUsableBit(ids[which]);
-    sparkhost::NullBufferPointer(ids[(which + 1) % 4]);  // tested only after the state bits
-    MarkResult();
-    testing::internal::CaptureStderr();
-    spark_info_struct info = sparkhost::BeginFrame(3);
-    EXPECT_EQ(SparkProcess(info), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    EXPECT_EQ(sparkhost::GetBufferCalls(), std::vector<int32_t>(std::begin(ids), std::end(ids)));
-    EXPECT_TRUE(sparkhost::GetFrameCalls().empty());
-    EXPECT_TRUE(sparkhost::Notes().empty());
-    EXPECT_TRUE(ResultIs(false, info.FrameBytes));
-  }
-  EXPECT_TRUE(Pauses().empty());
-}
-
-TEST_F(Driver, ANullBufferPointerIsReportedOnStandardError) {
-  for (int32_t which = 0; which < 4; ++which) {
-    sparkhost::Reset();
-    Setup(24);
-    SparkMemoryTempBuffers();
-    const int32_t ids[] = {1, 2, 3, TempBufferId};
-    sparkhost::NullBufferPointer(ids[which]);
-    MarkResult();
-    int shown[4];
-    for (int k = 0; k < 4; ++k)
-      shown[k] = k == which ? 0
-                            : static_cast<int>(static_cast<uint32_t>(
-                                  reinterpret_cast<uintptr_t>(sparkhost::BufferPixels(ids[k]))));
-    char want[200];
-    std::snprintf(want, sizeof want,
-                  "Error: null buffer pointer result(%d) front(%d) back(%d) tmp(%d)\n", shown[0],
-                  shown[1], shown[2], shown[3]);
-    testing::internal::CaptureStderr();
-    spark_info_struct info = sparkhost::BeginFrame(3);
-    EXPECT_EQ(SparkProcess(info), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), want);
-    EXPECT_TRUE(sparkhost::GetFrameCalls().empty());
-    EXPECT_TRUE(sparkhost::Notes().empty());
-    EXPECT_TRUE(ResultIs(false, info.FrameBytes));
-  }
-  EXPECT_TRUE(Pauses().empty());
+// A buffer that cannot be fetched ends the call at once; one that is not usable after all
+// four fetches; a null pointer (tested after the state bits) is reported on standard error.
+// Every way returns null and leaves the result alone.
+TEST_F(Driver, BufferFaultsEndTheCallBeforeAnyFrameIsLoaded) {
+  for (int32_t fault = 0; fault < 3; ++fault)
+    for (int32_t which = 0; which < 4; ++which) {
+      Setup(24);
+      const int32_t id = kIds[which];
+      char want[200] = "";
+      if (fault == 0) sparkhost::FailGetBuffer(id);
+      if (fault == 1) sparkhost::ClearUsableBit(id);
+      if (fault == 1) sparkhost::NullBufferPointer(kIds[(which + 1) % 4]);
+      if (fault == 2) {
+        sparkhost::NullBufferPointer(id);
+        int shown[4];
+        for (int k = 0; k < 4; ++k)
+          shown[k] = k == which ? 0
+                                : static_cast<int>(static_cast<uint32_t>(
+                                      reinterpret_cast<uintptr_t>(sparkhost::BufferPixels(kIds[k]))));
+        std::snprintf(want, sizeof want,
+                      "Error: null buffer pointer result(%d) front(%d) back(%d) tmp(%d)\n",
+                      shown[0], shown[1], shown[2], shown[3]);
+      }
+      testing::internal::CaptureStderr();
+      spark_info_struct info = sparkhost::BeginFrame(3);
+      EXPECT_EQ(SparkProcess(info), nullptr);
+      EXPECT_EQ(testing::internal::GetCapturedStderr(), want);
+      const size_t fetched = fault == 0 ? static_cast<size_t>(which) + 1 : 4;
+      EXPECT_EQ(sparkhost::GetBufferCalls(), std::vector<int32_t>(kIds, kIds + fetched));
+      EXPECT_TRUE(sparkhost::GetFrameCalls().empty());
+      EXPECT_TRUE(sparkhost::Notes().empty());
+      EXPECT_TRUE(ResultIs(false, info.FrameBytes));
+      EXPECT_TRUE(Pauses().empty());
+    }
 }
 
 TEST_F(Driver, ATmpBufferLostWhileLoadingClearsTheResultAndReturnsNull) {
   for (int32_t format : {24, 49, 26}) {
-    sparkhost::Reset();
     Setup(format);
-    SparkMemoryTempBuffers();
     SparkBoolean2.value = 1;
     sparkhost::NullBufferOnGetFrame(TempBufferId);
-    MarkResult();
     spark_info_struct info = sparkhost::BeginFrame(3);
     EXPECT_EQ(SparkProcess(info), nullptr);
-    EXPECT_EQ(Messages(),
-              std::vector<std::string>{"Cannot process image due to image buffer parameter error"});
+    EXPECT_EQ(Messages(), Strings{"Cannot process image due to image buffer parameter error"});
     EXPECT_TRUE(ResultIs(true, info.FrameBytes)) << format;
     // Both frames were loaded; nothing after the failure, so no reload of the back frame.
     EXPECT_EQ(sparkhost::GetFrameCalls().size(), 2u);
+    EXPECT_TRUE(Pauses().empty());
   }
-  EXPECT_TRUE(Pauses().empty());
 }
 
 // Plane allocations: the k-th fails.
 int gPlaneCalls = 0;
 int gPlaneFailAt = 0;
 void* FailingPlane(size_t bytes) {
-  ++gPlaneCalls;
-  if (gPlaneCalls == gPlaneFailAt) return nullptr;
-  return std::calloc(1, bytes);
+  return ++gPlaneCalls == gPlaneFailAt ? nullptr : std::calloc(1, bytes);
 }
 
 TEST_F(Driver, PlanesThatCannotBeHadAreReportedAfterFreeingTheOthers) {
   for (int failAt = 1; failAt <= 3; ++failAt) {
-    sparkhost::Reset();
     Setup(49);
-    SparkMemoryTempBuffers();
     gPlaneCalls = 0;
     gPlaneFailAt = failAt;
     SparkSetPlaneAllocator(FailingPlane);
-    MarkResult();
     spark_info_struct info = sparkhost::BeginFrame(3);
     EXPECT_EQ(SparkProcess(info), nullptr);
     EXPECT_EQ(gPlaneCalls, failAt);
-    EXPECT_EQ(Messages(), std::vector<std::string>{
-                              "Cannot process image due to image buffer allocation error"});
+    EXPECT_EQ(Messages(), Strings{"Cannot process image due to image buffer allocation error"});
     EXPECT_TRUE(ResultIs(true, info.FrameBytes));
     EXPECT_EQ(sparkhost::GetFrameCalls().size(), 2u);
     EXPECT_EQ(sparkhost::Calls().mpFork, 0);  // nothing converted
+    EXPECT_TRUE(Pauses().empty());
   }
-  EXPECT_TRUE(Pauses().empty());
 }
 
 void* NoMemory(void*, uint64_t) { return nullptr; }
@@ -273,18 +196,13 @@ void NoFree(void*, void* block) { std::free(block); }
 // the full clean-up (and the back frame reloaded).
 TEST_F(Driver, ANullEstimatorIsTheFlowOutOfMemoryCase) {
   for (int32_t format : {24, 48, 49}) {
-    sparkhost::Reset();
     Setup(format, 24, 20, format == 49 ? 0 : 5);
-    SparkMemoryTempBuffers();
     SparkBoolean2.value = 1;
-    MarkResult();
-    Pauses().clear();
     NuvMemSetHooks(nullptr, NoMemory, NoFree);
     spark_info_struct info = sparkhost::BeginFrame(4);
     EXPECT_EQ(SparkProcess(info), Result());
     NuvMemSetHooks(nullptr, nullptr, nullptr);
-    EXPECT_EQ(Messages(),
-              std::vector<std::string>{"Cannot process image flow due to out of memory error"});
+    EXPECT_EQ(Messages(), Strings{"Cannot process image flow due to out of memory error"});
     EXPECT_EQ(Pauses(), std::vector<uint32_t>{1});
     // Format 49 packs the zeroed output plane back over the cleared result: still zero.
     EXPECT_TRUE(ResultIs(true, info.FrameBytes)) << format;
@@ -295,58 +213,26 @@ TEST_F(Driver, ANullEstimatorIsTheFlowOutOfMemoryCase) {
   }
 }
 
-TEST_F(Driver, AFormatOutsideTheTableLeavesTheResultAlone) {
-  for (int32_t format : {26, 0, 47, 65}) {
-    sparkhost::Reset();
-    Setup(format);
-    SparkMemoryTempBuffers();
-    MarkResult();
-    spark_info_struct info = sparkhost::BeginFrame(2);
-    EXPECT_EQ(SparkProcess(info), Result());
-    EXPECT_TRUE(ResultIs(false, info.FrameBytes));
-    EXPECT_TRUE(sparkhost::Notes().empty());
-    EXPECT_EQ(sparkhost::Calls().mpFork, 0);
-  }
-  EXPECT_TRUE(Pauses().empty());
-}
-
 // ---- The driver's calls into the library, observed through the call table.
 
 struct FakeCalls {
-  struct Create {
-    int32_t width, height, mode;
-  };
-  struct Flow {
-    void* first;
-    void* second;
-    int32_t width, height, rowBytes, order, secondWidth, secondHeight, secondRowBytes, secondOrder,
-        type;
-    bool edgeBlend;
-    float levelFactor, whitePoint;
-  };
-  struct Blur {
-    void* dest;
-    int32_t width, height, rowBytes, order;
-    void* source;
-    int32_t sourceWidth, sourceHeight, sourceRowBytes, sourceOrder, type;
-    float amount, whitePoint;
-  };
+  // The arguments of each call, in the order the driver passed them.
   std::vector<std::string> order;
-  std::vector<Create> creates;
-  std::vector<Flow> flows;
-  std::vector<Blur> blurs;
+  std::vector<std::vector<int64_t>> creates, flows, blurs;
+  std::vector<std::vector<void*>> flowImages, blurImages;
   std::vector<void*> destroyed;
   int32_t flowCode = 0;
   int32_t blurCode = 0;
-  uint8_t blurFill = 0x3C;  // what the fake render writes into its destination, 3 channels
 };
 FakeCalls gFake;
 int gEstimatorToken;  // the fake estimator is this address
+PLOpticalFlowUChar* const kToken = reinterpret_cast<PLOpticalFlowUChar*>(&gEstimatorToken);
+constexpr uint8_t kBlurFill = 0x3C;  // what the fake render writes into its first row
 
 PLOpticalFlowUChar* FakeCreate(int32_t width, int32_t height, int32_t mode) {
   gFake.order.push_back("create");
   gFake.creates.push_back({width, height, mode});
-  return reinterpret_cast<PLOpticalFlowUChar*>(&gEstimatorToken);
+  return kToken;
 }
 void FakeDestroy(PLOpticalFlowUChar* estimator) {
   gFake.order.push_back("destroy");
@@ -356,29 +242,32 @@ int32_t FakeFlow(PLOpticalFlowUChar* estimator, void* first, int32_t width, int3
                  int32_t rowBytes, int32_t order, void* second, int32_t secondWidth,
                  int32_t secondHeight, int32_t secondRowBytes, int32_t secondOrder, int32_t type,
                  bool edgeBlend, float levelFactor, float whitePoint) {
-  EXPECT_EQ(estimator, reinterpret_cast<PLOpticalFlowUChar*>(&gEstimatorToken));
+  EXPECT_EQ(estimator, kToken);
+  EXPECT_FALSE(edgeBlend);
+  EXPECT_EQ(levelFactor, 0.7f);
+  EXPECT_EQ(whitePoint, 65535.0f);
   gFake.order.push_back("flow");
-  gFake.flows.push_back({first, second, width, height, rowBytes, order, secondWidth, secondHeight,
-                         secondRowBytes, secondOrder, type, edgeBlend, levelFactor, whitePoint});
+  gFake.flows.push_back({width, height, rowBytes, order, secondWidth, secondHeight,
+                         secondRowBytes, secondOrder, type});
+  gFake.flowImages.push_back({first, second});
   return gFake.flowCode;
 }
 int32_t FakeBlur(PLOpticalFlowUChar* estimator, void* dest, int32_t width, int32_t height,
                  int32_t rowBytes, int32_t order, void* source, int32_t sourceWidth,
                  int32_t sourceHeight, int32_t sourceRowBytes, int32_t sourceOrder, int32_t type,
                  float amount, float whitePoint) {
-  EXPECT_EQ(estimator, reinterpret_cast<PLOpticalFlowUChar*>(&gEstimatorToken));
+  EXPECT_EQ(estimator, kToken);
+  EXPECT_EQ(whitePoint, 65535.0f);
   gFake.order.push_back("blur");
-  gFake.blurs.push_back({dest, width, height, rowBytes, order, source, sourceWidth, sourceHeight,
-                         sourceRowBytes, sourceOrder, type, amount, whitePoint});
+  gFake.blurs.push_back({width, height, rowBytes, order, sourceWidth, sourceHeight,
+                         sourceRowBytes, sourceOrder, type, static_cast<int64_t>(amount * 100)});
+  gFake.blurImages.push_back({dest, source});
   // Something rendered: the first row of the destination, in its own sample type.
-  if (dest && width > 0 && height > 0) {
-    if (type == 2) {
-      float v = gFake.blurFill / 255.0f;
-      for (int32_t i = 0; i < width * 3; ++i)
-        std::memcpy(static_cast<uint8_t*>(dest) + 4 * i, &v, 4);
-    } else {
-      std::memset(dest, gFake.blurFill, static_cast<size_t>(width) * 3 * (type == 1 ? 2 : 1));
-    }
+  if (type == 2) {
+    float v = kBlurFill / 255.0f;
+    for (int32_t i = 0; i < width * 3; ++i) std::memcpy(static_cast<uint8_t*>(dest) + 4 * i, &v, 4);
+  } else {
+    std::memset(dest, kBlurFill, static_cast<size_t>(width) * 3 * (type == 1 ? 2 : 1));
   }
   return gFake.blurCode;
 }
@@ -397,114 +286,74 @@ void PauseAndLook(uint32_t seconds) {
 
 class DriverCalls : public Driver {
  protected:
-  void SetUp() override {
-    Driver::SetUp();
-    gFake = FakeCalls();
-    gClearedAtPause.clear();
-    SparkSetFlowCalls(&kFakeTable);
-    SparkSetPause(PauseAndLook);
-  }
   void TearDown() override {
     SparkSetFlowCalls(nullptr);
     Driver::TearDown();
   }
-  spark_info_struct Begin(int32_t n) {
+  // A fresh host with the fake calls in place, the call for frame n described.
+  spark_info_struct Begin(int32_t format, int32_t n, int32_t pad) {
+    Setup(format, 30, 22, pad);
+    gFake = FakeCalls();
+    gClearedAtPause.clear();
+    SparkSetFlowCalls(&kFakeTable);
+    SparkSetPause(PauseAndLook);
     spark_info_struct info = sparkhost::BeginFrame(n);
     gFrameBytes = info.FrameBytes;
     return info;
   }
+  // The result's half samples: the fake's first row where it rendered, zeros after it.
+  void ExpectHalfResult(bool written) {
+    std::vector<uint8_t> result = plugintest::ResultPixels();
+    const uint16_t fill = SparkFloatToHalf(kBlurFill / 255.0f);
+    for (size_t i = 0; i < result.size(); i += 2) {
+      uint16_t h;
+      std::memcpy(&h, &result[i], 2);
+      ASSERT_EQ(h, i < 30 * 6 && written ? fill : 0) << i;
+    }
+  }
 };
 
 TEST_F(DriverCalls, InPlaceFormatsPassTheHostBuffers) {
-  for (int32_t format : {24, 25, 48, 64}) {
+  for (int32_t format : {24, 25, 48, 64})
     for (int32_t n : {0, 3}) {
-      sparkhost::Reset();
-      Setup(format, 30, 22, 6);
-      SparkMemoryTempBuffers();
-      gFake = FakeCalls();
+      spark_info_struct info = Begin(format, n, 6);
       SparkFloat0.value = 1.25f;
       SparkPup1.value = 1;
-      spark_info_struct info = Begin(n);
       EXPECT_EQ(SparkProcess(info), Result());
-      EXPECT_EQ(gFake.order, (std::vector<std::string>{"create", "flow", "blur", "destroy"}));
-      ASSERT_EQ(gFake.flows.size(), 1u);
-      const FakeCalls::Create& c = gFake.creates[0];
-      EXPECT_EQ(c.width, 30);
-      EXPECT_EQ(c.height, 22);
-      EXPECT_EQ(c.mode, 2);  // Draft
-      const FakeCalls::Flow& f = gFake.flows[0];
+      EXPECT_EQ(gFake.order, (Strings{"create", "flow", "blur", "destroy"}));
+      EXPECT_EQ(gFake.creates[0], (std::vector<int64_t>{30, 22, 2}));  // Draft
       void* current = sparkhost::BufferPixels(kFrontBuffer);
       void* tmp = sparkhost::BufferPixels(TempBufferId);
-      EXPECT_EQ(f.first, n == 0 ? tmp : current);
-      EXPECT_EQ(f.second, n == 0 ? current : tmp);
-      const int32_t stride = 30 * (format == 24 || format == 25 ? 3 : 6) + 6;
-      EXPECT_EQ(f.width, 30);
-      EXPECT_EQ(f.height, 22);
-      EXPECT_EQ(f.secondWidth, 30);
-      EXPECT_EQ(f.secondHeight, 22);
-      EXPECT_EQ(f.rowBytes, stride);
-      EXPECT_EQ(f.secondRowBytes, stride);
-      EXPECT_EQ(f.order, 1);
-      EXPECT_EQ(f.secondOrder, 1);
-      EXPECT_EQ(f.type, format == 24 || format == 25 ? 0 : 1);
-      EXPECT_FALSE(f.edgeBlend);
-      EXPECT_EQ(f.levelFactor, 0.7f);
-      EXPECT_EQ(f.whitePoint, 65535.0f);
-      const FakeCalls::Blur& b = gFake.blurs[0];
-      EXPECT_EQ(b.dest, Result());
-      EXPECT_EQ(b.source, current);
-      EXPECT_EQ(b.width, 30);
-      EXPECT_EQ(b.sourceWidth, 30);
-      EXPECT_EQ(b.height, 22);
-      EXPECT_EQ(b.sourceHeight, 22);
-      EXPECT_EQ(b.rowBytes, stride);
-      EXPECT_EQ(b.sourceRowBytes, stride);
-      EXPECT_EQ(b.order, 1);
-      EXPECT_EQ(b.sourceOrder, 1);
-      EXPECT_EQ(b.type, f.type);
-      EXPECT_EQ(b.amount, 1.25f);
-      EXPECT_EQ(b.whitePoint, 65535.0f);
-      EXPECT_EQ(gFake.destroyed, std::vector<void*>{&gEstimatorToken});
+      const int64_t stride = 30 * (format == 24 || format == 25 ? 3 : 6) + 6;
+      const int64_t type = format == 24 || format == 25 ? 0 : 1;
+      EXPECT_EQ(gFake.flowImages[0], (n == 0 ? std::vector<void*>{tmp, current}
+                                             : std::vector<void*>{current, tmp}));
+      EXPECT_EQ(gFake.flows[0], (std::vector<int64_t>{30, 22, stride, 1, 30, 22, stride, 1, type}));
+      EXPECT_EQ(gFake.blurImages[0], (std::vector<void*>{Result(), current}));
+      EXPECT_EQ(gFake.blurs[0],
+                (std::vector<int64_t>{30, 22, stride, 1, 30, 22, stride, 1, type, 125}));
+      EXPECT_EQ(gFake.destroyed, std::vector<void*>{kToken});
     }
-  }
 }
 
 TEST_F(DriverCalls, HalfFloatsGoThroughFloatPlanes) {
   for (int32_t n : {0, 1, 4}) {
-    sparkhost::Reset();
-    Setup(49, 30, 22);
-    SparkMemoryTempBuffers();
-    gFake = FakeCalls();
-    spark_info_struct info = Begin(n);
+    spark_info_struct info = Begin(49, n, 0);
     EXPECT_EQ(SparkProcess(info), Result());
-    EXPECT_EQ(gFake.order, (std::vector<std::string>{"create", "flow", "blur", "destroy"}));
-    const FakeCalls::Flow& f = gFake.flows[0];
-    const FakeCalls::Blur& b = gFake.blurs[0];
-    EXPECT_EQ(gFake.creates[0].mode, 1);  // Best
-    EXPECT_EQ(f.type, 2);
-    EXPECT_EQ(f.rowBytes, 30 * 12);
-    EXPECT_EQ(b.type, 2);
-    EXPECT_EQ(b.rowBytes, 30 * 12);
-    EXPECT_EQ(b.sourceRowBytes, 30 * 12);
+    EXPECT_EQ(gFake.order, (Strings{"create", "flow", "blur", "destroy"}));
+    EXPECT_EQ(gFake.creates[0][2], 1);  // Best
+    EXPECT_EQ(gFake.flows[0], (std::vector<int64_t>{30, 22, 360, 1, 30, 22, 360, 1, 2}));
+    EXPECT_EQ(gFake.blurs[0], (std::vector<int64_t>{30, 22, 360, 1, 30, 22, 360, 1, 2, 50}));
     // Planes: A the current frame (then the front frame), B the neighbour, C the output.
-    void* a = n == 0 ? f.second : f.first;
-    void* bPlane = n == 0 ? f.first : f.second;
-    EXPECT_EQ(b.source, a);
-    EXPECT_NE(b.dest, a);
-    EXPECT_NE(b.dest, bPlane);
-    for (void* p : {a, bPlane, b.dest}) {
-      EXPECT_NE(p, Result());
-      EXPECT_NE(p, sparkhost::BufferPixels(kFrontBuffer));
-      EXPECT_NE(p, sparkhost::BufferPixels(TempBufferId));
-    }
-    // The output plane, packed back: the fake's first row, zeros after it.
-    std::vector<uint8_t> result = plugintest::ResultPixels();
-    uint16_t fill = SparkFloatToHalf(0x3C / 255.0f);
-    for (size_t i = 0; i < result.size(); i += 2) {
-      uint16_t h;
-      std::memcpy(&h, &result[i], 2);
-      ASSERT_EQ(h, i < 30 * 6 ? fill : 0) << i;
-    }
+    void* a = gFake.flowImages[0][n == 0 ? 1 : 0];
+    void* b = gFake.flowImages[0][n == 0 ? 0 : 1];
+    void* c = gFake.blurImages[0][0];
+    EXPECT_EQ(gFake.blurImages[0][1], a);
+    EXPECT_NE(c, a);
+    EXPECT_NE(c, b);
+    for (void* p : {a, b, c})
+      for (int32_t id : kIds) EXPECT_NE(p, sparkhost::BufferPixels(id));
+    ExpectHalfResult(true);
   }
 }
 
@@ -520,54 +369,32 @@ TEST_P(DriverFailures, MessageResultAndPause) {
   const FailureRow& row = GetParam();
   for (int32_t format : {24, 48, 49}) {
     SCOPED_TRACE(format);
-    sparkhost::Reset();
-    Setup(format, 30, 22, format == 49 ? 0 : 4);
-    SparkMemoryTempBuffers();
-    gFake = FakeCalls();
+    spark_info_struct info = Begin(format, 3, format == 49 ? 0 : 4);
     (row.inFlow ? gFake.flowCode : gFake.blurCode) = row.code;
-    gClearedAtPause.clear();
-    Pauses().clear();
     SparkBoolean2.value = 1;
-    MarkResult();
-    spark_info_struct info = Begin(3);
     EXPECT_EQ(SparkProcess(info), Result());
-    std::vector<std::string> want;
-    if (row.message) want.push_back(row.message);
-    EXPECT_EQ(Messages(), want);
-    if (row.message) {
-      EXPECT_EQ(Pauses(), std::vector<uint32_t>{1});
-      EXPECT_EQ(gClearedAtPause, std::vector<bool>{true});  // cleared before the message
-    } else {
-      EXPECT_TRUE(Pauses().empty());
-    }
+    EXPECT_EQ(Messages(), row.message ? Strings{row.message} : Strings{});
+    EXPECT_EQ(Pauses(), row.message ? std::vector<uint32_t>{1} : std::vector<uint32_t>{});
+    // Cleared before the message.
+    EXPECT_EQ(gClearedAtPause, row.message ? std::vector<bool>{true} : std::vector<bool>{});
     // Clean-up on every path: the estimator destroyed, the back frame reloaded.
     EXPECT_EQ(gFake.order.back(), "destroy");
-    EXPECT_EQ(gFake.destroyed.size(), 1u);
     EXPECT_EQ(gFake.order.size(), row.inFlow ? 3u : 4u);
     std::vector<sparkhost::GetFrameCall> calls = sparkhost::GetFrameCalls();
     ASSERT_EQ(calls.size(), 3u);
     EXPECT_EQ(calls[2].clip, 1);
     EXPECT_EQ(calls[2].frame, 3);
-    // What the result holds afterwards.
-    std::vector<uint8_t> result = plugintest::ResultPixels();
+    // What the result holds afterwards. Half floats are always packed back from the output
+    // plane, over a cleared result too.
     if (format == 49) {
-      // Always packed back from the output plane, over a cleared result too: zeros, or
-      // the fake's first row once the render has run.
-      bool written = !row.inFlow;
-      uint16_t fill = SparkFloatToHalf(0x3C / 255.0f);
-      for (size_t i = 0; i < result.size(); i += 2) {
-        uint16_t h;
-        std::memcpy(&h, &result[i], 2);
-        ASSERT_EQ(h, i < 30 * 6 && written ? fill : 0) << i;
-      }
-    } else if (row.message) {
-      EXPECT_TRUE(ResultIs(true, info.FrameBytes));
-    } else if (row.inFlow) {
-      EXPECT_TRUE(ResultIs(false, info.FrameBytes));
+      ExpectHalfResult(!row.inFlow);
+    } else if (row.message || row.inFlow) {
+      EXPECT_TRUE(ResultIs(row.message != nullptr, info.FrameBytes));
     } else {  // an unreported render code: the result as rendered so far
-      size_t rowUsed = 30 * (format == 24 ? 3 : 6);
+      std::vector<uint8_t> result = plugintest::ResultPixels();
+      const size_t rowUsed = 30 * (format == 24 ? 3 : 6);
       for (size_t i = 0; i < result.size(); ++i)
-        ASSERT_EQ(result[i], i < rowUsed ? 0x3C : kUntouched) << i;
+        ASSERT_EQ(result[i], i < rowUsed ? kBlurFill : kUntouched) << i;
     }
   }
 }
@@ -584,7 +411,8 @@ INSTANTIATE_TEST_SUITE_P(
       return std::string(info.param.inFlow ? "flow" : "blur") + std::to_string(info.param.code);
     });
 
-// The flow and render calls on their own.
+// ---- The flow and render calls on their own.
+
 TEST(SparkFlowCalls, SizeMismatchesAreParameterErrorsBeforeAnythingIsWrapped) {
   uint8_t a[4 * 4 * 3] = {}, b[4 * 5 * 3] = {};
   uint8_t dst[4 * 5 * 3];
@@ -635,7 +463,6 @@ TEST(SparkFlowCalls, SixteenBitWhitePointScaling) {
   EXPECT_EQ(CalculateFlow(e, a.data(), w, h, w * 6, 1, b.data(), w, h, w * 6, 1, 1, false, 0.7f,
                           65535.0f),
             0);
-  EXPECT_EQ(a, original);
   EXPECT_EQ(RenderBlur(e, out.data(), w, h, w * 6, 1, a.data(), w, h, w * 6, 1, 1, 0.0f, 65535.0f),
             0);
   EXPECT_EQ(a, original);
@@ -652,7 +479,6 @@ TEST(SparkFlowCalls, SixteenBitWhitePointScaling) {
       0);
   EXPECT_EQ(a[0], 4095);
   EXPECT_NEAR(a[4], 4.0, 1.0);
-  EXPECT_NEAR(b[3071], 3071.0 * 4095.0 / 65535.0, 1.0);
   EXPECT_EQ(b[0], 256);  // 4095 x 4095 / 65535, rounded
   DestroyFlowEstimator(e);
 }
@@ -664,8 +490,7 @@ TEST(SparkFlowCalls, EstimatorModes) {
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->workWidth, 64 >> mode);
     EXPECT_EQ(e->workHeight, 48 >> mode);
-    EXPECT_EQ(e->useHints, 0);
-    EXPECT_EQ(e->useMasks, 0);
+    EXPECT_EQ(e->useHints + e->useMasks, 0);
     EXPECT_EQ(e->minLevelSize, 12);
     DestroyFlowEstimator(e);
   }

@@ -12,21 +12,15 @@
 #include "runtime/NuvMP.h"
 #include "runtime/NuvMem.h"
 #include "shell/shell.h"
+#include "tests/support/PLTestTexture.h"
 
 namespace plugintest {
 
 using sparkhost::FrameLayout;
 
-// A smooth texture with structure in every direction, about 0.05 to 0.95, seen through a
-// window that moves by (vx, vy) pixels a frame: frame t shows the texture at (x + vx t,
-// y + vy t), so content moves by (-vx, -vy) from frame to frame.
-inline double Texture(double x, double y, int32_t c) {
-  const double k = 6.283185307179586;
-  double phase = 0.7 * c;
-  return 0.5 + 0.22 * std::sin(k * x / 23.0 + 1.3 * std::sin(k * y / 31.0) + phase) +
-         0.18 * std::cos(k * (x + 0.6 * y) / 17.0 - phase) +
-         0.05 * std::sin(k * (0.8 * x - y) / 11.0);
-}
+// Channel c of the project's texture, seen through a window at (x, y); channels are offset
+// so that they differ.
+inline double Texture(double x, double y, int32_t c) { return pltest::Texture(x + 9 * c, y - 5 * c); }
 
 // The texture value as a stored sample of the format: bytes for 24/25, 16-bit words for
 // 48/64, half bits for 49.
@@ -36,26 +30,20 @@ inline uint32_t Encode(double v, int32_t format) {
   return static_cast<uint32_t>(std::lround(v * 65535.0));
 }
 
-// Fills every frame of a clip with the moving texture.
+// Fills every frame of a clip with the texture moving by (-vx, -vy) a frame.
 inline void FillMovingClip(int32_t clip, double vx, double vy) {
   FrameLayout layout = sparkhost::ClipLayout(clip);
-  for (int32_t t = 0; t < sparkhost::ClipFrames(clip); ++t) {
-    uint8_t* frame = sparkhost::ClipFrame(clip, t);
+  for (int32_t t = 0; t < sparkhost::ClipFrames(clip); ++t)
     for (int32_t y = 0; y < layout.height; ++y)
       for (int32_t x = 0; x < layout.width; ++x)
         for (int32_t c = 0; c < 3; ++c)
-          sparkhost::SetSample(frame, layout, x, y, c,
+          sparkhost::SetSample(sparkhost::ClipFrame(clip, t), layout, x, y, c,
                                Encode(Texture(x + vx * t, y + vy * t, c), layout.formatCode));
-  }
 }
 
 inline FrameLayout Layout(int32_t width, int32_t height, int32_t format, int32_t pad = 0) {
-  FrameLayout layout;
-  layout.width = width;
-  layout.height = height;
-  layout.formatCode = format;
-  layout.stride = pad ? width * sparkhost::BytesPerPixel(format) + pad : 0;
-  return layout;
+  return FrameLayout{width, height, format,
+                     pad ? width * sparkhost::BytesPerPixel(format) + pad : 0};
 }
 
 // The used bytes of a frame, row padding left out.
@@ -74,33 +62,15 @@ inline std::vector<uint8_t> ResultPixels() {
                 sparkhost::BufferLayout(sparkhost::kResultBuffer));
 }
 
-// Largest difference between two packed frames, sample by sample, in the format's units.
-inline int64_t MaxSampleDifference(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b,
-                                   int32_t format) {
-  if (a.size() != b.size()) return -1;
-  int64_t worst = 0;
-  bool bytes = format == 24 || format == 25;
-  size_t step = bytes ? 1 : 2;
-  for (size_t i = 0; i + step <= a.size(); i += step) {
-    int64_t va, vb;
-    if (bytes) {
-      va = a[i];
-      vb = b[i];
-    } else {
-      uint16_t wa, wb;
-      std::memcpy(&wa, &a[i], 2);
-      std::memcpy(&wb, &b[i], 2);
-      va = wa;
-      vb = wb;
-      if (format == 49) {
-        double fa = SparkHalfToFloat(wa), fb = SparkHalfToFloat(wb);
-        va = std::llround(fa * 65535.0);
-        vb = std::llround(fb * 65535.0);
-      }
-    }
-    worst = std::max<int64_t>(worst, std::llabs(va - vb));
-  }
-  return worst;
+inline std::vector<uint8_t> ClipFramePixels(int32_t clip, int32_t frame) {
+  return Packed(sparkhost::ClipFrame(clip, frame), sparkhost::ClipLayout(clip));
+}
+
+// The texts of the host's notes, in order.
+inline std::vector<std::string> Messages() {
+  std::vector<std::string> out;
+  for (const sparkhost::Note& n : sparkhost::Notes()) out.push_back(n.text);
+  return out;
 }
 
 // Pauses asked for by the driver, instead of sleeping.
@@ -114,21 +84,23 @@ inline void RecordPause(uint32_t seconds) { Pauses().push_back(seconds); }
 // recorded instead of slept.
 class PluginTest : public testing::Test {
  protected:
-  void SetUp() override {
+  void SetUp() override { Fresh(); }
+  void TearDown() override {
+    SparkSetPause(nullptr);
+    SparkSetPlaneAllocator(nullptr);
+    NuvMemSetHooks(nullptr, nullptr, nullptr);
+    sparkhost::Reset();
+    NuvMPSetThreadCount(1);
+  }
+  // Also between the cases of one test.
+  void Fresh() {
     sparkhost::Reset();
     SparkFloat0.value = 0.5f;
     SparkPup1.value = 0;
     SparkBoolean2.value = 0;
     SparkMemoryTempBuffers();
     Pauses().clear();
-    previousPause = SparkSetPause(RecordPause);
-  }
-  void TearDown() override {
-    SparkSetPause(previousPause);
-    SparkSetPlaneAllocator(nullptr);
-    NuvMemSetHooks(nullptr, nullptr, nullptr);
-    sparkhost::Reset();
-    NuvMPSetThreadCount(1);
+    SparkSetPause(RecordPause);
   }
 
   // Both clips `frames` frames of `layout`, the front moving by (vx, vy) a frame and the back
@@ -140,40 +112,42 @@ class PluginTest : public testing::Test {
     FillMovingClip(0, vx, vy);
     FillMovingClip(1, bx, by);
   }
-
-  SparkPauseFunction previousPause = nullptr;
 };
 
 // What the driver computes for one frame, by hand: flow between `first` and `second` of the
 // motion clip, then the front frame rendered along it. Frames are packed host frames of
-// `layout` (24, 25, 48, 64 with their own row bytes, or 49 converted to float planes here).
-// Returns the packed result frame.
+// `layout` (format 49 converted to float planes here). Returns the packed result frame.
 inline std::vector<uint8_t> ReferenceFrame(const FrameLayout& layout, std::vector<uint8_t> first,
                                            std::vector<uint8_t> second, std::vector<uint8_t> front,
                                            int32_t mode, float amount) {
   // The library's workers divide the frame by the result size, as after SparkProcess.
   Width = layout.width;
   Height = layout.height;
-  int32_t format = layout.formatCode;
-  int32_t bpp = sparkhost::BytesPerPixel(format);
-  int32_t rowBytes = layout.width * bpp;
-  int32_t type = format == 49 ? 2 : (format == 48 || format == 64) ? 1 : 0;
-  auto toFloats = [](const std::vector<uint8_t>& halves) {
-    std::vector<uint8_t> floats(halves.size() * 2);
-    for (size_t i = 0; i + 2 <= halves.size(); i += 2) {
+  const int32_t format = layout.formatCode;
+  const bool half = format == 49;
+  const int32_t rowBytes = layout.width * (half ? 12 : sparkhost::BytesPerPixel(format));
+  const int32_t type = half ? 2 : (format == 48 || format == 64) ? 1 : 0;
+  auto convert = [half](std::vector<uint8_t>& v, bool toFloats) {
+    if (!half) return;
+    std::vector<uint8_t> out(toFloats ? v.size() * 2 : v.size() / 2);
+    for (size_t i = 0; i + 2 <= (toFloats ? v.size() : out.size()); i += 2) {
       uint16_t h;
-      std::memcpy(&h, &halves[i], 2);
-      float f = SparkHalfToFloat(h);
-      std::memcpy(&floats[i * 2], &f, 4);
+      float f;
+      if (toFloats) {
+        std::memcpy(&h, &v[i], 2);
+        f = SparkHalfToFloat(h);
+        std::memcpy(&out[i * 2], &f, 4);
+      } else {
+        std::memcpy(&f, &v[i * 2], 4);
+        h = SparkFloatToHalf(f);
+        std::memcpy(&out[i], &h, 2);
+      }
     }
-    return floats;
+    v = out;
   };
-  if (format == 49) {
-    first = toFloats(first);
-    second = toFloats(second);
-    front = toFloats(front);
-    rowBytes = layout.width * 12;
-  }
+  convert(first, true);
+  convert(second, true);
+  convert(front, true);
   std::vector<uint8_t> out(front.size());
   PLOpticalFlowUChar* estimator = CreateFlowEstimator(layout.width, layout.height, mode);
   EXPECT_NE(estimator, nullptr);
@@ -186,19 +160,8 @@ inline std::vector<uint8_t> ReferenceFrame(const FrameLayout& layout, std::vecto
                  layout.width, layout.height, rowBytes, 1, type, amount, kSparkWhitePoint),
       0);
   DestroyFlowEstimator(estimator);
-  if (format != 49) return out;
-  std::vector<uint8_t> halves(out.size() / 2);
-  for (size_t i = 0; i + 2 <= halves.size(); i += 2) {
-    float f;
-    std::memcpy(&f, &out[i * 2], 4);
-    uint16_t h = SparkFloatToHalf(f);
-    std::memcpy(&halves[i], &h, 2);
-  }
-  return halves;
-}
-
-inline std::vector<uint8_t> ClipFramePixels(int32_t clip, int32_t frame) {
-  return Packed(sparkhost::ClipFrame(clip, frame), sparkhost::ClipLayout(clip));
+  convert(out, false);
+  return out;
 }
 
 }  // namespace plugintest

@@ -32,6 +32,27 @@ extern "C" size_t __sanitizer_get_current_allocated_bytes(void);
 
 namespace {
 
+struct Plugin {
+  void* handle = nullptr;
+  void* (*process)(spark_info_struct) = nullptr;
+  void (*tempBuffers)() = nullptr;
+  SparkFloatControl* amount = nullptr;
+  SparkBooleanControl* fromBack = nullptr;
+  SparkPupControl* quality = nullptr;
+};
+
+// Fills every frame of both clips with bytes that differ by frame, clip and place.
+void FillClips(const sparkhost::FrameLayout& layout, int32_t frames) {
+  for (int32_t clip = 0; clip < 2; ++clip) {
+    sparkhost::SetClip(clip, layout, frames);
+    for (int32_t t = 0; t < frames; ++t) {
+      uint8_t* frame = sparkhost::ClipFrame(clip, t);
+      for (int64_t i = 0; i < sparkhost::FrameBytes(layout); ++i)
+        frame[i] = static_cast<uint8_t>((i * 7 + t * 13 + clip * 5) & 0xFF);
+    }
+  }
+}
+
 // Bytes the process has allocated and not freed, by whichever allocator is in use.
 int64_t HeapInUse() {
 #ifdef FLOWBLUR_SOAK_SANITIZER
@@ -65,15 +86,6 @@ int32_t Threads() {
   return -1;
 }
 
-struct Plugin {
-  void* handle = nullptr;
-  void* (*process)(spark_info_struct) = nullptr;
-  void (*tempBuffers)() = nullptr;
-  SparkFloatControl* amount = nullptr;
-  SparkBooleanControl* fromBack = nullptr;
-  SparkPupControl* quality = nullptr;
-};
-
 struct Stats {
   int32_t calls = 0;
   int32_t rendered = 0;  // the result pointer back and no message
@@ -88,23 +100,13 @@ void Round(const Plugin& p, int32_t round, int32_t calls, Stats* stats) {
   const int32_t format = kFormats[round % 5];
   sparkhost::Reset();
   sparkhost::SetProcessors(1 + round % 4);
-  sparkhost::FrameLayout layout;
-  layout.width = 24 + round % 11;
-  layout.height = 20 + round % 7;
-  layout.formatCode = format;
+  const int32_t width = 24 + round % 11;
   // Padded rows where the format allows them.
-  layout.stride = format == 49 || round % 2 ? 0 : layout.width * sparkhost::BytesPerPixel(format) + 5;
-  sparkhost::SetClip(0, layout, 4);
-  sparkhost::SetClip(1, layout, 4);
-  for (int32_t clip = 0; clip < 2; ++clip)
-    for (int32_t t = 0; t < 4; ++t) {
-      uint8_t* frame = sparkhost::ClipFrame(clip, t);
-      for (int64_t i = 0; i < sparkhost::FrameBytes(layout); ++i)
-        frame[i] = static_cast<uint8_t>((i * 7 + t * 13 + clip * 5) & 0xFF);
-    }
+  const int32_t stride =
+      format == 49 || round % 2 ? 0 : width * sparkhost::BytesPerPixel(format) + 5;
+  FillClips(sparkhost::FrameLayout{width, 20 + round % 7, format, stride}, 4);
   p.tempBuffers();
   for (int32_t k = 0; k < calls; ++k) {
-    const int32_t n = (round + k) % 4;
     sparkhost::ClearInjections();
     switch ((round * 7 + k) % 17) {
       case 3: sparkhost::FailGetBuffer(2); break;
@@ -116,7 +118,7 @@ void Round(const Plugin& p, int32_t round, int32_t calls, Stats* stats) {
     p.amount->value = k % 5 == 4 ? -1.5f : 0.25f * static_cast<float>(k % 4);
     p.fromBack->value = static_cast<uint8_t>(k % 3 == 2);
     p.quality->value = k % 2;
-    spark_info_struct info = sparkhost::BeginFrame(n);
+    spark_info_struct info = sparkhost::BeginFrame((round + k) % 4);
     const size_t notes = sparkhost::Notes().size();
     void* got = p.process(info);
     ++stats->calls;
@@ -172,7 +174,6 @@ TEST(Soak, ThousandsOfFramesLeaveHeapDescriptorsAndThreadsWhereTheyStarted) {
   p.fromBack = static_cast<SparkBooleanControl*>(dlsym(p.handle, "SparkBoolean2"));
   p.quality = static_cast<SparkPupControl*>(dlsym(p.handle, "SparkPup1"));
   ASSERT_TRUE(p.process && p.tempBuffers && p.amount && p.fromBack && p.quality);
-
   constexpr int32_t kPerRound = 20;
   // A warm-up round of every format first, so that one-time allocations (the runtime's
   // statics, the sanitizers' own caches) are behind us before the baseline.
@@ -191,7 +192,6 @@ TEST(Soak, ThousandsOfFramesLeaveHeapDescriptorsAndThreadsWhereTheyStarted) {
     peak = std::max(peak, HeapInUse());
   }
   testing::internal::GetCapturedStderr();
-
   EXPECT_EQ(stats.calls, total);
   // Most frames were really rendered, the rest met a fault.
   EXPECT_GT(stats.rendered, total / 2);
