@@ -13,6 +13,7 @@
 #include "image/PLImageArith.h"
 #include "image/PLImageCopy.h"
 #include "image/PLPixelConvert.h"
+#include "runtime/PLWidePath.h"
 
 using plflow::FRow;
 
@@ -143,7 +144,14 @@ void LumaWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* 
       // The frame path of the plug-in: table products instead of three conversions and
       // three multiplications.
       const ProductTables& p = Products();
-      for (int32_t x = 0; x < w; ++x, s += 3)
+      int32_t x = 0;
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+      if (PLWideChosen()) {
+        x = plflow::LumaRowRGB8Wide(d, s, w);
+        s += 3 * x;
+      }
+#endif
+      for (; x < w; ++x, s += 3)
         d[x] = static_cast<float>(p.t[0][s[0]] + p.t[1][s[1]] + p.t[2][s[2]]);
     } else {
       constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(T));

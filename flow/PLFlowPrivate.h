@@ -72,4 +72,9 @@ PLImage* NewLuma(int32_t width, int32_t height);
 // mapped to its first sample.
 void Reduce(PLImage* dst, const PLImage* src);
 
+// The luma of an 8-bit RGB row (not YUV) from x = 0 while four pixels remain, the same bytes
+// as the plain loop; returns the first pixel left to it. AVX2: called only where
+// PLWideChosen(); a build with FLOWBLUR_PLAIN_ONLY defined has none.
+int32_t LumaRowRGB8Wide(float* d, const unsigned char* s, int32_t w);
+
 }  // namespace plflow

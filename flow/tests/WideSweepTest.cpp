@@ -4,8 +4,10 @@
 #include <cmath>
 #include <limits>
 #include <random>
+#include <vector>
 
 #include "runtime/PLWidePath.h"
+#include "flow/PLFlowPrivate.h"
 #include "flow/PLFlowSweep.h"
 #include "tests/support/PLTestImages.h"
 #include "tests/support/PLTestWorkers.h"
@@ -77,6 +79,28 @@ TEST(WideSweep, SameBytesAsThePlainLoops) {
             << "the sweeps changed nothing at " << w << "x" << h;
       }
     }
+}
+
+// The wide luma of 8-bit RGB rows against the double formula of the plain loop, on rows of
+// exactly 3 w bytes (so that a read past the row is an AddressSanitizer error).
+TEST(WideLuma, SameBytesAsTheDoubleFormula) {
+  if (!PLWideAvailable()) GTEST_SKIP() << "no AVX2 here (or a plain-only build)";
+  std::mt19937 rng(31);
+  for (int32_t w = 1; w <= 19; ++w) {
+    std::vector<unsigned char> row(3 * static_cast<size_t>(w));
+    for (auto& b : row) b = static_cast<unsigned char>(rng());
+    row[0] = 255, row[1] = 255, row[2] = 255;
+    std::vector<float> out(static_cast<size_t>(w), -1.0f);
+    const int32_t done = plflow::LumaRowRGB8Wide(out.data(), row.data(), w);
+    EXPECT_EQ(done, w - w % 4);
+    for (int32_t x = 0; x < done; ++x) {
+      const unsigned char* p = &row[3 * static_cast<size_t>(x)];
+      const double sum = 0.3 * static_cast<double>(p[0]) + 0.59 * static_cast<double>(p[1]) +
+                         0.11 * static_cast<double>(p[2]);
+      EXPECT_EQ(out[x], static_cast<float>(sum)) << "width " << w << " pixel " << x;
+    }
+    for (int32_t x = done; x < w; ++x) EXPECT_EQ(out[x], -1.0f);  // left to the plain loop
+  }
 }
 
 }  // namespace
