@@ -21,7 +21,6 @@ using plugintest::Pauses;
 using plugintest::ReferenceFrame;
 using plugintest::ResultPixels;
 using sparkhost::FrameLayout;
-using sparkhost::kBackBuffer;
 using sparkhost::kResultBuffer;
 using Strings = std::vector<std::string>;
 
@@ -96,18 +95,6 @@ TEST_F(Render, ThePairOrderIsVisible) {
   SparkFloat0.value = 1.0f;
   EXPECT_NE(Process(3), ReferenceFrame(layout, ClipFramePixels(0, 2), ClipFramePixels(0, 3),
                                        ClipFramePixels(0, 3), 1, 1.0f));
-}
-
-// Motion from the back clip, pixels from the front clip; the back buffer holds frame n again.
-TEST_F(Render, MotionFromBackBlursTheFrontPixels) {
-  FrameLayout layout = Layout(64, 48, 24);
-  MakeClips(layout, 6, 0.0, 0.0, 3.0, 0.0);  // a still front clip, a moving back clip
-  SparkFloat0.value = 1.0f;
-  EXPECT_EQ(Process(2), ClipFramePixels(0, 2));  // front motion: none, so no blur
-  SparkBoolean2.value = 1;
-  EXPECT_NE(Process(2), ClipFramePixels(0, 2));
-  EXPECT_EQ(plugintest::Packed(sparkhost::BufferPixels(kBackBuffer), layout),
-            ClipFramePixels(1, 2));
 }
 
 // Exactly 0.0 (and -0.0) renders with amount 0: the source, bit for bit, infinities and all.

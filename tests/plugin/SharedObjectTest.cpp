@@ -1,6 +1,5 @@
-// flowblur tests: the built plug-in as a host sees it: its dynamic symbols, and a session
-// through dlopen from this process, which exports the host functions.
-#include <dlfcn.h>
+// flowblur tests: the built plug-in as a host sees it: its dynamic symbols. (The soak loads
+// it with dlopen from this process, which exports the host functions.)
 #include <gtest/gtest.h>
 
 #include <cctype>
@@ -10,8 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "host/SparkHost.h"
-#include "shell/spark.h"
 
 
 namespace {
@@ -117,92 +114,6 @@ TEST(SharedObject, LeavesOnlyHostAndSystemSymbolsUndefined) {
     EXPECT_TRUE(versioned || type == "w" || sanitized || FromSanitizer(name)) << line;
   }
   EXPECT_EQ(undefinedHost, host);  // all twelve are called
-}
-
-// The plug-in's entry points, found by name as a host finds them.
-struct Plugin {
-  void* handle = nullptr;
-  int (*initialise)(spark_info_struct) = nullptr;
-  void (*unInitialise)(spark_info_struct) = nullptr;
-  void (*tempBuffers)() = nullptr;
-  void* (*callback)(int, spark_info_struct) = nullptr;
-  void* (*process)(spark_info_struct) = nullptr;
-  int (*combine)(spark_info_struct, void*, void*, void*) = nullptr;
-  int (*unCombine)(spark_info_struct, void*, void*) = nullptr;
-  SparkFloatControl* amount = nullptr;
-  SparkPupControl* quality = nullptr;
-  SparkBooleanControl* fromBack = nullptr;
-
-  template <class T>
-  void Find(T& slot, const char* name) {
-    slot = reinterpret_cast<T>(dlsym(handle, name));
-    ASSERT_NE(slot, nullptr) << name << ": " << dlerror();
-  }
-  void Load() {
-    handle = dlopen(FLOWBLUR_SPARK_SO, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(handle, nullptr) << dlerror();
-    Find(initialise, "SparkInitialise");
-    Find(unInitialise, "SparkUnInitialise");
-    Find(tempBuffers, "SparkMemoryTempBuffers");
-    Find(callback, "sparkCallback");
-    Find(process, "SparkProcess");
-    Find(combine, "sparkCombineBuffers");
-    Find(unCombine, "sparkUnCombineBuffers");
-    Find(amount, "SparkFloat0");
-    Find(quality, "SparkPup1");
-    Find(fromBack, "SparkBoolean2");
-    // Internal names stay inside.
-    EXPECT_EQ(dlsym(handle, "TempBufferId"), nullptr);
-    EXPECT_EQ(dlsym(handle, "NuvMPSetThreadCount"), nullptr);
-  }
-  ~Plugin() {
-    if (handle) dlclose(handle);
-  }
-};
-
-// Fills every frame of both clips with bytes that differ by frame, clip and place.
-void FillClips(const sparkhost::FrameLayout& layout, int32_t frames) {
-  for (int32_t clip = 0; clip < 2; ++clip) {
-    sparkhost::SetClip(clip, layout, frames);
-    for (int32_t t = 0; t < frames; ++t) {
-      uint8_t* frame = sparkhost::ClipFrame(clip, t);
-      for (int64_t i = 0; i < sparkhost::FrameBytes(layout); ++i)
-        frame[i] = static_cast<uint8_t>((i * 7 + t * 13 + clip * 5) & 0xFF);
-    }
-  }
-}
-
-// The steps around frames, and a packing helper, through the loaded plug-in. (Frames
-// themselves are the soak's.)
-TEST(SharedObjectSession, InitialisesCallsBackPacksAndUnInitialises) {
-  sparkhost::Reset();
-  Plugin plugin;
-  plugin.Load();
-  if (HasFatalFailure()) return;
-  spark_info_struct info{};
-  EXPECT_EQ(plugin.initialise(info), 1);
-  plugin.tempBuffers();
-  FillClips(sparkhost::FrameLayout{72, 40, 24, 0}, 3);
-  plugin.amount->value = 1.0f;
-  EXPECT_EQ(plugin.callback(1, sparkhost::BeginFrame(1)),
-            sparkhost::BufferPixels(sparkhost::kResultBuffer));
-  EXPECT_TRUE(sparkhost::Notes().empty());
-  EXPECT_EQ(sparkhost::Calls().viewingDraw, 1);
-  sparkhost::SetProcessors(3);
-  std::vector<uint8_t> frame(30 * 3), matte(30 * 3, 9), combined(30 * 4), back(30 * 3);
-  for (size_t i = 0; i < frame.size(); ++i) frame[i] = static_cast<uint8_t>(i * 7);
-  sparkhost::SetBuffer(sparkhost::kResultBuffer, sparkhost::FrameLayout{30, 1, 24, 0});
-  spark_info_struct pack{};
-  pack.FormatCode = 24;
-  EXPECT_EQ(plugin.combine(pack, combined.data(), frame.data(), matte.data()), 1);
-  EXPECT_EQ(plugin.unCombine(pack, back.data(), combined.data()), 1);
-  EXPECT_EQ(back, frame);
-  EXPECT_EQ(combined[3], 9);
-  plugin.unInitialise(info);
-  EXPECT_EQ(sparkhost::Calls().saveSetup, 1);
-  EXPECT_EQ(sparkhost::Calls().loadSetup, 1);
-  EXPECT_EQ(sparkhost::HostLog(), std::vector<std::string>{});
-  sparkhost::Reset();
 }
 
 }  // namespace
