@@ -57,7 +57,7 @@ void FillFlow(PLImage* f, uint32_t seed, float reach) {
   for (int32_t y = 0; y < f->height; ++y)
     for (int32_t x = 0; x < f->width; ++x) {
       const uint32_t r = rng();
-      for (int32_t c = 0; c < 2; ++c) Set(f, x, y, c, r % 11 == c ? odd[(r >> 8) % 6] : d(rng));
+      for (uint32_t c = 0; c < 2; ++c) Set(f, x, y, c, r % 11 == c ? odd[(r >> 8) % 6] : d(rng));
       if (r % 17 == 1) Set(f, x, y, 0, f->width - x);
       if (r % 19 == 2) Set(f, x, y, 1, f->height - y);
     }

@@ -256,68 +256,63 @@ void ReferenceSplat(const PLMorphFlow& m, PLImage* t, PLImage* weight,
 // Working 200 x 150 with minimum 50: levels 200x150, 100x75, 50x37; the scatter pass starts
 // at 50x37. Each coarse level's hint images and the start level's flow are compared with the
 // literal splat followed by the stated blurs, normalisation and relaxation.
-TEST(MorphFlow, ScatterPassMatchesSequentialSplatForAllWorkers) {
+TEST(MorphFlow, ScatterPassMatchesSequentialSplat) {
   const int32_t w = 200, h = 150;
   const auto hints = ScatterHints(w, h, 5);
-  for (int32_t workers : kPLTestWorkerCounts) {
-    PLTestUseWorkers(workers);
-    auto m = WithHints(w, h, 50, hints);
-    ASSERT_EQ(m->numLevels, 3);
-    // The level-0 hints as the splat reads them, kept before the solve clears them.
-    auto ref = WithHints(w, h, 50, hints);
-    m->SolveFromHints(nullptr, nullptr, 1);
-    for (int32_t level = 2; level >= 1; --level) {
-      const PLImage* mine = m->hintWeightPyramid[level];
-      const int32_t lw = mine->width, lh = mine->height;
-      TestImage t = MakeImage(lw, lh, 1, PLFloat);
-      TestImage weight = MakeImage(lw, lh, 1, PLFloat);
-      TestImage flow = MakeImage(lw, lh, 2, PLFloat);
-      Fill(t.get(), 0.0);
-      Fill(weight.get(), 0.0);
-      Fill(flow.get(), 0.0);
-      ReferenceSplat(*ref, t.get(), weight.get(), flow.get());
-      TestImage start = MakeImage(lw, lh, 2, PLFloat);
-      if (level == 2) {
-        Fill(start.get(), 0.0);
-        ApplyHints(start.get(), flow.get(), weight.get(), 1);
-        PLGaussBlur(start.get(), 0, 5.0f);
-      }
-      PLGaussBlur(t.get(), 0, 1.95f);
-      PLGaussBlur(flow.get(), 0, 1.95f);
-      PLGaussBlur(weight.get(), 0, 1.95f);
-      for (int32_t y = 0; y < lh; ++y)
-        for (int32_t x = 0; x < lw; ++x) {
-          const float wt = F(weight.get(), x, y, 0);
-          if (!(wt > 0.0f)) continue;
-          const float s = 1.0f / wt;
-          Set(flow.get(), x, y, 0, F(flow.get(), x, y, 0) * s);
-          Set(flow.get(), x, y, 1, F(flow.get(), x, y, 1) * s);
-          Set(t.get(), x, y, 0, F(t.get(), x, y, 0) * s * 2.0f);
-        }
-      EXPECT_TRUE(SamePixels(mine, weight.get())) << "level " << level << ", " << workers;
-      EXPECT_TRUE(SamePixels(m->hintFlowPyramid[level], flow.get()))
-          << "level " << level << ", " << workers;
-      if (level != 2) continue;
-      for (int32_t i = 0; i < 2; ++i) {
-        for (int32_t twice = 0; twice < 2; ++twice)
-          for (int32_t y = 0; y < lh; ++y)
-            for (int32_t x = 0; x < lw; ++x) {
-              if (!(F(weight.get(), x, y, 0) > 0.0f)) continue;
-              for (int32_t c = 0; c < 2; ++c) {
-                const float f = F(start.get(), x, y, c);
-                Set(start.get(), x, y, c,
-                    f + (F(flow.get(), x, y, c) - f) * F(t.get(), x, y, 0));
-              }
-            }
-        PLGaussBlur(start.get(), 0, 2.5f);
-      }
-      EXPECT_TRUE(SamePixels(m->flowPyramid[2], start.get())) << workers << " workers";
+  auto m = WithHints(w, h, 50, hints);
+  ASSERT_EQ(m->numLevels, 3);
+  // The level-0 hints as the splat reads them, kept before the solve clears them.
+  auto ref = WithHints(w, h, 50, hints);
+  m->SolveFromHints(nullptr, nullptr, 1);
+  for (int32_t level = 2; level >= 1; --level) {
+    const PLImage* mine = m->hintWeightPyramid[level];
+    const int32_t lw = mine->width, lh = mine->height;
+    TestImage t = MakeImage(lw, lh, 1, PLFloat);
+    TestImage weight = MakeImage(lw, lh, 1, PLFloat);
+    TestImage flow = MakeImage(lw, lh, 2, PLFloat);
+    Fill(t.get(), 0.0);
+    Fill(weight.get(), 0.0);
+    Fill(flow.get(), 0.0);
+    ReferenceSplat(*ref, t.get(), weight.get(), flow.get());
+    TestImage start = MakeImage(lw, lh, 2, PLFloat);
+    if (level == 2) {
+      Fill(start.get(), 0.0);
+      ApplyHints(start.get(), flow.get(), weight.get(), 1);
+      PLGaussBlur(start.get(), 0, 5.0f);
     }
-    // Level 0 was refilled from the hints it had just cleared: none are left.
-    for (int32_t y = 0; y < h; ++y)
-      for (int32_t x = 0; x < w; ++x) ASSERT_EQ(F(m->hintWeightPyramid[0], x, y, 0), 0.0f);
+    PLGaussBlur(t.get(), 0, 1.95f);
+    PLGaussBlur(flow.get(), 0, 1.95f);
+    PLGaussBlur(weight.get(), 0, 1.95f);
+    for (int32_t y = 0; y < lh; ++y)
+      for (int32_t x = 0; x < lw; ++x) {
+        const float wt = F(weight.get(), x, y, 0);
+        if (!(wt > 0.0f)) continue;
+        const float s = 1.0f / wt;
+        Set(flow.get(), x, y, 0, F(flow.get(), x, y, 0) * s);
+        Set(flow.get(), x, y, 1, F(flow.get(), x, y, 1) * s);
+        Set(t.get(), x, y, 0, F(t.get(), x, y, 0) * s * 2.0f);
+      }
+    EXPECT_TRUE(SamePixels(mine, weight.get())) << "level " << level;
+    EXPECT_TRUE(SamePixels(m->hintFlowPyramid[level], flow.get())) << "level " << level;
+    if (level != 2) continue;
+    for (int32_t i = 0; i < 2; ++i) {
+      for (int32_t twice = 0; twice < 2; ++twice)
+        for (int32_t y = 0; y < lh; ++y)
+          for (int32_t x = 0; x < lw; ++x) {
+            if (!(F(weight.get(), x, y, 0) > 0.0f)) continue;
+            for (int32_t c = 0; c < 2; ++c) {
+              const float f = F(start.get(), x, y, c);
+              Set(start.get(), x, y, c,
+                  f + (F(flow.get(), x, y, c) - f) * F(t.get(), x, y, 0));
+            }
+          }
+      PLGaussBlur(start.get(), 0, 2.5f);
+    }
+    EXPECT_TRUE(SamePixels(m->flowPyramid[2], start.get()));
   }
-  PLTestUseWorkers(1);
+  // Level 0 was refilled from the hints it had just cleared: none are left.
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) ASSERT_EQ(F(m->hintWeightPyramid[0], x, y, 0), 0.0f);
 }
 
 // The whole solve, both passes, with levels tall enough for 8 workers.
