@@ -16,6 +16,7 @@ namespace {
 
 constexpr int32_t kW = 64, kH = 48;
 constexpr int32_t kQuality = 4;  // flow at half size
+constexpr float kOnes[10] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, kNoChokes[10] = {};
 
 struct Clip {
   MemoryChronar engine;
@@ -26,6 +27,24 @@ struct Clip {
   }
   int32_t Render(float t, int32_t keepFlow = 1) {
     return engine.RenderAtTime(&out.view, t, kQuality, keepFlow, nullptr);
+  }
+  // Fields, layers and level factors as given, no chokes, flow kept.
+  int32_t RenderWith(float t, int32_t inputFields, int32_t outputFields, int32_t mattes,
+                     const float* levelFactors = kOnes) {
+    return engine.RenderAtTime(&out.view, t, kQuality, inputFields, outputFields, mattes,
+                               levelFactors, kNoChokes, 1, nullptr);
+  }
+  // One matte per frame for layer 0 of 1: a band that moves 2 px a frame.
+  void AddMattes(int32_t count, int32_t channels = 1) {
+    const double white = out.get()->dataType == PLUChar ? 255.0 : 1.0;
+    for (int32_t n = 0; n < count; ++n) {
+      chronartest::Owned m = chronartest::NewOwned(kW, kH, channels, out.get()->dataType);
+      for (int32_t y = 0; y < kH; ++y)
+        for (int32_t x = 0; x < kW; ++x)
+          for (int32_t c = 0; c < channels; ++c)
+            pltest::Set(m.get(), x, y, c, (x > 20 + 2 * n && x < 40 + 2 * n) ? white : 0.0);
+      engine.mattes[{n, 0}] = std::move(m);
+    }
   }
 };
 
@@ -51,12 +70,14 @@ TEST(Chronar4Quality, NullInternalAnswersOneEverywhere) {
   Clip clip;
   delete clip.engine.internal;
   clip.engine.internal = nullptr;
-  float lf[10] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, ch[10] = {};
   EXPECT_EQ(clip.Render(0.5f), 1);
-  EXPECT_EQ(clip.engine.RenderAtTime(&clip.out.view, 0.5f, 4, 0, 0, 0, lf, ch, 1, nullptr), 1);
-  EXPECT_EQ(clip.engine.RenderVectors(&clip.out.view, 1, 1, 0, 1.0f, 0, 4, 0, lf, ch, nullptr),
+  EXPECT_EQ(clip.RenderWith(0.5f, 0, 0, 0), 1);
+  EXPECT_EQ(clip.engine.RenderVectors(&clip.out.view, 1, 1, 0, 1.0f, 0, 4, 0, kOnes, kNoChokes,
+                                      nullptr),
             1);
-  EXPECT_EQ(clip.engine.RenderVectors(nullptr, 1, 1, 0, 1.0f, 0, 4, 0, lf, ch, nullptr, 0), 1);
+  EXPECT_EQ(clip.engine.RenderVectors(nullptr, 1, 1, 0, 1.0f, 0, 4, 0, kOnes, kNoChokes, nullptr,
+                                      0),
+            1);
   EXPECT_EQ(clip.engine.SetQuality(kW, kH, 4, 1, 1.0f, 1, 1, 0), 1);
   EXPECT_EQ(clip.engine.fetches, 0);
 }
@@ -96,9 +117,8 @@ TEST_P(Chronar4Cache, KeyChangesForceNewFlow) {
   ASSERT_EQ(clip.Render(1.25f), 0);
   EXPECT_GT(clip.engine.FlowRuns(), runs);
   runs = clip.engine.FlowRuns();
-  float lf[10] = {0.7f}, ch[10] = {};  // a change of level factor
-  ASSERT_EQ(clip.engine.RenderAtTime(&clip.out.view, 1.25f, kQuality, 0, 0, 0, lf, ch, 1, nullptr),
-            0);
+  const float lf[10] = {0.7f};  // a change of level factor
+  ASSERT_EQ(clip.RenderWith(1.25f, 0, 0, 0, lf), 0);
   EXPECT_GT(clip.engine.FlowRuns(), runs);
   runs = clip.engine.FlowRuns();
   ASSERT_EQ(clip.engine.RenderAtTime(&clip.out.view, 1.25f, 3, 1, nullptr), 0);  // quality
@@ -176,8 +196,7 @@ TEST_P(Chronar4Styles, InBetweenOfAPanIsThePanHalfway) {
   clip.engine.interpolation = interp;
   clip.engine.warpStyle = style;
   ASSERT_EQ(clip.Render(0.5f), 0);
-  chronartest::Owned truth = chronartest::NewOwned(kW, kH, 3, type);
-  chronartest::Texture(truth.get(), 1.5f, 0.0f);
+  chronartest::Owned truth(pltest::MakeTextured(kW, kH, 3, type, 1.5, 0.0).release());
   double white = type == PLUChar ? 255.0 : type == PLUShort ? 65535.0 : 1.0;
   auto meanError = [&](const PLImage* im) {
     double sum = 0;
@@ -197,21 +216,6 @@ INSTANTIATE_TEST_SUITE_P(All, Chronar4Styles,
                          ::testing::Combine(::testing::Values(0, 1, 2),
                                             ::testing::Values(0, 1, 2, 3),
                                             ::testing::Values(PLUChar, PLUShort, PLFloat)));
-
-TEST(Chronar4Picture, SameBytesForAllWorkers) {
-  for (int64_t interp : {0, 1, 2})
-    for (int32_t style : {0, 1, 2, 3}) {
-      pltest::ExpectSameForAllWorkers([&] {
-        Clip clip(3, 4, PLUChar);
-        clip.engine.interpolation = interp;
-        clip.engine.warpStyle = style;
-        clip.engine.shutter = 0.5f;
-        clip.engine.timeMap = [](float t) { return t * 1.5f; };  // speed-up: a shutter blur
-        EXPECT_EQ(clip.Render(0.4f), 0);
-        return pltest::PixelBytes(clip.out.get());
-      });
-    }
-}
 
 TEST(Chronar4Picture, ShutterBlursAlongTheFlowOnlyWhenSpedUp) {
   Clip plain, blurred, normal;
@@ -237,10 +241,7 @@ TEST(Chronar4Picture, ShutterBlursAlongTheFlowOnlyWhenSpedUp) {
 TEST(Chronar4Picture, OutputFieldsInterleaveTwoHalfFrameRenders) {
   Clip fields(4, 4, PLUChar), first(4, 4, PLUChar), second(4, 4, PLUChar);
   for (Clip* c : {&fields, &first, &second}) c->engine.interpolation = 1;
-  float lf[10] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, ch[10] = {};
-  ASSERT_EQ(fields.engine.RenderAtTime(&fields.out.view, 1.2f, kQuality, 0, 1, 0, lf, ch, 1,
-                                       nullptr),
-            0);
+  ASSERT_EQ(fields.RenderWith(1.2f, 0, 1, 0), 0);
   ASSERT_EQ(first.Render(1.2f), 0);
   ASSERT_EQ(second.Render(1.7f), 0);
   size_t bytes = static_cast<size_t>(kW) * 4;
@@ -254,11 +255,9 @@ TEST(Chronar4Picture, InputFieldsReadFramesHalfAsOften) {
   Clip clip(4, 4, PLUChar);
   clip.engine.interpolation = 0;
   clip.engine.useFlow = 0;
-  float lf[10] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, ch[10] = {};
   // Source time 1.0 is field 2: frame 1 made whole from one field. Field number 2 rebuilds
   // the rows of the parity of lastRow - 1 (47 - 1: the even rows) and keeps the others.
-  ASSERT_EQ(clip.engine.RenderAtTime(&clip.out.view, 1.0f, kQuality, 1, 0, 0, lf, ch, 1, nullptr),
-            0);
+  ASSERT_EQ(clip.RenderWith(1.0f, 1, 0, 0), 0);
   const PLImage* frame = clip.engine.frames[1].get();
   for (int32_t y = 1; y < kH; y += 2)
     ASSERT_EQ(std::memcmp(clip.out.get()->Row(y), frame->Row(y), kW * 4), 0);
@@ -268,51 +267,66 @@ TEST(Chronar4Picture, InputFieldsReadFramesHalfAsOften) {
                              0.5 + 0.5));
   // Three-channel frames cannot be made whole from a field: refused.
   Clip rgb;
-  EXPECT_EQ(rgb.engine.RenderAtTime(&rgb.out.view, 1.0f, kQuality, 1, 0, 0, lf, ch, 1, nullptr),
-            PLErrParameter);
+  EXPECT_EQ(rgb.RenderWith(1.0f, 1, 0, 0), PLErrParameter);
 }
 
 // ---- Layers ---------------------------------------------------------------------------------
 
-TEST(Chronar4Layers, ExactTimeRebuildsTheFrameAndWorkersAgree) {
+TEST(Chronar4Layers, ExactTimeRebuildsTheFrame) {
   for (int32_t type : {PLUChar, PLFloat}) {
-    auto run = [&](float t, int64_t interp) {
-      Clip clip(3, 4, type);
-      clip.engine.interpolation = interp;
-      for (int32_t n = 0; n < 3; ++n) {
-        chronartest::Owned m = chronartest::NewOwned(kW, kH, 1, type);
-        double white = type == PLUChar ? 255.0 : 1.0;
-        for (int32_t y = 0; y < kH; ++y)
-          for (int32_t x = 0; x < kW; ++x)
-            pltest::Set(m.get(), x, y, 0, (x > 20 + 2 * n && x < 40 + 2 * n) ? white : 0.0);
-        clip.engine.mattes[{n, 0}] = std::move(m);
-      }
-      float lf[10] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, ch[10] = {};
-      EXPECT_EQ(clip.engine.RenderAtTime(&clip.out.view, t, kQuality, 0, 0, 1, lf, ch, 1, nullptr),
-                0);
-      EXPECT_EQ(clip.engine.matteFetches, clip.engine.matteReleases);
-      std::vector<unsigned char> bytes = pltest::PixelBytes(clip.out.get());
-      if (t == 1.0f) {
-        double worst = 0;
-        for (int32_t y = 0; y < kH; ++y)
-          for (int32_t x = 0; x < kW; ++x)
-            for (int32_t c = 0; c < 4; ++c)
-              worst = std::max(worst, std::fabs(pltest::Get(clip.out.get(), x, y, c) -
-                                                pltest::Get(clip.engine.frames[1].get(), x, y, c)));
-        EXPECT_LE(worst, type == PLUChar ? 1.0 : 1e-5) << "type " << type;
-      }
-      return bytes;
-    };
-    run(1.0f, 1);
-    for (int64_t interp : {0, 1, 2})
-      pltest::ExpectSameForAllWorkers([&] { return run(0.4f, interp); });
+    Clip clip(3, 4, type);
+    clip.engine.interpolation = 1;
+    clip.AddMattes(3);
+    EXPECT_EQ(clip.RenderWith(1.0f, 0, 0, 1), 0);
+    EXPECT_EQ(clip.engine.matteFetches, clip.engine.matteReleases);
+    double worst = 0;
+    for (int32_t y = 0; y < kH; ++y)
+      for (int32_t x = 0; x < kW; ++x)
+        for (int32_t c = 0; c < 4; ++c)
+          worst = std::max(worst, std::fabs(pltest::Get(clip.out.get(), x, y, c) -
+                                            pltest::Get(clip.engine.frames[1].get(), x, y, c)));
+    EXPECT_LE(worst, type == PLUChar ? 1.0 : 1e-5) << "type " << type;
   }
 }
+
+// Every render path (in-betweens of each warp style with a shutter blur, layers, vector
+// steps) gives the same bytes on 1, 2, 3 and 8 workers.
+class Chronar4Workers : public ::testing::TestWithParam<int64_t> {};
+
+TEST_P(Chronar4Workers, SameBytesForAllWorkers) {
+  for (int32_t style : {0, 1, 2, 3})
+    pltest::ExpectSameForAllWorkers([&] {
+      Clip clip(3, 4, PLUChar);
+      clip.engine.interpolation = GetParam();
+      clip.engine.warpStyle = style;
+      clip.engine.shutter = 0.5f;
+      clip.engine.timeMap = [](float t) { return t * 1.5f; };  // speed-up: a shutter blur
+      EXPECT_EQ(clip.Render(0.4f), 0);
+      return pltest::PixelBytes(clip.out.get());
+    });
+  for (int32_t type : {PLUChar, PLFloat})
+    pltest::ExpectSameForAllWorkers([&] {
+      Clip clip(3, 4, type);
+      clip.engine.interpolation = GetParam();
+      clip.AddMattes(3);
+      EXPECT_EQ(clip.RenderWith(0.4f, 0, 0, 1), 0);
+      return pltest::PixelBytes(clip.out.get());
+    });
+  pltest::ExpectSameForAllWorkers([&] {
+    Clip clip(4, 3, PLFloat);
+    clip.engine.interpolation = GetParam();
+    EXPECT_EQ(clip.engine.RenderVectors(&clip.out.view, 2, 2, 1, 1.0f, 0, kQuality, 0, nullptr,
+                                        nullptr, nullptr),
+              0);
+    return pltest::PixelBytes(clip.out.get());
+  });
+}
+
+INSTANTIATE_TEST_SUITE_P(Interpolations, Chronar4Workers, ::testing::Values(0, 1, 2));
 
 // ---- Failure rules --------------------------------------------------------------------------
 
 TEST(Chronar4Failure, BadArgumentsAndBadSubclassReturns) {
-  float lf[10] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, ch[10] = {};
   struct Case {
     const char* what;
     std::function<void(Clip&)> setup;
@@ -342,26 +356,17 @@ TEST(Chronar4Failure, BadArgumentsAndBadSubclassReturns) {
   Clip clip;
   EXPECT_EQ(clip.engine.RenderAtTime(nullptr, 1.0f, kQuality, 1, nullptr), 5);
   EXPECT_EQ(clip.engine.RenderAtTime(&clip.out.view, 1.0f, 9, 1, nullptr), 5);
-  EXPECT_EQ(clip.engine.RenderAtTime(&clip.out.view, 1.0f, kQuality, 0, 0, 10, lf, ch, 1, nullptr),
-            5);  // eleven layers
-  EXPECT_EQ(clip.engine.RenderAtTime(&clip.out.view, 1.0f, kQuality, 0, 0, -1, lf, ch, 1, nullptr),
-            5);
-  EXPECT_EQ(clip.engine.RenderAtTime(&clip.out.view, 1.0f, kQuality, 0, 0, 1, lf, ch, 1, nullptr),
-            5);  // a matte the subclass does not have
+  EXPECT_EQ(clip.RenderWith(1.0f, 0, 0, 10), 5);  // eleven layers
+  EXPECT_EQ(clip.RenderWith(1.0f, 0, 0, -1), 5);
+  EXPECT_EQ(clip.RenderWith(1.0f, 0, 0, 1), 5);  // a matte the subclass does not have
   EXPECT_EQ(clip.engine.matteFetches, clip.engine.matteReleases + 1);  // the refused one
   Output wrongType(kW, kH, 3, PLFloat);
   EXPECT_EQ(clip.engine.RenderAtTime(&wrongType.view, 1.0f, kQuality, 1, nullptr), 5);
   EXPECT_EQ(clip.engine.Outstanding(), 0);
-}
-
-TEST(Chronar4Failure, AMatteOfThreeChannelsIsRefused) {
-  Clip clip(3, 4, PLUChar);
-  for (int32_t n = 0; n < 3; ++n)
-    clip.engine.mattes[{n, 0}] = chronartest::NewOwned(kW, kH, 3, PLUChar);
-  float lf[10] = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, ch[10] = {};
-  EXPECT_EQ(clip.engine.RenderAtTime(&clip.out.view, 0.5f, kQuality, 0, 0, 1, lf, ch, 1, nullptr),
-            5);
-  EXPECT_EQ(clip.engine.Outstanding(), 0);
+  Clip rgbMattes(3, 4, PLUChar);  // a matte of three channels
+  rgbMattes.AddMattes(3, 3);
+  EXPECT_EQ(rgbMattes.RenderWith(0.5f, 0, 0, 1), 5);
+  EXPECT_EQ(rgbMattes.engine.Outstanding(), 0);
 }
 
 // ---- Vector steps ---------------------------------------------------------------------------
@@ -408,12 +413,6 @@ TEST(Chronar4Vectors, VectorPictureShowsThePanAndWarpLinesUp) {
             0);
   for (int32_t c = 0; c < 3; ++c)
     EXPECT_NEAR(pltest::Get(floatOut.get(), kW / 2, kH / 2, c), 0.5, 0.06);
-  pltest::ExpectSameForAllWorkers([&] {
-    EXPECT_EQ(clip.engine.RenderVectors(&floatOut.view, 2, 2, 1, 1.0f, 0, kQuality, 0, nullptr,
-                                        nullptr, nullptr),
-              0);
-    return pltest::PixelBytes(floatOut.get());
-  });
 }
 
 // ---- Pixel operations -----------------------------------------------------------------------

@@ -10,6 +10,7 @@
 
 #include "retime/NuvChronar4.h"
 #include "tests/support/PLTestImages.h"
+#include "tests/support/PLTestTexture.h"
 
 namespace chronartest {
 
@@ -125,30 +126,13 @@ class MemoryChronar : public NuvChronar4 {
   }
 };
 
-// A textured frame whose content is shifted by (dx, dy) pixels: smooth enough for the
-// estimator to follow, varied enough to be told apart.
-inline void Texture(PLImage* im, float dx, float dy) {
-  for (int32_t y = 0; y < im->height; ++y)
-    for (int32_t x = 0; x < im->width; ++x) {
-      float u = static_cast<float>(x) - dx, v = static_cast<float>(y) - dy;
-      double r = 0.5 + 0.35 * std::sin(u * 0.21) * std::cos(v * 0.17);
-      double g = 0.5 + 0.35 * std::sin((u + v) * 0.13);
-      double b = 0.5 + 0.35 * std::cos(u * 0.07 - v * 0.19);
-      double values[4] = {r, g, b, 1.0};
-      for (int32_t c = 0; c < im->channels; ++c) {
-        double white = im->dataType == PLUChar ? 255.0 : im->dataType == PLUShort ? 65535.0 : 1.0;
-        double s = values[c] * white;
-        pltest::Set(im, x, y, c, im->dataType == PLFloat ? s : std::floor(s + 0.5));
-      }
-    }
-}
-
-// Frames 0 .. count-1 of a texture moving `speed` pixels a frame to the right.
+// Frames 0 .. count-1 of the shared texture (a matte channel white) moving `speed` pixels a frame to the right.
 inline void AddMovingFrames(MemoryChronar* c, int32_t count, int32_t w, int32_t h,
                             int32_t channels, int32_t type, float speed) {
   for (int32_t n = 0; n < count; ++n) {
-    Owned f = NewOwned(w, h, channels, type);
-    Texture(f.get(), speed * static_cast<float>(n), 0.0f);
+    Owned f(pltest::MakeTextured(w, h, channels, type, speed * n, 0.0).release());
+    for (int32_t i = 0; channels == 4 && i < w * h; ++i)  // opaque
+      pltest::Set(f.get(), i % w, i / w, 3, f->whitePoint);
     c->frames[n] = std::move(f);
   }
 }
