@@ -138,7 +138,8 @@ TEST(CosineBlur, QuarterTurnConstantLeavesATinyNegativeLastWeight) {
   std::vector<float> half(3);
   for (int32_t i = 0; i < 3; ++i)
     half[i] = static_cast<float>(std::cos(static_cast<double>(i) * 1.570796826795 / 2.0));
-  const float* w = filtertest::Normalised(half).weights;
+  const SeparableKernel kernel = filtertest::Normalised(half);
+  const float* w = kernel.weights;
   EXPECT_LT(w[2], 0.0f);
   EXPECT_GT(w[2], -1e-6f);
   const int32_t c = 20;
