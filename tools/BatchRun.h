@@ -50,6 +50,7 @@ struct BatchOptions {
   // Threads that decode the frames to come and encode and write finished ones beside the
   // plug-in (tools/FramePipeline.h); 0: everything in turn on one thread.
   int32_t ioThreads = 0;
+  bool haveIoThreads = false;  // --io-threads was given (a farm task then passes it on)
   bool haveOutDepth = false;
   SampleDepth outDepth = SampleDepth::k8;
   bool overwrite = false;

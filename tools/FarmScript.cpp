@@ -122,6 +122,9 @@ std::vector<std::string> ChunkArguments(const BatchOptions& options, const ClipS
     args.insert(args.end(), {"--colorspace", "none"});
   else if (options.colour.mode == ColourChoice::Mode::kNamed)
     args.insert(args.end(), {"--colorspace", options.colour.name});
+  // The node's own default (half its cores) unless the user chose the split.
+  if (options.haveIoThreads)
+    args.insert(args.end(), {"--io-threads", std::to_string(options.ioThreads)});
   if (options.haveOutDepth) args.insert(args.end(), {"--out-depth", DepthName(options.outDepth)});
   args.push_back(options.overwrite ? "--overwrite" : "--skip-existing");
   if (options.quiet) args.push_back("--quiet");

@@ -21,7 +21,8 @@ struct FarmOptions {
 // One chunk's command line after the executable, less --frames: input and output (absolute),
 // the controls and output choices of `options`, the clip fixed with --clip (so that every
 // chunk numbers frames as a whole run does), and --skip-existing unless --overwrite was
-// given, so that a requeued task resumes. The thread count is left to SLURM_CPUS_PER_TASK.
+// given, so that a requeued task resumes. The thread count is left to SLURM_CPUS_PER_TASK;
+// --io-threads is passed on when the user gave it.
 std::vector<std::string> ChunkArguments(const BatchOptions& options, const ClipSpan& clip);
 
 // `text` as one word of a POSIX shell command line (single quotes).

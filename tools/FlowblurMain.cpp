@@ -221,6 +221,7 @@ int main(int argc, char** argv) {
     return usage("--io-threads " + std::to_string(ioThreads) + " is outside 0 to " +
                  std::to_string(kMaxIoThreads));
   options.ioThreads = ioThreads;
+  options.haveIoThreads = app.count("--io-threads") > 0;
   if (!outDepth.empty()) {
     options.haveOutDepth = ParseDepth(outDepth, &options.outDepth);
     if (!options.haveOutDepth) return usage("--out-depth must be 8, 16, half or float");
