@@ -170,6 +170,7 @@ TEST_F(HostTest, MessagesErrorsCountersAndSetups) {
   amount = 2.25f;
   choice = 1;
   sparkSaveSetup(&info);
+  EXPECT_EQ(sh::SavedSetup().at("SparkPup1"), (std::vector<uint8_t>{1, 0, 0, 0}));
   amount = -1.0f;
   choice = 0;
   sparkLoadSetup(&info);

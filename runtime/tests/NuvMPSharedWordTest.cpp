@@ -2,6 +2,8 @@
 // interruption flag, written by several host threads at once (run under ThreadSanitizer too).
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "host/SparkHost.h"
 #include "runtime/NuvMP.h"
 #include "runtime/NuvProgress.h"
@@ -61,5 +63,22 @@ TEST_P(SharedWords, OneOfSeveralFailuresSurvives) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Workers, SharedWords, testing::ValuesIn(kPLTestWorkerCounts));
+
+// Two threads adding to the same rows under the rows' locks lose no addition.
+TEST(RowLocks, KeepTwoThreadsApartOnEachRow) {
+  NuvMP_RowLocks locks(3);
+  int64_t counts[3] = {0, 0, 0};
+  auto work = [&locks, &counts] {
+    for (int32_t i = 0; i < 30000; ++i) {
+      locks.Lock(i % 3);
+      ++counts[i % 3];
+      locks.Unlock(i % 3);
+    }
+  };
+  std::thread a(work), b(work);
+  a.join();
+  b.join();
+  for (int64_t c : counts) EXPECT_EQ(c, 20000);
+}
 
 }  // namespace
