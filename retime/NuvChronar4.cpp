@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "blur/PLMotionBlur.h"
 #include "dissolve/PLMorphFlow.h"
@@ -36,6 +37,7 @@ void NuvChronar4Internal::ReleaseFlows() {
 }
 
 void NuvChronar4Internal::ReleaseSolvers() {
+  ForgetPyramids();
   delete estimator;
   estimator = nullptr;
   delete morphFlow;
@@ -249,6 +251,7 @@ void BringUpSolver(NuvChronar4Internal* in, int32_t layer, float levelFactor) {
     PLOpticalFlowUChar* e = in->estimator;
     if (e && (e->workWidth != in->flowWidth || e->workHeight != in->flowHeight ||
               e->mode != in->flowMode || e->useMasks != masks || e->useHints != in->hintsPresent)) {
+      in->ForgetPyramids();
       delete e;
       in->estimator = e = nullptr;
     }
@@ -264,6 +267,7 @@ void BringUpSolver(NuvChronar4Internal* in, int32_t layer, float levelFactor) {
     }
     e->SetLevelFactor(levelFactor);
   } else {
+    in->ForgetPyramids();
     delete in->estimator;
     in->estimator = nullptr;
     PLMorphFlow* m = in->morphFlow;
@@ -284,29 +288,47 @@ void BringUpSolver(NuvChronar4Internal* in, int32_t layer, float levelFactor) {
   }
 }
 
+namespace {
+
+// Every hint point pair of `layer` for the run from fromTime to toTime, given to `add`.
+template <class Add>
+void ForEachHint(NuvChronar4* engine, NuvChronar4Internal* in, float fromTime, float toTime,
+                 int32_t layer, Add add) {
+  int32_t sets = in->hintsPresent ? engine->HintCount(fromTime, toTime, layer) : 0;
+  for (int32_t s = 0; s < sets; ++s) {
+    int32_t count = 0;
+    const float *x0 = nullptr, *y0 = nullptr, *x1 = nullptr, *y1 = nullptr;
+    engine->GetHints(fromTime, toTime, layer, s, &count, &x0, &y0, &x1, &y1);
+    if (!x0 || !y0 || !x1 || !y1) continue;
+    for (int32_t k = 0; k < count; ++k) add(x0[k], y0[k], x1[k], y1[k]);
+  }
+}
+
+void GiveEstimatorHints(NuvChronar4* engine, NuvChronar4Internal* in, float fromTime,
+                        float toTime, int32_t layer) {
+  if (!in->hintsPresent) return;
+  PLOpticalFlowUChar* e = in->estimator;
+  const float w = static_cast<float>(in->width), h = static_cast<float>(in->height);
+  e->ClearFlowHints();
+  ForEachHint(engine, in, fromTime, toTime, layer,
+              [&](float a, float b, float c, float d) { e->AddFlowHint(a, b, c, d, w, h); });
+  e->FinishFlowHints();
+}
+
+}  // namespace
+
 void RunFlow(NuvChronar4* engine, NuvChronar4Internal* in, PLImage** flowOut,
              const PLImage* from, const PLImage* to, float fromTime, float toTime,
              int32_t layer, NuvIdleAndProgressClass* progress, const LayerInputs* li) {
+  // Whatever the estimator held is about to be rebuilt from these pictures.
+  in->ForgetPyramids();
   if (!*flowOut) *flowOut = NewImage(in->flowWidth, in->flowHeight, 2, PLFloat).release();
   PLImage* flow = *flowOut;
   const float w = static_cast<float>(in->width), h = static_cast<float>(in->height);
-  auto addHints = [&](auto add) {
-    int32_t sets = in->hintsPresent ? engine->HintCount(fromTime, toTime, layer) : 0;
-    for (int32_t s = 0; s < sets; ++s) {
-      int32_t count = 0;
-      const float *x0 = nullptr, *y0 = nullptr, *x1 = nullptr, *y1 = nullptr;
-      engine->GetHints(fromTime, toTime, layer, s, &count, &x0, &y0, &x1, &y1);
-      if (!x0 || !y0 || !x1 || !y1) continue;
-      for (int32_t k = 0; k < count; ++k) add(x0[k], y0[k], x1[k], y1[k]);
-    }
-  };
   if (in->estimator) {
     PLOpticalFlowUChar* e = in->estimator;
-    if (in->hintsPresent) {
-      e->ClearFlowHints();
-      addHints([&](float a, float b, float c, float d) { e->AddFlowHint(a, b, c, d, w, h); });
-      e->FinishFlowHints();
-    }
+    GiveEstimatorHints(engine, in, fromTime, toTime, layer);
+    in->pyramidSides += 2;
     if (li) {
       e->BuildMaskPyramid(li->fromMaskImage, 0);
       e->BuildMaskPyramid(li->toMaskImage, 1);
@@ -319,7 +341,8 @@ void RunFlow(NuvChronar4* engine, NuvChronar4Internal* in, PLImage** flowOut,
   } else if (in->morphFlow) {
     PLMorphFlow* m = in->morphFlow;
     m->ClearHints();
-    addHints([&](float a, float b, float c, float d) { m->AddHint(a, b, c, d, w, h); });
+    ForEachHint(engine, in, fromTime, toTime, layer,
+                [&](float a, float b, float c, float d) { m->AddHint(a, b, c, d, w, h); });
     m->FinishHints();
     m->SolveFromHints(flow, progress, 0);
   } else {
@@ -327,6 +350,49 @@ void RunFlow(NuvChronar4* engine, NuvChronar4Internal* in, PLImage** flowOut,
   }
   ++in->flowRuns;
   if (progress) progress->Idle();
+}
+
+void RunFrameFlow(NuvChronar4* engine, NuvChronar4Internal* in, PLImage** flowOut,
+                  int32_t fromFrame, int32_t toFrame, RenderState& st, float fromTime,
+                  float toTime, int32_t layer) {
+  PLOpticalFlowUChar* e = in->estimator;
+  // Reuse needs the plain run: no masks (their pyramids are not the frames'), two frames.
+  const bool reuse = engine->stableFrames == 1 && e && e->useMasks == 0 &&
+                     fromFrame != toFrame && fromFrame >= 0 && toFrame >= 0;
+  int32_t* held = in->pyramidFrames;
+  if (!reuse || (held[0] != fromFrame && held[0] != toFrame && held[1] != fromFrame &&
+                 held[1] != toFrame)) {
+    const PLImage* from = st.Fetch(Source::kMotion, fromFrame);
+    const PLImage* to = st.Fetch(Source::kMotion, toFrame);
+    RunFlow(engine, in, flowOut, from, to, fromTime, toTime, layer, &st.progress, nullptr);
+    if (reuse && e == in->estimator) {
+      held[0] = fromFrame;
+      held[1] = toFrame;
+    }
+    return;
+  }
+  // One side already holds one of the frames: bring it to its place, prepare the other.
+  // Built one side at a time, a pyramid is the same bits as ComputeFlow's.
+  if (held[0] == toFrame || held[1] == fromFrame) {
+    e->SwapInputs();
+    std::swap(held[0], held[1]);
+  }
+  const bool edge = in->edgeBlend != 0;
+  for (int32_t side = 0; side < 2; ++side) {
+    const int32_t wanted = side == 0 ? fromFrame : toFrame;
+    if (held[side] == wanted) continue;
+    const PLImage* picture = st.Fetch(Source::kMotion, wanted);
+    held[side] = -1;  // half built if this throws
+    e->BuildPyramidForSide(picture, nullptr, nullptr, side, edge);
+    e->PrefilterSide(side);
+    ++in->pyramidSides;
+    held[side] = wanted;
+  }
+  if (!*flowOut) *flowOut = NewImage(in->flowWidth, in->flowHeight, 2, PLFloat).release();
+  GiveEstimatorHints(engine, in, fromTime, toTime, layer);
+  e->SolvePyramid(*flowOut, 1, 0, &st.progress);
+  ++in->flowRuns;
+  st.progress.Idle();
 }
 
 }  // namespace chronar
@@ -356,19 +422,12 @@ void SinglePath(NuvChronar4* engine, RenderState& st, PLImage* dst, int32_t i, i
     chronar::BringUpSolver(in, layer, levelFactors[layer]);
     if (interp == 0) {
       bool iToJ = (w < 0.5f && style < 2) || (w >= 0.5f && style >= 2);
-      if (newPair || !in->forwardFlow) {
-        const PLImage* from = st.Fetch(Source::kMotion, iToJ ? i : j);
-        const PLImage* to = st.Fetch(Source::kMotion, iToJ ? j : i);
-        chronar::RunFlow(engine, in, &in->forwardFlow, from, to, iToJ ? ti : tj,
-                         iToJ ? tj : ti, layer, &st.progress, nullptr);
-      }
+      if (newPair || !in->forwardFlow)
+        chronar::RunFrameFlow(engine, in, &in->forwardFlow, iToJ ? i : j, iToJ ? j : i, st,
+                              iToJ ? ti : tj, iToJ ? tj : ti, layer);
     } else if (newPair || !in->forwardFlow || !in->backwardFlow) {
-      const PLImage* fi = st.Fetch(Source::kMotion, i);
-      const PLImage* fj = st.Fetch(Source::kMotion, j);
-      chronar::RunFlow(engine, in, &in->forwardFlow, fj, fi, tj, ti, layer, &st.progress,
-                       nullptr);
-      chronar::RunFlow(engine, in, &in->backwardFlow, fi, fj, ti, tj, layer, &st.progress,
-                       nullptr);
+      chronar::RunFrameFlow(engine, in, &in->forwardFlow, j, i, st, tj, ti, layer);
+      chronar::RunFrameFlow(engine, in, &in->backwardFlow, i, j, st, ti, tj, layer);
     }
   }
   const PLImage* a = nullptr;
@@ -547,6 +606,9 @@ int32_t NuvChronar4::RenderAtTime(NuvImage* output, float time, int32_t quality,
           topLayer != in->lastTopLayer || bottomLayer != in->lastBottomLayer ||
           edge != in->edgeBlend || FloatArraysDiffer(levelFactors, in->levelFactors, top + 1) ||
           FloatArraysDiffer(chokes, in->chokes, matteCount);
+      // Prepared pyramids outlive exact frames (their frames stay the same), not a change of
+      // settings or flow keeping turned off.
+      if (!keepFlow || keysDiffer) in->ForgetPyramids();
       if (!in->useFlow || exact || !keepFlow || keysDiffer) {
         in->ReleaseFlows();
         if (!exact) newPair = true;
@@ -608,6 +670,7 @@ int32_t NuvChronar4::RenderAtTime(NuvImage* output, float time, int32_t quality,
     return 0;
   } catch (PLErr& err) {
     in->ReleaseFlows();
+    in->ForgetPyramids();
     st.ReleaseFetched();
     return err;
   }

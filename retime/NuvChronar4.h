@@ -57,9 +57,17 @@ class NuvChronar4Internal : public NuvMem {
   uint8_t hintsPresent = 0;
   int32_t direction = 0;  // of the vector step: 0 none, 1 previous, 2 next
 
+  // Frames whose input pyramids (prepared for a run) the estimator holds on its first and
+  // second side, -1 for none. Kept only for engines with stableFrames 1; anything else that
+  // runs or replaces the estimator forgets them.
+  int32_t pyramidFrames[2] = {-1, -1};
+  void ForgetPyramids() { pyramidFrames[0] = pyramidFrames[1] = -1; }
+
   // Not part of the keys: counts of solver runs, for callers that want to see the cache
   // at work (each ComputeFlow or SolveFromHints adds one).
   int64_t flowRuns = 0;
+  // Input pyramids prepared for the estimator's runs (two per run unless reused).
+  int64_t pyramidSides = 0;
 };
 
 // The retimer. Abstract: a subclass supplies frames, mattes and the time mapping through
@@ -228,6 +236,13 @@ class NuvChronar4 : public NuvMem {
   int64_t interpolation = 1;
   int64_t blurQuality = 1;  // 1 bilinear sampling in the shutter blur
   float shutter = 0.0f;     // up to 0.005 means none
+  // 1: the subclass promises that a frame number always gives the same motion picture while
+  // flow keeping is on (as a clip on disk does). The estimator's prepared input pyramids of
+  // the last two frames are then reused by the next flow runs that need those frames: the
+  // second flow of a pair reuses the first's, and the next pair of a clip played forward or
+  // backward reuses the shared frame's, also across renders that land on a source frame. The
+  // flows are the same bits either way; 0 (the default) prepares both inputs for every run.
+  int32_t stableFrames = 0;
   NuvChronar4Internal* internal = nullptr;
 };
 

@@ -76,6 +76,14 @@ void RunFlow(NuvChronar4* engine, NuvChronar4Internal* in, PLImage** flowOut,
              const PLImage* from, const PLImage* to, float fromTime, float toTime,
              int32_t layer, NuvIdleAndProgressClass* progress, const LayerInputs* layerInputs);
 
+// One flow run of the estimator path from frame `fromFrame` to `toFrame` (motion frames,
+// fetched only when needed). With the engine's stableFrames 1 the estimator's prepared
+// pyramids of frames it already holds are reused and the others prepared one side at a time;
+// the flow is the same bits as RunFlow's on the fetched pictures. Otherwise it is RunFlow.
+void RunFrameFlow(NuvChronar4* engine, NuvChronar4Internal* in, PLImage** flowOut,
+                  int32_t fromFrame, int32_t toFrame, RenderState& st, float fromTime,
+                  float toTime, int32_t layer);
+
 // The picture of one pair: frames (or layer images) a = frame i, b = frame j, w the weight
 // of i, the flows of the pair (either may be null when not needed), exact or not. Writes
 // `dst` (alike to a and b). Uses in->interpolation, in->warpStyle, in->useFlow.
