@@ -62,7 +62,7 @@ TEST_P(SingleChannelFillTypes, Invariants) {
       Fill(mask.get(), 0);
       PLSingleChannelFill(im.get(), mask.get(), nullptr);
       EXPECT_TRUE(SamePixels(im.get(), before.get())) << w << "x" << h;
-      TestImage off = MakeImage(w + 1, h, 1, maskType);
+      TestImage off = MakeImage(w + (channels == 1), h + (channels == 4), 1, maskType);
       Fill(off.get(), 1);
       testing::internal::CaptureStderr();
       PLSingleChannelFill(im.get(), off.get(), nullptr);

@@ -225,8 +225,12 @@ TEST(FlowBadInput, TwoChannelsAndOutOfRangeFloatGiveNoLuma) {
   auto two = flowtest::MakeFloat(24, 20, 2, 0.5f);
   for (int32_t y = 0; y < 20; ++y)
     for (int32_t x = 0; x < 24; ++x) At(level0, x, y) = -7.0f;
-  flow.ConvertToLuma(level0, two.get(), 0);
-  EXPECT_EQ(At(level0, 5, 5), -7.0f);
+  for (int32_t type : {PLUChar, PLUShort, PLFloat}) {
+    PLImage pair(24, 20, 2, type, 0);
+    pltest::FillRandom(&pair, 4);
+    flow.ConvertToLuma(level0, &pair, 0);
+    EXPECT_EQ(At(level0, 5, 5), -7.0f) << type;
+  }
   EXPECT_EQ(RunCapturing(&flow, nullptr, two.get(), two.get()), "");  // accepted, no luma
   auto f = flowtest::MakeFloat(24, 20, 1, 0.5f);
   f->whitePoint = 255.0f;
@@ -283,6 +287,9 @@ TEST(FlowSteps, AllValidMasksChangeNothing) {
   PLImage** first = masked.firstMaskPyramid;
   masked.ComputeFlowIgnoringMasks(nullptr, a.get(), b.get(), 1, 1, 0, nullptr, false);
   EXPECT_EQ(masked.firstMaskPyramid, first);
+  EXPECT_EQ(masked.useMasks, 1);
+  EXPECT_TRUE(pltest::SamePixels(plain.flowPyramid[0], masked.flowPyramid[0]));
+  masked.SolvePyramidIgnoringMasks(nullptr, 1, 0, nullptr);  // on the pyramids left as they are
   EXPECT_EQ(masked.useMasks, 1);
   EXPECT_TRUE(pltest::SamePixels(plain.flowPyramid[0], masked.flowPyramid[0]));
 }

@@ -118,7 +118,8 @@ TEST_P(GetFrameFormats, CopiesRowsByTheClipsStrideAndClampsTheFrame) {
   sh::SetClip(0, layout, 3);
   FillClip(0);
   std::vector<uint8_t> block(static_cast<size_t>(sh::FrameBytes(layout)), 0xEE);
-  for (const auto& [asked, delivered] : {std::pair{1, 1}, {-3, 0}, {9, 2}}) {
+  const std::pair<int32_t, int32_t> cases[] = {{1, 1}, {-3, 0}, {9, 2}};
+  for (const auto& [asked, delivered] : cases) {
     ASSERT_EQ(sparkGetFrame(0, asked, block.data()), 1);
     EXPECT_EQ(Mismatches(block.data(), layout, delivered), 0);
     EXPECT_EQ(sh::GetFrameCalls().back().frame, asked);

@@ -183,6 +183,24 @@ TEST(Warp, UniformShiftAndFlowGrid) {
   }
 }
 
+// Far, infinite or NaN vectors: nothing is drawn, nothing undefined happens on the way.
+TEST(Warp, TrianglesOutsideSkipped) {
+  const float inf = std::numeric_limits<float>::infinity();
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const std::pair<float, float> far[] = {{-100, 0}, {0, -100}, {100, 0}, {0, 3e38f},
+                                         {-1e30f, 1e30f}, {inf, 0}, {nan, 0}, {0, nan}};
+  TestImage src = MakeImage(6, 5, 3, PLUShort);
+  FillRandom(src.get(), 3);
+  for (auto uv : far) {
+    TestImage dst = MakeImage(6, 5, 3, PLUShort);
+    Fill(dst.get(), 9);
+    TestImage flow = MakeFlow(6, 5, Uniform(uv.first, uv.second));
+    ASSERT_EQ(Warp(dst.get(), src.get(), flow.get(), 1, 0, 2, nullptr, 1, 0, 0, 1), 1);
+    for (int32_t y = 0; y < 5; ++y)
+      for (int32_t x = 0; x < 6; ++x) EXPECT_EQ(Get(dst.get(), x, y, 0), 9);
+  }
+}
+
 // Column 2 of a 3 x 2 mesh is pulled two pixels left, so the second cell lands on the first:
 // pixel 0 is drawn by both, the second one last; pixel 1 by both with its own colour; pixel
 // 2 by none. Three channels: the later triangle wins. Four: they composite by the matte.
