@@ -123,6 +123,9 @@ PlannedChronar::PlannedChronar(int32_t width, int32_t height, int32_t dataType,
   interpolation = 1;
   useFlow = 1;
   shutter = 0.0f;
+  // A clip's frame is the same picture in every render: the engine may keep the prepared
+  // motion pyramids of the last two frames from one pair to the next.
+  stableFrames = 1;
 }
 
 PlannedChronar::~PlannedChronar() = default;
@@ -291,6 +294,14 @@ class Progress {
   int64_t total_;
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
+
+// PNG written with one row filter (the row above) and zlib's fastest level: the encoder's
+// search over row filters and zlib's default level took most of a run's time; the files are
+// smaller than unfiltered ones at the default level. Other formats ignore these.
+void FastPng(OIIO::ImageSpec* imageSpec) {
+  imageSpec->attribute("png:filter", 32);  // PNG_FILTER_UP
+  imageSpec->attribute("png:compressionLevel", 1);
+}
 
 std::string FlowPath(const std::string& folder, int64_t number) {
   char name[64];
@@ -525,6 +536,7 @@ int Loop(const ResampleOptions& options, Setup* s, int64_t storeBudget) {
       std::vector<uint8_t> rgb = FlowToColour(picture, longest);
       DrawFlowLegend(&rgb, w, h, longest);
       OIIO::ImageSpec imageSpec(w, h, 3, OIIO::TypeDesc::UINT8);
+      FastPng(&imageSpec);
       if (!WriteImageSafely(FlowPath(options.flowFolder, planned.outputNumber), imageSpec,
                             OIIO::TypeDesc::UINT8, rgb.data(), replace, &error))
         return Stopped(*s, &progress, error, kExitOutput);
@@ -535,9 +547,7 @@ int Loop(const ResampleOptions& options, Setup* s, int64_t storeBudget) {
     } else {
       OIIO::ImageSpec imageSpec =
           OutputSpec(out.info, options.haveOutDepth ? options.outDepth : s->info.depth);
-      // PNG rows unfiltered (zlib at its default level): the encoder's search over row filters
-      // took two thirds of a whole run's time; files stay about as large as other tools' PNGs.
-      imageSpec.attribute("png:filter", 8);  // PNG_FILTER_NONE
+      FastPng(&imageSpec);
       if (!WriteImageSafely(s->outputs[i], imageSpec, OIIO::TypeDesc::FLOAT, out.pixels.data(),
                             options.overwrite, &error))
         return Stopped(*s, &progress, error, kExitOutput);
