@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <functional>
 
 #if defined(__x86_64__)
 #include <cpuid.h>
@@ -61,6 +62,79 @@ bool CheckInputFile(const std::string& path, std::string* why) {
   return true;
 }
 
+// Bytes `n` at `offset` of the file being opened; false when they are not all there.
+using ReadAt = std::function<bool(int64_t offset, void* into, size_t n)>;
+
+constexpr int32_t kMaxExrAttributes = 65536;
+
+// An EXR header, walked before any reader sees it. OpenEXR allocates what an attribute says
+// it holds before reading it (about 2 GB for a string that claims so, in a file of a few
+// hundred bytes), and which of its readers runs (the classic one or the core one) is
+// OpenImageIO's choice, which a user's environment can change: so the sizes are checked here,
+// whatever reads the file later. Refused, with the reason in `why`: an attribute claiming more
+// bytes than the file has left, a data window over kMaxFrameSamples pixels, a header of more
+// than kMaxExrAttributes attributes. Anything else that is wrong (or a file that is no EXR)
+// is left to the reader to report.
+bool CheckExrHeader(const ReadAt& read, int64_t bytes, std::string* why) {
+  unsigned char head[8];
+  if (bytes < 8 || !read(0, head, 8)) return true;
+  if (head[0] != 0x76 || head[1] != 0x2f || head[2] != 0x31 || head[3] != 0x01) return true;
+  const bool multipart = (head[5] & 0x10) != 0;  // version flag 0x1000
+  int64_t pos = 8;
+  auto name = [&](std::string* out) {  // null-terminated, at most 255 characters
+    char text[256];
+    const size_t n = static_cast<size_t>(std::min<int64_t>(sizeof text, bytes - pos));
+    if (n == 0 || !read(pos, text, n)) return false;
+    const void* end = std::memchr(text, 0, n);
+    if (!end) return false;
+    out->assign(text, static_cast<size_t>(static_cast<const char*>(end) - text));
+    pos += static_cast<int64_t>(out->size()) + 1;
+    return true;
+  };
+  auto int32At = [](const unsigned char* b) {  // little-endian
+    return static_cast<int32_t>(static_cast<uint32_t>(b[0]) | static_cast<uint32_t>(b[1]) << 8 |
+                                static_cast<uint32_t>(b[2]) << 16 | static_cast<uint32_t>(b[3]) << 24);
+  };
+  int32_t attributes = 0;
+  for (;;) {
+    for (;;) {
+      std::string attribute, type;
+      if (!name(&attribute)) return true;
+      if (attribute.empty()) break;  // the end of this header
+      unsigned char size4[4];
+      if (!name(&type) || bytes - pos < 4 || !read(pos, size4, 4)) return true;
+      pos += 4;
+      const int64_t size = int32At(size4);
+      if (++attributes > kMaxExrAttributes) {
+        *why = "its header holds more than " + std::to_string(kMaxExrAttributes) + " attributes";
+        return false;
+      }
+      if (size < 0 || size > bytes - pos) {
+        *why = "its header's attribute '" + attribute + "' claims " + std::to_string(size) +
+               " bytes, more than the file holds";
+        return false;
+      }
+      unsigned char box[16];
+      if (attribute == "dataWindow" && type == "box2i" && size == 16 && read(pos, box, 16)) {
+        const int64_t width = int64_t{int32At(box + 8)} - int32At(box) + 1;
+        const int64_t height = int64_t{int32At(box + 12)} - int32At(box + 4) + 1;
+        if (width > 0 && height > 0 &&
+            (width > kMaxFrameSamples || height > kMaxFrameSamples ||
+             width * height > kMaxFrameSamples)) {
+          *why = "its header claims " + std::to_string(width) + "x" + std::to_string(height) +
+                 " pixels, more than a frame may have (" + std::to_string(kMaxFrameSamples) +
+                 " samples)";
+          return false;
+        }
+      }
+      pos += size;
+    }
+    // The parts of a multipart file follow one another; an empty header ends them.
+    unsigned char next = 0;
+    if (!multipart || pos >= bytes || !read(pos, &next, 1) || next == 0) return true;
+  }
+}
+
 // Opens `path` (or, with `proxy`, the bytes behind it, `path` naming them) for reading with
 // `config` and fills `header` with the file's description (size, channels, sample format,
 // metadata). Null, with the reason in `why`, on failure.
@@ -69,6 +143,23 @@ std::unique_ptr<OIIO::ImageInput> OpenToRead(const std::string& path,
                                              OIIO::ImageSpec* header, std::string* why,
                                              OIIO::Filesystem::IOProxy* proxy = nullptr) {
   if (!proxy && !CheckInputFile(path, why)) return nullptr;
+  {
+    int fd = proxy ? -1 : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (!proxy && fd < 0) {
+      *why = std::strerror(errno);
+      return nullptr;
+    }
+    struct stat st;
+    const int64_t size = proxy ? static_cast<int64_t>(proxy->size())
+                               : (fstat(fd, &st) == 0 ? static_cast<int64_t>(st.st_size) : 0);
+    const ReadAt read = [&](int64_t offset, void* into, size_t n) {
+      if (proxy) return proxy->pread(into, n, offset) == n;
+      return pread(fd, into, n, offset) == static_cast<ssize_t>(n);
+    };
+    const bool fine = CheckExrHeader(read, size, why);
+    if (fd >= 0) close(fd);
+    if (!fine) return nullptr;
+  }
   // The readers take the proxy from the configuration at open().
   OIIO::ImageSpec withProxy = config;
   if (proxy) withProxy.attribute("oiio:ioproxy", OIIO::TypeDesc::PTR, &proxy);

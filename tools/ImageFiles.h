@@ -42,8 +42,11 @@ bool ReadFrameInfo(const std::string& path, FrameInfo* info, std::string* error)
 // describes deep data, more than kMaxFrameSamples samples (width x height x channels, 1 GiB
 // as floats: 8192 x 8192 x 4, or 16384 x 16384 x 1), or more than 4096 samples for each byte
 // of the file (no format compresses that far). A file whose pixels cannot all be decoded
-// (truncated, corrupted) is refused, also when the reader only warned. Every refusal is one
-// message that names the file.
+// (truncated, corrupted) is refused, also when the reader only warned. An EXR header is
+// walked before any reader opens the file, as its readers take the memory its attributes
+// claim before reading them: an attribute claiming more bytes than the file holds, a data
+// window of more than kMaxFrameSamples pixels, or more than 65536 attributes is refused there.
+// Every refusal is one message that names the file.
 constexpr int64_t kMaxFrameSamples = int64_t{1} << 28;
 
 // A whole frame in memory: every channel as float, interleaved, rows packed, row 0 on top.

@@ -136,6 +136,39 @@ TEST(HostileFiles, HeadersOverTheFrameLimit) {
                              &info, &error));
 }
 
+// An EXR header's attribute sizes are taken before any reader allocates them: one claiming
+// about 2 GB in a file of a few hundred bytes, or a data window of 2^40 pixels, is refused
+// with its reason, from disk and from memory alike.
+TEST(HostileFiles, ExrHeadersThatClaimTooMuch) {
+  test::TempDir dir;
+  const std::string valid = ValidFile(dir, "exr");
+  auto patched = [](std::string bytes, const std::string& attribute, size_t offset,
+                    uint32_t value) {
+    const size_t at = bytes.find(attribute + '\0');
+    EXPECT_NE(at, std::string::npos) << attribute;
+    const size_t field = bytes.find('\0', at + attribute.size() + 1) + 1 + offset;
+    for (int k = 0; k < 4; ++k) bytes[field + k] = static_cast<char>(value >> (8 * k));
+    return bytes;
+  };
+  const std::pair<std::string, std::string> cases[] = {
+      {patched(valid, "compression", 0, 0x7FFFFFF0u),
+       "attribute 'compression' claims 2147483632 bytes"},
+      {patched(patched(valid, "dataWindow", 4 + 8, 1u << 20), "dataWindow", 4 + 12, 1u << 20),
+       "claims 1048577x1048577 pixels"}};
+  for (const auto& [bytes, says] : cases) {
+    Put(dir / "x.exr", bytes);
+    FrameInfo info;
+    Frame frame;
+    std::string error;
+    EXPECT_FALSE(ReadFrameInfo(dir / "x.exr", &info, &error));
+    EXPECT_NE(error.find(says), std::string::npos) << error;
+    EXPECT_NE(error.find("x.exr"), std::string::npos) << error;
+    error.clear();
+    EXPECT_FALSE(ReadFrameFromMemory("m.exr", bytes.data(), bytes.size(), &frame, &error));
+    EXPECT_NE(error.find(says), std::string::npos) << error;
+  }
+}
+
 TEST(HostileFiles, FoldersAndSpecialFilesAreNotRead) {
   test::TempDir dir;
   mkdir((dir / "frame.0001.png").c_str(), 0755);
@@ -170,10 +203,7 @@ TEST(HostileFiles, CorruptedBytesNeverCrash) {
   }
 }
 
-test::RunResult Flowblur(const std::vector<std::string>& args,
-                         const test::RunOptions& options = test::RunOptions()) {
-  return test::RunCommand(FLOWBLUR_EXE, args, options);
-}
+using test::Flowblur;
 
 // Through the batch host: the lie in the sequence's first frame, a good second frame.
 TEST(HostileFiles, TheBatchHostStopsWithCodeOneAndWritesNothing) {
