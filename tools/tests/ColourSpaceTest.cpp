@@ -94,13 +94,6 @@ TEST(LinearLight, OnlyColourChannelsWhereverTheyAre) {
   EXPECT_EQ(g.pixels[1], 128 / 255.0f);
 }
 
-TEST(LinearLight, AnUnknownNameIsRefusedByName) {
-  LinearLight light;
-  std::string error;
-  EXPECT_FALSE(light.Create("no-such-space", &error));
-  EXPECT_NE(error.find("unknown colour space 'no-such-space'"), std::string::npos) << error;
-}
-
 TEST(ColourChoice, WhichSpaceAClipIsConvertedFrom) {
   ColourChoice choice;
   std::string error;

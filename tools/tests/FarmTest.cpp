@@ -12,10 +12,7 @@
 namespace flowblur {
 namespace {
 
-test::RunResult Flowblur(const std::vector<std::string>& args,
-                         const test::RunOptions& options = test::RunOptions()) {
-  return test::RunCommand(FLOWBLUR_EXE, args, options);
-}
+using test::Flowblur;
 
 // The demo clip as PNGs in DIR/input/demo.NNNN.png, frames 1 to `frames`.
 std::string DemoInput(const test::TempDir& dir, int32_t frames, int32_t width) {
@@ -23,10 +20,6 @@ std::string DemoInput(const test::TempDir& dir, int32_t frames, int32_t width) {
                                 std::to_string(frames), "-q"});
   EXPECT_EQ(r.exitCode, 0) << r.err;
   return dir / "demo/input/demo.%04d.png";
-}
-
-std::map<std::string, std::string> Outputs(const std::string& folder) {
-  return test::Snapshot(folder);
 }
 
 class Chunked : public ::testing::TestWithParam<bool> {};  // motion from a back sequence
@@ -47,12 +40,12 @@ TEST_P(Chunked, ChunksGiveTheBytesOfAWholeRun) {
   run(dir / "whole", {});
   // A chunk at the clip's start, one in its middle, one overshooting its end.
   for (const char* frames : {"1-2", "3-5", "6-99"}) run(dir / "chunks", {"--frames", frames});
-  const auto whole = Outputs(dir / "whole");
+  const auto whole = test::Snapshot(dir / "whole");
   ASSERT_EQ(whole.size(), 7u);
-  EXPECT_TRUE(Outputs(dir / "chunks") == whole);
+  EXPECT_TRUE(test::Snapshot(dir / "chunks") == whole);
   // Every frame alone.
   for (int f = 1; f <= 7; ++f) run(dir / "single", {"--frames", std::to_string(f)});
-  EXPECT_TRUE(Outputs(dir / "single") == whole);
+  EXPECT_TRUE(test::Snapshot(dir / "single") == whole);
 }
 
 INSTANTIATE_TEST_SUITE_P(Motion, Chunked, ::testing::Values(false, true));
@@ -62,9 +55,9 @@ TEST(ChunkedRegression, FramesTwoToThreeOfAThreeFrameSequenceMatchTheWholeRun) {
   const std::string in = DemoInput(dir, 3, 96);
   ASSERT_EQ(Flowblur({in, dir / "whole/o.%04d.png", "-q"}).exitCode, 0);
   ASSERT_EQ(Flowblur({in, dir / "part/o.%04d.png", "--frames", "2-3", "-q"}).exitCode, 0);
-  auto whole = Outputs(dir / "whole");
+  auto whole = test::Snapshot(dir / "whole");
   whole.erase("o.0001.png");
-  EXPECT_TRUE(Outputs(dir / "part") == whole);
+  EXPECT_TRUE(test::Snapshot(dir / "part") == whole);
 }
 
 struct Kill {
@@ -94,29 +87,43 @@ void ExpectStopsCleanlyAndResumes(int signal, int exitCode, const std::string& s
   test::RunResult r = Flowblur({in, dir / "out/o.%04d.png", "--threads", "1"}, options);
   EXPECT_EQ(r.exitCode, exitCode) << r.err;
   EXPECT_NE(r.err.find(says), std::string::npos) << r.err;
-  const auto whole = Outputs(dir / "whole");
-  auto stopped = Outputs(dir / "out");
+  const auto whole = test::Snapshot(dir / "whole");
+  auto stopped = test::Snapshot(dir / "out");
   EXPECT_GT(stopped.size(), 0u);
   EXPECT_LT(stopped.size(), whole.size());
-  for (const auto& [name, bytes] : stopped)
+  if (signal != SIGKILL) {
+    EXPECT_NE(r.err.find(std::to_string(stopped.size()) + " of 24 frames written"),
+              std::string::npos)
+        << r.err;
+  }
+  for (const auto& [name, bytes] : stopped) {
     if (name[0] != '.') EXPECT_EQ(bytes, whole.at(name)) << "partial or wrong frame " << name;
+  }
   // What a write cut short leaves: a hidden temporary of the stopped process.
   std::ofstream(dir / ("out/.o.0024.partial-" + std::to_string(kill.pid) + ".png")) << "cut";
   r = Flowblur({in, dir / "out/o.%04d.png", "--skip-existing", "--threads", "1"});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_NE(r.err.find("skipped: their output existed"), std::string::npos) << r.err;
   // Nothing else is left, not even a killed write's hidden temporary file.
-  EXPECT_TRUE(Outputs(dir / "out") == whole);
+  EXPECT_TRUE(test::Snapshot(dir / "out") == whole);
 }
 
-TEST(Resume, SkipExistingFinishesARunKilledMidway) {
-  ExpectStopsCleanlyAndResumes(SIGKILL, 128 + SIGKILL, "");
+struct StopCase {
+  int signal, exitCode;
+  const char* says;
+};
+class Resume : public ::testing::TestWithParam<StopCase> {};
+
+TEST_P(Resume, AStoppedRunLeavesWholeFramesAndSkipExistingFinishesIt) {
+  ExpectStopsCleanlyAndResumes(GetParam().signal, GetParam().exitCode, GetParam().says);
 }
 
-TEST(Resume, StopSignalsFinishTheFrameAndSaySo) {
-  ExpectStopsCleanlyAndResumes(SIGTERM, 75, "stopped by SIGTERM after a whole frame");
-  ExpectStopsCleanlyAndResumes(SIGUSR1, 75, "stopped by SIGUSR1 after a whole frame");
-}
+// Ctrl-C stops at a frame boundary, a kill anywhere; the stop signals finish the frame.
+INSTANTIATE_TEST_SUITE_P(Signals, Resume,
+                         ::testing::Values(StopCase{SIGINT, 130, "interrupted"},
+                                           StopCase{SIGKILL, 128 + SIGKILL, ""},
+                                           StopCase{SIGTERM, 75, "stopped by SIGTERM after a whole frame"},
+                                           StopCase{SIGUSR1, 75, "stopped by SIGUSR1 after a whole frame"}));
 
 TEST(FarmLog, OneLineAFrameOffATerminalAndTheSchedulersThreadCount) {
   test::TempDir dir;
@@ -135,18 +142,19 @@ TEST(FarmLog, OneLineAFrameOffATerminalAndTheSchedulersThreadCount) {
 TEST(FarmSlurm, TheScriptsTasksGiveTheWholeRun) {
   test::TempDir dir;
   const std::string in = DemoInput(dir, 7, 96);
-  ASSERT_EQ(Flowblur({in, dir / "whole/o.%04d.png", "-q", "--amount", "0.75"}).exitCode, 0);
+  ASSERT_EQ(Flowblur({in, dir / "whole/o.%04d.png", "-q", "--amount", "0.75", "--colorspace",
+                      "none"}).exitCode, 0);
   const std::string script = dir / "job/render.sh";
   test::RunResult r = Flowblur({"farm", "slurm", in, dir / "out/o.%04d.png", "--chunk", "3",
                                 "--script", script, "--threads", "2", "--time", "0:30:00",
-                                "--amount", "0.75", "--partition", "debug"});
+                                "--amount", "0.75", "--partition", "debug", "--colorspace", "none"});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   std::ifstream file(script);
   std::stringstream text;
   text << file.rdbuf();
   for (const char* line : {"#SBATCH --array=0-2\n", "#SBATCH --cpus-per-task=2\n",
                            "#SBATCH --partition=debug\n", "#SBATCH --time=0:30:00\n",
-                           "--clip' '1-7'", "--skip-existing"})
+                           "--clip' '1-7'", "--skip-existing", "'--colorspace' 'none'"})
     EXPECT_NE(text.str().find(line), std::string::npos) << line << " in\n" << text.str();
   EXPECT_NE(text.str().find("#SBATCH --output=" + dir / "job/logs/flowblur-%A_%a.log"),
             std::string::npos);
@@ -159,7 +167,7 @@ TEST(FarmSlurm, TheScriptsTasksGiveTheWholeRun) {
   }
   unsetenv("SLURM_ARRAY_TASK_ID");
   unsetenv("SLURM_CPUS_PER_TASK");
-  EXPECT_TRUE(Outputs(dir / "out") == Outputs(dir / "whole"));
+  EXPECT_TRUE(test::Snapshot(dir / "out") == test::Snapshot(dir / "whole"));
   // Outputs that exist are neither replaced nor silently kept without being told which.
   r = Flowblur({"farm", "slurm", in, dir / "out/o.%04d.png", "--chunk", "3", "--script", script});
   EXPECT_EQ(r.exitCode, 3);

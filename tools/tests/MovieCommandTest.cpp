@@ -16,15 +16,8 @@ namespace {
 
 constexpr int32_t kW = 80, kH = 48;
 
-test::RunResult Flowblur(const std::vector<std::string>& args) {
-  return test::RunCommand(FLOWBLUR_EXE, args);
-}
-
-std::string Numbered(const std::string& pattern, int32_t frame) {
-  char path[512];
-  std::snprintf(path, sizeof path, pattern.c_str(), frame);
-  return path;
-}
+using test::Flowblur;
+using test::Numbered;
 
 // An 8-bit frame: a textured background and a block moving 4 px a frame; with `spot`, a dark
 // background and a small white square moving 8 px a frame instead.
@@ -92,13 +85,6 @@ std::vector<Frame> ReadMovie(const std::string& path, MovieInfo* info = nullptr)
   return frames;
 }
 
-Frame ReadFile(const std::string& path) {
-  Frame f;
-  std::string error;
-  EXPECT_TRUE(ReadFrame(path, &f, &error)) << error;
-  return f;
-}
-
 // 8-bit levels: what a lossless 8-bit movie must give back exactly.
 std::vector<long> Levels(const Frame& f) {
   std::vector<long> levels;
@@ -126,7 +112,7 @@ TEST(MovieRuns, AMovieInGivesASequenceAndMoviesThatDecodeToIt) {
   EXPECT_EQ(files, (std::vector<std::string>{"o.0001.png", "o.0002.png", "o.0003.png",
                                              "o.0004.png", "o.0005.png"}));
   std::vector<Frame> sequence;
-  for (int32_t f = 1; f <= 5; ++f) sequence.push_back(ReadFile(Numbered(dir / "seq/o.%04d.png", f)));
+  for (int32_t f = 1; f <= 5; ++f) sequence.push_back(test::Load(Numbered(dir / "seq/o.%04d.png", f)));
   EXPECT_NE(sequence[2].pixels, Picture(2).pixels);
 
   // Lossless: every decoded frame is the sequence's frame exactly, at the input's rate.
@@ -155,21 +141,15 @@ TEST(MovieRuns, AMovieInGivesASequenceAndMoviesThatDecodeToIt) {
   ASSERT_EQ(chunk.size(), 2u);
   EXPECT_EQ(chunk["o.0002.png"], whole["o.0002.png"]);
   EXPECT_EQ(chunk["o.0003.png"], whole["o.0003.png"]);
-}
 
-TEST(MovieRuns, ASequenceInGivesAMovieAtTheRateAsked) {
-  test::TempDir dir;
-  WritePngs(dir / "in.%04d.png", 4);
-  test::RunResult r = Flowblur({dir / "in.%04d.png", dir / "seq.%04d.png", "-q"});
+  // A sequence in gives a movie at the rate asked.
+  r = Flowblur({dir / "seq/o.%04d.png", dir / "again.avi", "--codec", "ffv1", "--fps", "25",
+                "--amount", "0", "-q"});
   ASSERT_EQ(r.exitCode, 0) << r.err;
-  r = Flowblur({dir / "in.%04d.png", dir / "out.avi", "--codec", "ffv1", "--fps", "25", "-q"});
-  ASSERT_EQ(r.exitCode, 0) << r.err;
-  MovieInfo info;
-  std::vector<Frame> movie = ReadMovie(dir / "out.avi", &info);
-  ASSERT_EQ(movie.size(), 4u);
+  std::vector<Frame> again = ReadMovie(dir / "again.avi", &info);
+  ASSERT_EQ(again.size(), 5u);
   EXPECT_EQ(info.rate.Value(), 25.0);
-  for (int32_t f = 0; f < 4; ++f)
-    EXPECT_EQ(Levels(movie[f]), Levels(ReadFile(Numbered(dir / "seq.%04d.png", f + 1)))) << f;
+  for (size_t i = 0; i < 5; ++i) EXPECT_EQ(Levels(again[i]), Levels(sequence[i])) << i;
 }
 
 TEST(MovieRuns, RetimeReadsAndWritesMoviesAtTheOutputRate) {
@@ -191,24 +171,6 @@ TEST(MovieRuns, RetimeReadsAndWritesMoviesAtTheOutputRate) {
 
 // ---- Linear light
 
-TEST(LinearLightRuns, AStillFrameComesBackWithinOneLevel) {
-  test::TempDir dir;
-  // Three identical frames: nothing moves.
-  for (int32_t f = 1; f <= 3; ++f) {
-    Frame still = Picture(0);
-    std::string error;
-    ASSERT_TRUE(WriteImageSafely(Numbered(dir / "in.%04d.png", f), still.info.imageSpec,
-                                 OIIO::TypeDesc::FLOAT, still.pixels.data(), false, &error));
-  }
-  test::RunResult r = Flowblur({dir / "in.%04d.png", dir / "out.%04d.png", "--amount", "1", "-q"});
-  ASSERT_EQ(r.exitCode, 0) << r.err;
-  const Frame in = ReadFile(dir / "in.0002.png"), out = ReadFile(dir / "out.0002.png");
-  double worst = 0.0;
-  for (size_t i = 0; i < in.pixels.size(); ++i)
-    worst = std::max(worst, std::fabs(static_cast<double>(in.pixels[i]) - out.pixels[i]) * 255.0);
-  EXPECT_LE(worst, 1.0 + 1e-6);
-}
-
 TEST(LinearLightRuns, ABrightMovingSpotKeepsMoreOfItsLightThanInStoredValues) {
   test::TempDir dir;
   WritePngs(dir / "in.%04d.png", 5, 3, true);
@@ -222,7 +184,7 @@ TEST(LinearLightRuns, ABrightMovingSpotKeepsMoreOfItsLightThanInStoredValues) {
   std::string error;
   ASSERT_TRUE(light.Create("sRGB", &error)) << error;
   auto streakLight = [&](const std::string& path) {
-    Frame f = ReadFile(path);
+    Frame f = test::Load(path);
     light.ToLinear(&f);
     Frame background = f;
     for (float& v : background.pixels) v = 0.06f;
@@ -267,17 +229,7 @@ TEST(LinearLightRuns, ANamedSpaceOfTheUsersConfiguration) {
   test::RunResult srgb = Flowblur({dir / "in.%04d.png", dir / "s.%04d.png", "--colorspace",
                                    "srgb", "--amount", "1", "-q"});
   ASSERT_EQ(srgb.exitCode, 0) << srgb.err;
-  EXPECT_NE(Levels(ReadFile(dir / "sq.0002.png")), Levels(ReadFile(dir / "s.0002.png")));
-}
-
-TEST(LinearLightRuns, FarmTasksBlurInTheLightAskedFor) {
-  test::TempDir dir;
-  WritePngs(dir / "in.%04d.png", 3);
-  test::RunResult r = Flowblur({"farm", "slurm", dir / "in.%04d.png", dir / "out/o.%04d.png",
-                                "--chunk", "2", "--colorspace", "none"});
-  ASSERT_EQ(r.exitCode, 0) << r.err;
-  EXPECT_NE(test::Snapshot(dir / "out")["flowblur-slurm.sh"].find("'--colorspace' 'none'"),
-            std::string::npos);
+  EXPECT_NE(Levels(test::Load(dir / "sq.0002.png")), Levels(test::Load(dir / "s.0002.png")));
 }
 
 // ---- Refused: a message naming the file and the reason, the exit code, nothing written.
@@ -285,11 +237,7 @@ TEST(LinearLightRuns, FarmTasksBlurInTheLightAskedFor) {
 class MovieRefused : public ::testing::Test {
  protected:
   void Expect(const std::vector<std::string>& args, int code, const std::string& says) {
-    auto before = test::Snapshot(dir.path());
-    test::RunResult r = Flowblur(args);
-    EXPECT_EQ(r.exitCode, code) << r.err;
-    EXPECT_NE(r.err.find(says), std::string::npos) << "message: " << r.err;
-    EXPECT_EQ(test::Names(test::Snapshot(dir.path())), test::Names(before)) << r.err;
+    test::ExpectRefused(dir.path(), args, code, says);
   }
   test::TempDir dir;
 };
@@ -322,27 +270,9 @@ TEST_F(MovieRefused, MoviesThatCannotHoldWhatIsAsked) {
   ASSERT_EQ(r.exitCode, 0) << r.err;
   std::vector<Frame> movie = ReadMovie(dir / "a.mkv");
   ASSERT_EQ(movie.size(), 3u);
-  const Frame in = ReadFile(dir / "rgba.0002.png");
+  const Frame in = test::Load(dir / "rgba.0002.png");
   const std::vector<long> got = Levels(movie[1]), want = Levels(in);
   for (size_t i = 3; i < want.size(); i += 4) ASSERT_EQ(got[i], want[i]) << i;
-}
-
-TEST(MovieDemo, WritesAMovieBesideTheFrames) {
-  test::TempDir dir;
-  test::RunResult r = Flowblur({"demo", dir / "demo", "--size", "128", "--length", "4", "--movie", "-q"});
-  ASSERT_EQ(r.exitCode, 0) << r.err;
-  MovieInfo info;
-  std::vector<Frame> movie = ReadMovie(dir / "demo/output/demo.mp4", &info);
-  EXPECT_EQ(movie.size(), 4u);
-  EXPECT_EQ(info.width, 128);
-}
-
-TEST(MovieHelp, TellsMoviesAndColour) {
-  test::RunResult r = Flowblur({"--help"});
-  EXPECT_EQ(r.exitCode, 0);
-  for (const char* needle : {"--colorspace", "linear", "half-float", "--codec", "ffv1", "h264",
-                             "--crf", "--fps", ".mp4"})
-    EXPECT_NE(r.out.find(needle), std::string::npos) << needle;
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-// flowblur tool tests: temporary folders, folder snapshots, running the built command.
+// flowblur tool tests: temporary folders, folder snapshots, running the built command, the test
+// clip written as files, refused runs.
 #pragma once
 #include <dirent.h>
 #include <fcntl.h>
@@ -15,6 +16,11 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/PLTestTexture.h"
+#include "tools/ImageFiles.h"
 
 namespace flowblur::test {
 
@@ -144,6 +150,72 @@ inline RunResult RunCommand(const std::string& exe, const std::vector<std::strin
   result.err = e.str();
   result.out = o.str();
   return result;
+}
+
+inline RunResult Flowblur(const std::vector<std::string>& args,
+                          const RunOptions& options = RunOptions()) {
+  return RunCommand(FLOWBLUR_EXE, args, options);
+}
+
+// `pattern` (printf style) with its frame number filled in.
+inline std::string Numbered(const std::string& pattern, int64_t frame) {
+  char path[512];
+  std::snprintf(path, sizeof path, pattern.c_str(), static_cast<int>(frame));
+  return path;
+}
+
+// The test clip, frames first..first+count-1: the project's texture, still, and a textured
+// 24x20 block moving 3 px a frame to the right from (8, 8); the lower right corner (x >= 60,
+// y >= 40) never changes. With 2 or 4 channels the last is alpha, a ramp that moves with the
+// block (so it differs from frame to frame). Written at `depth` with a pixel aspect and a
+// time code that counts the frames.
+inline void WriteClip(const std::string& pattern, int32_t first, int32_t count, SampleDepth depth,
+                      int32_t channels, int32_t width = 96, int32_t height = 64) {
+  for (int32_t t = 0; t < count; ++t) {
+    const int32_t bx = 8 + 3 * t, by = 8;
+    std::vector<float> pixels(static_cast<size_t>(width) * height * channels);
+    for (int32_t y = 0; y < height; ++y)
+      for (int32_t x = 0; x < width; ++x)
+        for (int32_t c = 0; c < channels; ++c) {
+          double v = pltest::Texture(x + 13.0 * c, y + 7.0 * c);
+          if (channels % 2 == 0 && c == channels - 1)
+            v = 0.25 + 0.5 * ((x - bx + 64) % 32) / 32.0;
+          else if (x >= bx && x < bx + 24 && y >= by && y < by + 20)
+            v = 0.2 + 0.6 * (((x - bx) / 3 + (y - by) / 3 + c) % 2);
+          pixels[(static_cast<size_t>(y) * width + x) * channels + c] = static_cast<float>(v);
+        }
+    OIIO::ImageSpec imageSpec(width, height, channels, TypeFor(depth));
+    if (channels == 2) {
+      imageSpec.channelnames = {"Y", "A"};
+      imageSpec.alpha_channel = 1;
+    }
+    imageSpec.attribute("oiio:UnassociatedAlpha", 1);
+    imageSpec.attribute("PixelAspectRatio", 1.5f);
+    uint32_t timecode[2] = {0x10203000u + static_cast<uint32_t>(t), 0};
+    imageSpec.attribute("smpte:TimeCode", OIIO::TypeTimeCode, timecode);
+    std::string error;
+    ASSERT_TRUE(WriteImageSafely(Numbered(pattern, first + t), imageSpec, OIIO::TypeDesc::FLOAT,
+                                 pixels.data(), false, &error))
+        << error;
+  }
+}
+
+inline Frame Load(const std::string& path) {
+  Frame f;
+  std::string error;
+  EXPECT_TRUE(ReadFrame(path, &f, &error)) << error;
+  return f;
+}
+
+// Runs the command and checks its exit code, that its message holds `says`, and that nothing
+// under `folder` changed.
+inline void ExpectRefused(const std::string& folder, const std::vector<std::string>& args,
+                          int code, const std::string& says) {
+  const auto before = Snapshot(folder);
+  const RunResult r = Flowblur(args);
+  EXPECT_EQ(r.exitCode, code) << r.err;
+  EXPECT_NE(r.err.find(says), std::string::npos) << "wanted '" << says << "', got: " << r.err;
+  EXPECT_TRUE(Snapshot(folder) == before) << says;
 }
 
 }  // namespace flowblur::test
