@@ -28,27 +28,24 @@ struct NuvMemTest : ::testing::Test {
   HookLog log;
 };
 
-// The hooks get their context first and the size second; a null block never reaches them.
-TEST_F(NuvMemTest, HooksSeeEverySizeAndBlock) {
+// The hooks get their context first and the size second; a null block never reaches them. A
+// failed allocation throws out of memory (the raw form reports null), size 0 unchanged.
+TEST_F(NuvMemTest, HooksSeeEverySizeAndBlockAndFailuresThrowOutOfMemory) {
   void* block = NuvMemAlloc(123);
-  EXPECT_EQ(log.sizes, std::vector<uint64_t>{123});
   NuvMemFree(block);
   NuvMemFree(nullptr);
   NuvMem::operator delete(nullptr);
   NuvMem::operator delete[](nullptr, 7);
   EXPECT_EQ(log.freed, std::vector<void*>{block});
-}
-
-TEST_F(NuvMemTest, FailedAllocationThrowsOutOfMemory) {
   log.failNext = true;
+  EXPECT_EQ(NuvMemRawAlloc(16), nullptr);
   try {
-    NuvMemAlloc(0);  // size 0 reaches the back end unchanged
+    NuvMemAlloc(0);
     FAIL() << "no exception";
   } catch (PLErr& err) {
     EXPECT_EQ(err, PLErrOutOfMemory);
   }
-  EXPECT_EQ(log.sizes, std::vector<uint64_t>{0});
-  EXPECT_EQ(NuvMemRawAlloc(16), nullptr);  // the raw form reports null instead
+  EXPECT_EQ(log.sizes, (std::vector<uint64_t>{123, 16, 0}));
 }
 
 TEST_F(NuvMemTest, ReallocCopiesTheSmallerSizeAndKeepsOldBlockOnFailure) {
