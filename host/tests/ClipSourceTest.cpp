@@ -38,8 +38,8 @@ bool Holds(const uint8_t* block, const sh::FrameLayout& layout, int32_t f) {
 // A long clip served a frame at a time: the source sees only the (clamped) frames asked for.
 struct Served {
   sh::FrameLayout layout;
-  std::vector<int32_t> asked;
-  std::vector<uint8_t> current;
+  std::vector<int32_t> asked = {};
+  std::vector<uint8_t> current = {};
   bool fail = false;
   sh::FrameSource Source() {
     return [this](int32_t frame) -> const void* {
@@ -56,61 +56,45 @@ struct ClipSourceTest : ::testing::TestWithParam<sh::FrameLayout> {
   void TearDown() override { sh::Reset(); }
 };
 
+// Frames by their true number, clamped at the ends, padding of the destination left alone;
+// guarded buffers take them intact; a source that cannot deliver copies nothing.
 TEST_P(ClipSourceTest, FramesComeFromTheSourceByTheirTrueNumberClampedAtTheEnds) {
   constexpr int32_t kFrames = 100000;  // nothing of it is held by the host
   Served front{GetParam()}, back{GetParam()};
+  sh::SetGuardedBuffers(true);
   sh::SetClipSource(0, front.layout, kFrames, front.Source());
   sh::SetClipSource(1, back.layout, kFrames, back.Source());
   EXPECT_EQ(sh::ClipFrames(0), kFrames);
   std::vector<uint8_t> pixels(static_cast<size_t>(sh::BufferCapacity(sh::kFrontBuffer)), 0x11);
-  struct Case {
-    int32_t asked, delivered;
-  };
-  for (Case c : {Case{71234, 71234}, Case{0, 0}, Case{-3, 0}, Case{kFrames + 5, kFrames - 1}}) {
+  for (auto [asked, delivered] : {std::pair<int32_t, int32_t>{71234, 71234}, {0, 0}, {-3, 0},
+                                  {kFrames + 5, kFrames - 1}}) {
     front.asked.clear();
-    EXPECT_EQ(sparkGetFrame(0, c.asked, pixels.data()), 1);
-    EXPECT_EQ(front.asked, std::vector<int32_t>{c.delivered});
-    EXPECT_TRUE(Holds(pixels.data(), front.layout, c.delivered)) << c.asked;
-    EXPECT_EQ(sh::GetFrameCalls().back().delivered, c.delivered);
+    EXPECT_EQ(sparkGetFrame(0, asked, pixels.data()), 1);
+    EXPECT_EQ(front.asked, std::vector<int32_t>{delivered});
+    EXPECT_TRUE(Holds(pixels.data(), front.layout, delivered)) << asked;
+    EXPECT_EQ(sh::GetFrameCalls().back().delivered, delivered);
   }
-  // Padding of the destination is left alone, as for stored frames.
   const int64_t row = sh::RowBytes(front.layout);
   const int64_t used = int64_t{front.layout.width} * sh::BytesPerPixel(front.layout.formatCode);
   for (int64_t x = used; x < row; ++x) EXPECT_EQ(pixels[static_cast<size_t>(x)], 0x11);
   // The host's own step loads both clips through their sources.
   front.asked.clear();
-  spark_info_struct info = sh::BeginFrame(4242);
-  EXPECT_EQ(info.FrameNo, 4242);
+  EXPECT_EQ(sh::BeginFrame(4242).FrameNo, 4242);
   EXPECT_EQ(front.asked, std::vector<int32_t>{4242});
   EXPECT_EQ(back.asked.back(), 4242);
   EXPECT_TRUE(Holds(sh::BufferPixels(sh::kFrontBuffer), front.layout, 4242));
   EXPECT_TRUE(Holds(sh::BufferPixels(sh::kBackBuffer), back.layout, 4242));
-}
-
-TEST_P(ClipSourceTest, ASourceThatCannotDeliverCopiesNothingGuardedBuffersTakeItsFramesIntact) {
-  Served front{GetParam()};
-  sh::SetClipSource(0, front.layout, 5, front.Source());
+  EXPECT_TRUE(sh::GuardDamage(0).empty());
   front.fail = true;
-  std::vector<uint8_t> pixels(static_cast<size_t>(sh::FrameBytes(front.layout)), 0x22);
+  std::memset(pixels.data(), 0x22, pixels.size());
   EXPECT_EQ(sparkGetFrame(0, 2, pixels.data()), 0);
   EXPECT_EQ(sh::GetFrameCalls().back().delivered, -1);
   for (uint8_t b : pixels) ASSERT_EQ(b, 0x22);
-  std::memset(sh::BufferPixels(sh::kFrontBuffer), 0x33, 16);
   sh::BeginFrame(3);
-  EXPECT_EQ(sh::BufferPixels(sh::kFrontBuffer)[0], 0x33);
-  ASSERT_EQ(sh::HostLog().size(), 2u);
-  EXPECT_NE(sh::HostLog()[0].find("did not deliver frame 2"), std::string::npos);
-  EXPECT_NE(sh::HostLog()[1].find("did not deliver frame 3"), std::string::npos);
-  // Guarded buffers take served frames intact.
-  sh::Reset();
-  Served guarded{GetParam()};
-  sh::SetGuardedBuffers(true);
-  sh::SetClipSource(0, guarded.layout, 8, guarded.Source());
-  sh::BeginFrame(6);
-  EXPECT_TRUE(Holds(sh::BufferPixels(sh::kFrontBuffer), guarded.layout, 6));
-  EXPECT_EQ(sparkGetFrame(0, 7, sh::BufferPixels(sh::kResultBuffer)), 1);
-  EXPECT_TRUE(Holds(sh::BufferPixels(sh::kResultBuffer), guarded.layout, 7));
-  EXPECT_TRUE(sh::GuardDamage(0).empty());
+  EXPECT_TRUE(Holds(sh::BufferPixels(sh::kFrontBuffer), front.layout, 4242));
+  ASSERT_EQ(sh::HostLog().size(), 4u);  // the two clamped frames, then the two failures
+  EXPECT_NE(sh::HostLog()[2].find("did not deliver frame 2"), std::string::npos);
+  EXPECT_NE(sh::HostLog()[3].find("did not deliver frame 3"), std::string::npos);
 }
 
 INSTANTIATE_TEST_SUITE_P(Layouts, ClipSourceTest,
