@@ -127,27 +127,19 @@ inline std::vector<uint8_t> ReferenceFrame(const FrameLayout& layout, std::vecto
   const bool half = format == 49;
   const int32_t rowBytes = layout.width * (half ? 12 : sparkhost::BytesPerPixel(format));
   const int32_t type = half ? 2 : (format == 48 || format == 64) ? 1 : 0;
-  auto convert = [half](std::vector<uint8_t>& v, bool toFloats) {
+  // Half samples widened to float planes, and narrowed back.
+  auto toFloats = [half](std::vector<uint8_t>& v) {
     if (!half) return;
-    std::vector<uint8_t> out(toFloats ? v.size() * 2 : v.size() / 2);
-    for (size_t i = 0; i + 2 <= (toFloats ? v.size() : out.size()); i += 2) {
-      uint16_t h;
-      float f;
-      if (toFloats) {
-        std::memcpy(&h, &v[i], 2);
-        f = SparkHalfToFloat(h);
-        std::memcpy(&out[i * 2], &f, 4);
-      } else {
-        std::memcpy(&f, &v[i * 2], 4);
-        h = SparkFloatToHalf(f);
-        std::memcpy(&out[i], &h, 2);
-      }
-    }
-    v = out;
+    std::vector<uint16_t> h(v.size() / 2);
+    std::memcpy(h.data(), v.data(), v.size());
+    std::vector<float> f(h.size());
+    for (size_t i = 0; i < h.size(); ++i) f[i] = SparkHalfToFloat(h[i]);
+    v.resize(f.size() * 4);
+    std::memcpy(v.data(), f.data(), v.size());
   };
-  convert(first, true);
-  convert(second, true);
-  convert(front, true);
+  toFloats(first);
+  toFloats(second);
+  toFloats(front);
   std::vector<uint8_t> out(front.size());
   PLOpticalFlowUChar* estimator = CreateFlowEstimator(layout.width, layout.height, mode);
   EXPECT_NE(estimator, nullptr);
@@ -160,7 +152,16 @@ inline std::vector<uint8_t> ReferenceFrame(const FrameLayout& layout, std::vecto
                  layout.width, layout.height, rowBytes, 1, type, amount, kSparkWhitePoint),
       0);
   DestroyFlowEstimator(estimator);
-  convert(out, false);
+  if (half) {
+    std::vector<uint8_t> packed(out.size() / 2);
+    for (size_t i = 0; i < packed.size() / 2; ++i) {
+      float f;
+      std::memcpy(&f, &out[i * 4], 4);
+      const uint16_t h = SparkFloatToHalf(f);
+      std::memcpy(&packed[i * 2], &h, 2);
+    }
+    out = packed;
+  }
   return out;
 }
 
