@@ -37,6 +37,8 @@ class MemoryChronar : public NuvChronar4 {
   int32_t fetches = 0, releases = 0, matteFetches = 0, matteReleases = 0;
   float overrideAmountValue = 0.0f;
   bool overrideAmount = false;
+  int32_t edgeBlend = 0;
+  float hintMotion[2] = {};  // one hint at (40, 30) moving this far a frame; none if 0
 
   int32_t GetFrame(NuvImage** frame, int32_t n) override { return Serve(frame, n); }
   int32_t GetMotionFrame(NuvImage** frame, int32_t n) override { return Serve(frame, n); }
@@ -59,6 +61,21 @@ class MemoryChronar : public NuvChronar4 {
   void MapTime(float t, float* s) override { *s = timeMap(t); }
   int32_t FrameKind(float t) override { return kind(t); }
   int32_t GetWarpStyle() override { return warpStyle; }
+  int32_t UseEdgeBlend() override { return edgeBlend; }
+  int32_t HintCount(float, float, int32_t) override { return hintMotion[0] != 0.0f ? 1 : 0; }
+  void GetHints(float first, float second, int32_t, int32_t, int32_t* count, const float** x0,
+                const float** y0, const float** x1, const float** y1) override {
+    const float d = second - first;
+    hint_[0] = 40.0f;
+    hint_[1] = 30.0f;
+    hint_[2] = 40.0f + hintMotion[0] * d;
+    hint_[3] = 30.0f + hintMotion[1] * d;
+    *count = 1;
+    *x0 = &hint_[0];
+    *y0 = &hint_[1];
+    *x1 = &hint_[2];
+    *y1 = &hint_[3];
+  }
   int32_t OverrideAmount(float* amount) override {
     if (!overrideAmount) return 0;
     *amount = overrideAmountValue;
@@ -75,6 +92,7 @@ class MemoryChronar : public NuvChronar4 {
     Owned scratch;  // a wrong-size or empty picture made for misbehaviour
   };
   std::vector<std::unique_ptr<Held>> views_;
+  float hint_[4] = {};
 
   NuvImage* Wrap(PLImage* image, Owned scratch = nullptr) {
     auto h = std::make_unique<Held>();
@@ -126,11 +144,12 @@ class MemoryChronar : public NuvChronar4 {
   }
 };
 
-// Frames 0 .. count-1 of the shared texture (a matte channel white) moving `speed` pixels a frame to the right.
+// Frames 0 .. count-1 of the shared texture (a matte channel white) moving `speed` pixels a
+// frame to the right (and `down` pixels down).
 inline void AddMovingFrames(MemoryChronar* c, int32_t count, int32_t w, int32_t h,
-                            int32_t channels, int32_t type, float speed) {
+                            int32_t channels, int32_t type, float speed, float down = 0.0f) {
   for (int32_t n = 0; n < count; ++n) {
-    Owned f(pltest::MakeTextured(w, h, channels, type, speed * n, 0.0).release());
+    Owned f(pltest::MakeTextured(w, h, channels, type, speed * n, down * n).release());
     for (int32_t i = 0; channels == 4 && i < w * h; ++i)  // opaque
       pltest::Set(f.get(), i % w, i / w, 3, f->whitePoint);
     c->frames[n] = std::move(f);
