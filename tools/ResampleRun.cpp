@@ -35,13 +35,6 @@ float WhiteOf(int32_t dataType) {
   return dataType == PLUChar ? 255.0f : dataType == PLUShort ? 65535.0f : 1.0f;
 }
 
-float LoadSample(const unsigned char* p, int32_t dataType) {
-  if (dataType == PLFloat) return PLLoad<float>(p);
-  const float s = dataType == PLUChar ? static_cast<float>(*p)
-                                      : static_cast<float>(PLLoad<uint16_t>(p));
-  return s / WhiteOf(dataType);
-}
-
 int32_t AlphaChannel(const FrameInfo& info) {
   const int32_t a = info.imageSpec.alpha_channel;
   return a >= 0 && a < info.channels ? a : -1;
@@ -91,22 +84,58 @@ void ToWorking(const Frame& frame, int32_t dataType, PLImage* out) {
     ToWorkingAs<float>(frame, out);
 }
 
+namespace {
+
+// The picture's samples of one type into the frame's floats. The pairs (picture channel,
+// frame channel) are worked out once; a grey frame's one channel takes R.
+template <class T>
+void FromWorkingAs(const PLImage& picture, Frame* frame, const int32_t (*pairs)[2],
+                   int32_t pairCount) {
+  const int32_t channels = frame->info.channels;
+  const int32_t width = picture.width;
+  for (int32_t y = 0; y < picture.height; ++y) {
+    float* row = frame->pixels.data() + static_cast<size_t>(y) * frame->info.width * channels;
+    const T* src = reinterpret_cast<const T*>(picture.Row(y));
+    for (int32_t k = 0; k < pairCount; ++k) {
+      const int32_t from = pairs[k][0], to = pairs[k][1];
+      float* d = row + to;
+      const T* s = src + from;
+      for (int32_t x = 0; x < width; ++x, d += channels, s += 4) {
+        if constexpr (std::is_same_v<T, float>)
+          *d = PLLoad<float>(s);
+        else
+          *d = static_cast<float>(PLLoad<T>(s)) / WhiteOf(std::is_same_v<T, uint8_t> ? PLUChar
+                                                                                     : PLUShort);
+      }
+    }
+  }
+}
+
+}  // namespace
+
 void FromWorking(const PLImage& picture, Frame* frame) {
   const FrameInfo& info = frame->info;
   const int32_t alpha = AlphaChannel(info);
-  // Grey: the three colour indices are one channel; R is written last so it wins.
-  const int32_t order[4] = {3, 2, 1, 0};
-  for (int32_t y = 0; y < picture.height; ++y) {
-    float* row = frame->pixels.data() + static_cast<size_t>(y) * info.width * info.channels;
-    const unsigned char* src = picture.Row(y);
-    for (int32_t x = 0; x < picture.width; ++x)
-      for (int32_t c : order) {
-        const int32_t target = c == 3 ? alpha : info.colour[c];
-        if (target < 0) continue;
-        row[x * info.channels + target] = LoadSample(
-            src + x * picture.bytesPerPixel + c * picture.bytesPerSample, picture.dataType);
-      }
+  // Each picture channel's frame channel: the matte to alpha, R, G, B to the colour channels.
+  // For a grey frame the three colour indices are one channel, which takes R.
+  int32_t targets[4];
+  for (int32_t c = 0; c < 4; ++c) targets[c] = c == 3 ? alpha : info.colour[c];
+  int32_t pairs[4][2];
+  int32_t pairCount = 0;
+  for (int32_t c = 0; c < 4; ++c) {
+    bool taken = targets[c] < 0 || targets[c] >= info.channels;
+    for (int32_t e = 0; e < c; ++e) taken = taken || targets[e] == targets[c];
+    if (taken) continue;
+    pairs[pairCount][0] = c;
+    pairs[pairCount][1] = targets[c];
+    ++pairCount;
   }
+  if (picture.dataType == PLUChar)
+    FromWorkingAs<uint8_t>(picture, frame, pairs, pairCount);
+  else if (picture.dataType == PLUShort)
+    FromWorkingAs<uint16_t>(picture, frame, pairs, pairCount);
+  else
+    FromWorkingAs<float>(picture, frame, pairs, pairCount);
 }
 
 // ---- The engine over a plan's frames ---------------------------------------------------
@@ -301,6 +330,47 @@ class Progress {
 void FastPng(OIIO::ImageSpec* imageSpec) {
   imageSpec->attribute("png:filter", 32);  // PNG_FILTER_UP
   imageSpec->attribute("png:compressionLevel", 1);
+}
+
+// A frame's floats as the integer samples the writer would store, for a file whose every
+// channel is 8- or 16-bit. The writer scales by the type's top, rounds to nearest and clamps;
+// its rounding of exact halves depends on how the image library was built, so a sample within
+// 1/64 of a half (or NaN) is not decided here: false, and the writer converts the floats
+// itself. Made frames of integer inputs are whole multiples of 1 / top and never come near.
+template <class T>
+bool IntegerSamplesAs(const std::vector<float>& in, std::vector<unsigned char>* bytes) {
+  const float top = std::is_same_v<T, uint8_t> ? 255.0f : 65535.0f;
+  bytes->resize(in.size() * sizeof(T));
+  T* out = reinterpret_cast<T*>(bytes->data());
+  bool undecided = false;
+  const size_t n = in.size();
+  for (size_t k = 0; k < n; ++k) {
+    const float y = in[k] * top;
+    const float lifted = y + 0.5f;
+    const float r = !(lifted > 0.0f) ? 0.0f : lifted > top ? top : lifted;
+    const T sample = static_cast<T>(r);
+    const float below = y - static_cast<float>(sample);  // -0.5 .. 0.5 for y within range
+    undecided |= (y != y) | (below > 0.484375f && below < 0.515625f) |
+                 (below < -0.484375f && below > -0.515625f);
+    out[k] = sample;
+  }
+  return !undecided;
+}
+
+bool IntegerSamples(const Frame& frame, const OIIO::ImageSpec& imageSpec,
+                    std::vector<unsigned char>* bytes, OIIO::TypeDesc* type) {
+  for (OIIO::TypeDesc channel : imageSpec.channelformats)
+    if (channel != imageSpec.format) return false;
+  if (imageSpec.get_int_attribute("oiio:dither", 0) != 0) return false;  // dithers floats
+  if (imageSpec.format == OIIO::TypeDesc::UINT8) {
+    *type = OIIO::TypeDesc::UINT8;
+    return IntegerSamplesAs<uint8_t>(frame.pixels, bytes);
+  }
+  if (imageSpec.format == OIIO::TypeDesc::UINT16) {
+    *type = OIIO::TypeDesc::UINT16;
+    return IntegerSamplesAs<uint16_t>(frame.pixels, bytes);
+  }
+  return false;
 }
 
 std::string FlowPath(const std::string& folder, int64_t number) {
@@ -503,6 +573,7 @@ int Loop(const ResampleOptions& options, Setup* s, int64_t storeBudget) {
                     static_cast<int64_t>(s->outputs.size()));
   const bool frameLines = !options.quiet && !isatty(2);
   const bool replace = options.overwrite || options.skipExisting;
+  std::vector<unsigned char> integerSamples;  // kept from frame to frame
   for (size_t i = 0; i < s->plan.frames.size(); ++i) {
     if (gInterrupted.load()) return Stopped(*s, &progress, "interrupted", kExitInterrupted);
     if (int signal = gStopSignal.load())
@@ -548,8 +619,15 @@ int Loop(const ResampleOptions& options, Setup* s, int64_t storeBudget) {
       OIIO::ImageSpec imageSpec =
           OutputSpec(out.info, options.haveOutDepth ? options.outDepth : s->info.depth);
       FastPng(&imageSpec);
-      if (!WriteImageSafely(s->outputs[i], imageSpec, OIIO::TypeDesc::FLOAT, out.pixels.data(),
-                            options.overwrite, &error))
+      // Integer files get their samples from here: the writer's own conversion of the
+      // floats was a fifth of a run.
+      OIIO::TypeDesc type = OIIO::TypeDesc::FLOAT;
+      const void* samples = out.pixels.data();
+      if (IntegerSamples(out, imageSpec, &integerSamples, &type))
+        samples = integerSamples.data();
+      else
+        type = OIIO::TypeDesc::FLOAT;
+      if (!WriteImageSafely(s->outputs[i], imageSpec, type, samples, options.overwrite, &error))
         return Stopped(*s, &progress, error, kExitOutput);
     }
     ++gResampleWritten;
