@@ -196,6 +196,65 @@ inline F8 UnsignedToFloat(I8 v) {
   return _mm256_add_ps(_mm256_mul_ps(high, Set(65536.0f)), low);
 }
 
+// The integer finish by lane: (float)(int)(x + 0.5), clamped to the type's range, low end
+// first, as a whole number.
+template <class T>
+inline I8 FinishInteger(F8 average) {
+  constexpr float kHigh = sizeof(T) == 1 ? 255.0f : 65535.0f;
+  F8 rounded = _mm256_cvtepi32_ps(_mm256_cvttps_epi32(_mm256_add_ps(average, Set(0.5f))));
+  rounded = _mm256_max_ps(rounded, _mm256_setzero_ps());
+  rounded = _mm256_min_ps(rounded, Set(kHigh));
+  return _mm256_cvttps_epi32(rounded);
+}
+
+// Byte shuffles that interleave eight pixels of C integer samples: block k (16 bytes of the
+// 8 C sizeof(T) output bytes) is the OR over c of channel c's samples shuffled by
+// mask[k][c] (0x80 where the byte belongs to another channel).
+template <class T, int32_t C>
+struct InterleaveMasks {
+  static constexpr int32_t kBytes = 8 * C * static_cast<int32_t>(sizeof(T));
+  static constexpr int32_t kBlocks = (kBytes + 15) / 16;
+  __m128i mask[kBlocks][C];
+  InterleaveMasks() {
+    constexpr int32_t size = static_cast<int32_t>(sizeof(T));
+    for (int32_t k = 0; k < kBlocks; ++k) {
+      for (int32_t c = 0; c < C; ++c) {
+        alignas(16) uint8_t m[16];
+        for (int32_t j = 0; j < 16; ++j) {
+          const int32_t g = 16 * k + j;
+          const int32_t sample = g / size;
+          m[j] = g < kBytes && sample % C == c
+                     ? static_cast<uint8_t>((sample / C) * size + g % size)
+                     : uint8_t{0x80};
+        }
+        mask[k][c] = _mm_load_si128(reinterpret_cast<const __m128i*>(m));
+      }
+    }
+  }
+};
+
+// Eight finished pixels (channel c of pixel l in lane l of q[c], in the type's range) stored
+// interleaved at d: the bytes the per-sample stores would write.
+template <class T, int32_t C>
+inline void StoreInterleaved(unsigned char* d, const I8* q, const InterleaveMasks<T, C>& m) {
+  __m128i plane[C];  // channel c's eight samples, packed, from byte 0
+  for (int32_t c = 0; c < C; ++c) {
+    // In range already: the unsigned packs change no value.
+    const I8 words = _mm256_permute4x64_epi64(_mm256_packus_epi32(q[c], q[c]), 0xD8);
+    plane[c] = _mm256_castsi256_si128(words);
+    if constexpr (sizeof(T) == 1) plane[c] = _mm_packus_epi16(plane[c], plane[c]);
+  }
+  for (int32_t k = 0; k < InterleaveMasks<T, C>::kBlocks; ++k) {
+    __m128i block = _mm_shuffle_epi8(plane[0], m.mask[k][0]);
+    for (int32_t c = 1; c < C; ++c)
+      block = _mm_or_si128(block, _mm_shuffle_epi8(plane[c], m.mask[k][c]));
+    if (16 * (k + 1) <= InterleaveMasks<T, C>::kBytes)
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16 * k), block);
+    else
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(d + 16 * k), block);  // the last 8 bytes
+  }
+}
+
 template <class T>
 inline void StoreSample(unsigned char* d, int32_t bits) {
   if constexpr (std::is_same<T, float>::value)
@@ -224,6 +283,7 @@ void BlurRowsWidePath(int32_t x0, int32_t x1, int32_t yFirst, int32_t yLast, Nuv
   const I8 iota = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
   const F8 iotaF = _mm256_cvtepi32_ps(iota);
   const F8 signBit = Set(-0.0f);
+  const InterleaveMasks<T, C> interleave;
 
   const float yEnd = static_cast<float>(yLast);
   for (float y = static_cast<float>(yFirst); y <= yEnd; y += 1.0f) {
@@ -308,21 +368,33 @@ void BlurRowsWidePath(int32_t x0, int32_t x1, int32_t yFirst, int32_t yLast, Nuv
       }
       // Lanes that copy or lie past x1 have a count of 0; their result is not stored.
       const F8 inv = _mm256_div_ps(Set(1.0f), UnsignedToFloat(counter));
+      const int32_t copyBits = _mm256_movemask_ps(AsF(copy));
+      unsigned char* out = outRow + xb * kPixelBytes;
+      if constexpr (!std::is_same<T, float>::value) {
+        if (lanes == 8) {
+          // Eight whole pixels: the finished samples interleaved in registers and stored in
+          // whole blocks; copied pixels then go over their places, read before the store in
+          // case the destination is the source.
+          unsigned char copied[8 * kPixelBytes];
+          if (copyBits)
+            std::memcpy(copied, srcRow + xb * kPixelBytes, sizeof(copied));
+          I8 q[C];
+          for (int32_t c = 0; c < C; ++c) q[c] = FinishInteger<T>(_mm256_mul_ps(acc[c], inv));
+          StoreInterleaved<T, C>(out, q, interleave);
+          for (int32_t l = 0; copyBits && l < 8; ++l)
+            if (copyBits & (1 << l))
+              std::memcpy(out + l * kPixelBytes, copied + l * kPixelBytes, kPixelBytes);
+          continue;
+        }
+      }
       alignas(32) int32_t result[C][8];
       for (int32_t c = 0; c < C; ++c) {
         const F8 average = _mm256_mul_ps(acc[c], inv);
-        if constexpr (std::is_same<T, float>::value) {
+        if constexpr (std::is_same<T, float>::value)
           _mm256_store_si256(reinterpret_cast<I8*>(result[c]), AsI(average));
-        } else {
-          constexpr float kHigh = sizeof(T) == 1 ? 255.0f : 65535.0f;
-          F8 rounded = _mm256_cvtepi32_ps(_mm256_cvttps_epi32(_mm256_add_ps(average, Set(0.5f))));
-          rounded = _mm256_max_ps(rounded, _mm256_setzero_ps());
-          rounded = _mm256_min_ps(rounded, Set(kHigh));
-          _mm256_store_si256(reinterpret_cast<I8*>(result[c]), _mm256_cvttps_epi32(rounded));
-        }
+        else
+          _mm256_store_si256(reinterpret_cast<I8*>(result[c]), FinishInteger<T>(average));
       }
-      const int32_t copyBits = _mm256_movemask_ps(AsF(copy));
-      unsigned char* out = outRow + xb * kPixelBytes;
       for (int32_t l = 0; l < lanes; ++l, out += kPixelBytes) {
         if (copyBits & (1 << l)) {
           // Copied unchanged, with no conversion: floats keep every bit.

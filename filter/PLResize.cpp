@@ -1,9 +1,14 @@
 // flowblur: corner-aligned bilinear resize between images of any size and working type.
 #include "filter/PLResize.h"
 
+#include <immintrin.h>
+
+#include <type_traits>
+
 #include "filter/PLFilterPrivate.h"
 #include "image/PLDispatch.h"
 #include "runtime/NuvMP.h"
+#include "runtime/PLWidePath.h"
 
 using plfilter::LoadSample;
 using plfilter::StoreWrapped;
@@ -13,6 +18,31 @@ namespace {
 // Columns are handled in blocks whose source offsets and fractions are worked out once per
 // worker and block, on the stack: they depend on x alone.
 constexpr int32_t kResizeColumnBlock = 1024;
+
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+// A 1-channel Float row from Float, white points equal, for columns x0 .. x1 - 1 while
+// eight remain (run only where PLWideAvailable); returns the first column left to the plain
+// loop. Lane l does the plain loop's operations for column x + l in their order.
+__attribute__((target("avx2"))) int32_t ResizeRowFloatWide(
+    float* out, const unsigned char* upperRow, const unsigned char* lowerRow,
+    const int32_t* columnOffset, const float* columnFraction, int32_t x0, int32_t x1,
+    float ty) {
+  const __m256 tyv = _mm256_set1_ps(ty);
+  int32_t x = x0;
+  for (; x + 8 <= x1; x += 8) {
+    const __m256i at = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(columnOffset + (x - x0)));
+    const __m256 tx = _mm256_loadu_ps(columnFraction + (x - x0));
+    const __m256 p00 = _mm256_i32gather_ps(reinterpret_cast<const float*>(upperRow), at, 1);
+    const __m256 p10 = _mm256_i32gather_ps(reinterpret_cast<const float*>(upperRow + 4), at, 1);
+    const __m256 p01 = _mm256_i32gather_ps(reinterpret_cast<const float*>(lowerRow), at, 1);
+    const __m256 p11 = _mm256_i32gather_ps(reinterpret_cast<const float*>(lowerRow + 4), at, 1);
+    const __m256 a = _mm256_add_ps(_mm256_mul_ps(_mm256_sub_ps(p10, p00), tx), p00);
+    const __m256 b = _mm256_add_ps(_mm256_mul_ps(_mm256_sub_ps(p11, p01), tx), p01);
+    _mm256_storeu_ps(out + (x - x0), _mm256_add_ps(_mm256_mul_ps(_mm256_sub_ps(b, a), tyv), a));
+  }
+  return x;
+}
+#endif
 
 // One loop per destination type D, source type S, channel count C and white-point form.
 template <class D, class S, int32_t C, bool Scaled>
@@ -27,6 +57,8 @@ void ResizeWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs
   const int32_t sourceLastRow = source->lastRow;
   const int32_t pixelBytes = source->bytesPerPixel;
   const int32_t rowStep = source->rowStep;
+  const bool wide = args->Next<int32_t>() != 0;
+  (void)wide;  // read only by the one member with a wide loop
   int32_t columnOffset[kResizeColumnBlock];
   float columnFraction[kResizeColumnBlock];
   for (int32_t x0 = 0; x0 < width; x0 += kResizeColumnBlock) {
@@ -56,7 +88,18 @@ void ResizeWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs
       const unsigned char* upperRow = source->Row(iy);
       const unsigned char* lowerRow = upperRow + rowStep;
       unsigned char* out = destination->Row(y) + x0 * static_cast<int32_t>(sizeof(D) * C);
-      for (int32_t x = x0; x < x1; ++x, out += sizeof(D) * C) {
+      int32_t x = x0;
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+      if constexpr (std::is_same<D, float>::value && std::is_same<S, float>::value && C == 1 &&
+                    !Scaled) {
+        if (wide) {
+          x = ResizeRowFloatWide(reinterpret_cast<float*>(out), upperRow, lowerRow,
+                                 columnOffset, columnFraction, x0, x1, ty);
+          out += (x - x0) * static_cast<int32_t>(sizeof(D) * C);
+        }
+      }
+#endif
+      for (; x < x1; ++x, out += sizeof(D) * C) {
         const float tx = columnFraction[x - x0];
         const unsigned char* p = upperRow + columnOffset[x - x0];
         const unsigned char* right = p + pixelBytes;
@@ -82,6 +125,10 @@ void ResizeWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs
 }  // namespace
 
 void PLResizeBilinear(PLImage* destination, const PLImage* source) {
+  PLResizeBilinearOnPath(PLWideChosen(), destination, source);
+}
+
+void PLResizeBilinearOnPath(bool wide, PLImage* destination, const PLImage* source) {
   if (destination->channels != source->channels) throw PLErrParameter;
   auto working = [](int32_t type) { return type == PLUChar || type == PLUShort || type == PLFloat; };
   if (!working(destination->dataType) || !working(source->dataType) ||
@@ -101,6 +148,7 @@ void PLResizeBilinear(PLImage* destination, const PLImage* source) {
   const float ratio = destination->whitePoint / source->whitePoint;
   const bool scaled = destination->whitePoint != source->whitePoint;
   const int32_t rows = destination->height;
+  const int32_t useWide = wide && PLWideAvailable() ? 1 : 0;
 
   PLDispatch(destination->dataType, destination->channels, [&](auto dtag) {
     using D = typename decltype(dtag)::Type;
@@ -110,10 +158,10 @@ void PLResizeBilinear(PLImage* destination, const PLImage* source) {
       const int32_t threads = NuvMPThreadsForRows(rows);
       if (scaled)
         NuvMPFork(threads, rows, ResizeWorker<D, S, C, true>, destination, source, &scaleX,
-                  &scaleY, &ratio);
+                  &scaleY, &ratio, useWide);
       else
         NuvMPFork(threads, rows, ResizeWorker<D, S, C, false>, destination, source, &scaleX,
-                  &scaleY, &ratio);
+                  &scaleY, &ratio, useWide);
     });
   });
 }

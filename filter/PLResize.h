@@ -18,3 +18,7 @@
 // width or height below 2 (the neighbour reads would leave the image), or a null data
 // pointer, with nothing written. A destination of width or height 0 is a no-op.
 void PLResizeBilinear(PLImage* destination, const PLImage* source);
+// The same on a chosen loop: `wide` takes the AVX2 loop of the 1-channel Float-to-Float
+// member (equal white points) where PLWideAvailable(), the plain loops elsewhere; same bytes.
+// PLResizeBilinear passes PLWideChosen(). For tests and benchmarks.
+void PLResizeBilinearOnPath(bool wide, PLImage* destination, const PLImage* source);

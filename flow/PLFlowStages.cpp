@@ -291,16 +291,78 @@ void ComputeResidualOnPath(bool wide, PLImage* residual, const PLImage* first,
 
 // ---- Update ------------------------------------------------------------------------------
 
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+namespace plflow {
+// Eight interleaved (u, v) pairs split by channel, and back.
+__attribute__((target("avx2"), always_inline)) inline void SplitPairs8(const float* p,
+                                                                     __m256* c0, __m256* c1) {
+  const __m256 lo = _mm256_loadu_ps(p);
+  const __m256 hi = _mm256_loadu_ps(p + 8);
+  *c0 = _mm256_castpd_ps(_mm256_permute4x64_pd(
+      _mm256_castps_pd(_mm256_shuffle_ps(lo, hi, _MM_SHUFFLE(2, 0, 2, 0))), 0xD8));
+  *c1 = _mm256_castpd_ps(_mm256_permute4x64_pd(
+      _mm256_castps_pd(_mm256_shuffle_ps(lo, hi, _MM_SHUFFLE(3, 1, 3, 1))), 0xD8));
+}
+__attribute__((target("avx2"), always_inline)) inline void JoinPairs8(float* p, __m256 c0,
+                                                                    __m256 c1) {
+  const __m256 lo = _mm256_unpacklo_ps(c0, c1);
+  const __m256 hi = _mm256_unpackhi_ps(c0, c1);
+  _mm256_storeu_ps(p, _mm256_permute2f128_ps(lo, hi, 0x20));
+  _mm256_storeu_ps(p + 8, _mm256_permute2f128_ps(lo, hi, 0x31));
+}
+}  // namespace plflow
+#endif
+
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+// The update of row pixels from x = 0 while eight remain (run only where PLWideAvailable);
+// returns the first pixel left to the plain loop. Lane l does the plain loop's operations
+// for pixel x + l in their order; a lane that takes no step keeps its flow's bits.
+__attribute__((target("avx2"))) int32_t UpdateRowWide(float* f, const float* st,
+                                                      const float* rs, int32_t w) {
+  const __m256 limit = _mm256_set1_ps(40.0f);
+  const __m256 magnitude = _mm256_castsi256_ps(_mm256_set1_epi32(0x7fffffff));
+  // Sample c of pixel l of a 3-channel row lies at 3 l + c.
+  const __m256i three = _mm256_setr_epi32(0, 3, 6, 9, 12, 15, 18, 21);
+  int32_t x = 0;
+  for (; x + 8 <= w; x += 8) {
+    const float* s = st + 3 * x;
+    const __m256 a = _mm256_i32gather_ps(s, three, 4);
+    const __m256 b = _mm256_i32gather_ps(s + 1, three, 4);
+    const __m256 c = _mm256_i32gather_ps(s + 2, three, 4);
+    __m256 p, q, u, v;
+    plflow::SplitPairs8(rs + 2 * x, &p, &q);
+    plflow::SplitPairs8(f + 2 * x, &u, &v);
+    const __m256 det = _mm256_sub_ps(_mm256_mul_ps(b, b), _mm256_mul_ps(a, c));
+    // |det| > 40.0, strictly; a NaN fails it.
+    const __m256 step = _mm256_cmp_ps(_mm256_and_ps(det, magnitude), limit, _CMP_GT_OQ);
+    if (_mm256_movemask_ps(step) == 0) continue;
+    const __m256 du = _mm256_div_ps(_mm256_sub_ps(_mm256_mul_ps(b, q), _mm256_mul_ps(c, p)), det);
+    const __m256 dv = _mm256_div_ps(_mm256_sub_ps(_mm256_mul_ps(b, p), _mm256_mul_ps(a, q)), det);
+    u = _mm256_blendv_ps(u, _mm256_add_ps(u, du), step);
+    v = _mm256_blendv_ps(v, _mm256_add_ps(v, dv), step);
+    plflow::JoinPairs8(f + 2 * x, u, v);
+  }
+  return x;
+}
+#endif
+
 static void UpdateWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
   PLImage* flow = args->Next<PLImage*>();
   const PLImage* structure = args->Next<const PLImage*>();
   const PLImage* residual = args->Next<const PLImage*>();
+  const bool wide = args->Next<int32_t>() != 0;
   const int32_t w = flow->width;
   for (int32_t y = firstRow; y <= lastRow; ++y) {
     float* f = FRow(flow, y);
     const float* st = FRow(structure, y);
     const float* rs = FRow(residual, y);
-    for (int32_t x = 0; x < w; ++x) {
+    int32_t x = 0;
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+    if (wide) x = UpdateRowWide(f, st, rs, w);
+#else
+    (void)wide;
+#endif
+    for (; x < w; ++x) {
       const float a = st[3 * x];
       const float b = st[3 * x + 1];
       const float c = st[3 * x + 2];
@@ -318,7 +380,13 @@ static void UpdateWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, Nu
 }
 
 void UpdateFlow(PLImage* flow, const PLImage* structure, const PLImage* residual) {
-  PLForkImageRows(flow->height, UpdateWorker, flow, structure, residual);
+  UpdateFlowOnPath(PLWideChosen(), flow, structure, residual);
+}
+
+void UpdateFlowOnPath(bool wide, PLImage* flow, const PLImage* structure,
+                      const PLImage* residual) {
+  const int32_t useWide = wide && PLWideAvailable() ? 1 : 0;
+  PLForkImageRows(flow->height, UpdateWorker, flow, structure, residual, useWide);
 }
 
 // ---- Smoothing ---------------------------------------------------------------------------
@@ -377,12 +445,57 @@ bool HasHintWeight(PLImage* const* pyramid, int32_t level) {
 
 // ---- Upsampling --------------------------------------------------------------------------
 
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+// Row pixels of the upsampling from x = 0 while eight remain (run only where
+// PLWideAvailable, on a source of at least 2 columns); returns the first pixel left to the
+// plain loop. Lane l does the plain loop's operations for pixel x + l in their order: the
+// cell of x * invX (never negative, so no clamp at 0), the mix, the scaling.
+__attribute__((target("avx2"))) int32_t UpsampleRowWide(float* d, const float* r0,
+                                                        const float* r1, int32_t w, float invX,
+                                                        float ty, int32_t lastColumn,
+                                                        float kx, float ky) {
+  const __m256 one = _mm256_set1_ps(1.0f);
+  const __m256 inv = _mm256_set1_ps(invX);
+  const __m256 tyv = _mm256_set1_ps(ty);
+  const __m256 kxv = _mm256_set1_ps(kx);
+  const __m256 kyv = _mm256_set1_ps(ky);
+  const __m256i last = _mm256_set1_epi32(lastColumn - 1);
+  const __m256i two = _mm256_set1_epi32(2);
+  const __m256 iota = _mm256_setr_ps(0.0f, 1.0f, 2.0f, 3.0f, 4.0f, 5.0f, 6.0f, 7.0f);
+  int32_t x = 0;
+  for (; x + 8 <= w; x += 8) {
+    // Whole numbers below 2^24: the plain loop's static_cast<float>(x) exactly.
+    const __m256 fx = _mm256_mul_ps(_mm256_add_ps(_mm256_set1_ps(static_cast<float>(x)), iota), inv);
+    __m256i i = _mm256_cvttps_epi32(fx);
+    __m256 t = _mm256_sub_ps(fx, _mm256_cvtepi32_ps(i));
+    const __m256i slide = _mm256_cmpgt_epi32(i, last);
+    i = _mm256_blendv_epi8(i, last, slide);
+    t = _mm256_blendv_ps(t, one, _mm256_castsi256_ps(slide));
+    const __m256i a = _mm256_slli_epi32(i, 1);
+    const __m256i b = _mm256_add_epi32(a, two);
+    __m256 out[2];
+    for (int32_t c = 0; c < 2; ++c) {
+      const __m256 s00 = _mm256_i32gather_ps(r0 + c, a, 4);
+      const __m256 s10 = _mm256_i32gather_ps(r0 + c, b, 4);
+      const __m256 s01 = _mm256_i32gather_ps(r1 + c, a, 4);
+      const __m256 s11 = _mm256_i32gather_ps(r1 + c, b, 4);
+      const __m256 top = _mm256_add_ps(s00, _mm256_mul_ps(t, _mm256_sub_ps(s10, s00)));
+      const __m256 bottom = _mm256_add_ps(s01, _mm256_mul_ps(t, _mm256_sub_ps(s11, s01)));
+      out[c] = _mm256_add_ps(top, _mm256_mul_ps(tyv, _mm256_sub_ps(bottom, top)));
+    }
+    plflow::JoinPairs8(d + 2 * x, _mm256_mul_ps(out[0], kxv), _mm256_mul_ps(out[1], kyv));
+  }
+  return x;
+}
+#endif
+
 static void UpsampleWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow,
                            NuvMPArgs* args) {
   PLImage* dst = args->Next<PLImage*>();
   const PLImage* src = args->Next<const PLImage*>();
   const float kx = *args->Next<const float*>();
   const float ky = *args->Next<const float*>();
+  const bool wide = args->Next<int32_t>() != 0;
   const float invX = 1.0f / kx;
   const float invY = 1.0f / ky;
   const FView s(src);
@@ -393,7 +506,13 @@ static void UpsampleWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow,
     const float* r0 = s.Row(cy.i0);
     const float* r1 = s.Row(cy.i1);
     float* d = FRow(dst, y);
-    for (int32_t x = 0; x < w; ++x) {
+    int32_t x = 0;
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+    if (wide) x = UpsampleRowWide(d, r0, r1, w, invX, cy.t, src->lastColumn, kx, ky);
+#else
+    (void)wide;
+#endif
+    for (; x < w; ++x) {
       const float fx = static_cast<float>(x) * invX;
       const Cell cx = BilinearCell(fx, src->lastColumn);
       const int32_t a = 2 * cx.i0;
@@ -408,6 +527,10 @@ static void UpsampleWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow,
 }
 
 void UpsampleFlow(PLImage* dst, const PLImage* src) {
+  UpsampleFlowOnPath(PLWideChosen(), dst, src);
+}
+
+void UpsampleFlowOnPath(bool wide, PLImage* dst, const PLImage* src) {
   if (!dst || !src || dst->dataType != PLFloat || src->dataType != PLFloat ||
       dst->channels != src->channels)
     throw PLErrParameter;
@@ -418,7 +541,8 @@ void UpsampleFlow(PLImage* dst, const PLImage* src) {
     throw PLErrParameter;
   const float kx = static_cast<float>(dst->width - 1) / static_cast<float>(src->width - 1);
   const float ky = static_cast<float>(dst->height - 1) / static_cast<float>(src->height - 1);
-  PLForkImageRows(dst->height, UpsampleWorker, dst, src, &kx, &ky);
+  const int32_t useWide = wide && PLWideAvailable() ? 1 : 0;
+  PLForkImageRows(dst->height, UpsampleWorker, dst, src, &kx, &ky, useWide);
 }
 
 // ---- Whole-image helpers of input preparation -------------------------------------------

@@ -61,6 +61,10 @@ void ComputeResidualOnPath(bool wide, PLImage* residual, const PLImage* first,
 // The 2x2 least-squares step: with det = b*b - a*c, where |det| > 40.0 (strictly),
 // u += (b*q - c*p) / det and v += (b*p - a*q) / det.
 void UpdateFlow(PLImage* flow, const PLImage* structure, const PLImage* residual);
+// The same on a chosen loop (wide: AVX2 where PLWideAvailable(); same bytes). UpdateFlow
+// passes PLWideChosen(). For tests and benchmarks.
+void UpdateFlowOnPath(bool wide, PLImage* flow, const PLImage* structure,
+                      const PLImage* residual);
 
 // In place, all channels, rows and columns. smoothing 0: box of radius 2; 1: Gaussian of
 // radius 7 (moments) or 5 (flow); 2: Gaussian of radius 5 (moments) or 3 (flow); other:
@@ -80,6 +84,9 @@ bool HasHintWeight(PLImage* const* pyramid, int32_t level);
 // channels (2), and, as a guard added here, unless src is at least 2x2 and dst is not
 // smaller than src: coarser grids only.
 void UpsampleFlow(PLImage* dst, const PLImage* src);
+// The same on a chosen loop (wide: AVX2 where PLWideAvailable(); same bytes). UpsampleFlow
+// passes PLWideChosen(). For tests and benchmarks.
+void UpsampleFlowOnPath(bool wide, PLImage* dst, const PLImage* src);
 
 // Multiplies channel 0 by sx and channel 1 by sy, on the calling thread. Refuses with
 // "error in ScaleXY!\n" only when the image has both a channel count other than 2 and a
