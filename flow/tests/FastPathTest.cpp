@@ -1,0 +1,76 @@
+// flowblur: the update and upsampling stages give the same bytes on the wide and plain loops.
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <random>
+#include <vector>
+
+#include "flow/PLFlowStages.h"
+#include "flow/tests/FlowTestSupport.h"
+#include "runtime/PLWidePath.h"
+#include "tests/support/PLTestImages.h"
+
+using flowtest::At;
+using namespace pltest;
+
+namespace {
+
+// Widths that leave every count of lanes after the last whole group of eight.
+constexpr int32_t kWidths[] = {1, 7, 8, 9, 15, 16, 21, 34};
+
+// Structure moments near the step threshold (|det| = 40 exactly, just above, NaN) among
+// random ones, so that lanes of one group differ in whether they step.
+void FillMoments(PLImage* s, PLImage* r, std::mt19937& rng) {
+  std::uniform_real_distribution<float> any(-30.0f, 30.0f);
+  for (int32_t y = 0; y < s->height; ++y)
+    for (int32_t x = 0; x < s->width; ++x) {
+      float a = any(rng), b = any(rng), c = any(rng);
+      switch (rng() % 5) {
+        case 0: a = 8.0f, b = 0.0f, c = 5.0f; break;              // det = -40: no step
+        case 1: a = 1.0f, b = 7.0f, c = 9.0f; break;              // det = +40: no step
+        case 2: a = std::numeric_limits<float>::quiet_NaN(); break;  // no step
+        default: break;
+      }
+      At(s, x, y, 0) = a, At(s, x, y, 1) = b, At(s, x, y, 2) = c;
+      At(r, x, y, 0) = any(rng), At(r, x, y, 1) = any(rng);
+    }
+}
+
+}  // namespace
+
+TEST(FlowFastPath, UpdateSameOnBothLoopsAndAllWorkerCounts) {
+  std::mt19937 rng(19);
+  for (int32_t w : kWidths) {
+    auto s = flowtest::MakeFloat(w, 19, 3), r = flowtest::MakeFloat(w, 19, 2);
+    FillMoments(s.get(), r.get(), rng);
+    auto start = flowtest::MakeFloat(w, 19, 2);
+    FillRandom(start.get(), 5 + w, -4.0f, 4.0f);
+    auto run = [&](bool wide) {
+      auto flow = flowtest::MakeFloat(w, 19, 2);
+      CopyPixels(flow.get(), start.get());
+      UpdateFlowOnPath(wide, flow.get(), s.get(), r.get());
+      return PixelBytes(flow.get());
+    };
+    const std::vector<unsigned char> plain = run(false);
+    EXPECT_FALSE(plain == PixelBytes(start.get())) << "width " << w << ": no pixel stepped";
+    EXPECT_TRUE(plain == run(true)) << "width " << w;
+    ExpectSameForAllWorkers([&] { return run(true); });
+  }
+}
+
+TEST(FlowFastPath, UpsampleSameOnBothLoopsAndAllWorkerCounts) {
+  const int32_t sources[][2] = {{2, 2}, {3, 4}, {5, 3}, {12, 7}};
+  for (const auto& src : sources)
+    for (int32_t w : kWidths) {
+      if (w < src[0]) continue;
+      auto coarse = flowtest::MakeFloat(src[0], src[1], 2);
+      FillRandom(coarse.get(), 31 + w, -9.0f, 9.0f);
+      auto run = [&](bool wide) {
+        auto fine = flowtest::MakeFloat(w, 2 * src[1] + 1, 2);
+        UpsampleFlowOnPath(wide, fine.get(), coarse.get());
+        return PixelBytes(fine.get());
+      };
+      EXPECT_TRUE(run(false) == run(true)) << src[0] << "x" << src[1] << " to width " << w;
+      ExpectSameForAllWorkers([&] { return run(true); });
+    }
+}
