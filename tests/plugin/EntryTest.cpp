@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <vector>
 
 #include "host/SparkHost.h"
 #include "shell/SparkDriver.h"
@@ -16,33 +17,28 @@ using plugintest::PluginTest;
 
 // The host reads the controls by byte offset, as its own structures lay them out.
 TEST(SparkControls, InitialContentsAtTheirBytePositions) {
-  const uint8_t* f = reinterpret_cast<const uint8_t*>(&SparkFloat0);
+  auto at = [](const void* control, size_t offset, auto* into) {
+    std::memcpy(into, static_cast<const uint8_t*>(control) + offset, sizeof *into);
+  };
   float v[3];
-  const char* title;
-  std::memcpy(v, f, sizeof v);
-  std::memcpy(&title, f + 24, sizeof title);
-  EXPECT_EQ(v[0], 0.5f);
-  EXPECT_EQ(v[1], -2.0f);
-  EXPECT_EQ(v[2], 10.0f);
-  EXPECT_EQ(SparkFloat0.increment, 0.05f);
-  EXPECT_STREQ(title, "Amount of Blur %5.2f");
-  EXPECT_EQ(SparkFloat0.reserved1, nullptr);
-  for (uint8_t b : SparkFloat0.reserved0) EXPECT_EQ(b, 0);
-  const uint8_t* p = reinterpret_cast<const uint8_t*>(&SparkPup1);
   int32_t count;
-  std::memcpy(&count, p + 4, 4);
+  const char *amountTitle, *draftTitle, *backTitle;
+  at(&SparkFloat0, 0, &v);
+  at(&SparkFloat0, 24, &amountTitle);
+  at(&SparkPup1, 4, &count);
+  at(&SparkPup1, 24, &draftTitle);
+  at(&SparkBoolean2, 8, &backTitle);
+  EXPECT_EQ(std::vector<float>(v, v + 3), (std::vector<float>{0.5f, -2.0f, 10.0f}));
+  EXPECT_EQ(SparkFloat0.increment, 0.05f);
+  EXPECT_STREQ(amountTitle, "Amount of Blur %5.2f");
   EXPECT_EQ(count, 2);
   EXPECT_EQ(SparkPup1.value, 0);
-  EXPECT_EQ(SparkPup1.reserved, nullptr);
-  std::memcpy(&title, p + 16 + 8, sizeof title);
-  EXPECT_STREQ(title, "Draft Quality");
   EXPECT_STREQ(SparkPup1.titles[0], "Best Quality");
+  EXPECT_STREQ(draftTitle, "Draft Quality");
   for (int i = 2; i < kSparkPupTitles; ++i) EXPECT_EQ(SparkPup1.titles[i], nullptr) << i;
-  const uint8_t* b = reinterpret_cast<const uint8_t*>(&SparkBoolean2);
-  std::memcpy(&title, b + 8, sizeof title);
-  EXPECT_STREQ(title, "Motion From Back");
+  EXPECT_STREQ(backTitle, "Motion From Back");
   EXPECT_EQ(SparkBoolean2.value, 0);
-  EXPECT_EQ(SparkBoolean2.reserved1, nullptr);
+  for (uint8_t b : SparkFloat0.reserved0) EXPECT_EQ(b, 0);
   for (uint8_t r : SparkBoolean2.reserved0) EXPECT_EQ(r, 0);
   // The title that the host prints the value into.
   char text[64];

@@ -39,6 +39,11 @@ struct Plugin {
   SparkFloatControl* amount = nullptr;
   SparkBooleanControl* fromBack = nullptr;
   SparkPupControl* quality = nullptr;
+  template <class T>
+  bool Find(T*& into, const char* name) {
+    into = reinterpret_cast<T*>(dlsym(handle, name));
+    return into != nullptr;
+  }
 };
 
 // Fills every frame of both clips with bytes that differ by frame, clip and place.
@@ -65,8 +70,7 @@ int64_t HeapInUse() {
 int32_t OpenDescriptors() {
   int32_t count = 0;
   if (DIR* dir = opendir("/proc/self/fd")) {
-    while (dirent* e = readdir(dir))
-      if (e->d_name[0] != '.') ++count;
+    while (dirent* e = readdir(dir)) count += e->d_name[0] != '.';
     closedir(dir);
   }
   return count - 1;  // the listing's own descriptor
@@ -75,15 +79,10 @@ int32_t OpenDescriptors() {
 int32_t Threads() {
   std::ifstream status("/proc/self/status");
   std::string key;
-  while (status >> key) {
-    if (key == "Threads:") {
-      int32_t n = 0;
-      status >> n;
-      return n;
-    }
-    status.ignore(1 << 20, '\n');
-  }
-  return -1;
+  int32_t n = -1;
+  while (status >> key && key != "Threads:") status.ignore(1 << 20, '\n');
+  status >> n;
+  return n;
 }
 
 struct Stats {
@@ -168,12 +167,9 @@ TEST(Soak, ThousandsOfFramesLeaveHeapDescriptorsAndThreadsWhereTheyStarted) {
   Plugin p;
   p.handle = dlopen(FLOWBLUR_SPARK_SO, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(p.handle, nullptr) << dlerror();
-  p.process = reinterpret_cast<void* (*)(spark_info_struct)>(dlsym(p.handle, "SparkProcess"));
-  p.tempBuffers = reinterpret_cast<void (*)()>(dlsym(p.handle, "SparkMemoryTempBuffers"));
-  p.amount = static_cast<SparkFloatControl*>(dlsym(p.handle, "SparkFloat0"));
-  p.fromBack = static_cast<SparkBooleanControl*>(dlsym(p.handle, "SparkBoolean2"));
-  p.quality = static_cast<SparkPupControl*>(dlsym(p.handle, "SparkPup1"));
-  ASSERT_TRUE(p.process && p.tempBuffers && p.amount && p.fromBack && p.quality);
+  ASSERT_TRUE(p.Find(p.process, "SparkProcess") && p.Find(p.tempBuffers, "SparkMemoryTempBuffers") &&
+              p.Find(p.amount, "SparkFloat0") && p.Find(p.fromBack, "SparkBoolean2") &&
+              p.Find(p.quality, "SparkPup1"));
   constexpr int32_t kPerRound = 20;
   // A warm-up round of every format first, so that one-time allocations (the runtime's
   // statics, the sanitizers' own caches) are behind us before the baseline.
