@@ -306,6 +306,11 @@ void ConvolveRow(const unsigned char* input, unsigned char* output, int32_t n,
   // four-lane loops below would have taken with the same pair order.
   if (wide) {
     for (; j + 32 <= middleEnd; j += 32) {
+      if constexpr (std::is_same<T, float>::value) {
+        // Float samples store as they are: straight into the row.
+        MiddleWide32<false>(reinterpret_cast<float*>(out(j)), p + j, C, c, w);
+        continue;
+      }
       alignas(32) float result[32];
       MiddleWide32<false>(result, p + j, C, c, w);
       for (int32_t v = 0; v < 8; ++v)
@@ -415,6 +420,16 @@ void ConvolveStrip(unsigned char* first, int32_t pixels, int32_t n, ptrdiff_t ro
 #if !defined(FLOWBLUR_PLAIN_ONLY)
     if (wide) {
       for (; v + 8 <= vectors; v += 8) {
+        if constexpr (std::is_same<T, float>::value) {
+          // Float samples store as they are: straight into the image row, unless the group
+          // holds the strip's last vector and that one is not whole.
+          if (v + 8 < vectors || lastCount == 4) {
+            MiddleWide32<kRightFirst>(
+                reinterpret_cast<float*>(first + r * rowBytes + static_cast<ptrdiff_t>(4 * v) * 4),
+                p + 4 * v, stride, c, kernel->weights);
+            continue;
+          }
+        }
         alignas(32) float result[32];
         MiddleWide32<kRightFirst>(result, p + 4 * v, stride, c, kernel->weights);
         for (int32_t i = 0; i < 8; ++i) {
