@@ -1,9 +1,10 @@
 // flowblur: input preparation: the luma table, level-0 chains, the edge mix, the high-pass
-// prefilter, progress reports and interruption of a run.
+// prefilter, the reduction, progress reports and interruption of a run.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
+#include <random>
 #include <vector>
 
 #include "flow/PLFlowPrivate.h"
@@ -14,75 +15,72 @@ using flowtest::At;
 
 namespace {
 
-template <class T>
-std::unique_ptr<PLImage> OnePixel(int32_t type, int32_t channels, const T* values) {
-  std::unique_ptr<PLImage> image(new PLImage(1, 1, channels, type, 0));
-  std::memcpy(image->data, values, sizeof(T) * channels);
-  return image;
-}
-
-float Luma(const PLImage* source, uint8_t yuv) {
+// The luma of one pixel of the type's example values (the first `channels` of them).
+float Luma(int32_t type, int32_t channels, uint8_t yuv) {
+  const double examples[3][4] = {{100, 200, 50, 77}, {40000, 1234, 65535, 999},
+                                 {0.25f, 0.8f, 0.1f, 0.5f}};
+  pltest::TestImage source = pltest::MakeImage(1, 1, channels, type);
+  for (int32_t c = 0; c < channels; ++c) pltest::Set(source.get(), 0, 0, c, examples[type][c]);
   PLOpticalFlowUChar flow(1, 1, 0, 0, 0, 12);
-  PLImage* dest = flow.firstPyramid[0];
-  At(dest, 0, 0) = -12345.0f;
-  flow.ConvertToLuma(dest, source, yuv);
-  return At(dest, 0, 0);
+  At(flow.firstPyramid[0], 0, 0) = -12345.0f;
+  flow.ConvertToLuma(flow.firstPyramid[0], source.get(), yuv);
+  return At(flow.firstPyramid[0], 0, 0);
 }
 
-// Each cell of the table written out once more, by hand, with the example pixels of its definition.
+// Each cell of the table written out once more, by hand, with the example pixels above.
 TEST(FlowLuma, EveryCellOfTheTable) {
-  const uint8_t c8[4] = {100, 200, 50, 77};
-  const uint16_t c16[4] = {40000, 1234, 65535, 999};
-  const float cf[4] = {0.25f, 0.8f, 0.1f, 0.5f};
   const double w8 = 0.3 * 100 + 0.59 * 200 + 0.11 * 50;
   const double w16 = 0.3 * 40000 + 0.59 * 1234 + 0.11 * 65535;
-  const double wf = 0.3 * static_cast<double>(cf[0]) + 0.59 * static_cast<double>(cf[1]) +
-                    0.11 * static_cast<double>(cf[2]);
-  // UChar
-  EXPECT_EQ(Luma(OnePixel(PLUChar, 1, c8).get(), 0), 100.0f);
-  EXPECT_EQ(Luma(OnePixel(PLUChar, 1, c8).get(), 1), 100.0f);
-  EXPECT_EQ(Luma(OnePixel(PLUChar, 3, c8).get(), 0), static_cast<float>(w8));
-  EXPECT_EQ(Luma(OnePixel(PLUChar, 3, c8).get(), 1), ((100.0f / 257.0f - 16.0f) * 255.0f) / 219.0f);
-  EXPECT_EQ(Luma(OnePixel(PLUChar, 4, c8).get(), 0), 0.3f * 100.0f + 0.59f * 200.0f + 0.11f * 50.0f);
-  EXPECT_EQ(Luma(OnePixel(PLUChar, 4, c8).get(), 1), ((200.0f - 16.0f) * 255.0f) / 219.0f);
-  // UShort
-  EXPECT_EQ(Luma(OnePixel(PLUShort, 1, c16).get(), 0), 40000.0f / 257.0f);
-  EXPECT_EQ(Luma(OnePixel(PLUShort, 1, c16).get(), 1), 40000.0f / 257.0f);
-  EXPECT_EQ(Luma(OnePixel(PLUShort, 3, c16).get(), 0), static_cast<float>(w16 / 257.0));
-  EXPECT_EQ(Luma(OnePixel(PLUShort, 3, c16).get(), 1), ((40000.0f / 257.0f) * 255.0f) / 219.0f);
-  EXPECT_EQ(Luma(OnePixel(PLUShort, 4, c16).get(), 0), static_cast<float>(w16 / 257.0));
-  EXPECT_EQ(Luma(OnePixel(PLUShort, 4, c16).get(), 1),
-            ((1234.0f / 257.0f - 16.0f) * 255.0f) / 219.0f);
-  const uint16_t white[3] = {65535, 65535, 65535};
-  EXPECT_EQ(Luma(OnePixel(PLUShort, 3, white).get(), 0), 255.0f);
-  // Float
-  EXPECT_EQ(Luma(OnePixel(PLFloat, 1, cf).get(), 0), 0.25f * 255.0f);
-  EXPECT_EQ(Luma(OnePixel(PLFloat, 1, cf).get(), 1), 0.25f * 255.0f);
-  EXPECT_EQ(Luma(OnePixel(PLFloat, 3, cf).get(), 0), static_cast<float>(wf * 255.0));
-  EXPECT_EQ(Luma(OnePixel(PLFloat, 3, cf).get(), 1), (0.25f * 255.0f * 255.0f) / 219.0f);
-  EXPECT_EQ(Luma(OnePixel(PLFloat, 4, cf).get(), 0), static_cast<float>(wf * 255.0));
-  EXPECT_EQ(Luma(OnePixel(PLFloat, 4, cf).get(), 1), ((0.8f * 255.0f - 16.0f) * 255.0f) / 219.0f);
+  const double wf = 0.3 * static_cast<double>(0.25f) + 0.59 * static_cast<double>(0.8f) +
+                    0.11 * static_cast<double>(0.1f);
+  const struct {
+    int32_t type, channels;
+    uint8_t yuv;
+    float want;
+  } cells[] = {
+      {PLUChar, 1, 0, 100.0f},
+      {PLUChar, 1, 1, 100.0f},
+      {PLUChar, 3, 0, static_cast<float>(w8)},
+      {PLUChar, 3, 1, ((100.0f / 257.0f - 16.0f) * 255.0f) / 219.0f},
+      {PLUChar, 4, 0, 0.3f * 100.0f + 0.59f * 200.0f + 0.11f * 50.0f},
+      {PLUChar, 4, 1, ((200.0f - 16.0f) * 255.0f) / 219.0f},
+      {PLUShort, 1, 0, 40000.0f / 257.0f},
+      {PLUShort, 1, 1, 40000.0f / 257.0f},
+      {PLUShort, 3, 0, static_cast<float>(w16 / 257.0)},
+      {PLUShort, 3, 1, ((40000.0f / 257.0f) * 255.0f) / 219.0f},
+      {PLUShort, 4, 0, static_cast<float>(w16 / 257.0)},
+      {PLUShort, 4, 1, ((1234.0f / 257.0f - 16.0f) * 255.0f) / 219.0f},
+      {PLFloat, 1, 0, 0.25f * 255.0f},
+      {PLFloat, 1, 1, 0.25f * 255.0f},
+      {PLFloat, 3, 0, static_cast<float>(wf * 255.0)},
+      {PLFloat, 3, 1, (0.25f * 255.0f * 255.0f) / 219.0f},
+      {PLFloat, 4, 0, static_cast<float>(wf * 255.0)},
+      {PLFloat, 4, 1, ((0.8f * 255.0f - 16.0f) * 255.0f) / 219.0f},
+  };
+  for (const auto& cell : cells)
+    EXPECT_EQ(Luma(cell.type, cell.channels, cell.yuv), cell.want)
+        << cell.type << " " << cell.channels << " yuv " << int(cell.yuv);
 }
 
-TEST(FlowLuma, EightBitRGBAgainstTheDoubleFormula) {
-  PLImage rgb(256, 256, 3, PLUChar, 0);
-  for (int32_t y = 0; y < 256; ++y)
-    for (int32_t x = 0; x < 256; ++x) {
-      unsigned char* p = rgb.PixelAddress(x, y);
-      p[0] = static_cast<uint8_t>(x);
-      p[1] = static_cast<uint8_t>(y);
-      p[2] = static_cast<uint8_t>(x * 7 + y * 13);
-    }
-  PLOpticalFlowUChar flow(256, 256, 0, 0, 0, 12);
-  flow.ConvertToLuma(flow.firstPyramid[0], &rgb, 0);
-  int64_t mismatches = 0;
-  for (int32_t y = 0; y < 256; ++y)
-    for (int32_t x = 0; x < 256; ++x) {
-      const unsigned char* p = rgb.PixelAddress(x, y);
-      const float expected = static_cast<float>(0.3 * p[0] + 0.59 * p[1] + 0.11 * p[2]);
-      if (At(flow.firstPyramid[0], x, y) != expected) ++mismatches;
-    }
-  EXPECT_EQ(mismatches, 0);
+// 8-bit RGB frames (the wide loop where AVX2 runs, the table loop for the rest of a row)
+// against the double formula, on widths 1 to 19 whose rows are exactly 3 w bytes and end
+// the buffer, so that a read past a row is an AddressSanitizer error.
+TEST(FlowLuma, EightBitRGBRowsOfEveryWidthAgainstTheDoubleFormula) {
+  std::mt19937 rng(31);
+  for (int32_t w = 1; w <= 19; ++w) {
+    std::vector<unsigned char> bytes(3 * static_cast<size_t>(w) * 7);
+    for (auto& b : bytes) b = static_cast<unsigned char>(rng());
+    bytes[0] = bytes[1] = bytes[2] = 255;
+    PLImage rgb(bytes.data(), w, 7, 3 * w, 3, PLUChar, 1);
+    PLOpticalFlowUChar flow(w, 7, 0, 0, 0, 12);
+    flow.ConvertToLuma(flow.firstPyramid[0], &rgb, 0);
+    for (int32_t y = 0; y < 7; ++y)
+      for (int32_t x = 0; x < w; ++x) {
+        const unsigned char* p = rgb.PixelAddress(x, y);
+        const double sum = 0.3 * p[0] + 0.59 * p[1] + 0.11 * p[2];
+        ASSERT_EQ(At(flow.firstPyramid[0], x, y), static_cast<float>(sum)) << w << " " << x;
+      }
+  }
 }
 
 // Level 0 of mode 0 is the luma itself, read in the input's own row order.
@@ -128,6 +126,50 @@ TEST(FlowInput, HighPassOfAConstantImageIsZeroAtEveryLevel) {
         ASSERT_EQ(At(flow.secondPyramid[level], x, y), 0.0f);
 }
 
+// ComputeFlow keeps the reduction's blurs for the prefilter; the step-by-step entries blur
+// each level again. Both must give the same pyramids and the same flow, to the bit.
+TEST(FlowInput, KeptBlursGiveTheSamePyramidsAsTheStepByStepPath) {
+  auto a = flowtest::MakeTextured(200, 160, 3, PLUChar, 0, 0);
+  auto b = flowtest::MakeTextured(200, 160, 3, PLUChar, 2.5, -1.5);
+  PLOpticalFlowUChar whole(200, 160, 1, 0, 0, 2);
+  PLOpticalFlowUChar steps(200, 160, 1, 0, 0, 2);
+  ASSERT_GE(whole.numLevels, 4);
+  whole.SetLevelFactor(0.7f);
+  steps.SetLevelFactor(0.7f);
+  whole.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, nullptr);
+  steps.BuildPyramidForSide(b.get(), nullptr, nullptr, 1, false);
+  steps.BuildPyramidForSide(a.get(), nullptr, nullptr, 0, false);
+  steps.ComputeFlowFromPyramids(nullptr, 1, 1, 0, nullptr);
+  for (int32_t level = 0; level < whole.numLevels; ++level) {
+    EXPECT_TRUE(pltest::SamePixels(whole.firstPyramid[level], steps.firstPyramid[level]));
+    EXPECT_TRUE(pltest::SamePixels(whole.secondPyramid[level], steps.secondPyramid[level]));
+  }
+  EXPECT_TRUE(pltest::SamePixels(whole.flowPyramid[0], steps.flowPyramid[0]));
+}
+
+// The resize refuses axes of length 1; the estimator's reduction maps such an axis to its
+// first sample and keeps the corner-aligned rule on the other.
+TEST(FlowInput, ReductionAlongAnAxisOfOne) {
+  auto src = flowtest::MakeFloat(5, 3, 1);
+  for (int32_t y = 0; y < 3; ++y)
+    for (int32_t x = 0; x < 5; ++x) At(src.get(), x, y) = 10.0f * x + y;
+  auto column = flowtest::MakeFloat(1, 2, 1, -1.0f);
+  plflow::Reduce(column.get(), src.get());
+  EXPECT_EQ(At(column.get(), 0, 0), 0.0f);
+  EXPECT_EQ(At(column.get(), 0, 1), 2.0f);
+  auto thin = flowtest::MakeFloat(1, 3, 1);
+  for (int32_t y = 0; y < 3; ++y) At(thin.get(), 0, y) = 5.0f + y;
+  auto wide = flowtest::MakeFloat(4, 2, 1, -1.0f);
+  plflow::Reduce(wide.get(), thin.get());
+  for (int32_t x = 0; x < 4; ++x) {
+    EXPECT_EQ(At(wide.get(), x, 0), 5.0f);
+    EXPECT_EQ(At(wide.get(), x, 1), 7.0f);
+  }
+  auto regular = flowtest::MakeFloat(3, 2, 1, -1.0f);  // both axes of 2 or more: the resize
+  plflow::Reduce(regular.get(), src.get());
+  EXPECT_EQ(At(regular.get(), 2, 1), 42.0f);
+}
+
 // ---- Progress ----------------------------------------------------------------------------
 
 struct Recorder : NuvIdleAndProgressClass {
@@ -159,73 +201,14 @@ TEST(FlowProgress, ReportsPerLevelAndTheFinalThird) {
   Recorder skipped;
   flow.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 1, &skipped);
   EXPECT_EQ(skipped.reports.size(), 2u * 17u);
-}
-
-TEST(FlowProgress, InterruptionLeavesTheRun) {
-  auto a = flowtest::MakeTextured(64, 48, 1, PLUChar, 0, 0);
-  PLOpticalFlowUChar flow(64, 48, 0, 0, 0, 12);
-  NuvIdleAndProgressClass progress(nullptr);
-  progress.SetInterrupted(true);
+  NuvIdleAndProgressClass interrupted(nullptr);
+  interrupted.SetInterrupted(true);
   try {
-    flow.ComputeFlow(nullptr, a.get(), a.get(), 1, 1, 0, &progress);
+    flow.ComputeFlow(nullptr, a.get(), a.get(), 1, 1, 0, &interrupted);
     FAIL() << "no interruption";
   } catch (PLErr& err) {
     EXPECT_EQ(err, PLErrInterrupted);
   }
-}
-
-}  // namespace
-
-namespace {
-
-// ComputeFlow keeps the reduction's blurs for the prefilter; the step-by-step entries blur
-// each level again. Both must give the same pyramids and the same flow, to the bit.
-TEST(FlowInput, KeptBlursGiveTheSamePyramidsAsTheStepByStepPath) {
-  auto a = flowtest::MakeTextured(200, 160, 3, PLUChar, 0, 0);
-  auto b = flowtest::MakeTextured(200, 160, 3, PLUChar, 2.5, -1.5);
-  PLOpticalFlowUChar whole(200, 160, 1, 0, 0, 2);
-  PLOpticalFlowUChar steps(200, 160, 1, 0, 0, 2);
-  ASSERT_GE(whole.numLevels, 4);
-  whole.SetLevelFactor(0.7f);
-  steps.SetLevelFactor(0.7f);
-  whole.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, nullptr);
-  steps.BuildPyramidForSide(b.get(), nullptr, nullptr, 1, false);
-  steps.BuildPyramidForSide(a.get(), nullptr, nullptr, 0, false);
-  steps.ComputeFlowFromPyramids(nullptr, 1, 1, 0, nullptr);
-  for (int32_t level = 0; level < whole.numLevels; ++level) {
-    EXPECT_TRUE(pltest::SamePixels(whole.firstPyramid[level], steps.firstPyramid[level]))
-        << level;
-    EXPECT_TRUE(pltest::SamePixels(whole.secondPyramid[level], steps.secondPyramid[level]))
-        << level;
-  }
-  EXPECT_TRUE(pltest::SamePixels(whole.flowPyramid[0], steps.flowPyramid[0]));
-}
-
-}  // namespace
-
-namespace {
-
-// The resize refuses axes of length 1; the estimator's reduction maps such an axis to its
-// first sample and keeps the corner-aligned rule on the other.
-TEST(FlowInput, ReductionAlongAnAxisOfOne) {
-  auto src = flowtest::MakeFloat(5, 3, 1);
-  for (int32_t y = 0; y < 3; ++y)
-    for (int32_t x = 0; x < 5; ++x) At(src.get(), x, y) = 10.0f * x + y;
-  auto column = flowtest::MakeFloat(1, 2, 1, -1.0f);
-  plflow::Reduce(column.get(), src.get());
-  EXPECT_EQ(At(column.get(), 0, 0), 0.0f);
-  EXPECT_EQ(At(column.get(), 0, 1), 2.0f);
-  auto thin = flowtest::MakeFloat(1, 3, 1);
-  for (int32_t y = 0; y < 3; ++y) At(thin.get(), 0, y) = 5.0f + y;
-  auto wide = flowtest::MakeFloat(4, 2, 1, -1.0f);
-  plflow::Reduce(wide.get(), thin.get());
-  for (int32_t x = 0; x < 4; ++x) {
-    EXPECT_EQ(At(wide.get(), x, 0), 5.0f);
-    EXPECT_EQ(At(wide.get(), x, 1), 7.0f);
-  }
-  auto regular = flowtest::MakeFloat(3, 2, 1, -1.0f);  // both axes of 2 or more: the resize
-  plflow::Reduce(regular.get(), src.get());
-  EXPECT_EQ(At(regular.get(), 2, 1), 42.0f);
 }
 
 }  // namespace

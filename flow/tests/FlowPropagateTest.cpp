@@ -1,22 +1,22 @@
-// flowblur: the propagation sweeps against a slow reference, and their edge cases.
+// flowblur: the propagation sweeps, through the entry and on both row loops (plain, and the
+// eight-lane one where AVX2 runs), against a slow reference.
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
+#include <random>
 #include <vector>
 
+#include "flow/PLFlowSweep.h"
 #include "flow/tests/FlowTestSupport.h"
+#include "runtime/PLWidePath.h"
 #include "tests/support/PLTestWorkers.h"
 
 using flowtest::At;
+using pltest::Get;
+using pltest::Set;
 
 namespace {
-
-uint32_t Next(uint32_t& s) {
-  s = s * 1664525u + 1013904223u;
-  return s >> 8;
-}
-
-void FillNoise(PLImage* image, uint32_t seed) { pltest::FillRandom(image, seed, 0.0f, 256.0f); }
 
 // ---- The slow reference: every rule spelt out, no shortcuts ------------------------------
 
@@ -96,158 +96,121 @@ struct Ref {
   }
 };
 
+// A second image that is the first moved by two or three columns, and a flow mixing that
+// motion (in runs, so that candidates win), random, far, NaN and infinite vectors, targets
+// exactly on the second-to-last column and row (the sliding cell) and one past the left
+// edge; with masks, a few invalid samples in each.
+void FillScene(PLImage* a, PLImage* b, PLImage* f, PLImage* ma, PLImage* mb,
+               std::mt19937& rng) {
+  const int32_t w = a->width, h = a->height;
+  pltest::FillRandom(a, rng(), 0.0f, 256.0f);
+  std::uniform_real_distribution<float> near(-6.0f, 6.0f), far(-60.0f, 60.0f);
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) {
+      const int32_t shift = y > h / 2 ? 3 : 2;
+      Set(b, x, y, 0, x >= shift ? Get(a, x - shift, y, 0) : 17.0);
+      const uint32_t r = rng() % 20;
+      float u = near(rng), v = near(rng) * 0.67f;
+      if (r < 6)
+        u = -static_cast<float>(shift), v = 0.0f;
+      else if (r < 8)
+        u = far(rng), v = far(rng);
+      else if (r < 10)
+        u = static_cast<float>(x - (w - 2)), v = static_cast<float>(rng() % 5) - 2.0f;
+      else if (r < 11)
+        v = static_cast<float>(y - (h - 2));
+      else if (r < 12)
+        u = static_cast<float>(x + 1), v = 0.0f;
+      else if (r == 12)
+        u = std::numeric_limits<float>::quiet_NaN();
+      else if (r == 13)
+        v = -std::numeric_limits<float>::infinity();
+      Set(f, x, y, 0, u);
+      Set(f, x, y, 1, v);
+      if (!ma) continue;
+      Set(ma, x, y, 0, rng() % 97 == 0 ? 0.5 : 1.0);
+      Set(mb, x, y, 0, rng() % 89 == 0 ? 0.0 : 1.0);
+    }
+}
+
 // A one-level estimator whose level images the test fills by hand.
 std::unique_ptr<PLOpticalFlowUChar> Estimator(int32_t w, int32_t h, int32_t masks) {
   return std::unique_ptr<PLOpticalFlowUChar>(new PLOpticalFlowUChar(w, h, 0, 0, masks, 1000));
 }
 
-// A second image that is the first moved by a smooth field plus noise, and a flow field
-// mixing good, poor, out-of-frame, border-grazing and NaN vectors.
-void FillScene(PLOpticalFlowUChar* est, uint32_t seed) {
-  PLImage* a = est->firstPyramid[0];
-  PLImage* b = est->secondPyramid[0];
-  PLImage* f = est->flowPyramid[0];
-  FillNoise(a, seed);
-  const int32_t w = a->width, h = a->height;
-  for (int32_t y = 0; y < h; ++y)
-    for (int32_t x = 0; x < w; ++x) {
-      const int32_t sx = x - 2 - (y > h / 2 ? 1 : 0);
-      At(b, x, y) = sx >= 0 ? At(a, sx, y) : 17.0f;
-    }
-  uint32_t s = seed ^ 0x9e3779b9u;
-  for (int32_t y = 0; y < h; ++y)
-    for (int32_t x = 0; x < w; ++x) {
-      const uint32_t r = Next(s) % 16;
-      float u, v;
-      if (r < 5) {
-        u = -2.0f - (y > h / 2 ? 1.0f : 0.0f);
-        v = 0.0f;
-      } else if (r < 13) {
-        u = static_cast<float>(static_cast<int32_t>(Next(s) % 1200) - 600) / 100.0f;
-        v = static_cast<float>(static_cast<int32_t>(Next(s) % 800) - 400) / 100.0f;
-      } else if (r < 15) {
-        u = static_cast<float>(x - (w - 2));  // exactly onto the second-to-last column
-        v = static_cast<float>(static_cast<int32_t>(Next(s) % 5)) - 2.0f;
-      } else {
-        u = static_cast<float>(x + 1);  // one past the left edge
-        v = 0.0f;
-      }
-      At(f, x, y, 0) = u;
-      At(f, x, y, 1) = v;
-      if (Next(s) % 23 == 0) At(f, x, y, (x + y) & 1) = std::nanf("");  // NaN: outside
-    }
-  if (est->firstMaskPyramid) {
-    PLImage* ma = est->firstMaskPyramid[0];
-    PLImage* mb = est->secondMaskPyramid[0];
-    for (int32_t y = 0; y < h; ++y)
-      for (int32_t x = 0; x < w; ++x) {
-        At(ma, x, y) = (Next(s) % 97) == 0 ? 0.5f : 1.0f;
-        At(mb, x, y) = (Next(s) % 89) == 0 ? 0.0f : 1.0f;
-      }
-  }
-}
-
-TEST(FlowPropagate, MatchesReferenceForAnyWorkerCount) {
+TEST(FlowPropagate, EntryMatchesTheReferenceForAnyWorkerCount) {
+  std::mt19937 rng(1234);
   for (int32_t masks = 0; masks < 2; ++masks) {
     auto est = Estimator(150, 140, masks);
-    FillScene(est.get(), 1234 + masks);
+    PLImage* ma = masks ? est->firstMaskPyramid[0] : nullptr;
+    PLImage* mb = masks ? est->secondMaskPyramid[0] : nullptr;
+    FillScene(est->firstPyramid[0], est->secondPyramid[0], est->flowPyramid[0], ma, mb, rng);
     auto start = flowtest::Snapshot(est->flowPyramid[0]);
     auto expected = flowtest::Snapshot(start.get());
-    Ref ref{est->firstPyramid[0], est->secondPyramid[0],
-            masks ? est->firstMaskPyramid[0] : nullptr,
-            masks ? est->secondMaskPyramid[0] : nullptr, 150, 140};
-    ref.Sweeps(expected.get());
+    Ref{est->firstPyramid[0], est->secondPyramid[0], ma, mb, 150, 140}.Sweeps(expected.get());
     ASSERT_FALSE(pltest::SamePixels(expected.get(), start.get()));  // the sweeps did work
     for (int32_t workers : kPLTestWorkerCounts) {
       PLTestUseWorkers(workers);
-      PLImage* flow = est->flowPyramid[0];
-      for (int32_t y = 0; y < 140; ++y)
-        std::memcpy(flow->Row(y), start->Row(y), 150 * 8);
+      pltest::CopyPixels(est->flowPyramid[0], start.get());
       est->PropagateFlow(0, false, nullptr);
-      EXPECT_TRUE(pltest::SamePixels(flow, expected.get()))
+      EXPECT_TRUE(pltest::SamePixels(est->flowPyramid[0], expected.get()))
           << "workers " << workers << " masks " << masks;
     }
     PLTestUseWorkers(1);
   }
 }
 
+// Sizes with no interior, and sizes that leave every count of rows and columns to the
+// four-lane and one-lane tails (bands of 1, 2, 3 and 8 workers included), on flipped and
+// padded layouts, with a cache holding what another stage left in it.
+TEST(FlowPropagate, BothRowLoopsMatchTheReference) {
+  pltest::WorkerGuard guard;
+  std::mt19937 rng(29);
+  const int32_t sizes[][2] = {{3, 2}, {2, 6}, {4, 9}, {5, 12}, {11, 11}, {13, 30}, {27, 19},
+                              {70, 41}};
+  int32_t trial = 0;
+  for (const auto& sz : sizes)
+    for (int32_t workers : kPLTestWorkerCounts) {
+      const int32_t w = sz[0], h = sz[1];
+      auto layout = [&](int32_t k) { return pltest::kLayouts[(trial + k) % 4]; };
+      ++trial;
+      pltest::TestImage first = pltest::MakeImage(w, h, 1, PLFloat, layout(0));
+      pltest::TestImage second = pltest::MakeImage(w, h, 1, PLFloat, layout(1));
+      pltest::TestImage start = pltest::MakeImage(w, h, 2, PLFloat, layout(2));
+      FillScene(first.get(), second.get(), start.get(), nullptr, nullptr, rng);
+      pltest::TestImage want = pltest::MakeImage(w, h, 2, PLFloat);
+      pltest::CopyPixels(want.get(), start.get());
+      Ref{first.get(), second.get(), nullptr, nullptr, w, h}.Sweeps(want.get());
+      if (w > 5) {  // on the narrowest levels few candidates can be evaluated at all
+        EXPECT_FALSE(pltest::SamePixels(want.get(), start.get())) << "no work at " << w;
+      }
+      for (bool wide : {false, true}) {
+        if (wide && !PLWideAvailable()) continue;
+        pltest::TestImage flow = pltest::MakeImage(w, h, 2, PLFloat, layout(wide + 3));
+        pltest::TestImage cache = pltest::MakeImage(w, h, 2, PLFloat, layout(wide));
+        pltest::FillRandom(cache.get(), rng(), -5.0f, 5.0f);
+        pltest::CopyPixels(flow.get(), start.get());
+        PLTestUseWorkers(workers);
+        plflow::PropagateSweepsOnPath(wide, flow.get(), first.get(), second.get(),
+                                      cache.get());
+        PLTestUseWorkers(1);
+        EXPECT_TRUE(pltest::SamePixels(flow.get(), want.get()))
+            << w << "x" << h << " workers " << workers << " wide " << wide;
+      }
+    }
+}
+
 TEST(FlowPropagate, SkipDoesNothingNotEvenIdle) {
   auto est = Estimator(20, 20, 0);
-  FillScene(est.get(), 5);
+  std::mt19937 rng(5);
+  FillScene(est->firstPyramid[0], est->secondPyramid[0], est->flowPyramid[0], nullptr, nullptr,
+            rng);
   auto before = flowtest::Snapshot(est->flowPyramid[0]);
   NuvIdleAndProgressClass progress(nullptr);
   progress.SetInterrupted(true);  // any Idle would throw
   EXPECT_NO_THROW(est->PropagateFlow(0, true, &progress));
   EXPECT_TRUE(pltest::SamePixels(before.get(), est->flowPyramid[0]));
   EXPECT_THROW(est->PropagateFlow(0, false, &progress), PLErr);
-}
-
-TEST(FlowPropagate, AllEqualFieldIsUnchanged) {
-  auto est = Estimator(40, 30, 0);
-  FillScene(est.get(), 9);
-  PLImage* f = est->flowPyramid[0];
-  for (int32_t y = 0; y < 30; ++y)
-    for (int32_t x = 0; x < 40; ++x) {
-      At(f, x, y, 0) = 0.4f;
-      At(f, x, y, 1) = -0.3f;
-    }
-  auto before = flowtest::Snapshot(f);
-  est->PropagateFlow(0, false, nullptr);
-  EXPECT_TRUE(pltest::SamePixels(before.get(), f));
-}
-
-// first = noise; second(x, y) = first(x - 6, y) for x >= 6, so (-6, 0) is a perfect vector
-// (internal sign). Every pixel but the ones set holds (100, 100): out of frame, so never
-// repaired and refused as a candidate.
-struct ShiftScene {
-  std::unique_ptr<PLOpticalFlowUChar> est = Estimator(12, 7, 0);
-  ShiftScene() {
-    PLImage* a = est->firstPyramid[0];
-    PLImage* b = est->secondPyramid[0];
-    FillNoise(a, 77);
-    FillNoise(b, 78);
-    for (int32_t y = 0; y < 7; ++y)
-      for (int32_t x = 6; x < 12; ++x) At(b, x, y) = At(a, x - 6, y);
-    for (int32_t y = 0; y < 7; ++y)
-      for (int32_t x = 0; x < 12; ++x) Set(x, y, 100.0f, 100.0f);
-  }
-  void Set(int32_t x, int32_t y, float u, float v) {
-    At(est->flowPyramid[0], x, y, 0) = u;
-    At(est->flowPyramid[0], x, y, 1) = v;
-  }
-  float U(int32_t x, int32_t y) { return At(est->flowPyramid[0], x, y, 0); }
-  float V(int32_t x, int32_t y) { return At(est->flowPyramid[0], x, y, 1); }
-};
-
-TEST(FlowPropagate, CandidatesOnAPerfectShift) {
-  ShiftScene taken;
-  taken.Set(4, 3, 0.5f, 0.5f);
-  taken.Set(5, 3, -6.0f, 0.0f);  // its own target (11, 3) is in frame but its patch is not
-  taken.est->PropagateFlow(0, false, nullptr);
-  EXPECT_EQ(taken.U(4, 3), -6.0f);  // the perfect candidate is taken
-  EXPECT_EQ(taken.V(4, 3), 0.0f);
-  EXPECT_EQ(taken.U(5, 3), -6.0f);  // an invalid own patch keeps its flow
-  ShiftScene lastColumn;
-  lastColumn.Set(5, 3, 0.5f, 0.5f);
-  lastColumn.Set(6, 3, -6.0f, 0.0f);  // perfect, but from (5, 3) it reaches column 11
-  lastColumn.est->PropagateFlow(0, false, nullptr);
-  EXPECT_EQ(lastColumn.U(5, 3), 0.5f);
-  EXPECT_EQ(lastColumn.V(5, 3), 0.5f);
-  ShiftScene outside;
-  outside.Set(3, 3, 0.0f, 50.0f);  // its own target is outside: it keeps its flow
-  outside.Set(4, 3, -6.0f, 0.0f);
-  outside.est->PropagateFlow(0, false, nullptr);
-  EXPECT_EQ(outside.V(3, 3), 50.0f);
-}
-
-TEST(FlowPropagate, NoInteriorNoWork) {
-  for (int32_t w : {1, 2, 3}) {
-    auto est = Estimator(w, 2, 0);
-    FillScene(est.get(), 3);
-    auto before = flowtest::Snapshot(est->flowPyramid[0]);
-    est->PropagateFlow(0, false, nullptr);
-    EXPECT_TRUE(pltest::SamePixels(before.get(), est->flowPyramid[0]));
-  }
 }
 
 }  // namespace

@@ -46,7 +46,7 @@ bool AllZero(const PLImage* flow) {
 }
 
 TEST(FlowRun, IdenticalImagesGiveZeroFlowAtEveryLevel) {
-  auto a = MakeTextured(96, 80, 3, PLUChar, 0, 0);
+  auto a = MakeTextured(96, 80, 4, PLUShort, 0, 0);
   PLOpticalFlowUChar flow(96, 80, 0, 0, 0, 12);
   flow.SetLevelFactor(1.0f);
   flow.ComputeFlow(nullptr, a.get(), a.get(), 1, 1, 0, nullptr);
@@ -102,17 +102,9 @@ TEST(FlowRun, RegressionHashOfAFixedPair) {
   exact.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, nullptr);
   EXPECT_EQ(flowtest::Hash(exact.flowPyramid[0]), 0x9d39aaad5d091c64ull) << std::hex
       << flowtest::Hash(exact.flowPyramid[0]);
-}
-
-TEST(FlowRun, SecondRunGivesTheSameFlow) {
-  auto a = MakeTextured(120, 90, 4, PLUShort, 0, 0);
-  auto b = MakeTextured(120, 90, 4, PLUShort, 1.5, 0.5);
-  PLOpticalFlowUChar flow(120, 90, 0, 0, 0, 12);
-  flow.SetLevelFactor(0.7f);
-  flow.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, nullptr);
-  auto first = flowtest::Snapshot(flow.flowPyramid[0]);
-  flow.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, nullptr);
-  EXPECT_TRUE(pltest::SamePixels(first.get(), flow.flowPyramid[0]));
+  // A second run on the same object leaves nothing behind that changes the first's result.
+  exact.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, nullptr);
+  EXPECT_EQ(flowtest::Hash(exact.flowPyramid[0]), 0x9d39aaad5d091c64ull);
 }
 
 TEST(FlowRun, IdenticalForAnyWorkerCount) {
@@ -130,20 +122,6 @@ TEST(FlowRun, IdenticalForAnyWorkerCount) {
     PLTestUseWorkers(1);
     for (uint64_t h : hashes) EXPECT_EQ(h, hashes[0]) << "edge blend " << edgeBlend;
   }
-}
-
-TEST(FlowRun, OneLevelWithFactorPointSevenIsAllZero) {
-  auto a = MakeTextured(20, 20, 1, PLUChar, 0, 0);
-  auto b = MakeTextured(20, 20, 1, PLUChar, 1, 1);
-  PLOpticalFlowUChar flow(20, 20, 0, 0, 0, 12);
-  ASSERT_EQ(flow.numLevels, 1);
-  flow.SetLevelFactor(0.7f);
-  flow.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, nullptr);
-  EXPECT_TRUE(AllZero(flow.flowPyramid[0]));
-  EXPECT_EQ(flow.startLevel, 0);
-  flow.SetLevelFactor(1.0f);  // undamped: the motion shows
-  flow.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, nullptr);
-  EXPECT_FALSE(AllZero(flow.flowPyramid[0]));
 }
 
 // ---- Bad input ---------------------------------------------------------------------------
@@ -255,7 +233,8 @@ TEST(FlowBadInput, TinyWorkingSizesRunSafely) {
           const PLImage* f = flow.flowPyramid[0];
           for (int32_t y = 0; y < h; ++y)
             for (int32_t x = 0; x < w; ++x) {
-              if (!(factor > 0.0f)) {
+              // No flow from a factor of 0 or NaN, nor from 0.7 on a single level.
+              if (!(factor > 0.0f) || (factor < 0.71f && flow.numLevels == 1)) {
                 ASSERT_EQ(At(f, x, y, 0), 0.0f) << w << "x" << h;
               }
               ASSERT_FALSE(std::isnan(At(f, x, y, 0))) << mode << " " << w << "x" << h;
@@ -294,15 +273,16 @@ TEST(FlowSteps, AllValidMasksChangeNothing) {
   EXPECT_TRUE(pltest::SamePixels(plain.flowPyramid[0], masked.flowPyramid[0]));
 }
 
+// Mode 1 halves the mask through binarised blurs: the one invalid pixel stays invalid at
+// its place on level 0, and every level holds only 0 and 1.
 TEST(FlowSteps, InvalidMaskAreaGrowsDownThePyramid) {
   PLImage mask(96, 72, 1, PLUChar, 0);
   FillColor(&mask, 1.0f, 0, 0, 0);
   mask.PixelAddress(40, 30)[0] = 0;
   PLOpticalFlowUChar flow(96, 72, 1, 0, 1, 12);
   flow.BuildMaskPyramid(&mask, 1);
-  const PLImage* m0 = flow.secondMaskPyramid[0];
-  EXPECT_EQ(At(m0, 20, 15), 0.0f);
-  EXPECT_EQ(At(m0, 0, 0), 1.0f);
+  EXPECT_EQ(At(flow.secondMaskPyramid[0], 20, 15), 0.0f);
+  EXPECT_EQ(At(flow.secondMaskPyramid[0], 0, 0), 1.0f);
   for (int32_t level = 0; level < flow.numLevels; ++level) {
     const PLImage* m = flow.secondMaskPyramid[level];
     for (int32_t y = 0; y < m->height; ++y)
