@@ -197,9 +197,14 @@ PLImage* RenderState::Fetch(Source source, int32_t frameNumber, int32_t matte) {
     throw PLErrParameter;
   }
   const PLImage* im = view->internal;
+  const bool colourPair = (im->channels == 3 || im->channels == 4) &&
+                         (output->channels == 3 || output->channels == 4);
   bool fits = im->width == output->width && im->height == output->height &&
               im->dataType == output->dataType &&
-              (source == Source::kMatte ? im->channels == 1 : im->channels == output->channels);
+              (source == Source::kMatte ? im->channels == 1
+               : source == Source::kMotion && motionForLumaOnly && colourPair
+                   ? true
+                   : im->channels == output->channels);
   if (!fits) {
     giveBack(view);
     throw PLErrParameter;
@@ -415,6 +420,7 @@ void SinglePath(NuvChronar4* engine, RenderState& st, PLImage* dst, int32_t i, i
   NuvChronar4Internal* in = st.in;
   const int32_t layer = engine->TopLayer();
   const bool withFlow = in->useFlow && !exact;
+  st.motionForLumaOnly = true;
   const int64_t interp = in->interpolation;
   const int32_t style = in->warpStyle;
   const float ti = static_cast<float>(i), tj = static_cast<float>(j);

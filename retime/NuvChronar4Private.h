@@ -45,6 +45,10 @@ class RenderState {
   NuvIdleAndProgressClass progress;
   int32_t inputFields = 0;
   bool lastFetchEmpty = false;  // the last refused fetch was a missing or empty view
+  // Set on the single path, where motion frames are read for their luma only: a motion frame
+  // of 3 or 4 channels then fits an output of 3 or 4 (a subclass may show 3 channels and
+  // estimate on 4, whose luma is another rule).
+  bool motionForLumaOnly = false;
 
  private:
   struct Held {

@@ -55,11 +55,12 @@ void ToWorkingAs(const Frame& frame, PLImage* out) {
   const int32_t alpha = AlphaChannel(info);
   const int32_t source[4] = {info.colour[0], info.colour[1], info.colour[2], alpha};
   const int32_t channels = info.channels;
+  const int32_t pictureChannels = out->channels;  // 3 leaves the matte out
   for (int32_t y = 0; y < out->height; ++y) {
     const float* row = frame.pixels.data() + static_cast<size_t>(y) * info.width * channels;
     T* dst = reinterpret_cast<T*>(out->Row(y));
-    for (int32_t x = 0; x < out->width; ++x, row += channels, dst += 4)
-      for (int32_t c = 0; c < 4; ++c) {
+    for (int32_t x = 0; x < out->width; ++x, row += channels, dst += pictureChannels)
+      for (int32_t c = 0; c < pictureChannels; ++c) {
         const float v = source[c] >= 0 ? row[source[c]] : 1.0f;
         if constexpr (std::is_same_v<T, float>) {
           dst[c] = v;
@@ -93,6 +94,7 @@ void FromWorkingAs(const PLImage& picture, Frame* frame, const int32_t (*pairs)[
                    int32_t pairCount) {
   const int32_t channels = frame->info.channels;
   const int32_t width = picture.width;
+  const int32_t step = picture.channels;
   for (int32_t y = 0; y < picture.height; ++y) {
     float* row = frame->pixels.data() + static_cast<size_t>(y) * frame->info.width * channels;
     const T* src = reinterpret_cast<const T*>(picture.Row(y));
@@ -100,7 +102,7 @@ void FromWorkingAs(const PLImage& picture, Frame* frame, const int32_t (*pairs)[
       const int32_t from = pairs[k][0], to = pairs[k][1];
       float* d = row + to;
       const T* s = src + from;
-      for (int32_t x = 0; x < width; ++x, d += channels, s += 4) {
+      for (int32_t x = 0; x < width; ++x, d += channels, s += step) {
         if constexpr (std::is_same_v<T, float>)
           *d = PLLoad<float>(s);
         else
@@ -122,7 +124,7 @@ void FromWorking(const PLImage& picture, Frame* frame) {
   for (int32_t c = 0; c < 4; ++c) targets[c] = c == 3 ? alpha : info.colour[c];
   int32_t pairs[4][2];
   int32_t pairCount = 0;
-  for (int32_t c = 0; c < 4; ++c) {
+  for (int32_t c = 0; c < picture.channels; ++c) {
     bool taken = targets[c] < 0 || targets[c] >= info.channels;
     for (int32_t e = 0; e < c; ++e) taken = taken || targets[e] == targets[c];
     if (taken) continue;
@@ -140,10 +142,15 @@ void FromWorking(const PLImage& picture, Frame* frame) {
 
 // ---- The engine over a plan's frames ---------------------------------------------------
 
-struct PlannedChronar::Served {
+struct PlannedChronar::Picture {
   std::unique_ptr<PLImage> image;
   std::unique_ptr<NuvImageInternal> wrapper;
   std::unique_ptr<NuvImage> view;
+};
+
+// A frame's pictures: the one shown and, when it has fewer channels, the one estimated on.
+struct PlannedChronar::Served {
+  std::unique_ptr<Picture> shown, motion;
 };
 
 PlannedChronar::PlannedChronar(int32_t width, int32_t height, int32_t dataType,
@@ -185,14 +192,30 @@ void PlannedChronar::Serve(const Inputs* inputs) {
     it = inputs->count({kFrontClip, it->first}) ? std::next(it) : served_.erase(it);
 }
 
-int32_t PlannedChronar::GetFrame(NuvImage** view, int32_t frameNumber) {
+int32_t PlannedChronar::ChoosePictureChannels(const FrameInfo& info) {
+  // The matte is worth carrying when the clip has alpha; the shutter blur, the dissolve and
+  // the forward warp are not taken to treat each channel alone, and fields are made whole
+  // from four.
+  const bool matteUnused = AlphaChannel(info) < 0 && !(shutter > 0.005f) && interpolation != 2 &&
+                       warpStyle <= 1 && keptRows_ < 0;
+  pictureChannels_ = matteUnused ? 3 : 4;
+  return pictureChannels_;
+}
+
+int32_t PlannedChronar::ServePicture(NuvImage** view, int32_t frameNumber, bool motion) {
   *view = nullptr;
   if (!inputs_ || frameNumber < 0) return PLErrParameter;
   // Past the clip's end only with weight 0 (a time on the last frame): that frame serves.
   const int64_t offset = std::min<int64_t>(frameNumber, clipFrames_ - 1);
-  auto held = served_.find(offset);
-  if (held != served_.end()) {
-    *view = held->second->view.get();
+  // Motion pictures keep the matte: the estimator's luma of four channels is another rule
+  // than of three, and the flow must not depend on how many are shown.
+  const int32_t channels = motion ? 4 : pictureChannels_;
+  std::unique_ptr<Served>& served = served_[offset];
+  if (!served) served = std::make_unique<Served>();
+  std::unique_ptr<Picture>& picture =
+      channels == pictureChannels_ ? served->shown : served->motion;
+  if (picture) {
+    *view = picture->view.get();
     return 0;
   }
   auto found = inputs_->find({kFrontClip, offset});
@@ -200,27 +223,31 @@ int32_t PlannedChronar::GetFrame(NuvImage** view, int32_t frameNumber) {
     lastError_ = "frame " + std::to_string(offset) + " of the clip is not in the plan";
     return PLErrParameter;
   }
-  auto served = std::make_unique<Served>();
-  served->image.reset(new PLImage(0, width_, height_, 4, dataType_, 0));
-  if (served->image->errorCode) return served->image->errorCode;
-  ToWorking(*found->second, dataType_, served->image.get());
+  auto made = std::make_unique<Picture>();
+  made->image.reset(new PLImage(0, width_, height_, channels, dataType_, 0));
+  if (made->image->errorCode) return made->image->errorCode;
+  ToWorking(*found->second, dataType_, made->image.get());
   if (keptRows_ >= 0 && height_ > 1) {
     // Height is even for field work, so lastRow is odd: field 2 rebuilds the even rows.
-    std::unique_ptr<PLImage> whole(new PLImage(0, width_, height_, 4, dataType_, 0));
+    std::unique_ptr<PLImage> whole(new PLImage(0, width_, height_, channels, dataType_, 0));
     if (whole->errorCode) return whole->errorCode;
-    InterpolateField(whole.get(), served->image.get(), PLFieldAverage, keptRows_ == 1 ? 2 : 3);
-    served->image = std::move(whole);
+    InterpolateField(whole.get(), made->image.get(), PLFieldAverage, keptRows_ == 1 ? 2 : 3);
+    made->image = std::move(whole);
   }
-  served->wrapper.reset(new NuvImageInternal(served->image.get()));
-  served->view.reset(new NuvImage());
-  served->view->Attach(served->wrapper.get());
-  *view = served->view.get();
-  served_[offset] = std::move(served);
+  made->wrapper.reset(new NuvImageInternal(made->image.get()));
+  made->view.reset(new NuvImage());
+  made->view->Attach(made->wrapper.get());
+  *view = made->view.get();
+  picture = std::move(made);
   return 0;
 }
 
+int32_t PlannedChronar::GetFrame(NuvImage** view, int32_t frameNumber) {
+  return ServePicture(view, frameNumber, false);
+}
+
 int32_t PlannedChronar::GetMotionFrame(NuvImage** frame, int32_t frameNumber) {
-  return GetFrame(frame, frameNumber);
+  return ServePicture(frame, frameNumber, true);
 }
 
 // Pictures stay with the engine's subclass until Serve lets them go (the engine only reads

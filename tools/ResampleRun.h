@@ -59,9 +59,15 @@ class PlannedChronar : public NuvChronar4 {
   // A shutter as a fraction of the output frame interval (0: none): the engine blurs made
   // frames along the flow by this fraction of the source motion between two output frames.
   void SetShutterFraction(float fraction);
+  // The channels of the pictures shown and made (Render's `out`), chosen for frames like
+  // `info` under the settings made so far: 3 (R, G, B) when the clip has no alpha, so that a
+  // matte would be thrown away, and every step of the render treats channels alone (gather
+  // warp, no dissolve, no shutter, whole frames); else 4. Motion pictures always have 4, so
+  // the flow and the made R, G, B are the same bits either way. Call after the settings.
+  int32_t ChoosePictureChannels(const FrameInfo& info);
 
-  // The picture at engine time `time` into `out` (4 channels of the working type). Quality:
-  // the engine's code. False with a message.
+  // The picture at engine time `time` into `out` (of the working type, with the channels
+  // ChoosePictureChannels gave). Quality: the engine's code. False with a message.
   bool Render(double time, int32_t quality, PLImage* out, std::string* error);
   // The flow of the last render, forward in time (from frame i to frame j), on its own grid;
   // false when the last render used none (its time fell on a source frame).
@@ -80,7 +86,9 @@ class PlannedChronar : public NuvChronar4 {
   int32_t warpStyle = 1;  // see NuvChronar4
 
  private:
+  struct Picture;
   struct Served;
+  int32_t ServePicture(NuvImage** view, int32_t frameNumber, bool motion);
   int32_t width_, height_, dataType_;
   int64_t clipFrames_;
   const Inputs* inputs_ = nullptr;
@@ -89,6 +97,7 @@ class PlannedChronar : public NuvChronar4 {
   int32_t keptRows_ = -1;
   float shutterFraction_ = 0.0f;
   float renderTime_ = 0.0f;
+  int32_t pictureChannels_ = 4;
   std::map<int64_t, std::unique_ptr<Served>> served_;  // by offset in the clip
   std::string lastError_;
 };

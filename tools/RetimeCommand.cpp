@@ -99,11 +99,12 @@ int RunRetime(const RetimeOptions& o) {
       plan->plan.frames.push_back(std::move(frame));
     }
     const int32_t width = info.width, height = info.height, type = WorkingTypeFor(info.depth);
-    plan->make = [engine, quality, width, height, type](size_t k,
+    const int32_t channels = engine->ChoosePictureChannels(info);
+    plan->make = [engine, quality, width, height, type, channels](size_t k,
                                                         const PlannedChronar::Inputs& inputs,
                                                         Frame* out, FlowField* flow,
                                                         std::string* error) {
-      PLImage picture(0, width, height, 4, type, 0);
+      PLImage picture(0, width, height, channels, type, 0);
       if (picture.errorCode) {
         *error = "out of memory";
         return false;
