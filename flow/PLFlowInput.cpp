@@ -155,7 +155,16 @@ void LumaWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* 
         d[x] = static_cast<float>(p.t[0][s[0]] + p.t[1][s[1]] + p.t[2][s[2]]);
     } else {
       constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(T));
-      for (int32_t x = 0; x < w; ++x) d[x] = Luma<T, C, kYUV>(s + kPixelBytes * x);
+      int32_t x = 0;
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+      if constexpr (C == 3 && !kYUV && !std::is_same<T, uint8_t>::value) {
+        // The 16-bit and half-float frame paths.
+        if (PLWideChosen())
+          x = std::is_same<T, uint16_t>::value ? plflow::LumaRowRGB16Wide(d, s, w)
+                                               : plflow::LumaRowRGBFloatWide(d, s, w);
+      }
+#endif
+      for (; x < w; ++x) d[x] = Luma<T, C, kYUV>(s + kPixelBytes * x);
     }
   }
 }

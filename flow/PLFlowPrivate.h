@@ -76,5 +76,8 @@ void Reduce(PLImage* dst, const PLImage* src);
 // as the plain loop; returns the first pixel left to it. AVX2: called only where
 // PLWideChosen(); a build with FLOWBLUR_PLAIN_ONLY defined has none.
 int32_t LumaRowRGB8Wide(float* d, const unsigned char* s, int32_t w);
+// The same for 16-bit and Float RGB rows (the double cells of the luma table).
+int32_t LumaRowRGB16Wide(float* d, const unsigned char* s, int32_t w);
+int32_t LumaRowRGBFloatWide(float* d, const unsigned char* s, int32_t w);
 
 }  // namespace plflow

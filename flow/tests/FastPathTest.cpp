@@ -1,4 +1,5 @@
-// flowblur: the update and upsampling stages give the same bytes on the wide and plain loops.
+// flowblur: the estimator stages with wide loops (luma of 16-bit and Float RGB, update,
+// upsampling) give the same bytes as their plain rules.
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -6,6 +7,7 @@
 #include <vector>
 
 #include "flow/PLFlowStages.h"
+#include "flow/PLOpticalFlowUChar.h"
 #include "flow/tests/FlowTestSupport.h"
 #include "runtime/PLWidePath.h"
 #include "tests/support/PLTestImages.h"
@@ -72,5 +74,28 @@ TEST(FlowFastPath, UpsampleSameOnBothLoopsAndAllWorkerCounts) {
       };
       EXPECT_TRUE(run(false) == run(true)) << src[0] << "x" << src[1] << " to width " << w;
       ExpectSameForAllWorkers([&] { return run(true); });
+    }
+}
+
+// 16-bit and Float RGB rows (four pixels a lane group where AVX2 runs, the plain loop for the
+// rest) against the double formula, on widths 1 to 13 whose rows are exactly the pixels'
+// bytes and end the buffer, so that a read past a row is an AddressSanitizer error.
+TEST(FlowFastPath, SixteenBitAndFloatRGBLumaAgainstTheDoubleFormula) {
+  std::mt19937 rng(48);
+  for (int32_t type : {PLUShort, PLFloat})
+    for (int32_t w = 1; w <= 13; ++w) {
+      const int32_t rowBytes = 3 * w * PLBytesPerSample(type);
+      std::vector<unsigned char> bytes(static_cast<size_t>(rowBytes) * 5);
+      PLImage rgb(bytes.data(), w, 5, rowBytes, 3, type, 1);
+      FillRandom(&rgb, rng());
+      PLOpticalFlowUChar flow(w, 5, 0, 0, 0, 12);
+      flow.ConvertToLuma(flow.firstPyramid[0], &rgb, 0);
+      for (int32_t y = 0; y < 5; ++y)
+        for (int32_t x = 0; x < w; ++x) {
+          const double sum = 0.3 * Get(&rgb, x, y, 0) + 0.59 * Get(&rgb, x, y, 1) +
+                             0.11 * Get(&rgb, x, y, 2);
+          const float want = static_cast<float>(type == PLUShort ? sum / 257.0 : sum * 255.0);
+          ASSERT_EQ(At(flow.firstPyramid[0], x, y), want) << type << " width " << w << " x " << x;
+        }
     }
 }
