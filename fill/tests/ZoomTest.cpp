@@ -131,20 +131,6 @@ INSTANTIATE_TEST_SUITE_P(Types, ZoomReference,
                                            std::make_tuple(PLUChar, PLFloat),
                                            std::make_tuple(PLUShort, PLUChar)));
 
-// A filter that takes only the left neighbour: at column 0 that is index -1, which reflects
-// to column 1 (a clamp would give column 0).
-float LeftNeighbour(float d) { return d == 1.0f ? 1.0f : 0.0f; }
-
-TEST(Zoom, BorderIndexReflects) {
-  TestImage src = MakeImage(5, 2, 1, PLUChar);
-  for (int32_t y = 0; y < 2; ++y)
-    for (int32_t x = 0; x < 5; ++x) Set(src.get(), x, y, 0, 10 * (x + 1) + y);
-  TestImage out = MakeImage(5, 2, 1, PLUChar);
-  PLZoom(out.get(), src.get(), LeftNeighbour, nullptr, 1.0f);
-  EXPECT_EQ(Get(out.get(), 0, 0, 0), 21);  // column -1 read column 1, row -1 read row 1
-  EXPECT_EQ(Get(out.get(), 3, 1, 0), 30);  // an inner pixel takes its left and upper one
-}
-
 TEST(Zoom, StorageReusedWithoutNewBlocks) {
   PLZoomTempStorage storage;
   TestImage src = MakeImage(40, 30, 4, PLUChar);
