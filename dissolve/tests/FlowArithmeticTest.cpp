@@ -89,30 +89,6 @@ TEST_P(ChainFloatReference, MatchesLiteralReference) {
 INSTANTIATE_TEST_SUITE_P(PlainAndClamped, ChainFloatReference,
                          ::testing::Combine(::testing::Bool(), ::testing::Values(0, 1, 2, 3)));
 
-// (3, 0) chained with itself gives (6, 0) where the target is inside, and x + u = w is
-// outside. Clamped, on g(x, y) = (100 x + y, -y), whose reads are exact: x + u = w reads
-// the last column, y + v >= h reads column h (* kx = 1) of the last row, NaN column 0.
-TEST(ChainFlows, StatedCases) {
-  TestImage f = MakeImage(10, 4, 2, PLFloat), g = MakeImage(10, 4, 2, PLFloat);
-  for (int32_t i = 0; i < 80; ++i) Set(f.get(), i / 2 % 10, i / 20, i % 2, i % 2 ? 0.0 : 3.0);
-  CopyPixels(g.get(), f.get());
-  ChainFlows(f.get(), g.get());
-  for (int32_t x = 0; x < 10; ++x) EXPECT_EQ(Get(f.get(), x, 2, 0), x + 3 < 10 ? 6.0 : 3.0) << x;
-  for (int32_t i = 0; i < 80; ++i)
-    Set(g.get(), i / 2 % 10, i / 20, i % 2, i % 2 ? -(i / 20) : 100 * (i / 2 % 10) + i / 20);
-  Fill(f.get(), 0.0);
-  Set(f.get(), 7, 1, 0, 3.0);
-  Set(f.get(), 7, 2, 1, 5.0);
-  Set(f.get(), 5, 0, 0, kNaN);
-  ChainFlowsClamped(f.get(), g.get());
-  EXPECT_EQ(Get(f.get(), 7, 1, 0), 3.0 + 901.0);
-  EXPECT_EQ(Get(f.get(), 7, 2, 0), 403.0);
-  EXPECT_EQ(Get(f.get(), 7, 2, 1), 5.0 - 3.0);
-  EXPECT_TRUE(std::isnan(Get(f.get(), 5, 0, 0)));
-  EXPECT_EQ(Get(f.get(), 5, 0, 1), 0.0);
-  EXPECT_EQ(Get(f.get(), 2, 3, 0), 203.0);
-}
-
 // The coded path against the library's own GetFlow and SetFlow on an untouched copy of f,
 // g of another size (no ratio on this path). A code of 65535, never produced by coding,
 // goes back as 65534 although its target is outside.

@@ -432,37 +432,28 @@ Inverted Invert(const PLImage* flow, int32_t flipped = 0, int32_t pad = 0) {
 
 }  // namespace
 
-// Zero flow: every pixel is hit (the last row by the flat bottom, the last column by the
-// floor of the span), the inverse is +0.0 throughout and no hole is left.
-TEST(InvertFlow, ZeroFlow) {
-  for (auto size : {std::make_pair(2, 2), std::make_pair(9, 4), std::make_pair(3, 11)}) {
-    TestImage flow = MakeFlow(size.first, size.second, Uniform(0, 0));
-    Inverted r = Invert(flow.get(), 1, 4);
-    for (int32_t y = 0; y < size.second; ++y)
-      for (int32_t x = 0; x < size.first; ++x) {
-        EXPECT_EQ(Get(r.holes.get(), x, y, 0), 0.0);
-        EXPECT_EQ(PLLoad<uint64_t>(r.inverse->PixelAddress(x, y)), 0u);
-      }
-    EXPECT_TRUE(PaddingUntouched(r.inverse) && PaddingUntouched(r.holes));
-  }
-}
-
-// A uniform (3, 0): everything lands three columns right, the inverse is (-3, 0) exactly
-// where hit, and the band of three columns on the left is a hole filled from its
-// neighbours. Row order and padding do not matter.
+// A uniform (s, 0): everything lands s columns right, the inverse is (-s, 0) exactly where
+// hit and the band of s columns on the left is a hole filled from its neighbours. With s = 0
+// every pixel is hit (the last row by the flat bottom, the last column by the floor of the
+// span) and the inverse is +0.0 throughout. Row order and padding do not matter.
 TEST(InvertFlow, UniformShiftLeavesFilledBand) {
-  const int32_t w = 23, h = 9;
-  TestImage flow = MakeFlow(w, h, Uniform(3, 0)), odd = MakeFlow(w, h, Uniform(3, 0), 1, 12);
-  Inverted r = Invert(flow.get()), s = Invert(odd.get(), 1, 8);
-  for (int32_t y = 0; y < h; ++y)
-    for (int32_t x = 0; x < w; ++x) {
-      EXPECT_EQ(Get(r.holes.get(), x, y, 0), x < 3 ? 255.0 : 0.0) << x << "," << y;
-      // Filled: a smooth value from known -3s; the pull-push rounding stays far below this.
-      EXPECT_NEAR(Get(r.inverse.get(), x, y, 0), -3.0, x < 3 ? 1e-3 : 0.0);
-      EXPECT_EQ(Get(r.inverse.get(), x, y, 1), 0.0);
-    }
-  EXPECT_TRUE(SamePixels(r.inverse.get(), s.inverse.get()));
-  EXPECT_TRUE(SamePixels(r.holes.get(), s.holes.get()));
+  const int32_t cases[][3] = {{2, 2, 0}, {9, 4, 0}, {3, 11, 0}, {23, 9, 3}};
+  for (auto& z : cases) {
+    const int32_t w = z[0], h = z[1], s = z[2];
+    TestImage flow = MakeFlow(w, h, Uniform(s, 0)), odd = MakeFlow(w, h, Uniform(s, 0), 1, 12);
+    Inverted r = Invert(flow.get()), q = Invert(odd.get(), 1, 8);
+    for (int32_t y = 0; y < h; ++y)
+      for (int32_t x = 0; x < w; ++x) {
+        EXPECT_EQ(Get(r.holes.get(), x, y, 0), x < s ? 255.0 : 0.0) << x << "," << y;
+        // Filled: a smooth value from known -3s; the pull-push rounding stays far below this.
+        EXPECT_NEAR(Get(r.inverse.get(), x, y, 0), -s, x < s ? 1e-3 : 0.0);
+        EXPECT_EQ(Get(r.inverse.get(), x, y, 1), 0.0);
+      }
+    for (unsigned char b : PixelBytes(r.inverse.get())) ASSERT_TRUE(s != 0 || b == 0);
+    EXPECT_TRUE(SamePixels(r.inverse.get(), q.inverse.get()));
+    EXPECT_TRUE(SamePixels(r.holes.get(), q.holes.get()));
+    EXPECT_TRUE(PaddingUntouched(q.inverse) && PaddingUntouched(q.holes));
+  }
 }
 
 // The folded mesh: each of the 301 cells of a row lands on pixel 11 with the vector
