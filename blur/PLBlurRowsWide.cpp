@@ -79,24 +79,28 @@ inline I8 GatherInside(const WideView& s, I8 off) {
   return _mm256_i32gather_epi32(reinterpret_cast<const int*>(s.base), off, 1);
 }
 
-// The C samples of the pixel at each lane's offset, as floats, channel c in out[c].
-template <class T, int32_t C>
+// The C samples of the pixel at each lane's offset, as floats, channel c in out[c]. With
+// kRightFollows the pixel has a right neighbour in its row, so that a word read from it
+// that runs into the next pixel stays inside the view (the left pixels of a bilinear cell).
+template <class T, int32_t C, bool kRightFollows = false>
 inline void LoadPixels(const WideView& s, I8 off, F8* out) {
+  constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(T));
   if constexpr (std::is_same<T, float>::value) {
     for (int32_t c = 0; c < C; ++c)
       out[c] = AsF(GatherInside(s, _mm256_add_epi32(off, SetI(4 * c))));
   } else if constexpr (sizeof(T) == 1) {
-    const I8 word = C == 4 ? GatherInside(s, off) : GatherWord(s, off);
+    const I8 word = C == 4 || (kRightFollows && 2 * kPixelBytes >= 4) ? GatherInside(s, off)
+                                                                       : GatherWord(s, off);
     for (int32_t c = 0; c < C; ++c)
       out[c] = _mm256_cvtepi32_ps(
           _mm256_and_si256(_mm256_srlv_epi32(word, SetI(8 * c)), SetI(0xff)));
   } else {
-    const I8 low = C == 1 ? GatherWord(s, off) : GatherInside(s, off);
+    const I8 low = C == 1 && !kRightFollows ? GatherWord(s, off) : GatherInside(s, off);
     out[0] = _mm256_cvtepi32_ps(_mm256_and_si256(low, SetI(0xffff)));
     if constexpr (C >= 2) out[1] = _mm256_cvtepi32_ps(_mm256_srli_epi32(low, 16));
     if constexpr (C >= 3) {
       const I8 off2 = _mm256_add_epi32(off, SetI(4));
-      const I8 high = C == 3 ? GatherWord(s, off2) : GatherInside(s, off2);
+      const I8 high = C == 3 && !kRightFollows ? GatherWord(s, off2) : GatherInside(s, off2);
       out[2] = _mm256_cvtepi32_ps(_mm256_and_si256(high, SetI(0xffff)));
       if constexpr (C == 4) out[3] = _mm256_cvtepi32_ps(_mm256_srli_epi32(high, 16));
     }
@@ -141,10 +145,12 @@ inline void WalkWide(const WideView& s, F8 px, F8 py, F8 dx, F8 dy, I8 count, I8
         const I8 low = _mm256_add_epi32(up, SetI(s.below));
         // Lanes not sampled read offset 0: inside the view whatever their position was.
         F8 p[C], right[C], lower[C], lowerRight[C];
-        LoadPixels<T, C>(s, _mm256_and_si256(up, take), p);
+        // Lanes not taken read offset 0, the first pixel, which has a right neighbour too
+        // (the cell needs two columns).
+        LoadPixels<T, C, true>(s, _mm256_and_si256(up, take), p);
         LoadPixels<T, C>(s, _mm256_and_si256(_mm256_add_epi32(up, SetI(kPixelBytes)), take),
                          right);
-        LoadPixels<T, C>(s, _mm256_and_si256(low, take), lower);
+        LoadPixels<T, C, true>(s, _mm256_and_si256(low, take), lower);
         LoadPixels<T, C>(s, _mm256_and_si256(_mm256_add_epi32(low, SetI(kPixelBytes)), take),
                          lowerRight);
         for (int32_t c = 0; c < C; ++c) {
