@@ -177,7 +177,13 @@ inline void StorePairs(float* p, F8 c0, F8 c1) {
   _mm256_storeu_ps(p, _mm256_permute2f128_ps(lo, hi, 0x20));
   _mm256_storeu_ps(p + 8, _mm256_permute2f128_ps(lo, hi, 0x31));
 }
-// One pixel in each of eight rows.
+// One pixel in each of eight rows whose starts lie `rowIndex` floats from rows[0].
+inline void GatherPairs(float* const* rows, __m256i rowIndex, int32_t x, F8* c0, F8* c1) {
+  const float* at = rows[0] + 2 * x;
+  *c0 = _mm256_i32gather_ps(at, rowIndex, 4);
+  *c1 = _mm256_i32gather_ps(at + 1, rowIndex, 4);
+}
+// The same by eight loads, for rows too far apart for 32-bit indices.
 inline void GatherPairs(float* const* rows, int32_t x, F8* c0, F8* c1) {
   *c0 = _mm256_setr_ps(rows[0][2 * x], rows[1][2 * x], rows[2][2 * x], rows[3][2 * x],
                        rows[4][2 * x], rows[5][2 * x], rows[6][2 * x], rows[7][2 * x]);
@@ -213,12 +219,25 @@ void RowSweep8(const SweepImages& im, int32_t y0) {
   const F8 fy = _mm256_cvtepi32_ps(_mm256_add_epi32(_mm256_set1_epi32(y0), lane));
   const int32_t xBegin = kStep > 0 ? 1 : im.w - 2;
   const int32_t xEnd = kStep > 0 ? im.w - 1 : 0;
+  // Row l of each image lies l steps from row 0: one index vector serves flow and cache
+  // alike when the steps are equal and seven of them fit in 32 bits.
+  const intptr_t step = im.flow.step;
+  const bool indexed = step == im.cache.step && step < (intptr_t{1} << 27) &&
+                       step > -(intptr_t{1} << 27);
+  const __m256i rowIndex =
+      _mm256_mullo_epi32(lane, _mm256_set1_epi32(indexed ? static_cast<int32_t>(step) : 0));
+  auto gather = [&](float* const* rows, int32_t x, F8* c0, F8* c1) {
+    if (indexed)
+      GatherPairs(rows, rowIndex, x, c0, c1);
+    else
+      GatherPairs(rows, x, c0, c1);
+  };
   F8 gu, gv;
-  GatherPairs(flow, xBegin - kStep, &gu, &gv);
+  gather(flow, xBegin - kStep, &gu, &gv);
   for (int32_t x = xBegin; x != xEnd; x += kStep) {
     Lanes8 p;
-    GatherPairs(flow, x, &p.u, &p.v);
-    GatherPairs(cache, x, &p.e, &p.state);
+    gather(flow, x, &p.u, &p.v);
+    gather(cache, x, &p.e, &p.state);
     auto blocks = [&](F8* a) {
       __m128 rows[10];
       for (int32_t r = 0; r < 10; ++r) rows[r] = Load3(img[r] + x - 1);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "flow/PLFlowStages.h"
+#include "flow/PLFlowSweep.h"
 #include "flow/PLOpticalFlowUChar.h"
 #include "flow/tests/FlowTestSupport.h"
 #include "runtime/PLWidePath.h"
@@ -97,5 +98,33 @@ TEST(FlowFastPath, SixteenBitAndFloatRGBLumaAgainstTheDoubleFormula) {
           const float want = static_cast<float>(type == PLUShort ? sum / 257.0 : sum * 255.0);
           ASSERT_EQ(At(flow.firstPyramid[0], x, y), want) << type << " width " << w << " x " << x;
         }
+    }
+}
+
+// The row sweeps read eight rows of flow and cache by one index vector where both images
+// have the same row step (the estimator's own levels, either row order): same bytes as the
+// plain loop, for 1/2/3/8 workers.
+TEST(FlowFastPath, SweepsWithFlowAndCacheOfOneLayout) {
+  const int32_t sizes[][2] = {{21, 19}, {40, 27}};
+  uint32_t seed = 60;
+  for (const auto& sz : sizes)
+    for (Layout layout : kLayouts) {
+      TestImage first = MakeImage(sz[0], sz[1], 1, PLFloat, layout);
+      TestImage second = MakeImage(sz[0], sz[1], 1, PLFloat, layout);
+      TestImage start = MakeImage(sz[0], sz[1], 2, PLFloat, layout);
+      FillRandom(first.get(), seed++, -40.0f, 40.0f);
+      FillRandom(second.get(), seed++, -40.0f, 40.0f);
+      FillRandom(start.get(), seed++, -3.0f, 3.0f);
+      auto run = [&](bool wide) {
+        TestImage flow = MakeImage(sz[0], sz[1], 2, PLFloat, layout);
+        TestImage cache = MakeImage(sz[0], sz[1], 2, PLFloat, layout);
+        CopyPixels(flow.get(), start.get());
+        plflow::PropagateSweepsOnPath(wide, flow.get(), first.get(), second.get(), cache.get());
+        return PixelBytes(flow.get());
+      };
+      const std::vector<unsigned char> plain = run(false);
+      EXPECT_FALSE(plain == PixelBytes(start.get())) << LayoutName(layout);
+      EXPECT_TRUE(plain == run(true)) << sz[0] << "x" << sz[1] << " " << LayoutName(layout);
+      ExpectSameForAllWorkers([&] { return run(true); });
     }
 }
