@@ -1,6 +1,7 @@
 // flowblur frei0r tests: the test clip, a textured square moving right across a still
 // textured background, as RGBA frames of frei0r's layout (R, G, B, A bytes, rows packed).
 #pragma once
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <vector>
@@ -45,36 +46,28 @@ inline std::vector<uint8_t> Frame(const Clip& clip, int32_t frame) {
   return pixels;
 }
 
-// Largest difference between two frames over pixels of rows y0..y1 and columns x0..x1
-// (inclusive, clipped to the frame) and channels 0..channels - 1; -1 when the sizes differ.
-inline int32_t MaxDifference(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b,
-                             const Clip& clip, int32_t x0, int32_t x1, int32_t y0, int32_t y1,
-                             int32_t channels = 3) {
-  if (a.size() != b.size()) return -1;
-  int32_t worst = 0;
-  for (int32_t y = y0 < 0 ? 0 : y0; y <= y1 && y < clip.height; ++y)
-    for (int32_t x = x0 < 0 ? 0 : x0; x <= x1 && x < clip.width; ++x)
-      for (int32_t c = 0; c < channels; ++c) {
-        const size_t i = (static_cast<size_t>(y) * clip.width + x) * 4 + c;
-        const int32_t d = std::abs(int32_t{a[i]} - int32_t{b[i]});
-        if (d > worst) worst = d;
-      }
-  return worst;
-}
-
-// Mean of (a - b) over the same kind of region, RGB only: how far a region has brightened.
-inline double MeanShift(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b,
-                        const Clip& clip, int32_t x0, int32_t x1, int32_t y0, int32_t y1) {
-  double sum = 0.0;
+// How two frames of the clip differ over rows y0..y1 and columns x0..x1 (inclusive, clipped
+// to the frame) and channels 0..channels - 1: the largest difference, and the mean of a - b
+// (how far the region has brightened).
+struct Difference {
+  int32_t largest = 0;
+  double mean = 0.0;
+};
+inline Difference Compare(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b,
+                          const Clip& clip, int32_t x0, int32_t x1, int32_t y0, int32_t y1,
+                          int32_t channels = 3) {
+  Difference d;
   int64_t count = 0;
   for (int32_t y = y0 < 0 ? 0 : y0; y <= y1 && y < clip.height; ++y)
     for (int32_t x = x0 < 0 ? 0 : x0; x <= x1 && x < clip.width; ++x)
-      for (int32_t c = 0; c < 3; ++c) {
+      for (int32_t c = 0; c < channels; ++c, ++count) {
         const size_t i = (static_cast<size_t>(y) * clip.width + x) * 4 + c;
-        sum += int32_t{a[i]} - int32_t{b[i]};
-        ++count;
+        const int32_t diff = int32_t{a.at(i)} - int32_t{b.at(i)};
+        d.largest = std::max(d.largest, std::abs(diff));
+        d.mean += diff;
       }
-  return count ? sum / static_cast<double>(count) : 0.0;
+  d.mean = count ? d.mean / static_cast<double>(count) : 0.0;
+  return d;
 }
 
 }  // namespace frei0rtest

@@ -54,25 +54,24 @@ TEST(SharedObject, ExportsOnlyTheFrei0rNames) {
   }
 }
 
+// The filter's entry points, as a host finds them in the loaded file.
 struct Frei0rApi {
-  void* handle = nullptr;
+  void* handle = dlopen(FLOWBLUR_FREI0R_SO, RTLD_NOW | RTLD_LOCAL);
   decltype(&f0r_init) init = nullptr;
   decltype(&f0r_deinit) deinit = nullptr;
   decltype(&f0r_construct) construct = nullptr;
   decltype(&f0r_destruct) destruct = nullptr;
   decltype(&f0r_set_param_value) setParam = nullptr;
   decltype(&f0r_update) update = nullptr;
-
+  template <class T>
+  bool Find(T& into, const char* name) {
+    into = handle ? reinterpret_cast<T>(dlsym(handle, name)) : nullptr;
+    return into != nullptr;
+  }
   bool Load() {
-    handle = dlopen(FLOWBLUR_FREI0R_SO, RTLD_NOW | RTLD_LOCAL);
-    if (!handle) return false;
-    init = reinterpret_cast<decltype(init)>(dlsym(handle, "f0r_init"));
-    deinit = reinterpret_cast<decltype(deinit)>(dlsym(handle, "f0r_deinit"));
-    construct = reinterpret_cast<decltype(construct)>(dlsym(handle, "f0r_construct"));
-    destruct = reinterpret_cast<decltype(destruct)>(dlsym(handle, "f0r_destruct"));
-    setParam = reinterpret_cast<decltype(setParam)>(dlsym(handle, "f0r_set_param_value"));
-    update = reinterpret_cast<decltype(update)>(dlsym(handle, "f0r_update"));
-    return init && deinit && construct && destruct && setParam && update;
+    return Find(init, "f0r_init") && Find(deinit, "f0r_deinit") &&
+           Find(construct, "f0r_construct") && Find(destruct, "f0r_destruct") &&
+           Find(setParam, "f0r_set_param_value") && Find(update, "f0r_update");
   }
   ~Frei0rApi() {
     if (handle) dlclose(handle);
@@ -103,10 +102,7 @@ TEST_P(SparkParity, SameRgbAsTheSparkDriver) {
 
   sparkhost::Reset();
   sparkhost::SetProcessors(3);
-  sparkhost::FrameLayout layout;
-  layout.width = c.width;
-  layout.height = c.height;
-  layout.formatCode = 24;
+  const sparkhost::FrameLayout layout{c.width, c.height, 24, 0};
   sparkhost::SetClip(0, layout, kFrames);
   sparkhost::SetClip(1, layout, kFrames);
   for (int32_t f = 0; f < kFrames; ++f) {
