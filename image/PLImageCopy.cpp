@@ -303,6 +303,16 @@ void FillColor(PLImage* image, float r, float g, float b, float a) {
         value[c] = in[c] * image->whitePoint;
       }
     }
+    // A pixel of zero bytes (black, the renderer's clear) is a plain byte fill of each row.
+    unsigned char pixel[sizeof(value)];
+    std::memcpy(pixel, value, sizeof(value));
+    bool zero = true;
+    for (unsigned char b : pixel) zero = zero && b == 0;
+    if (zero) {
+      const size_t bytes = sizeof(value) * static_cast<size_t>(image->width);
+      for (int32_t y = 0; y < image->height; ++y) std::memset(image->Row(y), 0, bytes);
+      return;
+    }
     // The image may wrap a host row at any address: samples are stored with PLStore.
     for (int32_t y = 0; y < image->height; ++y) {
       unsigned char* row = image->Row(y);
