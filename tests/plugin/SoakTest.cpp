@@ -167,9 +167,9 @@ TEST(Soak, ThousandsOfFramesLeaveHeapDescriptorsAndThreadsWhereTheyStarted) {
   Plugin p;
   p.handle = dlopen(FLOWBLUR_SPARK_SO, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(p.handle, nullptr) << dlerror();
-  ASSERT_TRUE(p.Find(p.process, "SparkProcess") && p.Find(p.tempBuffers, "SparkMemoryTempBuffers") &&
-              p.Find(p.amount, "SparkFloat0") && p.Find(p.fromBack, "SparkBoolean2") &&
-              p.Find(p.quality, "SparkPup1"));
+  ASSERT_TRUE(p.Find(p.process, "SparkProcess") && p.Find(p.amount, "SparkFloat0") &&
+              p.Find(p.tempBuffers, "SparkMemoryTempBuffers") &&
+              p.Find(p.fromBack, "SparkBoolean2") && p.Find(p.quality, "SparkPup1"));
   constexpr int32_t kPerRound = 20;
   // A warm-up round of every format first, so that one-time allocations (the runtime's
   // statics, the sanitizers' own caches) are behind us before the baseline.
