@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <string>
+#include <vector>
 
 #include "image/PLImageArith.h"
 #include "image/PLImageCopy.h"
@@ -23,16 +25,76 @@ void SetPixel4(PLImage* im, int32_t x, int32_t y, float r, float g, float b, flo
 
 // ---- scalings ----
 
-TEST(ImageArith, MultiplyRoundingAgainstScaleUShort) {
-  PLImage u8(1, 1, 1, PLUChar, 0), u16(1, 1, 1, PLUShort, 0);
-  u8.data[0] = 255;
-  u16.SetChannel(0, 0, 0, 255.0f);
-  Multiply(&u8, 0.5f);      // the fallback truncates
-  ScaleUShort(&u16, 0.5f);  // adds 0.5
-  EXPECT_EQ(u8.data[0], 127);
-  EXPECT_EQ(Sample(&u16, 0, 0, 0), 128.0f);
+// A float stored as the per-pixel paths store it: truncated, low 8 or 16 bits kept.
+float Cast(int32_t type, float v) {
+  if (type == PLFloat) return v;
+  const uint32_t bits = static_cast<uint32_t>(PLTruncToInt32(v));
+  return static_cast<float>(type == PLUChar ? (bits & 0xFF) : (bits & 0xFFFF));
 }
 
+// Each scaling against its per-sample rule, on every type and channel count it serves (and
+// on those it leaves alone), in every row layout (Float Multiply: unpadded, see below), for
+// 1, 2, 3 and 8 workers, with the padding untouched.
+TEST(ImageArith, ScalingsMatchTheirSampleRules) {
+  struct Scaling {
+    const char* name;
+    std::vector<int32_t> types, channels;
+    std::function<void(PLImage*)> run;
+    std::function<float(int32_t type, int32_t c, float s)> rule;
+  } scalings[] = {
+      {"ScaleUShort", {PLUShort}, {1, 3, 4}, [](PLImage* im) { ScaleUShort(im, 1.7f); },
+       [](int32_t, int32_t, float s) {
+         return float(uint16_t(uint32_t(PLTruncToInt32(double(s * 1.7f) + 0.5))));
+       }},
+      {"ScaleClampUShort", {PLUShort}, {1, 2, 3},
+       [](PLImage* im) { ScaleClampUShort(im, 1.3f, 60000.0f); },
+       [](int32_t, int32_t, float s) { return std::floor(std::min(s * 1.3f + 0.5f, 60000.0f)); }},
+      {"ScaleClampUShort below 0", {PLUShort}, {1},
+       [](PLImage* im) { ScaleClampUShort(im, -0.2f, 65535.0f); },
+       [](int32_t, int32_t, float s) { return std::floor(std::max(s * -0.2f + 0.5f, 0.0f)); }},
+      {"Multiply", {PLUChar, PLUShort, PLFloat}, {1, 2, 3, 4},
+       [](PLImage* im) { Multiply(im, 0.37f); },
+       [](int32_t type, int32_t, float s) { return Cast(type, s * 0.37f); }},
+      {"MultiplyColor", {PLUChar, PLUShort}, {4}, [](PLImage* im) { MultiplyColor(im, 0.6f); },
+       [](int32_t type, int32_t c, float s) { return c == 3 ? s : Cast(type, 0.6f * s + 0.5f); }},
+      {"MultiplyColor of 3", {PLUChar}, {3}, [](PLImage* im) { MultiplyColor(im, 0.6f); },
+       [](int32_t type, int32_t, float s) { return Cast(type, s * 0.6f); }},  // Multiply's rule
+      {"MultiplyChannel", {PLUChar, PLUShort}, {2, 4},
+       [](PLImage* im) { MultiplyChannel(im, 0.3f, 1); },
+       [](int32_t type, int32_t c, float s) { return c == 1 ? Cast(type, s * 0.3f) : s; }},
+      {"MultiplyFlow", {PLFloat}, {2, 3}, [](PLImage* im) { MultiplyFlow(im, 0.5f, -3.0f); },
+       [](int32_t, int32_t c, float s) { return c == 0 ? s * 0.5f : c == 1 ? s * -3.0f : s; }},
+  };
+  pltest::WorkerGuard guard;
+  for (const Scaling& k : scalings)
+    for (int32_t type : k.types)
+      for (int32_t channels : k.channels)
+        for (pltest::Layout layout : pltest::kLayouts)
+          for (int32_t workers : kPLTestWorkerCounts) {
+            const bool padded = layout == pltest::kPadded || layout == pltest::kPaddedFlipped;
+            if (padded && type == PLFloat && k.name == std::string("Multiply")) continue;
+            auto im = MakeImage(7, 150, channels, type, layout);
+            pltest::FillRandom(im.get(), 8 + channels);
+            PLImage before(7, 150, channels, type, 0);
+            CopyWhole(&before, im.get());
+            PLTestUseWorkers(workers);
+            k.run(im.get());
+            PLTestUseWorkers(1);
+            const bool served = !(k.name == std::string("MultiplyFlow") && channels != 2);
+            for (int32_t y = 0; y < 150; ++y)
+              for (int32_t x = 0; x < 7; ++x)
+                for (int32_t c = 0; c < channels; ++c) {
+                  const float s = Sample(&before, x, y, c);
+                  ASSERT_EQ(Sample(im.get(), x, y, c), served ? k.rule(type, c, s) : s)
+                      << k.name << " type " << type << " c" << channels << " "
+                      << pltest::LayoutName(layout) << " workers " << workers << " at " << x
+                      << "," << y << "," << c;
+                }
+            ASSERT_TRUE(pltest::PaddingUntouched(im)) << k.name;
+          }
+}
+
+// kept: Multiply treats factors within 1e-6 of 1 as 1.
 TEST(ImageArith, MultiplyNearOneIsANoOp) {
   PLImage f(3, 2, 2, PLFloat, 0);
   pltest::FillRandom(&f, 1);
@@ -40,32 +102,7 @@ TEST(ImageArith, MultiplyNearOneIsANoOp) {
   Multiply(&f, 1.0000001f);
   EXPECT_EQ(PixelBytes(&f), before);
   Multiply(&f, 1.00001f);
-  EXPECT_NE(PixelBytes(&f), before);
   EXPECT_EQ(Sample(&f, 2, 1, 1), PLLoad<float>(&before[before.size() - 4]) * 1.00001f);
-}
-
-TEST(ImageArith, ScaleUShortWrapsAndScaleClampClamps) {
-  for (int32_t channels : {3, 4}) {  // serial and row-parallel paths
-    PLImage a(2, 2, channels, PLUShort, 0), b(2, 2, channels, PLUShort, 0);
-    Clear(&a);
-    Clear(&b);
-    for (int32_t c = 0; c < channels; ++c) {
-      a.SetChannel(1, 1, c, 40000.0f);
-      b.SetChannel(1, 1, c, 40000.0f);
-    }
-    if (channels == 4) b.SetChannel(1, 1, 3, 65535.0f);  // opaque: the division keeps it
-    ScaleUShort(&a, 2.0f);
-    ScaleClampUShort(&b, 2.0f, 65535.0f);
-    EXPECT_EQ(Sample(&a, 1, 1, 0), 14464.0f);
-    EXPECT_EQ(Sample(&b, 1, 1, 0), 65535.0f);
-  }
-  PLImage neg(1, 1, 1, PLUShort, 0);
-  neg.SetChannel(0, 0, 0, 100.0f);
-  ScaleClampUShort(&neg, -1.0f, 65535.0f);
-  EXPECT_EQ(Sample(&neg, 0, 0, 0), 0.0f);
-  neg.SetChannel(0, 0, 0, 100.0f);
-  ScaleClampUShort(&neg, 10.0f, 500.0f);
-  EXPECT_EQ(Sample(&neg, 0, 0, 0), 500.0f);
 }
 
 TEST(ImageArith, ScaleClampUShortUnpremultipliesFourChannels) {
@@ -76,8 +113,13 @@ TEST(ImageArith, ScaleClampUShortUnpremultipliesFourChannels) {
   EXPECT_EQ(Sample(&im, 0, 0, 3), 128.0f);
 }
 
-TEST(ImageArith, ScalingsIgnoreOtherTypes) {
-  PLImage f(2, 2, 4, PLFloat, 0), c(2, 2, 1, PLChar, 0);
+TEST(ImageArith, ScalingsIgnoreOtherTypesAndChannels) {
+  PLImage f(2, 2, 4, PLFloat, 0), c(2, 2, 1, PLChar, 0), u(2, 2, 3, PLUChar, 0);
+  pltest::FillRandom(&u, 3);
+  auto unchanged = PixelBytes(&u);
+  MultiplyChannel(&u, 1.0f, 1);
+  MultiplyChannel(&u, 2.0f, 3);  // no such channel
+  EXPECT_EQ(PixelBytes(&u), unchanged);
   pltest::FillRandom(&f, 2);
   std::memset(c.data, 9, 4);
   auto before = PixelBytes(&f);
@@ -90,59 +132,6 @@ TEST(ImageArith, ScalingsIgnoreOtherTypes) {
   EXPECT_EQ(c.data[3], 9);
   ScaleUShort(nullptr, 2.0f);
   Multiply(nullptr, 2.0f);
-}
-
-TEST(ImageArith, MultiplyColorRoundsColourAndKeepsMatte) {
-  PLImage im(2, 1, 4, PLUChar, 0), three(1, 1, 3, PLUChar, 0);
-  Clear(&im);
-  SetPixel4(&im, 0, 0, 255, 101, 3, 77);
-  MultiplyColor(&im, 0.5f);
-  EXPECT_EQ(Sample(&im, 0, 0, 0), 128.0f);  // 127.5 + 0.5
-  EXPECT_EQ(Sample(&im, 0, 0, 1), 51.0f);   // 50.5 + 0.5
-  EXPECT_EQ(Sample(&im, 0, 0, 2), 2.0f);
-  EXPECT_EQ(Sample(&im, 0, 0, 3), 77.0f);
-  three.data[0] = 255;
-  MultiplyColor(&three, 0.5f);  // fewer channels: Multiply, which truncates
-  EXPECT_EQ(three.data[0], 127);
-  PLImage again(1, 1, 4, PLUShort, 0);
-  SetPixel4(&again, 0, 0, 7, 8, 9, 10);
-  MultiplyColor(&again, 1.0f);  // whatever the factor: 7 * 1 + 0.5 truncates to 7
-  EXPECT_EQ(Sample(&again, 0, 0, 0), 7.0f);
-}
-
-TEST(ImageArith, MultiplyChannelTouchesOneSample) {
-  PLImage im(2, 2, 3, PLUShort, 1);
-  pltest::FillRandom(&im, 5);
-  PLImage before(2, 2, 3, PLUShort, 1);
-  CopyWhole(&before, &im);
-  MultiplyChannel(&im, 1.0f, 1);
-  EXPECT_EQ(PixelBytes(&im), PixelBytes(&before));
-  MultiplyChannel(&im, 0.3f, 1);
-  for (int32_t y = 0; y < 2; ++y)
-    for (int32_t x = 0; x < 2; ++x) {
-      EXPECT_EQ(Sample(&im, x, y, 0), Sample(&before, x, y, 0));
-      EXPECT_EQ(Sample(&im, x, y, 1),
-                static_cast<float>(static_cast<int32_t>(Sample(&before, x, y, 1) * 0.3f)));
-      EXPECT_EQ(Sample(&im, x, y, 2), Sample(&before, x, y, 2));
-    }
-  MultiplyChannel(&im, 0.3f, 3);  // no such channel
-}
-
-TEST(ImageArith, MultiplyFlowScalesUAndVApart) {
-  PLImage flow(3, 2, 2, PLFloat, 1), three(3, 2, 3, PLFloat, 0);
-  pltest::FillRandom(&flow, 6);
-  PLImage before(3, 2, 2, PLFloat, 0);
-  CopyWhole(&before, &flow);
-  MultiplyFlow(&flow, 0.5f, -3.0f);
-  for (int32_t y = 0; y < 2; ++y)
-    for (int32_t x = 0; x < 3; ++x) {
-      EXPECT_EQ(Sample(&flow, x, y, 0), Sample(&before, x, y, 0) * 0.5f);
-      EXPECT_EQ(Sample(&flow, x, y, 1), Sample(&before, x, y, 1) * -3.0f);
-    }
-  pltest::FillRandom(&three, 7);
-  auto b3 = PixelBytes(&three);
-  MultiplyFlow(&three, 2.0f, 2.0f);
-  EXPECT_EQ(PixelBytes(&three), b3);
 }
 
 // ---- Multiply on a padded wrapped Float image ----
@@ -348,30 +337,21 @@ TEST(ImageMatte, MembersMoveTheMatteMode) {
 // ---- workers ----
 
 TEST(ImageArithWorkers, EveryRowParallelOperationIsIndependentOfWorkers) {
-  ExpectRowOpSameForAllWorkers("ScaleUShort", PLUShort, PLUShort, 4,
-                          [](PLImage* d, PLImage*) { ScaleUShort(d, 1.7f); });
-  ExpectRowOpSameForAllWorkers("ScaleClampUShort", PLUShort, PLUShort, 4,
-                          [](PLImage* d, PLImage*) { ScaleClampUShort(d, 1.3f, 60000.0f); });
-  ExpectRowOpSameForAllWorkers("ScaleClampUShort3", PLUShort, PLUShort, 3,
-                          [](PLImage* d, PLImage*) { ScaleClampUShort(d, 0.7f, 50000.0f); });
-  // Multiply on padded Float rows depends on the slices by design (see its own test).
-  ExpectRowOpSameForAllWorkers(
-      "Multiply", PLFloat, PLFloat, 3, [](PLImage* d, PLImage*) { Multiply(d, 0.37f); }, false);
-  ExpectRowOpSameForAllWorkers("MultiplyFlow", PLFloat, PLFloat, 2,
-                          [](PLImage* d, PLImage*) { MultiplyFlow(d, 0.5f, -1.25f); });
   ExpectRowOpSameForAllWorkers("Subtract1", PLFloat, PLFloat, 1,
-                          [](PLImage* d, PLImage* s) { Subtract(d, s); });
+                               [](PLImage* d, PLImage* s) { Subtract(d, s); });
   ExpectRowOpSameForAllWorkers("Subtract2", PLFloat, PLFloat, 2,
-                          [](PLImage* d, PLImage* s) { Subtract(d, s); });
+                               [](PLImage* d, PLImage* s) { Subtract(d, s); });
   for (int32_t type : {PLUChar, PLUShort, PLFloat}) {
     ExpectRowOpSameForAllWorkers("Max", type, type, 1, [](PLImage* d, PLImage* s) { Max(d, s); });
     ExpectRowOpSameForAllWorkers("Unpremultiply", type, type, 4,
-                            [](PLImage* d, PLImage*) { Unpremultiply(d); });
+                                 [](PLImage* d, PLImage*) { Unpremultiply(d); });
     ExpectRowOpSameForAllWorkers("Premultiply", type, type, 4,
-                            [](PLImage* d, PLImage*) { Premultiply(d); });
+                                 [](PLImage* d, PLImage*) { Premultiply(d); });
     ExpectRowOpSameForAllWorkers("PremultiplyFrom", type, type, 4,
-                            [](PLImage* d, PLImage* s) { PremultiplyFrom(d, s, 0.8f); });
+                                 [](PLImage* d, PLImage* s) { PremultiplyFrom(d, s, 0.8f); });
   }
+  ExpectRowOpSameForAllWorkers("ScaleClampUShort4", PLUShort, PLUShort, 4,
+                               [](PLImage* d, PLImage*) { ScaleClampUShort(d, 1.3f, 60000.0f); });
 }
 
 }  // namespace

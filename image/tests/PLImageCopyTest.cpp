@@ -76,16 +76,15 @@ TEST(ImageCopy, CopyRowsCopiesBytesBetweenEqualSampleWidths) {
   CopyRows(&u, nullptr);
 }
 
-TEST(ImageCopy, CopyCenteredNarrowerDestination) {
-  PLImage src(10, 4, 1, PLUChar, 0), dst(7, 4, 1, PLUChar, 1);
+// A narrower destination takes the middle of the source; a wider and taller one receives
+// the source in its middle.
+TEST(ImageCopy, CopyCenteredCutsAndPlaces) {
+  PLImage narrowSrc(10, 4, 1, PLUChar, 0), narrow(7, 4, 1, PLUChar, 1);
   for (int32_t y = 0; y < 4; ++y)
-    for (int32_t x = 0; x < 10; ++x) src.SetChannel(x, y, 0, static_cast<float>(10 * y + x));
-  CopyCentered(&dst, &src);
+    for (int32_t x = 0; x < 10; ++x) narrowSrc.SetChannel(x, y, 0, static_cast<float>(10 * y + x));
+  CopyCentered(&narrow, &narrowSrc);
   for (int32_t y = 0; y < 4; ++y)
-    for (int32_t x = 0; x < 7; ++x) ASSERT_EQ(Sample(&dst, x, y, 0), 10 * y + x + 1);
-}
-
-TEST(ImageCopy, CopyCenteredWiderAndTallerDestination) {
+    for (int32_t x = 0; x < 7; ++x) ASSERT_EQ(Sample(&narrow, x, y, 0), 10 * y + x + 1);
   PLImage src(7, 3, 2, PLFloat, 0), dst(10, 8, 2, PLFloat, 0);
   pltest::FillRandom(&src, 5);
   for (int32_t y = 0; y < 8; ++y)
@@ -158,27 +157,43 @@ float CastRef(float v, int32_t type) {
   return static_cast<float>(type == PLUChar ? (bits & 0xFF) : (bits & 0xFFFF));
 }
 
-TEST(ImageCopy, ConvertRectEveryTypePairAndChannelCount) {
+// Rectangles across every type pair: ConvertRect casts (truncation, low bits kept);
+// CopyRectScaled rescales by the white points and rounds, or copies where types and white
+// points agree (equal types with another white point rescale too). The rest of the
+// destination is left alone.
+TEST(ImageCopy, RectCopiesAcrossEveryTypePairAndChannelCount) {
   const int32_t types[] = {PLUChar, PLUShort, PLFloat};
-  for (int32_t from : types)
-    for (int32_t to : types)
-      for (int32_t channels : {1, 2, 3, 4, 5}) {
-        PLImage a(6, 4, channels, from, 0), b(5, 5, channels, to, 1);
-        pltest::FillRandom(&a, 17, -300.0f, 70000.0f);
-        pltest::FillRandom(&b, 18);
-        PLImage before(5, 5, channels, to, 1);
-        CopyWhole(&before, &b);
-        ConvertRect(&a, &b, 1, 1, 0, 2, 4, 3);
-        for (int32_t y = 0; y < 5; ++y)
-          for (int32_t x = 0; x < 5; ++x)
-            for (int32_t c = 0; c < channels; ++c) {
-              bool inside = x < 4 && y >= 2;
-              float expected = inside ? CastRef(Sample(&a, x + 1, y - 1, c), to)
-                                      : Sample(&before, x, y, c);
-              ASSERT_EQ(Sample(&b, x, y, c), expected)
-                  << from << "->" << to << " c" << channels << " at " << x << "," << y;
-            }
-      }
+  for (int32_t scaled = 0; scaled < 2; ++scaled)
+    for (int32_t st : types)
+      for (int32_t dt : types)
+        for (int32_t channels = 1; channels <= 6; ++channels) {
+          PLImage src(6, 4, channels, st, 1), dst(6, 6, channels, dt, 1 - scaled);
+          pltest::FillRandom(&src, 17, -300.0f, 70000.0f);
+          pltest::FillRandom(&dst, 18);
+          if (scaled && channels != 3) dst.whitePoint = 0.5f * dst.whitePoint;
+          PLImage before(6, 6, channels, dt, 0);
+          CopyWhole(&before, &dst);
+          const int32_t dx = scaled, sx = 1 - scaled;
+          if (scaled)
+            CopyRectScaled(&dst, dx, 2, &src, sx, 1, 4, 3);
+          else
+            ConvertRect(&src, &dst, sx, 1, dx, 2, 4, 3);
+          const bool plain = st == dt && src.whitePoint == dst.whitePoint;
+          const float k = dst.whitePoint / src.whitePoint;
+          for (int32_t y = 0; y < 6; ++y)
+            for (int32_t x = 0; x < 6; ++x)
+              for (int32_t c = 0; c < channels; ++c) {
+                const bool inside = x >= dx && x < dx + 4 && y >= 2 && y < 5;
+                const float s = inside ? Sample(&src, x - dx + sx, y - 1, c) : 0.0f;
+                const float want = !inside ? Sample(&before, x, y, c)
+                                   : !scaled ? CastRef(s, dt)
+                                   : plain   ? s
+                                             : pltest::WrappedStore(dt, s * k);
+                ASSERT_EQ(Sample(&dst, x, y, c), want) << (scaled ? "scaled " : "cast ") << st
+                                                       << "->" << dt << " c" << channels
+                                                       << " at " << x << "," << y;
+              }
+        }
 }
 
 TEST(ImageCopy, ConvertRectRefusesOtherTypesAndChannelMismatch) {
@@ -190,34 +205,6 @@ TEST(ImageCopy, ConvertRectRefusesOtherTypesAndChannelMismatch) {
   ConvertRect(&a, &chars, 0, 0, 0, 0, 4, 4);
   for (int32_t i = 0; i < 48; ++i) ASSERT_EQ(b.data[i], 5);
   for (int32_t i = 0; i < 32; ++i) ASSERT_EQ(chars.data[i], 5);
-}
-
-TEST(ImageCopy, CopyRectScaledRescalesByWhitePoints) {
-  const int32_t types[] = {PLUChar, PLUShort, PLFloat};
-  for (int32_t st : types)
-    for (int32_t dt : types)
-      for (int32_t channels : {1, 2, 3, 4, 6}) {
-        PLImage src(5, 4, channels, st, 1), dst(6, 6, channels, dt, 0);
-        pltest::FillRandom(&src, 8, -0.2f, 1.3f);
-        pltest::FillRandom(&dst, 9);
-        if (channels != 3) dst.whitePoint = 0.5f * dst.whitePoint;  // equal types rescale too
-        PLImage before(6, 6, channels, dt, 0);
-        CopyWhole(&before, &dst);
-        CopyRectScaled(&dst, 1, 2, &src, 0, 1, 4, 3);
-        const bool plain = st == dt && src.whitePoint == dst.whitePoint;
-        const float k = dst.whitePoint / src.whitePoint;
-        for (int32_t y = 0; y < 6; ++y)
-          for (int32_t x = 0; x < 6; ++x)
-            for (int32_t c = 0; c < channels; ++c) {
-              bool inside = x >= 1 && x < 5 && y >= 2 && y < 5;
-              const float s = inside ? Sample(&src, x - 1, y - 1, c) : 0.0f;
-              float expected = !inside ? Sample(&before, x, y, c)
-                               : plain ? s
-                                       : pltest::WrappedStore(dt, s * k);
-              ASSERT_EQ(Sample(&dst, x, y, c), expected)
-                  << st << "->" << dt << " c" << channels << " at " << x << "," << y;
-            }
-      }
 }
 
 TEST(ImageCopy, CopyCenteredScaledCases) {
@@ -321,6 +308,7 @@ TEST(ImageCopyWorkers, CopyWholeMatchesTheSourceOnEveryLayout) {
       auto src = MakeImage(9, 160, 3, PLUShort, b);
       pltest::FillRandom(src.get(), 30);
       CopyWhole(dst.get(), src.get());
+      CopyWhole(dst.get(), dst.get());  // onto itself: nothing to do
       ASSERT_EQ(PixelBytes(dst.get()), PixelBytes(src.get()));
       ASSERT_TRUE(pltest::PaddingUntouched(dst));
     }
