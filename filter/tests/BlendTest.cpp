@@ -29,9 +29,7 @@ double BlendOne(int32_t type, double dv, double sv, float t) {
 }
 
 TEST(Blend, EdgeValuesPerType) {
-  EXPECT_EQ(BlendOne(PLUChar, 200, 100, -0.5f), 50);  // 150 - 100 + 0.5
-  EXPECT_EQ(BlendOne(PLUChar, 255, 0, -2.0f), 0);     // limited below
-  EXPECT_EQ(BlendOne(PLUChar, 0, 255, -2.0f), 255);   // limited above
+  // (8-bit: every pair, below)
   EXPECT_EQ(BlendOne(PLUShort, 50000, 60000, -1.0f), 65535);  // 70000.5
   EXPECT_EQ(BlendOne(PLUShort, 60000, 50000, -1.0f), 40000);
   EXPECT_EQ(BlendOne(PLUShort, 0, 65535, -3.0f), 65535);

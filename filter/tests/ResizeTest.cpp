@@ -59,22 +59,6 @@ INSTANTIATE_TEST_SUITE_P(TypePairs, ResizeReference,
                          ::testing::Combine(::testing::Values(PLUChar, PLUShort, PLFloat),
                                             ::testing::Values(PLUChar, PLUShort, PLFloat)));
 
-// At the last column and row the cell slides back with a fraction of 1.0: the last source
-// column and row are read exactly, also when enlarging.
-TEST(Resize, LastColumnAndRowReadExactly) {
-  TestImage src = MakeImage(4, 3, 1, PLUShort);
-  FillRandom(src.get(), 5);
-  TestImage dst = MakeImage(7, 8, 1, PLFloat);
-  dst->whitePoint = src->whitePoint;  // no scaling: compare samples as they are
-  PLResizeBilinear(dst.get(), src.get());
-  EXPECT_EQ(Get(dst.get(), 6, 7, 0), Get(src.get(), 3, 2, 0));
-  EXPECT_EQ(Get(dst.get(), 0, 0, 0), Get(src.get(), 0, 0, 0));
-  EXPECT_EQ(Get(dst.get(), 6, 0, 0), Get(src.get(), 3, 0, 0));
-  EXPECT_EQ(Get(dst.get(), 0, 7, 0), Get(src.get(), 0, 2, 0));
-  // Halfway between columns 0 and 1 of the source (scale 0.5): the mean.
-  EXPECT_EQ(Get(dst.get(), 1, 0, 0), (Get(src.get(), 0, 0, 0) + Get(src.get(), 1, 0, 0)) / 2);
-}
-
 // Outside the grid's domain: refused with PLErr 5, nothing written.
 TEST(Resize, RefusesDegenerateSizesAndChannelMismatch) {
   auto expectRefused = [](int32_t sw, int32_t sh, int32_t sc, int32_t dw, int32_t dh, int32_t dc) {
