@@ -23,31 +23,6 @@ struct HostTest : ::testing::Test {
   void TearDown() override { sh::Reset(); }
 };
 
-// A value per frame, pixel and channel that no two of them share in a small clip.
-uint32_t Pattern(int32_t frame, int32_t x, int32_t y, int32_t c, const sh::FrameLayout& layout) {
-  const uint32_t mask = sh::BytesPerPixel(layout.formatCode) == 3 ? 0xFF : 0xFFFF;
-  return static_cast<uint32_t>(frame * 97 + y * 31 + x * 7 + c * 3 + 1) & mask;
-}
-
-void FillClip(int32_t clip) {
-  sh::FrameLayout layout = sh::ClipLayout(clip);
-  for (int32_t f = 0; f < sh::ClipFrames(clip); ++f)
-    for (int32_t y = 0; y < layout.height; ++y)
-      for (int32_t x = 0; x < layout.width; ++x)
-        for (int32_t c = 0; c < 3; ++c)
-          sh::SetSample(sh::ClipFrame(clip, f), layout, x, y, c, Pattern(f, x, y, c, layout));
-}
-
-// Number of samples of `block` that differ from frame `frame`'s pattern.
-int64_t Mismatches(const void* block, const sh::FrameLayout& layout, int32_t frame) {
-  int64_t bad = 0;
-  for (int32_t y = 0; y < layout.height; ++y)
-    for (int32_t x = 0; x < layout.width; ++x)
-      for (int32_t c = 0; c < 3; ++c)
-        bad += sh::Sample(block, layout, x, y, c) != Pattern(frame, x, y, c, layout);
-  return bad;
-}
-
 TEST_F(HostTest, DefaultsAfterResetAndConfigurationMistakesThrow) {
   sh::SetProcessors(8);
   sh::SetAPIVersion(3.5f);
@@ -107,31 +82,6 @@ TEST_F(HostTest, RecordsCarryEachBuffersLayoutAtTheirOffsets) {
   EXPECT_EQ(sparkMemGetBuffer(1, nullptr), 0);
   EXPECT_EQ(sh::HostLog().size(), 3u);
 }
-
-class GetFrameFormats : public HostTest, public ::testing::WithParamInterface<int32_t> {};
-
-// Rows copied by the clip's stride, padding left alone, frames outside the clip clamped and
-// logged.
-TEST_P(GetFrameFormats, CopiesRowsByTheClipsStrideAndClampsTheFrame) {
-  const int32_t bpp = sh::BytesPerPixel(GetParam());
-  const sh::FrameLayout layout{5, 4, GetParam(), 5 * bpp + 7};
-  sh::SetClip(0, layout, 3);
-  FillClip(0);
-  std::vector<uint8_t> block(static_cast<size_t>(sh::FrameBytes(layout)), 0xEE);
-  const std::pair<int32_t, int32_t> cases[] = {{1, 1}, {-3, 0}, {9, 2}};
-  for (const auto& [asked, delivered] : cases) {
-    ASSERT_EQ(sparkGetFrame(0, asked, block.data()), 1);
-    EXPECT_EQ(Mismatches(block.data(), layout, delivered), 0);
-    EXPECT_EQ(sh::GetFrameCalls().back().frame, asked);
-    EXPECT_EQ(sh::GetFrameCalls().back().delivered, delivered);
-  }
-  for (int32_t y = 0; y < 4; ++y)
-    for (int32_t i = 5 * bpp; i < 5 * bpp + 7; ++i)
-      ASSERT_EQ(block[static_cast<size_t>(y * layout.stride + i)], 0xEE) << "row " << y;
-  EXPECT_EQ(sh::HostLog().size(), 2u);  // the in-range call writes no line
-}
-
-INSTANTIATE_TEST_SUITE_P(Formats, GetFrameFormats, ::testing::Values(24, 25, 48, 49, 64));
 
 TEST_F(HostTest, GetFrameRefusesWhatItCannotDeliver) {
   std::vector<uint8_t> block(64, 0x11);
@@ -229,7 +179,8 @@ std::map<uint64_t, std::thread::id> CheckedFork(int32_t p, uint64_t pixels = 100
   std::sort(log.ranges.begin(), log.ranges.end());
   const uint64_t share = pixels / static_cast<uint64_t>(p);
   std::vector<std::pair<uint64_t, uint64_t>> want;
-  for (int32_t k = 0; k < p; ++k) want.push_back({share * k, k == p - 1 ? pixels - share * k : share});
+  for (int32_t k = 0; k < p; ++k)
+    want.push_back({share * k, k == p - 1 ? pixels - share * k : share});
   std::sort(want.begin(), want.end());
   EXPECT_EQ(log.ranges, want) << p << " processors, " << pixels << " pixels";
   std::set<std::thread::id> threads;
