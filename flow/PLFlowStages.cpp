@@ -22,7 +22,76 @@ using plflow::FView;
 
 // ---- Gradients -------------------------------------------------------------------------
 
-static void MomentsRow(float* s, const float* gx, const float* gy, int32_t w);
+static void MomentsRow(float* s, const float* gx, const float* gy, int32_t w, bool wide);
+
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+// The wide loops of a gradient row (run only where PLWideAvailable); each returns the first
+// pixel left to the plain loop, and lane l does the plain loop's operations for pixel x + l
+// in their order (left or upper term first, then the division by 2).
+// Interior gx from x = 1 while eight remain before the last pixel.
+__attribute__((target("avx2"))) static int32_t GradientXWide(float* gx, const float* row,
+                                                             int32_t w) {
+  const __m256 two = _mm256_set1_ps(2.0f);
+  int32_t x = 1;
+  for (; x + 8 <= w - 1; x += 8) {
+    const __m256 c = _mm256_loadu_ps(row + x);
+    const __m256 left = _mm256_sub_ps(c, _mm256_loadu_ps(row + x - 1));
+    const __m256 right = _mm256_sub_ps(_mm256_loadu_ps(row + x + 1), c);
+    _mm256_storeu_ps(gx + x, _mm256_div_ps(_mm256_add_ps(left, right), two));
+  }
+  return x;
+}
+// gy of a row with rows above and below, from x = 0.
+__attribute__((target("avx2"))) static int32_t GradientYWide(float* gy, const float* row,
+                                                             const float* up,
+                                                             const float* down, int32_t w) {
+  const __m256 two = _mm256_set1_ps(2.0f);
+  int32_t x = 0;
+  for (; x + 8 <= w; x += 8) {
+    const __m256 c = _mm256_loadu_ps(row + x);
+    const __m256 upper = _mm256_sub_ps(c, _mm256_loadu_ps(up + x));
+    const __m256 lower = _mm256_sub_ps(_mm256_loadu_ps(down + x), c);
+    _mm256_storeu_ps(gy + x, _mm256_div_ps(_mm256_add_ps(upper, lower), two));
+  }
+  return x;
+}
+// The three moments of eight pixels, interleaved, from x = 0.
+__attribute__((target("avx2"))) static int32_t MomentsRowWide(float* s, const float* gx,
+                                                              const float* gy, int32_t w) {
+  // Output k of the 24 holds moment k % 3 of pixel k / 3; each of the three output vectors
+  // takes its lanes from the three moment vectors, moved into place.
+  const __m256i pa0 = _mm256_setr_epi32(0, 0, 0, 1, 0, 0, 2, 0);
+  const __m256i pb0 = _mm256_setr_epi32(0, 0, 0, 0, 1, 0, 0, 2);
+  const __m256i pc0 = _mm256_setr_epi32(0, 0, 0, 0, 0, 1, 0, 0);
+  const __m256i pa1 = _mm256_setr_epi32(0, 3, 0, 0, 4, 0, 0, 5);
+  const __m256i pb1 = _mm256_setr_epi32(0, 0, 3, 0, 0, 4, 0, 0);
+  const __m256i pc1 = _mm256_setr_epi32(2, 0, 0, 3, 0, 0, 4, 0);
+  const __m256i pa2 = _mm256_setr_epi32(0, 0, 6, 0, 0, 7, 0, 0);
+  const __m256i pb2 = _mm256_setr_epi32(5, 0, 0, 6, 0, 0, 7, 0);
+  const __m256i pc2 = _mm256_setr_epi32(0, 5, 0, 0, 6, 0, 0, 7);
+  int32_t x = 0;
+  for (; x + 8 <= w; x += 8) {
+    const __m256 h = _mm256_loadu_ps(gx + x);
+    const __m256 v = _mm256_loadu_ps(gy + x);
+    const __m256 a = _mm256_mul_ps(h, h);
+    const __m256 b = _mm256_mul_ps(v, h);
+    const __m256 c = _mm256_mul_ps(v, v);
+    float* o = s + 3 * x;
+    // Lanes by moment: out0 a.. b.. c.. at 0 3 6 | 1 4 7 | 2 5; out1 at 1 4 7 | 2 5 | 0 3 6;
+    // out2 at 2 5 | 0 3 6 | 1 4 7.
+    _mm256_storeu_ps(o, _mm256_blend_ps(_mm256_blend_ps(_mm256_permutevar8x32_ps(a, pa0),
+                                                        _mm256_permutevar8x32_ps(b, pb0), 0x92),
+                                        _mm256_permutevar8x32_ps(c, pc0), 0x24));
+    _mm256_storeu_ps(o + 8, _mm256_blend_ps(_mm256_blend_ps(_mm256_permutevar8x32_ps(a, pa1),
+                                                            _mm256_permutevar8x32_ps(b, pb1), 0x24),
+                                            _mm256_permutevar8x32_ps(c, pc1), 0x49));
+    _mm256_storeu_ps(o + 16, _mm256_blend_ps(_mm256_blend_ps(_mm256_permutevar8x32_ps(a, pa2),
+                                                             _mm256_permutevar8x32_ps(b, pb2), 0x49),
+                                             _mm256_permutevar8x32_ps(c, pc2), 0x92));
+  }
+  return x;
+}
+#endif
 
 // The mean of the one-sided differences that exist, the left (upper) term first. With no
 // term at all (a line of one sample) it is 0/0, a NaN, which no later stage acts on.
@@ -33,6 +102,7 @@ static void GradientsWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow,
   PLImage* gradY = args->Next<PLImage*>();
   const PLImage* image = args->Next<const PLImage*>();
   PLImage* structure = args->Next<PLImage*>();
+  const bool wide = args->Next<int32_t>() != 0;
   const int32_t w = image->width;
   const int32_t h = image->height;
   const float nan = std::numeric_limits<float>::quiet_NaN();
@@ -46,12 +116,19 @@ static void GradientsWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow,
       gx[0] = nan;
     } else {
       gx[0] = row[1] - row[0];
-      for (int32_t x = 1; x < w - 1; ++x)
-        gx[x] = ((row[x] - row[x - 1]) + (row[x + 1] - row[x])) / 2.0f;
+      int32_t x = 1;
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+      if (wide) x = GradientXWide(gx, row, w);
+#endif
+      for (; x < w - 1; ++x) gx[x] = ((row[x] - row[x - 1]) + (row[x + 1] - row[x])) / 2.0f;
       gx[w - 1] = row[w - 1] - row[w - 2];
     }
     if (up && down) {
-      for (int32_t x = 0; x < w; ++x) gy[x] = ((row[x] - up[x]) + (down[x] - row[x])) / 2.0f;
+      int32_t x = 0;
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+      if (wide) x = GradientYWide(gy, row, up, down, w);
+#endif
+      for (; x < w; ++x) gy[x] = ((row[x] - up[x]) + (down[x] - row[x])) / 2.0f;
     } else if (up) {
       for (int32_t x = 0; x < w; ++x) gy[x] = row[x] - up[x];
     } else if (down) {
@@ -59,20 +136,27 @@ static void GradientsWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow,
     } else {
       for (int32_t x = 0; x < w; ++x) gy[x] = nan;
     }
-    if (structure) MomentsRow(FRow(structure, y), gx, gy, w);
+    if (structure) MomentsRow(FRow(structure, y), gx, gy, w, wide);
   }
 }
 
 void ComputeGradients(PLImage* gradX, PLImage* gradY, const PLImage* image) {
   if (image->width < 1) return;
+  const int32_t wide = PLWideChosen() ? 1 : 0;
   PLForkImageRows(image->height, GradientsWorker, gradX, gradY, image,
-                  static_cast<PLImage*>(nullptr));
+                  static_cast<PLImage*>(nullptr), wide);
 }
 
 void ComputeGradientsAndMoments(PLImage* gradX, PLImage* gradY, PLImage* structure,
                                 const PLImage* image) {
+  ComputeGradientsAndMomentsOnPath(PLWideChosen(), gradX, gradY, structure, image);
+}
+
+void ComputeGradientsAndMomentsOnPath(bool wide, PLImage* gradX, PLImage* gradY,
+                                      PLImage* structure, const PLImage* image) {
   if (image->width < 1) return;
-  PLForkImageRows(image->height, GradientsWorker, gradX, gradY, image, structure);
+  const int32_t useWide = wide && PLWideAvailable() ? 1 : 0;
+  PLForkImageRows(image->height, GradientsWorker, gradX, gradY, image, structure, useWide);
 }
 
 // ---- Gate --------------------------------------------------------------------------------
@@ -114,13 +198,20 @@ static void MomentsWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow,
   PLImage* structure = args->Next<PLImage*>();
   const PLImage* gradX = args->Next<const PLImage*>();
   const PLImage* gradY = args->Next<const PLImage*>();
+  const bool wide = args->Next<int32_t>() != 0;
   const int32_t w = structure->width;
   for (int32_t y = firstRow; y <= lastRow; ++y)
-    MomentsRow(FRow(structure, y), FRow(gradX, y), FRow(gradY, y), w);
+    MomentsRow(FRow(structure, y), FRow(gradX, y), FRow(gradY, y), w, wide);
 }
 
-static void MomentsRow(float* s, const float* gx, const float* gy, int32_t w) {
-  for (int32_t x = 0; x < w; ++x) {
+static void MomentsRow(float* s, const float* gx, const float* gy, int32_t w, bool wide) {
+  int32_t x = 0;
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+  if (wide) x = MomentsRowWide(s, gx, gy, w);
+#else
+  (void)wide;
+#endif
+  for (; x < w; ++x) {
     s[3 * x] = gx[x] * gx[x];
     s[3 * x + 1] = gy[x] * gx[x];
     s[3 * x + 2] = gy[x] * gy[x];
@@ -128,7 +219,8 @@ static void MomentsRow(float* s, const float* gx, const float* gy, int32_t w) {
 }
 
 void ComputeMoments(PLImage* structure, const PLImage* gradX, const PLImage* gradY) {
-  PLForkImageRows(structure->height, MomentsWorker, structure, gradX, gradY);
+  const int32_t wide = PLWideChosen() ? 1 : 0;
+  PLForkImageRows(structure->height, MomentsWorker, structure, gradX, gradY, wide);
 }
 
 // ---- Residual ----------------------------------------------------------------------------

@@ -44,6 +44,11 @@ void ComputeMoments(PLImage* structure, const PLImage* gradX, const PLImage* gra
 // them (no gradient gate).
 void ComputeGradientsAndMoments(PLImage* gradX, PLImage* gradY, PLImage* structure,
                                 const PLImage* image);
+// The same on a chosen loop (wide: AVX2 where PLWideAvailable(); same bytes).
+// ComputeGradientsAndMoments, ComputeGradients and ComputeMoments take PLWideChosen().
+// For tests and benchmarks.
+void ComputeGradientsAndMomentsOnPath(bool wide, PLImage* gradX, PLImage* gradY,
+                                      PLImage* structure, const PLImage* image);
 
 // residual (2 channels) = (gx*d, d*gy), d = second(x - u, y - v) - first(x, y) sampled
 // bilinearly, or (0, 0) where the target is outside the frame (or not a number) and, with

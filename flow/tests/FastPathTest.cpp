@@ -128,3 +128,29 @@ TEST(FlowFastPath, SweepsWithFlowAndCacheOfOneLayout) {
       ExpectSameForAllWorkers([&] { return run(true); });
     }
 }
+
+// Gradients and moments: widths around the groups of eight (and lines of one sample, whose
+// NaN gradients take the plain loop on both paths), heights with and without rows above and
+// below, every row layout.
+TEST(FlowFastPath, GradientsAndMomentsSameOnBothLoops) {
+  uint32_t seed = 90;
+  for (int32_t w : {1, 2, 9, 10, 17, 26})
+    for (int32_t h : {1, 2, 5})
+      for (Layout layout : kLayouts) {
+        TestImage image = MakeImage(w, h, 1, PLFloat, layout);
+        FillRandom(image.get(), seed++, -100.0f, 100.0f);
+        auto run = [&](bool wide) {
+          TestImage gx = MakeImage(w, h, 1, PLFloat, layout);
+          TestImage gy = MakeImage(w, h, 1, PLFloat, layout);
+          TestImage st = MakeImage(w, h, 3, PLFloat, layout);
+          ComputeGradientsAndMomentsOnPath(wide, gx.get(), gy.get(), st.get(), image.get());
+          std::vector<unsigned char> bytes = PixelBytes(gx.get());
+          for (const TestImage* t : {&gy, &st}) {
+            const std::vector<unsigned char> more = PixelBytes(t->get());
+            bytes.insert(bytes.end(), more.begin(), more.end());
+          }
+          return bytes;
+        };
+        EXPECT_TRUE(run(false) == run(true)) << w << "x" << h << " " << LayoutName(layout);
+      }
+}
