@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <vector>
 
 #include "dissolve/PLFlowDissolve.h"
 #include "fill/PLSingleChannelFill.h"
@@ -82,6 +83,25 @@ float Ratio(int32_t toLast, int32_t fromLast) {
 
 // ---- Gather warp --------------------------------------------------------------------------
 
+// The flow's corner-aligned bilinear read of FloatGrid::Read, split into what depends on the
+// column (worked out once per worker) and on the row: the same operations in the same order,
+// so the same bits.
+struct FlowCell {
+  int32_t offset;  // bytes from the row start to the cell's left pixel
+  float t;         // fraction towards the right (or lower) pixel
+};
+
+inline FlowCell CellAt(float f, float last, int32_t lastIndex, int32_t bytesPerStep) {
+  f = !(f > 0.0f) ? 0.0f : f > last ? last : f;
+  int32_t i = static_cast<int32_t>(f);
+  float t = f - static_cast<float>(i);
+  if (i >= lastIndex) {
+    i = lastIndex - 1;
+    t = 1.0f;
+  }
+  return FlowCell{i * bytesPerStep, t};
+}
+
 template <class T, int32_t C>
 void GatherRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
   PLImage* dst = args->Next<PLImage*>();
@@ -91,7 +111,6 @@ void GatherRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* 
   PLImage* mask = args->Next<PLImage*>();
   const int32_t clampOutside = args->Next<int32_t>();
   const float share = *args->Next<const float*>();
-  const FloatGrid grid(flow);
   const float toFlowX = Ratio(flow->lastColumn, dst->lastColumn);
   const float toFlowY = Ratio(flow->lastRow, dst->lastRow);
   const float toDstX = Ratio(dst->lastColumn, flow->lastColumn);
@@ -99,12 +118,31 @@ void GatherRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* 
   const float lastX = static_cast<float>(src->lastColumn);
   const float lastY = static_cast<float>(src->lastRow);
   const int32_t bpp = src->bytesPerPixel, bps = src->bytesPerSample;
+  const int32_t flowBpp = flow->bytesPerPixel;
+  const float flowLastX = static_cast<float>(flow->lastColumn);
+  const float flowLastY = static_cast<float>(flow->lastRow);
+  std::vector<FlowCell> columns(static_cast<size_t>(dst->width));
+  for (int32_t x = 0; x < dst->width; ++x)
+    columns[x] = CellAt(static_cast<float>(x) * toFlowX, flowLastX, flow->lastColumn, flowBpp);
   for (int32_t y = firstRow; y <= lastRow; ++y) {
     unsigned char* out = dst->Row(y);
     unsigned char* maskRow = mask ? mask->Row(y) : nullptr;
+    const FlowCell row = CellAt(static_cast<float>(y) * toFlowY, flowLastY, flow->lastRow, 1);
+    const unsigned char* flow0 = flow->Row(row.offset);
+    const unsigned char* flow1 = flow->Row(row.offset + 1);
+    const float ty0 = row.t;
     for (int32_t x = 0; x < dst->width; ++x, out += dst->bytesPerPixel) {
+      const FlowCell cell = columns[x];
+      const unsigned char* f0 = flow0 + cell.offset;
+      const unsigned char* f1 = flow1 + cell.offset;
       float uv[2];
-      grid.Read(static_cast<float>(x) * toFlowX, static_cast<float>(y) * toFlowY, uv, 2);
+      for (int32_t c = 0; c < 2; ++c) {
+        float s00 = PLLoad<float>(f0 + 4 * c), s10 = PLLoad<float>(f0 + flowBpp + 4 * c);
+        float s01 = PLLoad<float>(f1 + 4 * c), s11 = PLLoad<float>(f1 + flowBpp + 4 * c);
+        float top = s00 + (s10 - s00) * cell.t;
+        float bottom = s01 + (s11 - s01) * cell.t;
+        uv[c] = top + (bottom - top) * ty0;
+      }
       float px = static_cast<float>(x) + share * (uv[0] * toDstX);
       float py = static_cast<float>(y) + share * (uv[1] * toDstY);
       bool inside = px >= 0.0f && px <= lastX && py >= 0.0f && py <= lastY;
@@ -185,6 +223,9 @@ void MixRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* arg
     unsigned char* out = dst->Row(y);
     const unsigned char* pa = a->Row(y);
     const unsigned char* pb = b->Row(y);
+    const unsigned char* rowA = maskA ? maskA->Row(y) : nullptr;
+    const unsigned char* rowB = maskB ? maskB->Row(y) : nullptr;
+    unsigned char* rowHoles = holes ? holes->Row(y) : nullptr;
     for (int32_t x = 0; x < dst->width; ++x) {
       float share = f;
       if (agreement) {
@@ -204,11 +245,11 @@ void MixRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* arg
         }
         share = t <= lo ? 1.0f : t >= hi ? 0.0f : 1.0f - (t - lo) / (hi - lo);
       }
-      bool coveredA = !maskA || maskA->Row(y)[x] != 0;
-      bool coveredB = !maskB || maskB->Row(y)[x] != 0;
+      bool coveredA = !rowA || rowA[x] != 0;
+      bool coveredB = !rowB || rowB[x] != 0;
       if (coveredA && !coveredB) share = 0.0f;
       if (coveredB && !coveredA) share = 1.0f;
-      if (holes) holes->Row(y)[x] = coveredA || coveredB ? 0 : 255;
+      if (rowHoles) rowHoles[x] = coveredA || coveredB ? 0 : 255;
       const unsigned char* sa = pa + x * a->bytesPerPixel;
       const unsigned char* sb = pb + x * b->bytesPerPixel;
       unsigned char* so = out + x * dst->bytesPerPixel;
