@@ -434,7 +434,10 @@ class FrameLoop {
   // the plug-in, so that this thread only runs the plug-in.
   bool Load(const FrameRead& read, Frame* frame, std::string* error) {
     const std::string path = InputPath(setup_.range, read);
-    if (!SourceOf(setup_.range, read).Read(setup_.range.clip.first + read.offset, frame, error))
+    // Half files stay half on the way to the plug-in's half format and back to the output,
+    // unless the colour stage needs floats.
+    if (!SourceOf(setup_.range, read)
+             .Read(setup_.range.clip.first + read.offset, frame, error, !setup_.linear.Active()))
       return false;
     if (frame->info.width != setup_.info.width || frame->info.height != setup_.info.height) {
       *error = Quote(path) + " changed size while the run was under way";
@@ -502,8 +505,7 @@ class FrameLoop {
     // Other channels come from the input frame as stored.
     std::shared_ptr<const Frame> input = inputs.at({kFrontClip, planned.offset});
     pipeline_.Write([this, i, input, bytes, flow](std::string* error) {
-      Frame out = *input;
-      UnpackColour(bytes->data(), setup_.formatCode, &out);
+      Frame out = WithColourFrom(*input, bytes->data(), setup_.formatCode);
       setup_.linear.Out(&out);
       const bool replace = options_.overwrite || options_.skipExisting;
       if (flow && !WriteFlowFiles(*flow, setup_.plan.clip, setup_.info, options_, replace, error))

@@ -73,8 +73,8 @@ bool ClipSource::ReadInfo(int64_t number, FrameInfo* info, std::string* error) {
   return true;
 }
 
-bool ClipSource::Read(int64_t number, Frame* frame, std::string* error) {
-  if (!movie_) return ReadFrame(PathOf(number), frame, error);
+bool ClipSource::Read(int64_t number, Frame* frame, std::string* error, bool keepHalves) {
+  if (!movie_) return ReadFrame(PathOf(number), frame, error, keepHalves);
   if (!Exists(number)) return ReadInfo(number, &frame->info, error);
   if (number == kMovieFirstFrame) {
     *frame = *first_;
@@ -119,8 +119,17 @@ bool ClipSink::Prepare(const SequencePattern& output, const ClipSource& input,
 
 bool ClipSink::Write(const std::string& path, const Frame& frame, bool overwrite,
                      std::string* error) {
+  if (frame.HoldsHalves() && (movie_ || depth_ != SampleDepth::kHalf)) {
+    // Other depths and movies are written from floats (the same values).
+    Frame floats = frame;
+    SamplesAsFloats(&floats);
+    return Write(path, floats, overwrite, error);
+  }
   if (!movie_) {
     OIIO::ImageSpec imageSpec = OutputSpec(frame.info, depth_);
+    if (frame.HoldsHalves())
+      return WriteImageSafely(path, imageSpec, OIIO::TypeDesc::HALF, frame.halves.data(),
+                              overwrite, error);
     return WriteImageSafely(path, imageSpec, OIIO::TypeDesc::FLOAT, frame.pixels.data(), overwrite,
                             error);
   }

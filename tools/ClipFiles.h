@@ -38,7 +38,9 @@ class ClipSource {
   bool Exists(int64_t number) const;
   // The header of frame `number` (a movie: its first frame's), and the frame itself.
   bool ReadInfo(int64_t number, FrameInfo* info, std::string* error);
-  bool Read(int64_t number, Frame* frame, std::string* error);
+  // With keepHalves, a file whose channels are all half is held as halves (see Frame); a
+  // movie's frames are floats.
+  bool Read(int64_t number, Frame* frame, std::string* error, bool keepHalves = false);
 
  private:
   SequencePattern pattern_;
@@ -72,7 +74,8 @@ class ClipSink {
   bool IsMovie() const { return movie_; }
   // The depth the output is written at.
   SampleDepth Depth() const { return depth_; }
-  // Writes one output frame: to `path` (a file), or as the movie's next frame.
+  // Writes one output frame: to `path` (a file), or as the movie's next frame. A frame held
+  // as halves goes to a half file as it is.
   bool Write(const std::string& path, const Frame& frame, bool overwrite, std::string* error);
   // A movie: flushed, synced and renamed into place. Files: nothing to do.
   bool Finish(std::string* error);
@@ -98,11 +101,16 @@ class LinearStage {
   const std::string& Space() const { return light_.Space(); }
   // The plug-in format for a depth: 49 while active, else the depth's own (24, 48, 49).
   int32_t FormatCode(SampleDepth depth) const;
+  // The conversions work on floats: a frame held as halves is turned into floats first.
   void In(Frame* frame) const {
-    if (active_) light_.ToLinear(frame);
+    if (!active_) return;
+    SamplesAsFloats(frame);
+    light_.ToLinear(frame);
   }
   void Out(Frame* frame) const {
-    if (active_) light_.FromLinear(frame);
+    if (!active_) return;
+    SamplesAsFloats(frame);
+    light_.FromLinear(frame);
   }
 
  private:

@@ -6,7 +6,9 @@ namespace flowblur {
 FrameCache::FrameCache(int64_t budgetBytes) : budget_(budgetBytes > 0 ? budgetBytes : 0) {}
 
 int64_t FrameCache::BytesOf(const Frame& frame) {
-  return static_cast<int64_t>(frame.pixels.size() * sizeof(float)) + 1024;
+  return static_cast<int64_t>(frame.pixels.size() * sizeof(float) +
+                              frame.halves.size() * sizeof(uint16_t)) +
+         1024;
 }
 
 std::shared_ptr<const Frame> FrameCache::Find(int64_t frame, int32_t stream) {

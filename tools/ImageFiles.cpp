@@ -349,7 +349,7 @@ bool ReadFrameInfo(const std::string& path, FrameInfo* info, std::string* error)
 namespace {
 
 bool ReadFrameFrom(const std::string& path, OIIO::Filesystem::IOProxy* proxy, Frame* frame,
-                   std::string* error) {
+                   std::string* error, bool keepHalves) {
   OIIO::ImageSpec imageSpec;
   std::string why;
   auto in = OpenToRead(path, ReadConfig(), &imageSpec, &why, proxy);
@@ -358,13 +358,25 @@ bool ReadFrameFrom(const std::string& path, OIIO::Filesystem::IOProxy* proxy, Fr
     return false;
   }
   if (!ClassifyFrame(path, imageSpec, &frame->info, error)) return false;
-  frame->pixels.assign(static_cast<size_t>(imageSpec.width) * imageSpec.height * imageSpec.nchannels, 0.0f);
-  bool ok = in->read_image(0, 0, 0, imageSpec.nchannels, OIIO::TypeDesc::FLOAT, frame->pixels.data());
+  const size_t samples =
+      static_cast<size_t>(imageSpec.width) * imageSpec.height * imageSpec.nchannels;
+  bool ok;
+  frame->pixels = std::vector<float>();
+  frame->halves = std::vector<uint16_t>();
+  if (keepHalves && AllChannelsHalf(imageSpec)) {
+    // The file's own samples: the reader copies them without converting any.
+    frame->halves.resize(samples);
+    ok = in->read_image(0, 0, 0, imageSpec.nchannels, OIIO::TypeDesc::HALF, frame->halves.data());
+  } else {
+    frame->pixels.resize(samples);
+    ok = in->read_image(0, 0, 0, imageSpec.nchannels, OIIO::TypeDesc::FLOAT, frame->pixels.data());
+  }
   // Some readers fill what a truncated file lacks and only warn: any error they left counts.
   std::string e = in->geterror();
   if (!ok || !e.empty()) {
     *error = "cannot read " + Quote(path) + ": " + (e.empty() ? "read failed" : FirstLine(e));
     frame->pixels = std::vector<float>();
+    frame->halves = std::vector<uint16_t>();
     return false;
   }
   in->close();
@@ -373,8 +385,14 @@ bool ReadFrameFrom(const std::string& path, OIIO::Filesystem::IOProxy* proxy, Fr
 
 }  // namespace
 
-bool ReadFrame(const std::string& path, Frame* frame, std::string* error) {
-  return ReadFrameFrom(path, nullptr, frame, error);
+bool ReadFrame(const std::string& path, Frame* frame, std::string* error, bool keepHalves) {
+  return ReadFrameFrom(path, nullptr, frame, error, keepHalves);
+}
+
+bool AllChannelsHalf(const OIIO::ImageSpec& imageSpec) {
+  bool allHalf = imageSpec.format == OIIO::TypeDesc::HALF;
+  for (OIIO::TypeDesc channel : imageSpec.channelformats) allHalf &= channel == OIIO::TypeDesc::HALF;
+  return allHalf;
 }
 
 bool ReadFrameFromMemory(const std::string& name, const void* bytes, size_t size, Frame* frame,
@@ -384,7 +402,7 @@ bool ReadFrameFromMemory(const std::string& name, const void* bytes, size_t size
     return false;
   }
   OIIO::Filesystem::IOMemReader proxy(bytes, size);
-  return ReadFrameFrom(name, &proxy, frame, error);
+  return ReadFrameFrom(name, &proxy, frame, error, false);
 }
 
 int64_t PackedFrameBytes(int32_t width, int32_t height, int32_t formatCode) {
@@ -437,7 +455,58 @@ void FloatsToHalves(const float* in, uint16_t* out, size_t n) {
 
 void FloatsToHalfBits(const float* in, uint16_t* out, size_t n) { FloatsToHalves(in, out, n); }
 
+namespace {
+
+float HalfValue(uint16_t bits) {
+  Imath::half h;
+  h.setBits(bits);
+  return static_cast<float>(h);
+}
+
+// Colour in channels 0, 1, 2 and nothing else: the packed plug-in frame is the frame itself.
+bool PlainRgb(const FrameInfo& f) {
+  return f.channels == 3 && !f.grey && f.colour[0] == 0 && f.colour[1] == 1 && f.colour[2] == 2;
+}
+
+// A frame held as halves into a plug-in format: for 49 the bits as they are; the integer
+// formats from their exact float values, as from a frame held as floats.
+void PackHalves(const Frame& frame, int32_t formatCode, void* packed) {
+  const FrameInfo& f = frame.info;
+  const size_t pixels = static_cast<size_t>(f.width) * f.height;
+  const uint16_t* src = frame.halves.data();
+  if (formatCode == 49) {
+    uint16_t* to = static_cast<uint16_t*>(packed);
+    if (PlainRgb(f)) {
+      std::memcpy(to, src, pixels * 3 * sizeof(uint16_t));
+      return;
+    }
+    for (size_t i = 0; i < pixels; ++i)
+      for (int c = 0; c < 3; ++c) to[i * 3 + c] = src[i * f.channels + f.colour[c]];
+    return;
+  }
+  const bool eight = formatCode == 24 || formatCode == 25;
+  for (size_t i = 0; i < pixels; ++i)
+    for (int c = 0; c < 3; ++c) {
+      const float v = HalfValue(src[i * f.channels + f.colour[c]]);
+      if (eight)
+        static_cast<uint8_t*>(packed)[i * 3 + c] = To8(v);
+      else
+        static_cast<uint16_t*>(packed)[i * 3 + c] = To16(v);
+    }
+}
+
+}  // namespace
+
+void SamplesAsFloats(Frame* frame) {
+  if (!frame->HoldsHalves()) return;
+  std::vector<float> pixels(frame->halves.size());
+  for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = HalfValue(frame->halves[i]);
+  frame->pixels = std::move(pixels);
+  frame->halves = std::vector<uint16_t>();
+}
+
 void PackColour(const Frame& frame, int32_t formatCode, void* packed) {
+  if (frame.HoldsHalves()) return PackHalves(frame, formatCode, packed);
   const FrameInfo& f = frame.info;
   size_t pixels = static_cast<size_t>(f.width) * f.height;
   const float* src = frame.pixels.data();
@@ -454,42 +523,64 @@ void PackColour(const Frame& frame, int32_t formatCode, void* packed) {
     }
     return;
   }
+  const bool eight = formatCode == 24 || formatCode == 25;
   for (size_t i = 0; i < pixels; ++i) {
     const float* p = src + i * f.channels;
     for (int c = 0; c < 3; ++c) {
       float v = p[f.colour[c]];
-      if (formatCode == 24 || formatCode == 25) {
+      if (eight)
         static_cast<uint8_t*>(packed)[i * 3 + c] = To8(v);
-      } else if (formatCode == 49) {
-        static_cast<uint16_t*>(packed)[i * 3 + c] = Imath::half(v).bits();
-      } else {
+      else
         static_cast<uint16_t*>(packed)[i * 3 + c] = To16(v);
-      }
     }
   }
 }
 
 void UnpackColour(const void* packed, int32_t formatCode, Frame* frame) {
   const FrameInfo& f = frame->info;
-  size_t pixels = static_cast<size_t>(f.width) * f.height;
-  float* dst = frame->pixels.data();
-  int channels = f.grey ? 1 : 3;
-  for (size_t i = 0; i < pixels; ++i) {
-    float* p = dst + i * f.channels;
-    for (int c = 0; c < channels; ++c) {
-      float v;
-      if (formatCode == 24 || formatCode == 25) {
-        v = static_cast<float>(static_cast<const uint8_t*>(packed)[i * 3 + c]) / 255.0f;
-      } else if (formatCode == 49) {
-        Imath::half h;
-        h.setBits(static_cast<const uint16_t*>(packed)[i * 3 + c]);
-        v = static_cast<float>(h);
-      } else {
-        v = static_cast<float>(static_cast<const uint16_t*>(packed)[i * 3 + c]) / 65535.0f;
-      }
-      p[f.colour[c]] = v;
-    }
+  const size_t pixels = static_cast<size_t>(f.width) * f.height;
+  const int channels = f.grey ? 1 : 3;
+  if (frame->HoldsHalves() && formatCode == 49) {
+    // The result's bits as they are: what a float frame would hold, converted back.
+    const uint16_t* from = static_cast<const uint16_t*>(packed);
+    uint16_t* dst = frame->halves.data();
+    for (size_t i = 0; i < pixels; ++i)
+      for (int c = 0; c < channels; ++c) dst[i * f.channels + f.colour[c]] = from[i * 3 + c];
+    return;
   }
+  SamplesAsFloats(frame);
+  float* dst = frame->pixels.data();
+  // One loop a format, so that the choice is not made again for every sample.
+  auto unpack = [&](auto value) {
+    for (size_t i = 0; i < pixels; ++i) {
+      float* p = dst + i * f.channels;
+      for (int c = 0; c < channels; ++c) p[f.colour[c]] = value(i * 3 + c);
+    }
+  };
+  if (formatCode == 24 || formatCode == 25) {
+    const uint8_t* from = static_cast<const uint8_t*>(packed);
+    unpack([from](size_t k) { return static_cast<float>(from[k]) / 255.0f; });
+  } else if (formatCode == 49) {
+    const uint16_t* from = static_cast<const uint16_t*>(packed);
+    unpack([from](size_t k) { return HalfValue(from[k]); });
+  } else {
+    const uint16_t* from = static_cast<const uint16_t*>(packed);
+    unpack([from](size_t k) { return static_cast<float>(from[k]) / 65535.0f; });
+  }
+}
+
+Frame WithColourFrom(const Frame& input, const void* packed, int32_t formatCode) {
+  Frame out;
+  out.info = input.info;
+  if (input.HoldsHalves() && formatCode == 49 && PlainRgb(input.info)) {
+    // Every sample comes from the result.
+    out.halves.resize(input.halves.size());
+    std::memcpy(out.halves.data(), packed, out.halves.size() * sizeof(uint16_t));
+    return out;
+  }
+  out = input;
+  UnpackColour(packed, formatCode, &out);
+  return out;
 }
 
 OIIO::ImageSpec OutputSpec(const FrameInfo& input, SampleDepth depth) {
@@ -589,9 +680,7 @@ bool WriteImageSafely(const std::string& path, const OIIO::ImageSpec& imageSpec,
   // Floats for a file of halves are converted here, eight at a time where the processor can,
   // to the bits the writer's own conversion gives; the writer then copies them.
   std::vector<uint16_t> halves;
-  bool allHalf = imageSpec.format == OIIO::TypeDesc::HALF;
-  for (OIIO::TypeDesc channel : imageSpec.channelformats) allHalf &= channel == OIIO::TypeDesc::HALF;
-  if (type == OIIO::TypeDesc::FLOAT && allHalf && imageSpec.depth <= 1) {
+  if (type == OIIO::TypeDesc::FLOAT && AllChannelsHalf(imageSpec) && imageSpec.depth <= 1) {
     halves.resize(static_cast<size_t>(imageSpec.image_pixels()) * imageSpec.nchannels);
     FloatsToHalves(static_cast<const float*>(pixels), halves.data(), halves.size());
     type = OIIO::TypeDesc::HALF;

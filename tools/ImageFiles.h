@@ -51,11 +51,22 @@ constexpr int64_t kMaxFrameSamples = int64_t{1} << 28;
 
 // A whole frame in memory: every channel as float, interleaved, rows packed, row 0 on top.
 // Samples are as stored: alpha is neither multiplied in nor divided out.
+// A frame read with keepHalves whose channels are all half holds their bits in `halves`
+// instead (same layout) and `pixels` is empty: the file's own samples at half the memory,
+// with no conversion on the way to the plug-in's half format or back to a half file. Every
+// half is exactly a float, so the two forms give the same bits wherever they meet (the
+// packed frames, the written files); SamplesAsFloats turns one into the other.
 struct Frame {
   FrameInfo info;
   std::vector<float> pixels;
+  std::vector<uint16_t> halves{};
+  bool HoldsHalves() const { return !halves.empty(); }
 };
-bool ReadFrame(const std::string& path, Frame* frame, std::string* error);
+bool ReadFrame(const std::string& path, Frame* frame, std::string* error, bool keepHalves = false);
+// A frame held as halves becomes one held as floats (the same values); others are left alone.
+void SamplesAsFloats(Frame* frame);
+// Whether every channel of a header is half.
+bool AllChannelsHalf(const OIIO::ImageSpec& imageSpec);
 // ReadFrame from `size` bytes in memory; `name` chooses the reader by its extension and names
 // the frame in messages.
 bool ReadFrameFromMemory(const std::string& name, const void* bytes, size_t size, Frame* frame,
@@ -71,7 +82,12 @@ int64_t PackedFrameBytes(int32_t width, int32_t height, int32_t formatCode);
 void PackColour(const Frame& frame, int32_t formatCode, void* packed);
 // A packed plug-in result back into the colour channels of `frame` (every other channel is
 // left alone). For a grey frame the first of the three channels becomes the grey channel.
+// A frame held as halves stays so for 49 (the bits go in as they are) and is turned into
+// floats first for the other formats.
 void UnpackColour(const void* packed, int32_t formatCode, Frame* frame);
+// UnpackColour on a copy of `input`, without copying the samples the result replaces (an RGB
+// frame without other channels takes none of `input`'s).
+Frame WithColourFrom(const Frame& input, const void* packed, int32_t formatCode);
 
 // The image description an output frame is written with: the input's, with its metadata
 // (colour space, pixel aspect, timecode, ...), samples marked as stored (no alpha
