@@ -61,8 +61,11 @@ class MemoryChronar : public NuvChronar4 {
   void MapTime(float t, float* s) override { *s = timeMap(t); }
   int32_t FrameKind(float t) override { return kind(t); }
   int32_t GetWarpStyle() override { return warpStyle; }
-  int32_t UseEdgeBlend() override { return edgeBlend; }
-  int32_t HintCount(float, float, int32_t) override { return hintMotion[0] != 0.0f ? 1 : 0; }
+  // Unless a test sets them, the engine's own defaults answer.
+  int32_t UseEdgeBlend() override { return edgeBlend ? 1 : NuvChronar4::UseEdgeBlend(); }
+  int32_t HintCount(float a, float b, int32_t layer) override {
+    return hintMotion[0] != 0.0f ? 1 : NuvChronar4::HintCount(a, b, layer);
+  }
   void GetHints(float first, float second, int32_t, int32_t, int32_t* count, const float** x0,
                 const float** y0, const float** x1, const float** y1) override {
     const float d = second - first;
@@ -77,7 +80,7 @@ class MemoryChronar : public NuvChronar4 {
     *y1 = &hint_[3];
   }
   int32_t OverrideAmount(float* amount) override {
-    if (!overrideAmount) return 0;
+    if (!overrideAmount) return NuvChronar4::OverrideAmount(amount);
     *amount = overrideAmountValue;
     return 1;
   }
@@ -156,16 +159,17 @@ inline void AddMovingFrames(MemoryChronar* c, int32_t count, int32_t w, int32_t 
   }
 }
 
-// An output image with a view on it.
+// An image with its wrapper and a view on it, as a caller of an engine holds them.
 struct Output {
-  Owned image;
-  std::unique_ptr<NuvImageInternal> wrapper;
+  pltest::TestImage image;
+  NuvImageInternal wrap;
   NuvImage view;
-  Output(int32_t w, int32_t h, int32_t channels, int32_t type)
-      : image(NewOwned(w, h, channels, type)), wrapper(new NuvImageInternal(image.get())) {
-    view.Attach(wrapper.get());
+  Output(int32_t w, int32_t h, int32_t channels, int32_t type, int32_t flipped = 0, int32_t pad = 0)
+      : image(pltest::MakeImage(w, h, channels, type, flipped, pad)), wrap(image.get()) {
+    view.Attach(&wrap);
   }
-  PLImage* get() const { return wrapper.get(); }
+  PLImage* get() const { return image.get(); }
+  NuvImage* v() { return &view; }
 };
 
 }  // namespace chronartest

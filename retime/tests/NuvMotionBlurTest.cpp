@@ -10,6 +10,7 @@
 #include "blur/PLMotionBlur.h"
 #include "filter/PLBlend.h"
 #include "retime/NuvMotionBlur.h"
+#include "retime/tests/ChronarTestSupport.h"
 #include "tests/support/PLTestImages.h"
 #include "tests/support/PLTestTexture.h"
 
@@ -21,18 +22,7 @@ using pltest::Set;
 
 namespace {
 
-// An image with its wrapper and a view on it, as a caller of the engine holds them.
-struct Picture {
-  pltest::TestImage image;
-  NuvImageInternal wrap;
-  NuvImage view;
-  Picture(int32_t w, int32_t h, int32_t channels, int32_t type, int32_t flipped = 0, int32_t pad = 0)
-      : image(MakeImage(w, h, channels, type, flipped, pad)), wrap(image.get()) {
-    view.Attach(&wrap);
-  }
-  PLImage* get() const { return image.get(); }
-  NuvImage* v() { return &view; }
-};
+using Picture = chronartest::Output;
 
 double White(int32_t type) { return type == PLUChar ? 255.0 : type == PLUShort ? 65535.0 : 1.0; }
 
@@ -187,15 +177,12 @@ TEST_P(Layered, ZeroAmountsGiveTheSourceBack) {
   }
 }
 
-// Blurring only the moving square leaves the background away from it untouched. A second
-// render with the same keys and still pictures keeps the flow; a new stamp does not.
-TEST_P(Layered, AmountsActPerLayerAndFlowIsKept) {
+// Blurring only the moving square leaves the background away from it untouched.
+TEST_P(Layered, AmountsActPerLayer) {
   LayerScene s(44, 34, GetParam(), 1, 4);
   const float squareOnly[1] = {1.0f};
   NuvMotionBlur mb;
   ASSERT_EQ(s.Render(&mb, squareOnly, 0.0f), 0);
-  pltest::TestImage first = MakeImage(s.w, s.h, 4, s.type);
-  pltest::CopyPixels(first.get(), s.dst.get());
   bool squareChanged = false;
   for (int32_t y = 0; y < s.h; ++y)
     for (int32_t x = 0; x < s.w; ++x)
@@ -207,12 +194,6 @@ TEST_P(Layered, AmountsActPerLayerAndFlowIsKept) {
         if (x >= 10 && x < 22 && y >= 8 && y < 20 && !same) squareChanged = true;
       }
   EXPECT_TRUE(squareChanged);
-  Paint(s.b.get(), 0.0);
-  pltest::CopyPixels(s.sm[0]->get(), s.fm[0]->get());
-  ASSERT_EQ(s.Render(&mb, squareOnly, 0.0f), 0);
-  EXPECT_TRUE(SamePixels(s.dst.get(), first.get()));
-  ASSERT_EQ(s.Render(&mb, squareOnly, 0.0f, 1.0f), 0);
-  EXPECT_FALSE(SamePixels(s.dst.get(), first.get()));
 }
 
 // ---- orders, refusals, failures, workers ----
