@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "image/PLImage.h"
@@ -87,7 +88,8 @@ inline void FillRandom(PLImage* im, uint32_t seed, float lo, float hi) {
   std::mt19937 rng(seed);
   for (int32_t y = 0; y < im->height; ++y)
     for (int32_t i = 0; i < im->width * im->channels; ++i)
-      PLStore<float>(im->Row(y) + 4 * i, lo + (hi - lo) * static_cast<float>(rng() % 100000) / 100000.0f);
+      PLStore<float>(im->Row(y) + 4 * i,
+                     lo + (hi - lo) * static_cast<float>(rng() % 100000) / 100000.0f);
 }
 
 // Sample c of pixel (x, y) as a float (exact for the three working types).
@@ -142,26 +144,22 @@ inline ::testing::AssertionResult SamePixels(const PLImage* a, const PLImage* b)
     return ::testing::AssertionFailure() << "shapes differ";
   int64_t differing = 0;
   double maxDiff = 0.0;
-  int32_t fx = -1, fy = -1, fc = -1;
+  std::string first;
   for (int32_t y = 0; y < a->height; ++y)
     for (int32_t x = 0; x < a->width; ++x)
       for (int32_t c = 0; c < a->channels; ++c) {
         const unsigned char* pa = a->PixelAddress(x, y) + c * a->bytesPerSample;
         const unsigned char* pb = b->PixelAddress(x, y) + c * b->bytesPerSample;
-        if (std::memcmp(pa, pb, a->bytesPerSample) != 0) {
-          if (differing++ == 0) {
-            fx = x;
-            fy = y;
-            fc = c;
-          }
-          double d = std::fabs(Get(a, x, y, c) - Get(b, x, y, c));
-          if (!(d <= maxDiff)) maxDiff = d;
-        }
+        if (std::memcmp(pa, pb, a->bytesPerSample) == 0) continue;
+        if (differing++ == 0)
+          first = "(" + std::to_string(x) + ", " + std::to_string(y) + ") channel " +
+                  std::to_string(c);
+        const double d = std::fabs(Get(a, x, y, c) - Get(b, x, y, c));
+        if (!(d <= maxDiff)) maxDiff = d;  // a NaN difference counts as the largest
       }
   if (differing == 0) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << differing << " samples differ, first at (" << fx << ", "
-                                       << fy << ") channel " << fc << ", max difference "
-                                       << maxDiff;
+  return ::testing::AssertionFailure() << differing << " samples differ, first at " << first
+                                       << ", max difference " << maxDiff;
 }
 
 // Row padding, and the spare bytes after the last row, must stay as filled (0xCD).
@@ -198,13 +196,6 @@ struct WorkerGuard {
   ~WorkerGuard() { PLTestUseWorkers(1); }
 };
 
-// Runs `op(dst, src)` on random 29 x 150 images (so that 8 workers split them) in each
-// layout of dst for every worker count, and expects the bytes of one worker, with the
-// padding untouched. `padded` false skips the padded layouts.
-template <class Op>
-void ExpectRowOpSameForAllWorkers(const char* name, int32_t dstType, int32_t srcType,
-                                  int32_t channels, Op op, bool padded = true);
-
 // The pixel bytes of an image in row order, padding left out.
 inline std::vector<unsigned char> PixelBytes(const PLImage* im) {
   std::vector<unsigned char> out;
@@ -217,9 +208,12 @@ inline std::vector<unsigned char> PixelBytes(const PLImage* im) {
   return out;
 }
 
+// Runs `op(dst, src)` on random 29 x 150 images (so that 8 workers split them) in each
+// layout of dst for every worker count, and expects the bytes of one worker, with the
+// padding untouched. `padded` false skips the padded layouts.
 template <class Op>
 void ExpectRowOpSameForAllWorkers(const char* name, int32_t dstType, int32_t srcType,
-                                  int32_t channels, Op op, bool padded) {
+                                  int32_t channels, Op op, bool padded = true) {
   WorkerGuard guard;
   for (Layout layout : kLayouts) {
     if (!padded && (layout == kPadded || layout == kPaddedFlipped)) continue;
@@ -227,7 +221,8 @@ void ExpectRowOpSameForAllWorkers(const char* name, int32_t dstType, int32_t src
     for (int32_t workers : kPLTestWorkerCounts) {
       PLTestUseWorkers(workers);
       TestImage dst = MakeImage(29, 150, channels, dstType, layout);
-      TestImage src = MakeImage(29, 150, channels, srcType, layout == kPlain ? kPaddedFlipped : kPlain);
+      const Layout srcLayout = layout == kPlain ? kPaddedFlipped : kPlain;
+      TestImage src = MakeImage(29, 150, channels, srcType, srcLayout);
       FillRandom(dst.get(), 21, -1.0f, 1.0f);
       FillRandom(src.get(), 22, -0.5f, 1.5f);
       op(dst.get(), src.get());
