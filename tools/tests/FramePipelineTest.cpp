@@ -18,6 +18,12 @@
 namespace flowblur {
 namespace {
 
+// Raises `most` to `now` if it is higher (several threads may race to do so).
+void Raise(std::atomic<int>& most, int now) {
+  for (int seen = most; now > seen && !most.compare_exchange_weak(seen, now);) {
+  }
+}
+
 // A read that makes a one-sample frame naming its read, after a short, varying pause so that
 // background reads end out of order; it counts the frames decoded and not yet taken.
 struct Reader {
@@ -30,9 +36,7 @@ struct Reader {
 
   FramePipeline::ReadJob Job() {
     return [this](const FrameRead& read, Frame* frame, std::string* error) {
-      const int now = ++running;
-      for (int most = mostRunning; now > most && !mostRunning.compare_exchange_weak(most, now);) {
-      }
+      Raise(mostRunning, ++running);
       {
         std::lock_guard<std::mutex> lock(mu);
         order.push_back(read.offset);
@@ -46,10 +50,7 @@ struct Reader {
         return false;
       }
       frame->pixels.assign(1, static_cast<float>(read.clip * 1000 + read.offset));
-      const int waiting = ++decoded - taken;
-      for (int most = mostWaiting; waiting > most &&
-                                   !mostWaiting.compare_exchange_weak(most, waiting);) {
-      }
+      Raise(mostWaiting, ++decoded - taken);
       return true;
     };
   }
@@ -98,9 +99,7 @@ TEST_P(PipelineShapes, FramesInOrderWritesRetiredInOrderAndBothBounded) {
       ASSERT_EQ(frame.pixels, std::vector<float>{static_cast<float>(reads[i].clip * 1000 + i)});
       auto held = std::make_shared<Held>(&alive);
       const int64_t number = pipeline.Write([&, i, held](std::string*) {
-        const int now = ++writing;
-        for (int most = mostWriting; now > most && !mostWriting.compare_exchange_weak(most, now);) {
-        }
+        Raise(mostWriting, ++writing);
         std::this_thread::sleep_for(std::chrono::microseconds(100 * (i % 4)));
         written[i] = static_cast<int64_t>(i);
         --writing;
@@ -108,9 +107,7 @@ TEST_P(PipelineShapes, FramesInOrderWritesRetiredInOrderAndBothBounded) {
       });
       held.reset();
       EXPECT_EQ(number, static_cast<int64_t>(i));
-      const int now = alive;
-      for (int most = mostAlive; now > most && !mostAlive.compare_exchange_weak(most, now);) {
-      }
+      Raise(mostAlive, alive);
       FramePipeline::Outcome outcome;
       while (pipeline.Retire(false, &outcome)) EXPECT_EQ(outcome.number, retired++);
     }
@@ -158,41 +155,31 @@ TEST_P(PipelineShapes, AFailedReadIsReportedWhenItsFrameIsTaken) {
 TEST_P(PipelineShapes, AfterAFailedWriteTheQueuedOnesAreDroppedAndAllRetireInOrder) {
   FramePipeline pipeline(Settings(), {}, nullptr);
   std::atomic<int> ran{0};
-  constexpr int64_t kWrites = 10;
-  int64_t retired = 0, ok = 0, dropped = 0;
+  int64_t retired = 0, dropped = 0;
   bool failed = false;
-  for (int64_t i = 0; i < kWrites; ++i) {
-    pipeline.Write([&ran, i](std::string* error) {
-      ++ran;
-      if (i != 3) return true;
-      *error = "no space left";
-      return false;
-    });
+  auto retire = [&](bool wait) {
     FramePipeline::Outcome outcome;
-    while (!failed && pipeline.Retire(false, &outcome)) {
+    while (pipeline.Retire(wait, &outcome)) {
       EXPECT_EQ(outcome.number, retired++);
-      if (!outcome.ok) {
+      if (outcome.number == 3) {
         EXPECT_EQ(outcome.error, "no space left");
         failed = true;
         pipeline.CancelQueuedWrites();
+      } else if (!outcome.ok) {
+        EXPECT_EQ(outcome.error, "not written: an earlier write failed");
+        ++dropped;
       }
     }
-    if (failed) break;
+  };
+  for (int64_t i = 0; i < 10 && !failed; ++i) {
+    pipeline.Write([&ran, i](std::string* error) {
+      ++ran;
+      if (i == 3) *error = "no space left";
+      return i != 3;
+    });
+    retire(false);
   }
-  FramePipeline::Outcome outcome;
-  while (pipeline.Retire(true, &outcome)) {
-    EXPECT_EQ(outcome.number, retired++);
-    if (outcome.ok) {
-      ++ok;
-    } else if (outcome.number == 3) {
-      EXPECT_EQ(outcome.error, "no space left");
-      failed = true;
-      pipeline.CancelQueuedWrites();
-    } else {
-      EXPECT_EQ(outcome.error, "not written: an earlier write failed");
-      ++dropped;
-    }
-  }
+  retire(true);
   EXPECT_TRUE(failed);
   EXPECT_EQ(pipeline.Outstanding(), 0);
   // Every write that ran is accounted for, and a dropped one never ran.

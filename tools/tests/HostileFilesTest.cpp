@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -29,11 +30,9 @@ std::string ValidFile(const test::TempDir& dir, const std::string& ext, int32_t 
                                                                         : SampleDepth::k16;
   OIIO::ImageSpec imageSpec(w, h, 3, TypeFor(depth));
   std::string path = dir / ("valid." + ext), error;
-  unlink(path.c_str());
   EXPECT_TRUE(WriteImageSafely(path, imageSpec, OIIO::TypeDesc::FLOAT, pixels.data(), true, &error))
       << error;
-  std::ifstream in(path, std::ios::binary);
-  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const std::string bytes = test::ReadBytes(path);
   unlink(path.c_str());
   return bytes;
 }
@@ -270,6 +269,35 @@ TEST(HostileFiles, ADiskFullMidRunNamesTheFrameAndLeavesNoPartialFile) {
   std::vector<std::string> names = test::Names(test::Snapshot(dir.path()));
   EXPECT_EQ(names, (std::vector<std::string>{"in.0001.png", "in.0002.png", "in.0003.png",
                                              "out.0001.png"}));
+}
+
+// A frame whose header reads but whose pixels do not (cut short after the checks passed it)
+// stops the run with the input's exit code and the file named, whatever the pipeline had read
+// ahead or had still to write: the frames written are those a run done in turn writes, whole,
+// and no temporary file is left.
+TEST(PipelineRunStops, AReadThatFailsMidRun) {
+  test::TempDir dir;
+  const std::string in = dir / "in.%04d.exr";
+  test::WriteClip(in, 1, 7, SampleDepth::kHalf, 3);
+  const std::string bytes = test::ReadBytes(dir / "in.0005.exr");
+  std::ofstream(dir / "in.0005.exr", std::ios::binary | std::ios::trunc)
+      << bytes.substr(0, bytes.size() / 2);
+  std::map<std::string, std::string> inTurn;
+  for (const char* io : {"0", "3"}) {
+    const std::string out = dir / (std::string("io") + io);
+    test::RunResult r = Flowblur({in, out + "/o.%04d.exr", "--io-threads", io, "--threads", "2"});
+    EXPECT_EQ(r.exitCode, 1) << r.err;
+    EXPECT_NE(r.err.find("cannot read '" + dir / "in.0005.exr" + "'"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find(" of 7 frames written"), std::string::npos) << r.err;
+    const auto written = test::Snapshot(out);
+    for (const auto& [name, bytes] : written) EXPECT_NE(name[0], '.') << "left behind: " << name;
+    if (std::string(io) == "0") {
+      inTurn = written;
+      EXPECT_GT(inTurn.size(), 0u);
+    } else {
+      EXPECT_TRUE(written == inTurn) << "--io-threads " << io;
+    }
+  }
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <vector>
 
-#include "tools/DemoClip.h"
 #include "tools/FrameCache.h"
 #include "tools/ImageFiles.h"
 #include "tools/SequenceChronar.h"
@@ -71,7 +70,7 @@ TEST(FrameCache, OversizeAndFailedLoadsAreNotKept) {
 
 // ---- Retimer over files ---------------------------------------------------------------------
 
-constexpr int32_t kW = 96, kH = 54;
+constexpr int32_t kW = 96, kH = 64;
 
 // The 8-bit values of a frame read from or made for 8-bit files.
 std::vector<int32_t> As8(const Frame& f) {
@@ -80,22 +79,12 @@ std::vector<int32_t> As8(const Frame& f) {
   return v;
 }
 
-// Frames 0..count-1 of the demo clip as 8-bit PNG files; frame `odd` (if any) at another size.
+// Frames 0..count-1 of the test clip as 8-bit PNG files; frame `odd` (if any) wider.
 void WriteClip(const std::string& pattern, int32_t count, int32_t odd = -1) {
-  DemoClip clip(kW, kH, count);
-  SequencePattern p;
-  std::string error;
-  ASSERT_TRUE(ParseSequencePattern(pattern, &p, &error)) << error;
-  for (int32_t n = 0; n < count; ++n) {
-    int32_t w = n == odd ? kW + 2 : kW;
-    DemoClip sized(w, kH, count);
-    std::vector<uint8_t> rgb(static_cast<size_t>(w) * kH * 3);
-    sized.Render8(n, rgb.data());
-    OIIO::ImageSpec imageSpec(w, kH, 3, OIIO::TypeDesc::UINT8);
-    ASSERT_TRUE(WriteImageSafely(p.PathFor(n), imageSpec, OIIO::TypeDesc::UINT8, rgb.data(), true,
-                                 &error))
-        << error;
-  }
+  test::WriteClip(pattern, 0, count, SampleDepth::k8, 3);
+  if (odd < 0) return;
+  unlink(test::Numbered(pattern, odd).c_str());
+  test::WriteClip(pattern, odd, 1, SampleDepth::k8, 3, kW + 2, kH);
 }
 
 SequenceChronarOptions OptionsFor(const std::string& pattern, int64_t first, int64_t last) {
@@ -162,7 +151,7 @@ TEST(SequenceChronar, TimesOutsideTheClipAndBadFramesFailWithAMessage) {
   EXPECT_NE(error.find("outside frames 0-3"), std::string::npos) << error;
   EXPECT_FALSE(retimer.Render(NAN, 4, 0.35f, nullptr, &out, &error));
   EXPECT_FALSE(retimer.Render(1.5, 4, 0.35f, nullptr, &out, &error));  // frame 2 is wider
-  EXPECT_NE(error.find("not 96x54"), std::string::npos) << error;
+  EXPECT_NE(error.find("not 96x64"), std::string::npos) << error;
   EXPECT_TRUE(retimer.Render(0.5, 4, 0.35f, nullptr, &out, &error)) << error;
   // A missing file, and a sequence that does not exist at all.
   unlink((dir / "c.0001.png").c_str());

@@ -12,8 +12,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -23,6 +23,12 @@
 #include "tools/ImageFiles.h"
 
 namespace flowblur::test {
+
+// The whole contents of a file ("" when it cannot be read).
+inline std::string ReadBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
 
 // A fresh folder under $TMPDIR (or /tmp), removed with everything in it at the end.
 class TempDir {
@@ -79,10 +85,7 @@ inline std::map<std::string, std::string> Snapshot(const std::string& folder,
       files[prefix + name + "/"] = "";
       for (auto& [k, v] : Snapshot(path, prefix + name + "/")) files[k] = v;
     } else {
-      std::ifstream in(path, std::ios::binary);
-      std::stringstream content;
-      content << in.rdbuf();
-      files[prefix + name] = content.str();
+      files[prefix + name] = ReadBytes(path);
     }
   }
   closedir(dir);
@@ -99,11 +102,15 @@ struct RunResult {
   int exitCode = -1;  // the exit status; 128 + signal when killed by one
   std::string err;    // standard error
   std::string out;    // standard output
+  long maxRssKb = 0;  // the child's own peak resident size
 };
 
 // Options for RunCommand.
 struct RunOptions {
   long fileSizeLimit = -1;  // RLIMIT_FSIZE in bytes for the child; -1: none
+  // The sanitizer's quarantine of freed blocks off in the child: it holds back up to hundreds
+  // of megabytes by design, which would hide a run's own growth in memory.
+  bool noQuarantine = false;
   // Called in the parent with the child's pid while it runs (e.g. to interrupt it).
   void (*whileRunning)(pid_t child, void* context) = nullptr;
   void* context = nullptr;
@@ -128,6 +135,13 @@ inline RunResult RunCommand(const std::string& exe, const std::vector<std::strin
                    static_cast<rlim_t>(options.fileSizeLimit)};
       setrlimit(RLIMIT_FSIZE, &limit);
     }
+    if (options.noQuarantine) {
+      const char* old = std::getenv("ASAN_OPTIONS");
+      setenv("ASAN_OPTIONS",
+             (std::string(old ? old : "") + ":quarantine_size_mb=0:thread_local_quarantine_size_kb=0")
+                 .c_str(),
+             1);
+    }
     std::vector<char*> argv;
     argv.push_back(const_cast<char*>(exe.c_str()));
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
@@ -137,24 +151,29 @@ inline RunResult RunCommand(const std::string& exe, const std::vector<std::strin
   }
   if (options.whileRunning) options.whileRunning(child, options.context);
   int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  rusage usage{};
+  while (wait4(child, &status, 0, &usage) < 0 && errno == EINTR) {
   }
+  result.maxRssKb = usage.ru_maxrss;
   if (WIFEXITED(status))
     result.exitCode = WEXITSTATUS(status);
   else if (WIFSIGNALED(status))
     result.exitCode = 128 + WTERMSIG(status);
-  std::ifstream err(errPath), out(outPath);
-  std::stringstream e, o;
-  e << err.rdbuf();
-  o << out.rdbuf();
-  result.err = e.str();
-  result.out = o.str();
+  result.err = ReadBytes(errPath);
+  result.out = ReadBytes(outPath);
   return result;
 }
 
 inline RunResult Flowblur(const std::vector<std::string>& args,
                           const RunOptions& options = RunOptions()) {
   return RunCommand(FLOWBLUR_EXE, args, options);
+}
+
+// Runs the command: success, or a failure with its exit code and standard error.
+inline ::testing::AssertionResult Succeeds(const std::vector<std::string>& args) {
+  const RunResult r = Flowblur(args);
+  if (r.exitCode == 0) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "exit code " << r.exitCode << ": " << r.err;
 }
 
 // `pattern` (printf style) with its frame number filled in.
