@@ -124,6 +124,8 @@ INSTANTIATE_TEST_SUITE_P(Layouts, ClipSourceTest,
 
 TEST(ClipSource, HoldsNoFramesAndGivesWayToAStoredClip) {
   sh::Reset();
+  EXPECT_TRUE(sh::GuardDamage(0).empty());  // nothing to look at without guards
+  sh::SetGuardedBuffers(true);
   const sh::FrameLayout layout{4, 3, 24, 0};
   EXPECT_THROW(sh::SetClipSource(0, layout, 3, nullptr), std::invalid_argument);
   EXPECT_THROW(sh::SetClipSource(2, layout, 3, [](int32_t) { return nullptr; }),
@@ -134,9 +136,10 @@ TEST(ClipSource, HoldsNoFramesAndGivesWayToAStoredClip) {
   EXPECT_THROW(sh::SetClipFrame(0, 0, bytes.data()), std::invalid_argument);
   sh::SetClip(0, layout, 2);
   sh::SetClipFrame(0, 1, bytes.data());
-  sh::BeginFrame(1);  // the back clip has no frames: only the front is loaded
+  sh::BeginFrame(1);  // the back clip has no frames (nor a buffer): only the front is loaded
   const uint8_t* front = sh::BufferPixels(sh::kFrontBuffer);
   EXPECT_EQ(std::vector<uint8_t>(front, front + bytes.size()), bytes);
+  EXPECT_TRUE(sh::GuardDamage(0).empty());
   sh::Reset();
 }
 
