@@ -208,8 +208,9 @@ TEST(Frames, RepeatGivesThePreviousResultInPlaceGivesTheSame) {
     EXPECT_EQ(frame, expected[f]) << f;
   }
   std::vector<uint8_t> again = frei0rtest::Frame(clip, 2), out(again.size());
-  filter.Update(0.08, reinterpret_cast<const uint32_t*>(again.data()),
-                reinterpret_cast<uint32_t*>(out.data()));
+  // Through the two-input entry point, which reads the first input.
+  f0r_update2(&filter, 0.08, reinterpret_cast<const uint32_t*>(again.data()), nullptr, nullptr,
+              reinterpret_cast<uint32_t*>(out.data()));
   EXPECT_EQ(filter.LastOutcome(), Outcome::kRepeated);
   EXPECT_EQ(out, expected[2]);
 }
@@ -219,6 +220,7 @@ TEST(Frames, SameBytesForOneTwoThreeAndEightProcessors) {
   std::vector<std::vector<uint8_t>> reference;
   for (int32_t processors : {1, 2, 3, 8}) {
     ProcessorsGuard guard(processors);
+    EXPECT_EQ(frei0rblur::Processors(), processors);
     const auto out = RunClip(clip, 3, 0.3);
     if (reference.empty())
       reference = out;

@@ -68,10 +68,17 @@ TEST_F(NuvMemTest, ReallocCopiesTheSmallerSizeAndKeepsOldBlockOnFailure) {
 struct Thrower : NuvMem {
   Thrower() { throw PLErrParameter; }
 };
+struct Plain : NuvMem {
+  int64_t value = 0;
+};
 
+// Both forms of new go through the hooks; a failing constructor releases through the
+// matching operator.
 TEST_F(NuvMemTest, FailingConstructorReleasesThroughTheMatchingOperator) {
   EXPECT_THROW(NUV_NEW Thrower(), PLErr);
-  EXPECT_EQ(log.sizes.size(), 1u);
   EXPECT_EQ(log.freed.size(), 1u);
+  delete new Plain();
+  EXPECT_EQ(log.sizes, (std::vector<uint64_t>{sizeof(Thrower), sizeof(Plain)}));
+  EXPECT_EQ(log.freed.size(), 2u);
 }
 }  // namespace
