@@ -18,12 +18,9 @@ namespace {
 
 using pltest::Get;
 using pltest::MakeImage;
+using pltest::Sample;
 using pltest::Set;
 using pltest::TestImage;
-
-float SrcAt(const PLImage* src, int32_t x, int32_t y, int32_t c) {
-  return static_cast<float>(Get(src, x, y, c));
-}
 
 TestImage ConstantFlow(int32_t w, int32_t h, float u, float v) {
   TestImage flow = MakeImage(w, h, 2, PLFloat);
@@ -118,7 +115,7 @@ void ReferenceBlur(PLImage* dst, const PLImage* src, const PLImage* flow, bool b
         } else {
           int32_t jx = PLTruncToInt32(px), jy = PLTruncToInt32(py);
           if (jx < 0 || jx >= s.width || jy < 0 || jy >= s.height) return false;
-          for (int32_t c = 0; c < channels; ++c) lanes[c] = lanes[c] + SrcAt(src, jx, jy, c);
+          for (int32_t c = 0; c < channels; ++c) lanes[c] = lanes[c] + Sample(src, jx, jy, c);
         }
         return true;
       };
@@ -262,9 +259,9 @@ TEST(MotionBlur, AbsurdFlowsKeepOnlyThePixelWithoutUndefinedConversion) {
       for (int32_t y = 0; y < rows; ++y)
         for (int32_t x = 0; x < columns; ++x)
           for (int32_t c = 0; c < 2; ++c) {
-            const float p = SrcAt(src.get(), x, y, c);
-            ASSERT_EQ(SrcAt(stop.get(), x, y, c), p * 1.0f) << u << " at " << x << "," << y;
-            ASSERT_EQ(SrcAt(count.get(), x, y, c), p * (1.0f / 3.0f)) << u;
+            const float p = Sample(src.get(), x, y, c);
+            ASSERT_EQ(Sample(stop.get(), x, y, c), p * 1.0f) << u << " at " << x << "," << y;
+            ASSERT_EQ(Sample(count.get(), x, y, c), p * (1.0f / 3.0f)) << u;
           }
     }
   }
@@ -311,23 +308,17 @@ TEST(MotionBlur, WorkerStoresInterruptionInItsSlot) {
   TestImage src = MakeImage(16, 12, 3, PLUChar);
   pltest::FillRandom(src.get(), 11);
   TestImage flow = ConstantFlow(8, 6, 4.0f, -2.0f);
-  NuvImageInternal srcWrap(src.get()), flowWrap(flow.get());
-  NuvImage srcView, flowView;
-  srcView.Attach(&srcWrap);
-  flowView.Attach(&flowWrap);
   auto run = [&](uint8_t reporter, int32_t firstRow, int32_t lastRow, TestImage& dst) {
-    NuvImageInternal dstWrap(dst.get());
-    NuvImage dstView;
-    dstView.Attach(&dstWrap);
+    Views v(dst.get(), src.get(), flow.get());
     float amount = 0.5f;
     uint8_t bilinear = 1, countOutside = 0;
     int32_t errorSlot = 0, interruptWord = 1, x0 = 0, x1 = 15, y0 = 2;
     NuvIdleAndProgressClass job(nullptr);
-    const NuvImage* srcPtr = &srcView;
-    const NuvImage* flowPtr = &flowView;
+    const NuvImage* srcPtr = &v.src;
+    const NuvImage* flowPtr = &v.flow;
     NuvMPArgs args;
     auto push = [&args](auto... a) { (args.Push(a), ...); };
-    push(&dstView, srcPtr, flowPtr, &amount, &bilinear, &job, &errorSlot, &interruptWord,
+    push(&v.dst, srcPtr, flowPtr, &amount, &bilinear, &job, &errorSlot, &interruptWord,
          &countOutside, &x0, &x1, &y0);
     EXPECT_NO_THROW(MotionBlurRowWorker(0, reporter, firstRow, lastRow, &args));
     return errorSlot;

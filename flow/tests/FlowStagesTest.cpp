@@ -251,6 +251,7 @@ TEST(FlowHints, ApplyReplaceAndPull) {
   EXPECT_EQ(At(flow.get(), 0, 0, 0), 2.0f);  // weight 0: untouched
   EXPECT_EQ(At(flow.get(), 1, 0, 1), 3.0f);
   EXPECT_EQ(At(flow.get(), 2, 0, 0), 12.0f);
+  EXPECT_FALSE(HasHintWeight(nullptr, 0));
   ApplyHints(pulled.get(), hint.get(), weight.get(), 0);
   EXPECT_EQ(At(pulled.get(), 1, 0, 0), 2.0f + (6.0f - 2.0f * 2.0f));
   EXPECT_EQ(At(pulled.get(), 2, 0, 1), 2.0f + (6.0f - 0.5f * 2.0f));

@@ -32,38 +32,74 @@ float Cast(int32_t type, float v) {
   return static_cast<float>(type == PLUChar ? (bits & 0xFF) : (bits & 0xFFFF));
 }
 
-// Each scaling against its per-sample rule, on every type and channel count it serves (and
-// on those it leaves alone), in every row layout (Float Multiply: unpadded, see below), for
-// 1, 2, 3 and 8 workers, with the padding untouched.
-TEST(ImageArith, ScalingsMatchTheirSampleRules) {
+// The white of the three working types.
+float Full(int32_t type) { return type == PLUChar ? 255.0f : type == PLUShort ? 65535.0f : 1.0f; }
+
+// Each scaling and matte conversion against its rule for sample c of a pixel p, on every
+// type and channel count it serves (and on those it leaves alone), in every row layout
+// (Float Multiply: unpadded, see below), for 1, 2, 3 and 8 workers, padding untouched. The
+// random mattes include 0 and, for Float, values below 1e-07 and above 1.
+TEST(ImageArith, ScalingsAndMattesMatchTheirSampleRules) {
   struct Scaling {
     const char* name;
     std::vector<int32_t> types, channels;
     std::function<void(PLImage*)> run;
-    std::function<float(int32_t type, int32_t c, float s)> rule;
+    std::function<float(int32_t type, int32_t c, const float* p)> rule;
   } scalings[] = {
       {"ScaleUShort", {PLUShort}, {1, 3, 4}, [](PLImage* im) { ScaleUShort(im, 1.7f); },
-       [](int32_t, int32_t, float s) {
-         return float(uint16_t(uint32_t(PLTruncToInt32(double(s * 1.7f) + 0.5))));
+       [](int32_t, int32_t c, const float* p) {
+         return float(uint16_t(uint32_t(PLTruncToInt32(double(p[c] * 1.7f) + 0.5))));
        }},
       {"ScaleClampUShort", {PLUShort}, {1, 2, 3},
        [](PLImage* im) { ScaleClampUShort(im, 1.3f, 60000.0f); },
-       [](int32_t, int32_t, float s) { return std::floor(std::min(s * 1.3f + 0.5f, 60000.0f)); }},
+       [](int32_t, int32_t c, const float* p) {
+         return std::floor(std::min(p[c] * 1.3f + 0.5f, 60000.0f));
+       }},
       {"ScaleClampUShort below 0", {PLUShort}, {1},
        [](PLImage* im) { ScaleClampUShort(im, -0.2f, 65535.0f); },
-       [](int32_t, int32_t, float s) { return std::floor(std::max(s * -0.2f + 0.5f, 0.0f)); }},
+       [](int32_t, int32_t c, const float* p) {
+         return std::floor(std::max(p[c] * -0.2f + 0.5f, 0.0f));
+       }},
       {"Multiply", {PLUChar, PLUShort, PLFloat}, {1, 2, 3, 4},
        [](PLImage* im) { Multiply(im, 0.37f); },
-       [](int32_t type, int32_t, float s) { return Cast(type, s * 0.37f); }},
+       [](int32_t type, int32_t c, const float* p) { return Cast(type, p[c] * 0.37f); }},
       {"MultiplyColor", {PLUChar, PLUShort}, {4}, [](PLImage* im) { MultiplyColor(im, 0.6f); },
-       [](int32_t type, int32_t c, float s) { return c == 3 ? s : Cast(type, 0.6f * s + 0.5f); }},
+       [](int32_t type, int32_t c, const float* p) {
+         return c == 3 ? p[3] : Cast(type, 0.6f * p[c] + 0.5f);
+       }},
       {"MultiplyColor of 3", {PLUChar}, {3}, [](PLImage* im) { MultiplyColor(im, 0.6f); },
-       [](int32_t type, int32_t, float s) { return Cast(type, s * 0.6f); }},  // Multiply's rule
+       [](int32_t type, int32_t c, const float* p) { return Cast(type, p[c] * 0.6f); }},
       {"MultiplyChannel", {PLUChar, PLUShort}, {2, 4},
        [](PLImage* im) { MultiplyChannel(im, 0.3f, 1); },
-       [](int32_t type, int32_t c, float s) { return c == 1 ? Cast(type, s * 0.3f) : s; }},
+       [](int32_t type, int32_t c, const float* p) {
+         return c == 1 ? Cast(type, p[c] * 0.3f) : p[c];
+       }},
       {"MultiplyFlow", {PLFloat}, {2, 3}, [](PLImage* im) { MultiplyFlow(im, 0.5f, -3.0f); },
-       [](int32_t, int32_t c, float s) { return c == 0 ? s * 0.5f : c == 1 ? s * -3.0f : s; }},
+       [](int32_t, int32_t c, const float* p) {
+         return c == 0 ? p[c] * 0.5f : c == 1 ? p[c] * -3.0f : p[c];
+       }},
+      // Integer colours scaled up to white and rounded through a double; a zero matte (and for
+      // Float one below 1e-07) keeps the pixel; Float is not limited.
+      {"Unpremultiply", {PLUChar, PLUShort, PLFloat}, {3, 4},
+       [](PLImage* im) { Unpremultiply(im); },
+       [](int32_t type, int32_t c, const float* p) {
+         if (c == 3 || (type == PLFloat ? !(p[3] >= 1e-07f) : p[3] == 0.0f)) return p[c];
+         if (type == PLFloat) return p[c] * (1.0f / p[3]);
+         const float v = std::min(p[c] * (Full(type) / p[3]), Full(type));
+         return float(uint32_t(PLTruncToInt32(double(v) + 0.5)));
+       }},
+      // The source's matte over factor times white; integer colours rounded, low bits kept.
+      {"PremultiplyFrom", {PLUChar, PLUShort, PLFloat}, {4},
+       [](PLImage* im) { PremultiplyFrom(im, im, 0.8f); },
+       [](int32_t type, int32_t c, const float* p) {
+         const float v = p[c] * (p[3] * (1.0f / (0.8f * Full(type))));
+         return c == 3 ? p[3] : type == PLFloat ? v : Cast(type, v + 0.5f);
+       }},
+      {"Premultiply", {PLUChar, PLFloat}, {4}, [](PLImage* im) { Premultiply(im); },
+       [](int32_t type, int32_t c, const float* p) {
+         const float v = p[c] * (p[3] * (1.0f / (1.0f * Full(type))));
+         return c == 3 ? p[3] : type == PLFloat ? v : Cast(type, v + 0.5f);
+       }},
   };
   pltest::WorkerGuard guard;
   for (const Scaling& k : scalings)
@@ -71,8 +107,9 @@ TEST(ImageArith, ScalingsMatchTheirSampleRules) {
       for (int32_t channels : k.channels)
         for (pltest::Layout layout : pltest::kLayouts)
           for (int32_t workers : kPLTestWorkerCounts) {
+            const std::string name = k.name;
             const bool padded = layout == pltest::kPadded || layout == pltest::kPaddedFlipped;
-            if (padded && type == PLFloat && k.name == std::string("Multiply")) continue;
+            if (padded && type == PLFloat && name == "Multiply") continue;
             auto im = MakeImage(7, 150, channels, type, layout);
             pltest::FillRandom(im.get(), 8 + channels);
             PLImage before(7, 150, channels, type, 0);
@@ -80,17 +117,20 @@ TEST(ImageArith, ScalingsMatchTheirSampleRules) {
             PLTestUseWorkers(workers);
             k.run(im.get());
             PLTestUseWorkers(1);
-            const bool served = !(k.name == std::string("MultiplyFlow") && channels != 2);
+            const bool served = name == "MultiplyFlow" ? channels == 2
+                                : name == "Unpremultiply" ? channels == 4
+                                                          : true;
             for (int32_t y = 0; y < 150; ++y)
-              for (int32_t x = 0; x < 7; ++x)
-                for (int32_t c = 0; c < channels; ++c) {
-                  const float s = Sample(&before, x, y, c);
-                  ASSERT_EQ(Sample(im.get(), x, y, c), served ? k.rule(type, c, s) : s)
-                      << k.name << " type " << type << " c" << channels << " "
+              for (int32_t x = 0; x < 7; ++x) {
+                float p[4];
+                for (int32_t c = 0; c < channels; ++c) p[c] = Sample(&before, x, y, c);
+                for (int32_t c = 0; c < channels; ++c)
+                  ASSERT_EQ(Sample(im.get(), x, y, c), served ? k.rule(type, c, p) : p[c])
+                      << name << " type " << type << " c" << channels << " "
                       << pltest::LayoutName(layout) << " workers " << workers << " at " << x
                       << "," << y << "," << c;
-                }
-            ASSERT_TRUE(pltest::PaddingUntouched(im)) << k.name;
+              }
+            ASSERT_TRUE(pltest::PaddingUntouched(im)) << name;
           }
 }
 
@@ -243,44 +283,14 @@ TEST(ImageArith, TwoImageOperationsRefuseLongAndMismatches) {
 
 // ---- mattes ----
 
-TEST(ImageMatte, UnpremultiplyClampsTheQuotientAndKeepsZeroMattes) {
-  PLImage u8(3, 1, 4, PLUChar, 0);
-  SetPixel4(&u8, 0, 0, 200, 0, 0, 100);
-  SetPixel4(&u8, 1, 0, 50, 60, 70, 0);
-  SetPixel4(&u8, 2, 0, 64, 32, 1, 128);
-  Unpremultiply(&u8);
-  const float expected[3][4] = {{255, 0, 0, 100}, {50, 60, 70, 0}, {128, 64, 2, 128}};
-  for (int32_t x = 0; x < 3; ++x)
-    for (int32_t c = 0; c < 4; ++c) EXPECT_EQ(Sample(&u8, x, 0, c), expected[x][c]) << x << c;
-
-  PLImage f(3, 1, 4, PLFloat, 0);
-  SetPixel4(&f, 0, 0, 0.4f, 0.8f, 2.0f, 0.5f);
-  SetPixel4(&f, 1, 0, 0.4f, 0.8f, 2.0f, 9e-08f);
-  SetPixel4(&f, 2, 0, 0.4f, 0.8f, 2.0f, 1e-07f);
+// A Float matte of exactly 1e-07 divides; one just below keeps the pixel.
+TEST(ImageMatte, UnpremultiplyFloatThreshold) {
+  PLImage f(2, 1, 4, PLFloat, 0);
+  SetPixel4(&f, 0, 0, 0.4f, 0.8f, 2.0f, 9e-08f);
+  SetPixel4(&f, 1, 0, 0.4f, 0.8f, 2.0f, 1e-07f);
   Unpremultiply(&f);
-  EXPECT_EQ(Sample(&f, 0, 0, 2), 2.0f * (1.0f / 0.5f));  // no clamp
-  EXPECT_EQ(Sample(&f, 1, 0, 0), 0.4f);                  // below 1e-07: kept
-  EXPECT_EQ(Sample(&f, 2, 0, 0), 0.4f * (1.0f / 1e-07f));
-  EXPECT_EQ(Sample(&f, 0, 0, 3), 0.5f);
-}
-
-TEST(ImageMatte, PremultiplyAndItsZeroMatte) {
-  PLImage u8(2, 1, 4, PLUChar, 0), u16(1, 1, 4, PLUShort, 0), f(1, 1, 4, PLFloat, 0);
-  SetPixel4(&u8, 0, 0, 255, 128, 3, 128);
-  SetPixel4(&u8, 1, 0, 255, 128, 3, 0);
-  Premultiply(&u8);
-  const float k = 128.0f * (1.0f / 255.0f);
-  EXPECT_EQ(Sample(&u8, 0, 0, 0), static_cast<float>(static_cast<int32_t>(255 * k + 0.5f)));
-  EXPECT_EQ(Sample(&u8, 0, 0, 1), static_cast<float>(static_cast<int32_t>(128 * k + 0.5f)));
-  EXPECT_EQ(Sample(&u8, 0, 0, 3), 128.0f);
-  for (int32_t c = 0; c < 3; ++c) EXPECT_EQ(Sample(&u8, 1, 0, c), 0.0f);  // zero matte: black
-  SetPixel4(&u16, 0, 0, 65535, 1000, 0, 32768);
-  Premultiply(&u16);
-  EXPECT_EQ(Sample(&u16, 0, 0, 0), 32768.0f);
-  SetPixel4(&f, 0, 0, 0.8f, 2.0f, -1.0f, 0.25f);
-  Premultiply(&f);
-  EXPECT_EQ(Sample(&f, 0, 0, 0), 0.8f * (0.25f * (1.0f / 1.0f)));
-  EXPECT_EQ(Sample(&f, 0, 0, 1), 0.5f);
+  EXPECT_EQ(Sample(&f, 0, 0, 0), 0.4f);
+  EXPECT_EQ(Sample(&f, 1, 0, 0), 0.4f * (1.0f / 1e-07f));
 }
 
 TEST(ImageMatte, PremultiplyFromTakesColourAndMatteOfTheSource) {
@@ -341,15 +351,8 @@ TEST(ImageArithWorkers, EveryRowParallelOperationIsIndependentOfWorkers) {
                                [](PLImage* d, PLImage* s) { Subtract(d, s); });
   ExpectRowOpSameForAllWorkers("Subtract2", PLFloat, PLFloat, 2,
                                [](PLImage* d, PLImage* s) { Subtract(d, s); });
-  for (int32_t type : {PLUChar, PLUShort, PLFloat}) {
+  for (int32_t type : {PLUChar, PLUShort, PLFloat})
     ExpectRowOpSameForAllWorkers("Max", type, type, 1, [](PLImage* d, PLImage* s) { Max(d, s); });
-    ExpectRowOpSameForAllWorkers("Unpremultiply", type, type, 4,
-                                 [](PLImage* d, PLImage*) { Unpremultiply(d); });
-    ExpectRowOpSameForAllWorkers("Premultiply", type, type, 4,
-                                 [](PLImage* d, PLImage*) { Premultiply(d); });
-    ExpectRowOpSameForAllWorkers("PremultiplyFrom", type, type, 4,
-                                 [](PLImage* d, PLImage* s) { PremultiplyFrom(d, s, 0.8f); });
-  }
   ExpectRowOpSameForAllWorkers("ScaleClampUShort4", PLUShort, PLUShort, 4,
                                [](PLImage* d, PLImage*) { ScaleClampUShort(d, 1.3f, 60000.0f); });
 }
