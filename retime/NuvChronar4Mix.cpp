@@ -204,6 +204,30 @@ bool MaskFor(const PLImage* mask, const PLImage* like) {
 
 // ---- Mixes --------------------------------------------------------------------------------
 
+// The plain cross-fade (no masks, no agreement) over rows of packed pixels: one share for
+// every sample, so a row is one run of samples. For integer samples a share of exactly 0 or 1
+// gives a's or b's sample back (a + (b - a) * 0 = a, and a + (b - a) = b, exactly, for whole
+// numbers below 2^24), so those rows are copied.
+template <class T, int32_t C>
+void PlainMixRows(PLImage* dst, const PLImage* a, const PLImage* b, float f, int32_t firstRow,
+                  int32_t lastRow) {
+  const size_t samples = static_cast<size_t>(dst->width) * C;
+  const bool integer = !std::is_same<T, float>::value;
+  for (int32_t y = firstRow; y <= lastRow; ++y) {
+    unsigned char* out = dst->Row(y);
+    const unsigned char* pa = a->Row(y);
+    const unsigned char* pb = b->Row(y);
+    if (integer && (f == 0.0f || f == 1.0f)) {
+      std::memmove(out, f == 0.0f ? pa : pb, samples * sizeof(T));
+      continue;
+    }
+    for (size_t k = 0; k < samples; ++k) {
+      float va = LoadSample<T>(pa + k * sizeof(T)), vb = LoadSample<T>(pb + k * sizeof(T));
+      StoreSample<T>(out + k * sizeof(T), va + (vb - va) * f);
+    }
+  }
+}
+
 template <class T, int32_t C>
 void MixRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
   PLImage* dst = args->Next<PLImage*>();
@@ -215,6 +239,12 @@ void MixRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* arg
   const PLImage* agreement = args->Next<const PLImage*>();
   PLImage* holes = args->Next<PLImage*>();
   const int32_t bps = dst->bytesPerSample;
+  const int32_t packed = C * static_cast<int32_t>(sizeof(T));
+  if (!maskA && !maskB && !agreement && !holes && dst->bytesPerPixel == packed &&
+      a->bytesPerPixel == packed && b->bytesPerPixel == packed) {
+    PlainMixRows<T, C>(dst, a, b, f, firstRow, lastRow);
+    return;
+  }
   const float toMapX = agreement ? Ratio(agreement->lastColumn, dst->lastColumn) : 0.0f;
   const float toMapY = agreement ? Ratio(agreement->lastRow, dst->lastRow) : 0.0f;
   const FloatGrid map(agreement ? agreement : dst);

@@ -1,6 +1,8 @@
 // A retimer may show three-channel frames while it estimates on four (the luma of four
 // channels is its own rule): the made R, G, B are then the bits of the four-channel render,
 // for every worker count. Only the single path takes such motion frames.
+#include <algorithm>
+#include <cmath>
 #include <map>
 #include <memory>
 #include <vector>
@@ -107,6 +109,37 @@ INSTANTIATE_TEST_SUITE_P(
                       Case{"MixGatherPlain", 1, 0, PLUShort},
                       Case{"NearestFilled", 0, 1, PLFloat}),
     [](const ::testing::TestParamInfo<Case>& info) { return info.param.name; });
+
+// The plain cross-fade (no masks, no agreement) against the literal rule, at the shares
+// that copy a row and one between, on every type, 1 to 4 channels and each row layout.
+TEST(PlainMix, LiteralRuleEveryTypeChannelsAndLayout) {
+  for (int32_t type : {PLUChar, PLUShort, PLFloat})
+    for (int32_t channels = 1; channels <= 4; ++channels)
+      for (pltest::Layout layout : pltest::kLayouts)
+        for (float f : {0.0f, 0.3f, 1.0f}) {
+          auto a = pltest::MakeImage(7, 5, channels, type, layout);
+          auto b = pltest::MakeImage(7, 5, channels, type, pltest::kPadded);
+          auto d = pltest::MakeImage(7, 5, channels, type, layout);
+          pltest::FillRandom(a.get(), 11);
+          pltest::FillRandom(b.get(), 12);
+          ASSERT_EQ(PLRetimeMix(d.get(), a.get(), b.get(), f, nullptr, nullptr, nullptr, nullptr), 1);
+          double worst = 0.0;
+          for (int32_t y = 0; y < 5; ++y)
+            for (int32_t x = 0; x < 7; ++x)
+              for (int32_t c = 0; c < channels; ++c) {
+                const float va = static_cast<float>(pltest::Get(a.get(), x, y, c));
+                const float vb = static_cast<float>(pltest::Get(b.get(), x, y, c));
+                float v = va + (vb - va) * f;
+                if (type != PLFloat) {
+                  const float top = type == PLUChar ? 255.0f : 65535.0f;
+                  v = std::floor(std::min(std::max(v + 0.5f, 0.0f), top));
+                }
+                worst = std::max(worst, std::fabs(pltest::Get(d.get(), x, y, c) - v));
+              }
+          EXPECT_EQ(worst, 0.0) << "type " << type << ", " << channels << " channels, "
+                                << pltest::LayoutName(layout) << ", share " << f;
+        }
+}
 
 // Vector steps read motion frames as pictures: there a four-channel motion frame for a
 // three-channel output is still refused.
