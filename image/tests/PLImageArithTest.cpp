@@ -15,7 +15,6 @@ namespace {
 
 using pltest::MakeImage;
 using pltest::PixelBytes;
-using pltest::ExpectRowOpSameForAllWorkers;
 using pltest::Sample;
 
 void SetPixel4(PLImage* im, int32_t x, int32_t y, float r, float g, float b, float m) {
@@ -54,6 +53,17 @@ TEST(ImageArith, ScalingsAndMattesMatchTheirSampleRules) {
        [](PLImage* im) { ScaleClampUShort(im, 1.3f, 60000.0f); },
        [](int32_t, int32_t c, const float* p) {
          return std::floor(std::min(p[c] * 1.3f + 0.5f, 60000.0f));
+       }},
+      // Four channels are unpremultiplied first (the matte is then scaled too).
+      {"ScaleClampUShort of 4", {PLUShort}, {4},
+       [](PLImage* im) { ScaleClampUShort(im, 1.3f, 60000.0f); },
+       [](int32_t, int32_t c, const float* p) {
+         float s = p[c];
+         if (c < 3 && p[3] != 0.0f) {
+           const float v = std::min(p[c] * (65535.0f / p[3]), 65535.0f);
+           s = float(uint32_t(PLTruncToInt32(double(v) + 0.5)));
+         }
+         return std::floor(std::min(s * 1.3f + 0.5f, 60000.0f));
        }},
       {"ScaleClampUShort below 0", {PLUShort}, {1},
        [](PLImage* im) { ScaleClampUShort(im, -0.2f, 65535.0f); },
@@ -145,14 +155,6 @@ TEST(ImageArith, MultiplyNearOneIsANoOp) {
   EXPECT_EQ(Sample(&f, 2, 1, 1), PLLoad<float>(&before[before.size() - 4]) * 1.00001f);
 }
 
-TEST(ImageArith, ScaleClampUShortUnpremultipliesFourChannels) {
-  PLImage im(1, 1, 4, PLUShort, 0);
-  SetPixel4(&im, 0, 0, 100, 100, 100, 128);
-  ScaleClampUShort(&im, 1.0f, 65535.0f);
-  EXPECT_EQ(Sample(&im, 0, 0, 0), 51199.0f);  // 100 * (65535 / 128) + 0.5
-  EXPECT_EQ(Sample(&im, 0, 0, 3), 128.0f);
-}
-
 TEST(ImageArith, ScalingsIgnoreOtherTypesAndChannels) {
   PLImage f(2, 2, 4, PLFloat, 0), c(2, 2, 1, PLChar, 0), u(2, 2, 3, PLUChar, 0);
   pltest::FillRandom(&u, 3);
@@ -236,7 +238,8 @@ float AddRef(float a, float b) { return a + b; }
 float MinRef(float a, float b) { return b > a ? a : b; }
 float MaxRef(float a, float b) { return a < b ? b : a; }
 
-TEST(ImageArith, TwoImageOperationsMatchTheReferenceForEveryTypePair) {
+TEST(ImageArith, TwoImageOperationsMatchTheReferenceForEveryTypePairAndWorkerCount) {
+  pltest::WorkerGuard guard;
   struct Op {
     const char* name;
     std::function<void(PLImage*, const PLImage*)> run;
@@ -250,19 +253,22 @@ TEST(ImageArith, TwoImageOperationsMatchTheReferenceForEveryTypePair) {
   for (const Op& op : ops)
     for (int32_t dt : types)
       for (int32_t st : types)
-        for (int32_t channels : {1, 2, 3, 4}) {
-          auto dst = MakeImage(6, 5, channels, dt, pltest::kPadded);
-          auto src = MakeImage(6, 5, channels, st, pltest::kFlipped);
-          pltest::FillRandom(dst.get(), 40, -100.0f, 300.0f);
-          pltest::FillRandom(src.get(), 41, -100.0f, 300.0f);
-          PLImage expected(6, 5, channels, dt, 0);
-          CopyWhole(&expected, dst.get());
-          TwoImageReference(&expected, src.get(), op.ref);
-          op.run(dst.get(), src.get());
-          ASSERT_TRUE(PixelBytes(dst.get()) == PixelBytes(&expected))
-              << op.name << " " << dt << "<-" << st << " c" << channels;
-          ASSERT_TRUE(pltest::PaddingUntouched(dst));
-        }
+        for (int32_t channels : {1, 2, 3, 4})
+          for (int32_t workers : kPLTestWorkerCounts) {
+            auto dst = MakeImage(6, 150, channels, dt, pltest::kLayouts[workers % 4]);
+            auto src = MakeImage(6, 150, channels, st, pltest::kLayouts[(workers + 1) % 4]);
+            pltest::FillRandom(dst.get(), 40, -100.0f, 300.0f);
+            pltest::FillRandom(src.get(), 41, -100.0f, 300.0f);
+            PLImage expected(6, 150, channels, dt, 0);
+            CopyWhole(&expected, dst.get());
+            TwoImageReference(&expected, src.get(), op.ref);
+            PLTestUseWorkers(workers);
+            op.run(dst.get(), src.get());
+            PLTestUseWorkers(1);
+            ASSERT_TRUE(PixelBytes(dst.get()) == PixelBytes(&expected))
+                << op.name << " " << dt << "<-" << st << " c" << channels << " workers " << workers;
+            ASSERT_TRUE(pltest::PaddingUntouched(dst));
+          }
 }
 
 TEST(ImageArith, TwoImageOperationsRefuseLongAndMismatches) {
@@ -342,19 +348,6 @@ TEST(ImageMatte, MembersMoveTheMatteMode) {
   SetPixel4(&fresh, 0, 0, 0.5f, 0.5f, 0.5f, 0.5f);
   fresh.UpdateMatteMode(0);
   EXPECT_EQ(fresh.matteMode, MatteStraight);
-}
-
-// ---- workers ----
-
-TEST(ImageArithWorkers, EveryRowParallelOperationIsIndependentOfWorkers) {
-  ExpectRowOpSameForAllWorkers("Subtract1", PLFloat, PLFloat, 1,
-                               [](PLImage* d, PLImage* s) { Subtract(d, s); });
-  ExpectRowOpSameForAllWorkers("Subtract2", PLFloat, PLFloat, 2,
-                               [](PLImage* d, PLImage* s) { Subtract(d, s); });
-  for (int32_t type : {PLUChar, PLUShort, PLFloat})
-    ExpectRowOpSameForAllWorkers("Max", type, type, 1, [](PLImage* d, PLImage* s) { Max(d, s); });
-  ExpectRowOpSameForAllWorkers("ScaleClampUShort4", PLUShort, PLUShort, 4,
-                               [](PLImage* d, PLImage*) { ScaleClampUShort(d, 1.3f, 60000.0f); });
 }
 
 }  // namespace
