@@ -1,6 +1,8 @@
 // flowblur: filling with black takes a byte fill of each row: every pixel zero, padding kept.
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "image/PLImageCopy.h"
 #include "tests/support/PLTestImages.h"
 
