@@ -15,6 +15,10 @@
 #include <set>
 #include <type_traits>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "fill/InterpolateField.h"
 #include "host/SparkHost.h"
 #include "image/PLPixelConvert.h"
@@ -369,16 +373,36 @@ bool IntegerSamplesAs(const std::vector<float>& in, std::vector<unsigned char>* 
   const float top = std::is_same_v<T, uint8_t> ? 255.0f : 65535.0f;
   bytes->resize(in.size() * sizeof(T));
   T* out = reinterpret_cast<T*>(bytes->data());
-  bool undecided = false;
   const size_t n = in.size();
-  for (size_t k = 0; k < n; ++k) {
+  size_t k = 0;
+  bool undecided = false;
+#if defined(__SSE2__)
+  // Four at a time, the operations of the loop below: max with 0 first gives 0 for NaN as
+  // !(lifted > 0) does.
+  const __m128 vTop = _mm_set1_ps(top), vHalf = _mm_set1_ps(0.5f), vZero = _mm_setzero_ps();
+  const __m128 vLo = _mm_set1_ps(0.484375f), vHi = _mm_set1_ps(0.515625f);
+  const __m128 vAbs = _mm_castsi128_ps(_mm_set1_epi32(0x7fffffff));
+  __m128 flags = _mm_setzero_ps();
+  alignas(16) int32_t lanes[4];
+  for (; k + 4 <= n; k += 4) {
+    const __m128 y = _mm_mul_ps(_mm_loadu_ps(in.data() + k), vTop);
+    const __m128 r = _mm_min_ps(_mm_max_ps(_mm_add_ps(y, vHalf), vZero), vTop);
+    const __m128i sample = _mm_cvttps_epi32(r);
+    const __m128 d = _mm_and_ps(_mm_sub_ps(y, _mm_cvtepi32_ps(sample)), vAbs);
+    flags = _mm_or_ps(flags, _mm_or_ps(_mm_cmpunord_ps(y, y),
+                                       _mm_and_ps(_mm_cmpgt_ps(d, vLo), _mm_cmplt_ps(d, vHi))));
+    _mm_store_si128(reinterpret_cast<__m128i*>(lanes), sample);
+    for (int32_t l = 0; l < 4; ++l) out[k + l] = static_cast<T>(lanes[l]);
+  }
+  undecided = _mm_movemask_ps(flags) != 0;
+#endif
+  for (; k < n; ++k) {
     const float y = in[k] * top;
     const float lifted = y + 0.5f;
     const float r = !(lifted > 0.0f) ? 0.0f : lifted > top ? top : lifted;
     const T sample = static_cast<T>(r);
-    const float below = y - static_cast<float>(sample);  // -0.5 .. 0.5 for y within range
-    undecided |= (y != y) | (below > 0.484375f && below < 0.515625f) |
-                 (below < -0.484375f && below > -0.515625f);
+    const float d = std::fabs(y - static_cast<float>(sample));  // up to 0.5 within range
+    undecided |= (y != y) | ((d > 0.484375f) & (d < 0.515625f));
     out[k] = sample;
   }
   return !undecided;
