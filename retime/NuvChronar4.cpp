@@ -197,14 +197,14 @@ PLImage* RenderState::Fetch(Source source, int32_t frameNumber, int32_t matte) {
     throw PLErrParameter;
   }
   const PLImage* im = view->internal;
-  const bool colourPair = (im->channels == 3 || im->channels == 4) &&
-                         (output->channels == 3 || output->channels == 4);
+  bool channelsFit =
+      source == Source::kMatte ? im->channels == 1 : im->channels == output->channels;
+  // A motion frame read for its luma only may keep a matte that the output leaves out.
+  if (source == Source::kMotion && motionForLumaOnly && (im->channels == 3 || im->channels == 4) &&
+      (output->channels == 3 || output->channels == 4))
+    channelsFit = true;
   bool fits = im->width == output->width && im->height == output->height &&
-              im->dataType == output->dataType &&
-              (source == Source::kMatte ? im->channels == 1
-               : source == Source::kMotion && motionForLumaOnly && colourPair
-                   ? true
-                   : im->channels == output->channels);
+              im->dataType == output->dataType && channelsFit;
   if (!fits) {
     giveBack(view);
     throw PLErrParameter;

@@ -125,7 +125,9 @@ class NuvChronar4 : public NuvMem {
   // null view, a view without wrapper or pixels, or one of width or height 0 is reported
   // as 5.
   virtual int32_t GetFrame(NuvImage** frame, int32_t frameNumber) = 0;
-  // The frame to estimate motion on, where it differs from the frame shown. Same contract.
+  // The frame to estimate motion on, where it differs from the frame shown. Same contract,
+  // except that for a render with one layer (RenderAtTime) a frame of 3 or 4 channels fits
+  // an output of 3 or 4: it is read for its luma only.
   virtual int32_t GetMotionFrame(NuvImage** frame, int32_t frameNumber) = 0;
   // Gives back a view from GetFrame or GetMotionFrame (never null).
   virtual void ReleaseFrame(NuvImage* frame) = 0;

@@ -152,7 +152,8 @@ struct PlannedChronar::Picture {
   std::unique_ptr<NuvImage> view;
 };
 
-// A frame's pictures: the one shown and, when it has fewer channels, the one estimated on.
+// A frame's pictures: the one shown and, when that one leaves the matte out, the one
+// estimated on.
 struct PlannedChronar::Served {
   std::unique_ptr<Picture> shown, motion;
 };

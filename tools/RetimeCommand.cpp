@@ -100,10 +100,9 @@ int RunRetime(const RetimeOptions& o) {
     }
     const int32_t width = info.width, height = info.height, type = WorkingTypeFor(info.depth);
     const int32_t channels = engine->ChoosePictureChannels(info);
-    plan->make = [engine, quality, width, height, type, channels](size_t k,
-                                                        const PlannedChronar::Inputs& inputs,
-                                                        Frame* out, FlowField* flow,
-                                                        std::string* error) {
+    plan->make = [engine, quality, width, height, type, channels](
+                     size_t k, const PlannedChronar::Inputs& inputs, Frame* out,
+                     FlowField* flow, std::string* error) {
       PLImage picture(0, width, height, channels, type, 0);
       if (picture.errorCode) {
         *error = "out of memory";
