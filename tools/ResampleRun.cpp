@@ -52,7 +52,43 @@ int32_t WorkingTypeFor(SampleDepth depth) {
 
 namespace {
 
-// One frame into one working type: the type is chosen once, outside the pixel loop.
+// A sample in white units of T: integers scaled, rounded (+ 0.5, truncated) and limited,
+// NaN giving 0; floats as they are.
+template <class T>
+inline T Quantise(float v) {
+  if constexpr (std::is_same_v<T, float>) {
+    return v;
+  } else {
+    const float white = std::is_same_v<T, uint8_t> ? 255.0f : 65535.0f;
+    float scaled = v * white + 0.5f;
+    scaled = !(scaled > 0.0f) ? 0.0f : scaled > white ? white : scaled;
+    return static_cast<T>(scaled);
+  }
+}
+
+// Quantise over a run of samples; four at a time where SSE2 is (max with 0 first gives 0
+// for NaN, as the scalar rule does).
+template <class T>
+void QuantiseRun(const float* in, T* out, size_t n) {
+  size_t k = 0;
+#if defined(__SSE2__)
+  if constexpr (!std::is_same_v<T, float>) {
+    const __m128 white = _mm_set1_ps(std::is_same_v<T, uint8_t> ? 255.0f : 65535.0f);
+    const __m128 half = _mm_set1_ps(0.5f), zero = _mm_setzero_ps();
+    alignas(16) int32_t lanes[4];
+    for (; k + 4 <= n; k += 4) {
+      const __m128 scaled = _mm_add_ps(_mm_mul_ps(_mm_loadu_ps(in + k), white), half);
+      _mm_store_si128(reinterpret_cast<__m128i*>(lanes),
+                      _mm_cvttps_epi32(_mm_min_ps(_mm_max_ps(scaled, zero), white)));
+      for (int32_t l = 0; l < 4; ++l) out[k + l] = static_cast<T>(lanes[l]);
+    }
+  }
+#endif
+  for (; k < n; ++k) out[k] = Quantise<T>(in[k]);
+}
+
+// One frame into one working type: the type is chosen once, outside the pixel loop. Frames
+// whose channels are R, G, B (and alpha) in order are converted a row at a time.
 template <class T>
 void ToWorkingAs(const Frame& frame, PLImage* out) {
   const FrameInfo& info = frame.info;
@@ -60,21 +96,33 @@ void ToWorkingAs(const Frame& frame, PLImage* out) {
   const int32_t source[4] = {info.colour[0], info.colour[1], info.colour[2], alpha};
   const int32_t channels = info.channels;
   const int32_t pictureChannels = out->channels;  // 3 leaves the matte out
+  const size_t width = static_cast<size_t>(out->width);
+  const bool rgbInOrder = source[0] == 0 && source[1] == 1 && source[2] == 2;
+  const bool same = rgbInOrder && channels == pictureChannels &&
+                    (pictureChannels == 3 || source[3] == 3);
+  const bool addMatte = rgbInOrder && channels == 3 && pictureChannels == 4 && source[3] < 0;
+  std::vector<T> colour(addMatte ? width * 3 : 0);
+  const T white = Quantise<T>(1.0f);
   for (int32_t y = 0; y < out->height; ++y) {
     const float* row = frame.pixels.data() + static_cast<size_t>(y) * info.width * channels;
     T* dst = reinterpret_cast<T*>(out->Row(y));
-    for (int32_t x = 0; x < out->width; ++x, row += channels, dst += pictureChannels)
-      for (int32_t c = 0; c < pictureChannels; ++c) {
-        const float v = source[c] >= 0 ? row[source[c]] : 1.0f;
-        if constexpr (std::is_same_v<T, float>) {
-          dst[c] = v;
-        } else {
-          const float white = std::is_same_v<T, uint8_t> ? 255.0f : 65535.0f;
-          float scaled = v * white + 0.5f;
-          scaled = !(scaled > 0.0f) ? 0.0f : scaled > white ? white : scaled;
-          dst[c] = static_cast<T>(scaled);
-        }
+    if (same) {
+      QuantiseRun<T>(row, dst, width * channels);
+      continue;
+    }
+    if (addMatte) {
+      QuantiseRun<T>(row, colour.data(), width * 3);
+      for (size_t x = 0; x < width; ++x) {
+        dst[4 * x] = colour[3 * x];
+        dst[4 * x + 1] = colour[3 * x + 1];
+        dst[4 * x + 2] = colour[3 * x + 2];
+        dst[4 * x + 3] = white;
       }
+      continue;
+    }
+    for (size_t x = 0; x < width; ++x, row += channels, dst += pictureChannels)
+      for (int32_t c = 0; c < pictureChannels; ++c)
+        dst[c] = Quantise<T>(source[c] >= 0 ? row[source[c]] : 1.0f);
   }
 }
 
