@@ -262,8 +262,8 @@ TEST(Chronar4Layers, ExactTimeRebuildsTheFrame) {
   }
 }
 
-// Every render path (in-betweens of each warp style with a shutter blur, layers, vector
-// steps) gives the same bytes on 1, 2, 3 and 8 workers.
+// Every render path (in-betweens of each warp style with a shutter blur, layers, flow from
+// hints alone, vector steps) gives the same bytes on 1, 2, 3 and 8 workers.
 class Chronar4Workers : public ::testing::TestWithParam<int64_t> {};
 
 TEST_P(Chronar4Workers, SameBytesForAllWorkers) {
@@ -285,14 +285,29 @@ TEST_P(Chronar4Workers, SameBytesForAllWorkers) {
       EXPECT_EQ(clip.RenderWith(0.4f, 0, 0, 1), 0);
       return pltest::PixelBytes(clip.out.get());
     });
+  // Flow from the hints alone (no estimator).
   pltest::ExpectSameForAllWorkers([&] {
-    Clip clip(4, 3, PLFloat);
+    Clip clip(3, 3, PLFloat);
     clip.engine.interpolation = GetParam();
-    EXPECT_EQ(clip.engine.RenderVectors(&clip.out.view, 2, 2, 1, 1.0f, 0, kQuality, 0, nullptr,
-                                        nullptr, nullptr),
-              0);
+    clip.engine.hintMotion[0] = 3.0f;
+    clip.engine.hintsOnly = true;
+    EXPECT_EQ(clip.Render(0.4f), 0);
+    EXPECT_EQ(clip.engine.FlowRuns(), GetParam() == 0 ? 1 : 2);
     return pltest::PixelBytes(clip.out.get());
   });
+  // Vector pictures and warped steps, plain and layered (a matte: two layers).
+  for (int32_t mattes : {0, 1})
+    for (int32_t kind : {0, 1})
+      pltest::ExpectSameForAllWorkers([&] {
+        Clip clip(4, 3, PLFloat);
+        clip.engine.interpolation = GetParam();
+        if (mattes) clip.AddMattes(4);
+        EXPECT_EQ(clip.engine.RenderVectors(&clip.out.view, 2, 2, kind, 1.0f, 0, kQuality,
+                                            mattes, kOnes, kNoChokes, nullptr),
+                  0);
+        EXPECT_EQ(clip.engine.Outstanding(), 0);
+        return pltest::PixelBytes(clip.out.get());
+      });
 }
 
 INSTANTIATE_TEST_SUITE_P(Interpolations, Chronar4Workers, ::testing::Values(0, 1, 2));

@@ -39,6 +39,7 @@ class MemoryChronar : public NuvChronar4 {
   bool overrideAmount = false;
   int32_t edgeBlend = 0;
   float hintMotion[2] = {};  // one hint at (40, 30) moving this far a frame; none if 0
+  bool hintsOnly = false;    // flow from the hints alone, no estimator
 
   int32_t GetFrame(NuvImage** frame, int32_t n) override { return Serve(frame, n); }
   int32_t GetMotionFrame(NuvImage** frame, int32_t n) override { return Serve(frame, n); }
@@ -63,6 +64,14 @@ class MemoryChronar : public NuvChronar4 {
   int32_t GetWarpStyle() override { return warpStyle; }
   // Unless a test sets them, the engine's own defaults answer.
   int32_t UseEdgeBlend() override { return edgeBlend ? 1 : NuvChronar4::UseEdgeBlend(); }
+  void UseEstimatorForTop(float t, uint8_t* use) override {
+    NuvChronar4::UseEstimatorForTop(t, use);
+    if (hintsOnly) *use = 0;
+  }
+  void UseEstimatorForLayer(float t, uint8_t* use, int32_t layer) override {
+    NuvChronar4::UseEstimatorForLayer(t, use, layer);
+    if (hintsOnly) *use = 0;
+  }
   int32_t HintCount(float a, float b, int32_t layer) override {
     return hintMotion[0] != 0.0f ? 1 : NuvChronar4::HintCount(a, b, layer);
   }
