@@ -15,14 +15,7 @@ PLBlurPath PLBlurChosenPath() { return PLWideChosen() ? PLBlurPath::kWide : PLBl
 
 #if !defined(FLOWBLUR_PLAIN_ONLY)
 
-// Only the functions from here to the end use AVX2, and only after PLBlurWideAvailable.
-// The target adds no fused multiply-add, and the build keeps -ffp-contract=off.
-#if defined(__clang__)
-#pragma clang attribute push(__attribute__((target("avx2"))), apply_to = function)
-#else
-#pragma GCC push_options
-#pragma GCC target("avx2")
-#endif
+#include "runtime/PLWideBegin.h"
 
 namespace {
 
@@ -436,10 +429,6 @@ PL_BLUR_WIDE_ALL_CHANNELS(uint8_t)
 PL_BLUR_WIDE_ALL_CHANNELS(uint16_t)
 PL_BLUR_WIDE_ALL_CHANNELS(float)
 
-#if defined(__clang__)
-#pragma clang attribute pop
-#else
-#pragma GCC pop_options
-#endif
+#include "runtime/PLWideEnd.h"
 
 #endif  // FLOWBLUR_PLAIN_ONLY

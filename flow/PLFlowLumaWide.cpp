@@ -7,12 +7,7 @@
 
 #include <cstring>
 
-#if defined(__clang__)
-#pragma clang attribute push(__attribute__((target("avx2"))), apply_to = function)
-#else
-#pragma GCC push_options
-#pragma GCC target("avx2")
-#endif
+#include "runtime/PLWideBegin.h"
 
 namespace plflow {
 
@@ -98,10 +93,6 @@ int32_t LumaRowRGBFloatWide(float* d, const unsigned char* s, int32_t w) {
 
 }  // namespace plflow
 
-#if defined(__clang__)
-#pragma clang attribute pop
-#else
-#pragma GCC pop_options
-#endif
+#include "runtime/PLWideEnd.h"
 
 #endif  // FLOWBLUR_PLAIN_ONLY

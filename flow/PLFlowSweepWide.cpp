@@ -5,14 +5,7 @@
 
 #include <immintrin.h>
 
-// Only this file's functions use AVX2, and only where PLWideChosen(). The target adds no
-// fused multiply-add, and the build keeps -ffp-contract=off.
-#if defined(__clang__)
-#pragma clang attribute push(__attribute__((target("avx2"))), apply_to = function)
-#else
-#pragma GCC push_options
-#pragma GCC target("avx2")
-#endif
+#include "runtime/PLWideBegin.h"
 
 namespace plflow {
 namespace {
@@ -289,10 +282,6 @@ int32_t ColumnRow8(const SweepImages& im, int32_t x, int32_t last, int32_t y, fl
 
 }  // namespace plflow
 
-#if defined(__clang__)
-#pragma clang attribute pop
-#else
-#pragma GCC pop_options
-#endif
+#include "runtime/PLWideEnd.h"
 
 #endif  // FLOWBLUR_PLAIN_ONLY
