@@ -22,18 +22,21 @@ TEST_P(ExrHalves, SameBitsAsTheFloatRoute) {
   const Layout& layout = GetParam();
   const int32_t w = 256, h = 86, nc = static_cast<int32_t>(layout.channels.size());
   test::TempDir dir;
-  OIIO::ImageSpec spec(w, h, nc, OIIO::TypeDesc::HALF);
-  spec.channelnames = layout.channels;
+  OIIO::ImageSpec header(w, h, nc, OIIO::TypeDesc::HALF);
+  header.channelnames = layout.channels;
   if (layout.floatAlpha) {
-    spec.channelformats.assign(static_cast<size_t>(nc), OIIO::TypeDesc::HALF);
-    spec.channelformats.back() = OIIO::TypeDesc::FLOAT;
+    header.channelformats.assign(static_cast<size_t>(nc), OIIO::TypeDesc::HALF);
+    header.channelformats.back() = OIIO::TypeDesc::FLOAT;
   }
   // Odd strides through the 16-bit patterns: each comes up once in 65536 samples.
-  std::vector<uint16_t> stored(static_cast<size_t>(w) * h * nc), result(static_cast<size_t>(w) * h * 3);
+  std::vector<uint16_t> stored(static_cast<size_t>(w) * h * nc);
+  std::vector<uint16_t> result(static_cast<size_t>(w) * h * 3);
   for (size_t i = 0; i < stored.size(); ++i) stored[i] = static_cast<uint16_t>(i * 7919u);
   for (size_t i = 0; i < result.size(); ++i) result[i] = static_cast<uint16_t>(i * 40503u + 11u);
   std::string error;
-  ASSERT_TRUE(WriteImageSafely(dir / "in.exr", spec, OIIO::TypeDesc::HALF, stored.data(), false, &error)) << error;
+  ASSERT_TRUE(WriteImageSafely(dir / "in.exr", header, OIIO::TypeDesc::HALF, stored.data(), false,
+                               &error))
+      << error;
 
   Frame kept, plain;
   ASSERT_TRUE(ReadFrame(dir / "in.exr", &kept, &error, true)) << error;
