@@ -135,6 +135,22 @@ bool CheckExrHeader(const ReadAt& read, int64_t bytes, std::string* why) {
   }
 }
 
+// A DPX header's user data size, checked before the reader takes that many bytes (twice: it
+// reads the block and copies it into an attribute) whatever the file holds. Refused, with the
+// reason in `why`, when it claims more bytes than the file has; 0 and all ones mean none.
+bool CheckDpxHeader(const ReadAt& read, int64_t bytes, std::string* why) {
+  unsigned char head[36];
+  if (bytes < 36 || !read(0, head, 36)) return true;
+  const bool big = std::memcmp(head, "SDPX", 4) == 0;
+  if (!big && std::memcmp(head, "XPDS", 4) != 0) return true;
+  uint32_t user = 0;  // in the byte order the magic number says
+  for (int k = 0; k < 4; ++k) user = user << 8 | head[32 + (big ? k : 3 - k)];
+  if (user == 0 || user == 0xFFFFFFFFu || user <= bytes) return true;
+  *why = "its header's user data claims " + std::to_string(user) +
+         " bytes, more than the file holds";
+  return false;
+}
+
 // Opens `path` (or, with `proxy`, the bytes behind it, `path` naming them) for reading with
 // `config` and fills `header` with the file's description (size, channels, sample format,
 // metadata). Null, with the reason in `why`, on failure.
@@ -156,7 +172,7 @@ std::unique_ptr<OIIO::ImageInput> OpenToRead(const std::string& path,
       if (proxy) return proxy->pread(into, n, offset) == n;
       return pread(fd, into, n, offset) == static_cast<ssize_t>(n);
     };
-    const bool fine = CheckExrHeader(read, size, why);
+    const bool fine = CheckExrHeader(read, size, why) && CheckDpxHeader(read, size, why);
     if (fd >= 0) close(fd);
     if (!fine) return nullptr;
   }

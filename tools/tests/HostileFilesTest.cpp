@@ -10,6 +10,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tools/ImageFiles.h"
@@ -135,10 +136,10 @@ TEST(HostileFiles, HeadersOverTheFrameLimit) {
                              &info, &error));
 }
 
-// An EXR header's attribute sizes are taken before any reader allocates them: one claiming
-// about 2 GB in a file of a few hundred bytes, or a data window of 2^40 pixels, is refused
-// with its reason, from disk and from memory alike.
-TEST(HostileFiles, ExrHeadersThatClaimTooMuch) {
+// Header sizes are checked before any reader allocates them: an EXR attribute claiming about
+// 2 GB in a file of a few hundred bytes, a data window of 2^40 pixels, or DPX user data of
+// about 2 GB (found by the file fuzzer) is refused with its reason, from disk and from memory.
+TEST(HostileFiles, HeadersThatClaimMoreThanTheFileHolds) {
   test::TempDir dir;
   const std::string valid = ValidFile(dir, "exr");
   auto patched = [](std::string bytes, const std::string& attribute, size_t offset,
@@ -154,16 +155,22 @@ TEST(HostileFiles, ExrHeadersThatClaimTooMuch) {
        "attribute 'compression' claims 2147483632 bytes"},
       {patched(patched(valid, "dataWindow", 4 + 8, 1u << 20), "dataWindow", 4 + 12, 1u << 20),
        "claims 1048577x1048577 pixels"}};
-  for (const auto& [bytes, says] : cases) {
-    Put(dir / "x.exr", bytes);
+  std::string dpx = ValidFile(dir, "dpx");
+  dpx.replace(32, 4, "\x7F\x7F\x7F\x7F");  // the same number in either byte order
+  const std::tuple<std::string, std::string, std::string> all[] = {
+      {"exr", cases[0].first, cases[0].second},
+      {"exr", cases[1].first, cases[1].second},
+      {"dpx", dpx, "user data claims 2139062143 bytes"}};
+  for (const auto& [ext, bytes, says] : all) {
+    Put(dir / ("x." + ext), bytes);
     FrameInfo info;
     Frame frame;
     std::string error;
-    EXPECT_FALSE(ReadFrameInfo(dir / "x.exr", &info, &error));
+    EXPECT_FALSE(ReadFrameInfo(dir / ("x." + ext), &info, &error));
     EXPECT_NE(error.find(says), std::string::npos) << error;
-    EXPECT_NE(error.find("x.exr"), std::string::npos) << error;
+    EXPECT_NE(error.find("x." + ext), std::string::npos) << error;
     error.clear();
-    EXPECT_FALSE(ReadFrameFromMemory("m.exr", bytes.data(), bytes.size(), &frame, &error));
+    EXPECT_FALSE(ReadFrameFromMemory("m." + ext, bytes.data(), bytes.size(), &frame, &error));
     EXPECT_NE(error.find(says), std::string::npos) << error;
   }
 }
