@@ -312,6 +312,35 @@ TEST_P(Chronar4Workers, SameBytesForAllWorkers) {
 
 INSTANTIATE_TEST_SUITE_P(Interpolations, Chronar4Workers, ::testing::Values(0, 1, 2));
 
+// What a subclass that overrides nothing optional is answered with.
+TEST(Chronar4Defaults, OptionalOperationsAnswerTheirDefaults) {
+  MemoryChronar c;
+  NuvChronar4& e = c;
+  uint8_t rgb[3] = {};
+  e.GetFillColor(&rgb[0], &rgb[1], &rgb[2]);
+  EXPECT_EQ(rgb[0] + rgb[1] + rgb[2], 3 * 255);
+  int32_t count = 7;
+  const float dummy = 0.0f;
+  const float* points[4] = {&dummy, &dummy, &dummy, &dummy};
+  e.NuvChronar4::GetHints(0.0f, 1.0f, 0, 0, &count, &points[0], &points[1], &points[2],
+                          &points[3]);
+  EXPECT_EQ(count, 0);
+  for (const float* p : points) EXPECT_EQ(p, nullptr);
+  void* out = &c;
+  EXPECT_EQ(e.ReservedPointer1(&out), 0);
+  EXPECT_EQ(out, nullptr);
+  out = &c;
+  EXPECT_EQ(e.ReservedPointer2(&out), 0);
+  EXPECT_EQ(out, nullptr);
+  EXPECT_EQ(e.ReservedQuery1() + e.ReservedQuery2() + e.UsesExternalFlow(), 0);
+  e.ReservedHook();
+  float value = 0.3f;
+  EXPECT_EQ(e.OverrideTopLevelFactor(0.0f, &value) + e.OverrideLevelFactor(0.0f, &value, 0) +
+                e.OverrideChoke(0.0f, &value, 0),
+            0);
+  EXPECT_EQ(value, 0.3f);  // untouched
+}
+
 // ---- Failure rules --------------------------------------------------------------------------
 
 TEST(Chronar4Failure, BadArgumentsAndBadSubclassReturns) {
