@@ -14,12 +14,14 @@
 #   --frames N      frames of the demo clip (default 12)
 #   --threads N     processors lent to the plug-in, in every run (default 2)
 #   --io-threads N  passed to the timed build when it has the option (default: its own)
-#   --repeat N      runs of each command; the fastest counts (default 1)
+#   --repeat N      rounds in which every command runs once, in turn; the fastest counts
+#                   (default 1)
 #   --work DIR      scratch folder (default: a new one under $TMPDIR), removed at the end
 #
 # oiiotool comes from Debian's openimageio-tools, installed here when missing (for this
 # benchmark only; flowblur itself links the library). Ratios are end-to-end time over the
-# floor plus the plug-in alone: below 1.0 the run overlaps its I/O with the plug-in.
+# floor plus the plug-in alone: below 1.0 the run overlaps its I/O with the plug-in. The last
+# column is CPU seconds (user + system), steadier than wall time on a loaded machine.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -41,7 +43,7 @@ while [ $# -gt 0 ]; do
     --io-threads) io_threads=$2; shift 2 ;;
     --repeat) repeat=$2; shift 2 ;;
     --work) work=$2; shift 2 ;;
-    -h|--help) sed -n '2,22p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,24p' "$0"; exit 0 ;;
     *) echo "batch_throughput.sh: unknown argument $1" >&2; exit 2 ;;
   esac
 done
@@ -60,20 +62,24 @@ if [ -z "$work" ]; then
 fi
 mkdir -p "$work"
 
-# Seconds a command takes, the fastest of --repeat runs; its output is thrown away. The
-# command's outputs are removed before each run so that every run writes them anew.
-seconds() {
+# One run of a command: "wall cpu" in seconds (cpu: user + system of the command and its
+# threads). Its outputs are removed first so that every run writes them anew.
+run_once() {
   local out=$1; shift
-  local best=""
-  for _ in $(seq "$repeat"); do
-    rm -rf "$out"; mkdir -p "$out"
-    local start=$EPOCHREALTIME
-    "$@" > /dev/null 2> "$work/last.log" || { cat "$work/last.log" >&2; return 1; }
-    local end=$EPOCHREALTIME
-    best=$(awk -v a="$start" -v b="$end" -v best="$best" \
-      'BEGIN { t = b - a; if (best == "" || t < best) best = t; printf "%.2f", best }')
-  done
-  echo "$best"
+  rm -rf "$out"; mkdir -p "$out"
+  local TIMEFORMAT='%R %U %S'
+  { time "$@" > /dev/null 2> "$work/last.log"; } 2> "$work/time.txt" ||
+    { cat "$work/last.log" >&2; return 1; }
+  awk '{ printf "%.2f %.2f", $1, $2 + $3 }' "$work/time.txt"
+}
+
+# The smaller of two "wall cpu" pairs, each figure apart ("" counts as none yet).
+best_of() {
+  awk -v a="$1" -v b="$2" 'BEGIN {
+    if (a == "") { print b; exit }
+    split(a, x, " "); split(b, y, " ")
+    printf "%.2f %.2f", (y[1] < x[1] ? y[1] : x[1]), (y[2] < x[2] ? y[2] : x[2])
+  }'
 }
 
 echo "== the demo clip at 1920x1080, $frames frames, as PNG, 16-bit TIFF and half EXR"
@@ -105,30 +111,41 @@ plugin_ms() {
     awk -F, '/BM_SparkProcess/ { print $3; exit }'
 }
 
-printf '\n%-6s %9s %9s %9s %9s %9s %11s %11s\n' format before after floor plug-in sum \
-  before/sum after/sum
+printf '\n%-6s %9s %9s %9s %9s %9s %11s %11s %21s\n' format before after floor plug-in sum \
+  before/sum after/sum "cpu before/after/floor"
 for case in png:24 tif:48 exr:49; do
   ext=${case%%:*}
   code=${case##*:}
   in="$work/in/demo.%04d.$ext"
-  floor=$(seconds "$work/floor" oiiotool --frames "1-$frames" "$in" -o "$work/floor/o.%04d.$ext")
-  after=$(seconds "$work/after" "$flowblur" "$in" "$work/after/o.%04d.$ext" "${common[@]}" \
-    "${after_extra[@]}")
-  b="-"
+  # The commands take turns, round after round, so that a load that rises or falls during the
+  # benchmark weighs on each of them alike; the fastest round of each counts.
+  floor="" after="" b=""
+  for _ in $(seq "$repeat"); do
+    floor=$(best_of "$floor" "$(run_once "$work/floor" oiiotool --frames "1-$frames" "$in" \
+      -o "$work/floor/o.%04d.$ext")")
+    after=$(best_of "$after" "$(run_once "$work/after" "$flowblur" "$in" "$work/after/o.%04d.$ext" \
+      "${common[@]}" "${after_extra[@]}")")
+    if [ -n "$before" ]; then
+      b=$(best_of "$b" "$(run_once "$work/before" "$before" "$in" "$work/before/o.%04d.$ext" \
+        "${common[@]}" "${before_extra[@]}")")
+    fi
+  done
   if [ -n "$before" ]; then
-    b=$(seconds "$work/before" "$before" "$in" "$work/before/o.%04d.$ext" "${common[@]}" \
-      "${before_extra[@]}")
     # The same bytes, or the comparison means nothing.
     cmp -s <(cat "$work"/before/o.*."$ext") <(cat "$work"/after/o.*."$ext") ||
       echo "batch_throughput.sh: $ext outputs of the two builds differ" >&2
   fi
   ms=$(plugin_ms "$code")
   awk -v f="$ext" -v b="$b" -v a="$after" -v fl="$floor" -v ms="$ms" -v n="$frames" 'BEGIN {
+    split(a, A, " "); split(fl, F, " ")
+    bw = "-"; bc = "-"
+    if (b != "") { split(b, B, " "); bw = B[1]; bc = B[2] }
     p = ms == "" ? "" : ms * n / 1000.0
-    s = p == "" ? "" : fl + p
-    printf "%-6s %9s %9.2f %9.2f %9s %9s %11s %11s\n", f, b, a, fl,
+    s = p == "" ? "" : F[1] + p
+    printf "%-6s %9s %9.2f %9.2f %9s %9s %11s %11s %21s\n", f, bw, A[1], F[1],
       p == "" ? "-" : sprintf("%.2f", p), s == "" ? "-" : sprintf("%.2f", s),
-      (s == "" || b == "-") ? "-" : sprintf("%.2f", b / s), s == "" ? "-" : sprintf("%.2f", a / s)
+      (s == "" || bw == "-") ? "-" : sprintf("%.2f", bw / s),
+      s == "" ? "-" : sprintf("%.2f", A[1] / s), sprintf("%s/%.2f/%.2f", bc, A[2], F[2])
   }'
 done
 echo
