@@ -202,6 +202,15 @@ std::unique_ptr<OIIO::ImageInput> OpenToRead(const std::string& path,
            std::to_string(bytes) + " bytes can hold";
     return nullptr;
   }
+  // The reader converts samples through a buffer of 256 of the file's rows, whatever the
+  // image's height: a 1-row header 16 million pixels wide took 34 GB before any pixel.
+  const int64_t rowBytes = static_cast<int64_t>(header->scanline_bytes(true));
+  if (rowBytes > kMaxRowBytes) {
+    *why = "its header claims rows of " + std::to_string(rowBytes) + " bytes (" +
+           std::to_string(header->width) + " pixels), wider than a frame may have (" +
+           std::to_string(kMaxRowBytes) + " bytes)";
+    return nullptr;
+  }
   return in;
 }
 

@@ -46,8 +46,11 @@ bool ReadFrameInfo(const std::string& path, FrameInfo* info, std::string* error)
 // walked before any reader opens the file, as its readers take the memory its attributes
 // claim before reading them: an attribute claiming more bytes than the file holds, a data
 // window of more than kMaxFrameSamples pixels, or more than 65536 attributes is refused there.
+// A row of more than kMaxRowBytes bytes as stored (262144 float RGBA pixels) is refused too:
+// the reader takes 256 rows of memory for it before decoding.
 // Every refusal is one message that names the file.
 constexpr int64_t kMaxFrameSamples = int64_t{1} << 28;
+constexpr int64_t kMaxRowBytes = int64_t{4} << 20;
 
 // A whole frame in memory: every channel as float, interleaved, rows packed, row 0 on top.
 // Samples are as stored: alpha is neither multiplied in nor divided out.

@@ -156,11 +156,16 @@ TEST(HostileFiles, HeadersThatClaimMoreThanTheFileHolds) {
       {patched(patched(valid, "dataWindow", 4 + 8, 1u << 20), "dataWindow", 4 + 12, 1u << 20),
        "claims 1048577x1048577 pixels"}};
   std::string dpx = ValidFile(dir, "dpx");
-  dpx.replace(32, 4, "\x7F\x7F\x7F\x7F");  // the same number in either byte order
+  // A row 16843009 pixels wide and one row high (the same numbers in either byte order).
+  std::string wide = dpx;
+  wide.replace(772, 8, std::string("\x01\x01\x01\x01\x00\x00\x00\x00", 8));
+  wide[dpx[0] == 'S' ? 779 : 776] = 1;
+  dpx.replace(32, 4, "\x7F\x7F\x7F\x7F");
   const std::tuple<std::string, std::string, std::string> all[] = {
       {"exr", cases[0].first, cases[0].second},
       {"exr", cases[1].first, cases[1].second},
-      {"dpx", dpx, "user data claims 2139062143 bytes"}};
+      {"dpx", dpx, "user data claims 2139062143 bytes"},
+      {"dpx", wide, "(16843009 pixels), wider than a frame may have (4194304 bytes)"}};
   for (const auto& [ext, bytes, says] : all) {
     Put(dir / ("x." + ext), bytes);
     FrameInfo info;
