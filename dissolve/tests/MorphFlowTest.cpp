@@ -38,8 +38,6 @@ TEST_P(MorphLevels, CountAndSizes) {
   ASSERT_EQ(morph.errorCode, 0);
   ASSERT_EQ(morph.numLevels, static_cast<int32_t>(c.sizes.size()));
   EXPECT_EQ(morph.startLevel, morph.numLevels - 1);
-  EXPECT_EQ(morph.iterationsPerLevel, 2);
-  EXPECT_EQ(morph.levelFactor, 1.0f);
   EXPECT_EQ(morph.workMaxX, static_cast<float>(c.sizes[0].first - 1));
   for (int32_t l = 0; l <= morph.numLevels; ++l) {
     // One level beyond those used, of max(2, half).

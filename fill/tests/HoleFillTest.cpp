@@ -318,24 +318,4 @@ TEST(ApplyNearestSites, CopiesSitesAndSkipsOutsideOnes) {
   }
 }
 
-TEST(MergeNearest, SameBytesForAllWorkerCounts) {
-  TestImage best = MakeImage(61, 211, 2, PLUShort, 1, 2);
-  TestImage cand = MakeImage(61, 211, 2, PLUShort, 0, 0);
-  ExpectSameForAllWorkers([&] {
-    FillRandom(best.get(), 1);
-    FillRandom(cand.get(), 2);
-    MergeNearest(best.get(), cand.get());
-    return PixelBytes(best.get());
-  });
-  TestImage im = MakeImage(150, 120, 3, PLUChar, 1, 3);
-  TestImage mask = MakeImage(150, 120, 1, PLUShort);
-  FillBlobMask(mask.get(), 4, 10);
-  ExpectSameForAllWorkers([&] {
-    FillRandom(im.get(), 5);
-    PLVoronoiFill(im.get(), mask.get());
-    PLSmallHoleFill(im.get(), mask.get(), 30);
-    return PixelBytes(im.get());
-  });
-}
-
 }  // namespace

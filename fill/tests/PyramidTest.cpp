@@ -156,47 +156,4 @@ TEST(Pyramid, StepCurves) {
   EXPECT_TRUE(std::isnan(StepValue(&step, 0, NAN)));
 }
 
-TEST(Pyramid, BlendApproachesEachSide) {
-  const int32_t w = 96, h = 80;
-  TestImage a = MakeImage(w, h, 1, PLUChar), b = MakeImage(w, h, 1, PLUChar);
-  FillRandom(a.get(), 1);
-  FillRandom(b.get(), 2);
-  LaplacePyramid pa(w, h), pb(w, h);
-  GaussStepOneDPyramid step(std::min(w, h));
-  pa.Build(a.get(), 0);
-  pb.Build(b.get(), 0);
-  auto meanDiff = [&](const PLImage* x, const PLImage* y) {
-    double sum = 0;
-    for (int32_t r = 0; r < h; ++r)
-      for (int32_t c = 0; c < w; ++c) sum += std::fabs(Get(x, c, r, 0) - Get(y, c, r, 0));
-    return sum / (w * h);
-  };
-  TestImage out = MakeImage(w, h, 1, PLUChar, 1, 3);
-  BlendPyramids(1.0f, out.get(), 0, &pa, &pb, &step);
-  EXPECT_LT(meanDiff(out.get(), a.get()), 1.0);
-  LaplacePyramid::BlendInto(0.0f, out.get(), 0, &pa, &pb, &step);
-  EXPECT_LT(meanDiff(out.get(), b.get()), 1.0);
-  BlendPyramids(0.5f, out.get(), 0, &pa, &pb, &step);
-  EXPECT_GT(meanDiff(out.get(), a.get()), 20.0);
-  EXPECT_GT(meanDiff(out.get(), b.get()), 20.0);
-  EXPECT_TRUE(PaddingUntouched(out));
-}
-
-// Build, Reconstruct, the step curves and the blend fork inside; the bytes must not move.
-TEST(Pyramid, SameBytesForAnyWorkerCount) {
-  TestImage a = MakeImage(203, 151, 3, PLUChar, 1, 5), b = MakeImage(203, 151, 3, PLUChar);
-  FillRandom(a.get(), 8);
-  FillRandom(b.get(), 9);
-  ExpectSameForAllWorkers([&] {
-    LaplacePyramid pa(203, 151), pb(203, 151);
-    GaussStepOneDPyramid step(151);
-    pa.Build(a.get(), 1);
-    pb.Build(b.get(), 1);
-    TestImage out = MakeImage(203, 151, 3, PLUChar);
-    BlendPyramids(0.3f, out.get(), 1, &pa, &pb, &step);  // reads every level and step
-    pb.Reconstruct(out.get(), 2);
-    return PixelBytes(out.get());
-  });
-}
-
 }  // namespace

@@ -98,17 +98,6 @@ TEST_P(SingleChannelFillTypes, Invariants) {
 INSTANTIATE_TEST_SUITE_P(TypePairs, SingleChannelFillTypes,
                          ::testing::Combine(::testing::ValuesIn(kTypes), ::testing::ValuesIn(kTypes)));
 
-TEST(SingleChannelFill, SameBytesForAllWorkerCounts) {
-  TestImage im = MakeImage(211, 157, 3, PLUChar, 1, 3);
-  TestImage mask = MakeImage(211, 157, 1, PLFloat);
-  RandomMask(mask.get(), 6, 20);
-  ExpectSameForAllWorkers([&] {
-    FillRandom(im.get(), 4);
-    PLSingleChannelFill(im.get(), mask.get(), nullptr);
-    return PixelBytes(im.get());
-  });
-}
-
 TEST(SingleChannelFill, CopyChannelConversions) {
   struct Case {
     int32_t from, to;

@@ -58,21 +58,6 @@ auto Uniform(float u, float v) {
 
 }  // namespace
 
-// Rows are half-open at the bottom, spans run ceil(left)..floor(right), and values are
-// interpolated from the vertices.
-TEST(MeshScan, HalfOpenRowsAndInterpolation) {
-  Recorder r = Scan(V(0, 0, 0, 0), V(4, 0, 8, 0), V(0, 4, 0, 8));
-  std::set<std::pair<int32_t, int32_t>> want;
-  for (int32_t y = 0; y < 4; ++y)
-    for (int32_t x = 0; x <= 4 - y; ++x) want.insert({x, y});
-  EXPECT_EQ(r.Pixels(), want);
-  EXPECT_EQ(r.hits.size(), want.size());
-  for (auto& h : r.hits) {  // the source is the target scaled by 2
-    EXPECT_FLOAT_EQ(std::get<2>(h), 2.0f * std::get<0>(h));
-    EXPECT_FLOAT_EQ(std::get<3>(h), 2.0f * std::get<1>(h));
-  }
-}
-
 // The bottom row is drawn only as the flat bottom on the target's last row.
 TEST(MeshScan, FlatBottomOnlyOnLastRow) {
   const MeshVertex d = V(1, 3, 1, 3), b = V(1, 2, 1, 2), c = V(0, 3, 0, 3);
