@@ -1,5 +1,5 @@
-// flowblur: the estimator stages with wide loops (luma of 16-bit and Float RGB, update,
-// upsampling) give the same bytes as their plain rules.
+// flowblur: the estimator stages with wide loops (luma of RGB rows, update, upsampling,
+// gradients) give the same bytes as their plain rules.
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "flow/PLFlowStages.h"
-#include "flow/PLFlowSweep.h"
 #include "flow/PLOpticalFlowUChar.h"
 #include "flow/tests/FlowTestSupport.h"
 #include "runtime/PLWidePath.h"
@@ -78,54 +77,30 @@ TEST(FlowFastPath, UpsampleSameOnBothLoopsAndAllWorkerCounts) {
     }
 }
 
-// 16-bit and Float RGB rows (four pixels a lane group where AVX2 runs, the plain loop for the
-// rest) against the double formula, on widths 1 to 13 whose rows are exactly the pixels'
-// bytes and end the buffer, so that a read past a row is an AddressSanitizer error.
-TEST(FlowFastPath, SixteenBitAndFloatRGBLumaAgainstTheDoubleFormula) {
+// 8-bit, 16-bit and Float RGB rows (a group of lanes where AVX2 runs, the plain loop for the
+// rest) against the double formula, on widths 1 to 19 whose rows are exactly the pixels' bytes
+// and end the buffer, so that a read past a row is an AddressSanitizer error.
+TEST(FlowFastPath, RGBLumaOfEveryTypeAgainstTheDoubleFormula) {
   std::mt19937 rng(48);
-  for (int32_t type : {PLUShort, PLFloat})
-    for (int32_t w = 1; w <= 13; ++w) {
+  for (int32_t type : {PLUChar, PLUShort, PLFloat})
+    for (int32_t w = 1; w <= 19; ++w) {
       const int32_t rowBytes = 3 * w * PLBytesPerSample(type);
       std::vector<unsigned char> bytes(static_cast<size_t>(rowBytes) * 5);
       PLImage rgb(bytes.data(), w, 5, rowBytes, 3, type, 1);
       FillRandom(&rgb, rng());
+      if (type == PLUChar) bytes[0] = bytes[1] = bytes[2] = 255;  // the table's last cells
       PLOpticalFlowUChar flow(w, 5, 0, 0, 0, 12);
       flow.ConvertToLuma(flow.firstPyramid[0], &rgb, 0);
       for (int32_t y = 0; y < 5; ++y)
         for (int32_t x = 0; x < w; ++x) {
           const double sum = 0.3 * Get(&rgb, x, y, 0) + 0.59 * Get(&rgb, x, y, 1) +
                              0.11 * Get(&rgb, x, y, 2);
-          const float want = static_cast<float>(type == PLUShort ? sum / 257.0 : sum * 255.0);
-          ASSERT_EQ(At(flow.firstPyramid[0], x, y), want) << type << " width " << w << " x " << x;
+          const double scaled = type == PLUChar    ? sum
+                                : type == PLUShort ? sum / 257.0
+                                                   : sum * 255.0;
+          ASSERT_EQ(At(flow.firstPyramid[0], x, y), static_cast<float>(scaled))
+              << type << " width " << w << " x " << x;
         }
-    }
-}
-
-// The row sweeps read eight rows of flow and cache by one index vector where both images
-// have the same row step (the estimator's own levels, either row order): same bytes as the
-// plain loop, for 1/2/3/8 workers.
-TEST(FlowFastPath, SweepsWithFlowAndCacheOfOneLayout) {
-  const int32_t sizes[][2] = {{21, 19}, {40, 27}};
-  uint32_t seed = 60;
-  for (const auto& sz : sizes)
-    for (Layout layout : kLayouts) {
-      TestImage first = MakeImage(sz[0], sz[1], 1, PLFloat, layout);
-      TestImage second = MakeImage(sz[0], sz[1], 1, PLFloat, layout);
-      TestImage start = MakeImage(sz[0], sz[1], 2, PLFloat, layout);
-      FillRandom(first.get(), seed++, -40.0f, 40.0f);
-      FillRandom(second.get(), seed++, -40.0f, 40.0f);
-      FillRandom(start.get(), seed++, -3.0f, 3.0f);
-      auto run = [&](bool wide) {
-        TestImage flow = MakeImage(sz[0], sz[1], 2, PLFloat, layout);
-        TestImage cache = MakeImage(sz[0], sz[1], 2, PLFloat, layout);
-        CopyPixels(flow.get(), start.get());
-        plflow::PropagateSweepsOnPath(wide, flow.get(), first.get(), second.get(), cache.get());
-        return PixelBytes(flow.get());
-      };
-      const std::vector<unsigned char> plain = run(false);
-      EXPECT_FALSE(plain == PixelBytes(start.get())) << LayoutName(layout);
-      EXPECT_TRUE(plain == run(true)) << sz[0] << "x" << sz[1] << " " << LayoutName(layout);
-      ExpectSameForAllWorkers([&] { return run(true); });
     }
 }
 

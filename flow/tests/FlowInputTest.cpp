@@ -2,9 +2,7 @@
 // prefilter, the reduction, progress reports and interruption of a run.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstring>
-#include <random>
 #include <vector>
 
 #include "flow/PLFlowPrivate.h"
@@ -62,27 +60,6 @@ TEST(FlowLuma, EveryCellOfTheTable) {
         << cell.type << " " << cell.channels << " yuv " << int(cell.yuv);
 }
 
-// 8-bit RGB frames (the wide loop where AVX2 runs, the table loop for the rest of a row)
-// against the double formula, on widths 1 to 19 whose rows are exactly 3 w bytes and end
-// the buffer, so that a read past a row is an AddressSanitizer error.
-TEST(FlowLuma, EightBitRGBRowsOfEveryWidthAgainstTheDoubleFormula) {
-  std::mt19937 rng(31);
-  for (int32_t w = 1; w <= 19; ++w) {
-    std::vector<unsigned char> bytes(3 * static_cast<size_t>(w) * 7);
-    for (auto& b : bytes) b = static_cast<unsigned char>(rng());
-    bytes[0] = bytes[1] = bytes[2] = 255;
-    PLImage rgb(bytes.data(), w, 7, 3 * w, 3, PLUChar, 1);
-    PLOpticalFlowUChar flow(w, 7, 0, 0, 0, 12);
-    flow.ConvertToLuma(flow.firstPyramid[0], &rgb, 0);
-    for (int32_t y = 0; y < 7; ++y)
-      for (int32_t x = 0; x < w; ++x) {
-        const unsigned char* p = rgb.PixelAddress(x, y);
-        const double sum = 0.3 * p[0] + 0.59 * p[1] + 0.11 * p[2];
-        ASSERT_EQ(At(flow.firstPyramid[0], x, y), static_cast<float>(sum)) << w << " " << x;
-      }
-  }
-}
-
 // Level 0 of mode 0 is the luma itself, read in the input's own row order.
 TEST(FlowInput, ModeZeroLevelZeroIsUnblurredLuma) {
   auto top = flowtest::MakeTextured(40, 30, 1, PLUChar, 0, 0);
@@ -111,40 +88,6 @@ TEST(FlowInput, EdgeMixOnAConstantImageHalvesIt) {
   flow.BuildInputPyramid(flow.secondPyramid, &step, true, nullptr);
   EXPECT_GT(At(flow.secondPyramid[0], 24, 20), 127.5f + 50.0f);
   EXPECT_EQ(At(flow.secondPyramid[0], 2, 20), 0.0f);
-}
-
-TEST(FlowInput, HighPassOfAConstantImageIsZeroAtEveryLevel) {
-  PLImage grey(64, 48, 1, PLUChar, 0);
-  FillColor(&grey, 0.5f, 0, 0, 0);
-  PLOpticalFlowUChar flow(64, 48, 0, 0, 0, 12);
-  flow.BuildPyramidForSide(&grey, nullptr, nullptr, 1, false);
-  EXPECT_EQ(At(flow.secondPyramid[2], 5, 5), 128.0f);
-  flow.PrefilterSide(1);
-  for (int32_t level = 0; level < flow.numLevels; ++level)
-    for (int32_t y = 0; y < flow.secondPyramid[level]->height; ++y)
-      for (int32_t x = 0; x < flow.secondPyramid[level]->width; ++x)
-        ASSERT_EQ(At(flow.secondPyramid[level], x, y), 0.0f);
-}
-
-// ComputeFlow keeps the reduction's blurs for the prefilter; the step-by-step entries blur
-// each level again. Both must give the same pyramids and the same flow, to the bit.
-TEST(FlowInput, KeptBlursGiveTheSamePyramidsAsTheStepByStepPath) {
-  auto a = flowtest::MakeTextured(200, 160, 3, PLUChar, 0, 0);
-  auto b = flowtest::MakeTextured(200, 160, 3, PLUChar, 2.5, -1.5);
-  PLOpticalFlowUChar whole(200, 160, 1, 0, 0, 2);
-  PLOpticalFlowUChar steps(200, 160, 1, 0, 0, 2);
-  ASSERT_GE(whole.numLevels, 4);
-  whole.SetLevelFactor(0.7f);
-  steps.SetLevelFactor(0.7f);
-  whole.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, nullptr);
-  steps.BuildPyramidForSide(b.get(), nullptr, nullptr, 1, false);
-  steps.BuildPyramidForSide(a.get(), nullptr, nullptr, 0, false);
-  steps.ComputeFlowFromPyramids(nullptr, 1, 1, 0, nullptr);
-  for (int32_t level = 0; level < whole.numLevels; ++level) {
-    EXPECT_TRUE(pltest::SamePixels(whole.firstPyramid[level], steps.firstPyramid[level]));
-    EXPECT_TRUE(pltest::SamePixels(whole.secondPyramid[level], steps.secondPyramid[level]));
-  }
-  EXPECT_TRUE(pltest::SamePixels(whole.flowPyramid[0], steps.flowPyramid[0]));
 }
 
 // The resize refuses axes of length 1; the estimator's reduction maps such an axis to its

@@ -200,17 +200,4 @@ TEST(FlowPropagate, BothRowLoopsMatchTheReference) {
     }
 }
 
-TEST(FlowPropagate, SkipDoesNothingNotEvenIdle) {
-  auto est = Estimator(20, 20, 0);
-  std::mt19937 rng(5);
-  FillScene(est->firstPyramid[0], est->secondPyramid[0], est->flowPyramid[0], nullptr, nullptr,
-            rng);
-  auto before = flowtest::Snapshot(est->flowPyramid[0]);
-  NuvIdleAndProgressClass progress(nullptr);
-  progress.SetInterrupted(true);  // any Idle would throw
-  EXPECT_NO_THROW(est->PropagateFlow(0, true, &progress));
-  EXPECT_TRUE(pltest::SamePixels(before.get(), est->flowPyramid[0]));
-  EXPECT_THROW(est->PropagateFlow(0, false, &progress), PLErr);
-}
-
 }  // namespace

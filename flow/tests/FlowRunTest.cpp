@@ -45,17 +45,6 @@ bool AllZero(const PLImage* flow) {
   return true;
 }
 
-TEST(FlowRun, IdenticalImagesGiveZeroFlowAtEveryLevel) {
-  auto a = MakeTextured(96, 80, 4, PLUShort, 0, 0);
-  PLOpticalFlowUChar flow(96, 80, 0, 0, 0, 12);
-  flow.SetLevelFactor(1.0f);
-  flow.ComputeFlow(nullptr, a.get(), a.get(), 1, 1, 0, nullptr);
-  for (int32_t level = 0; level < flow.numLevels; ++level)
-    EXPECT_TRUE(AllZero(flow.flowPyramid[level])) << level;
-  // The sign flip turns zeros into negative zeros.
-  EXPECT_TRUE(std::signbit(At(flow.flowPyramid[0], 10, 10, 0)));
-}
-
 // A textured image moved by a sub-pixel vector is found in the delivered (forward) sign.
 // Tolerance: the images are 8-bit (quantisation noise of half a level on slopes of a few
 // levels a pixel), the 2x2 solve stops where |det| <= 40 and the last smoothing of the flow
@@ -381,25 +370,22 @@ std::unique_ptr<PLOpticalFlowUChar> RunWithHintedFields(int32_t size,
 float FarLeft(int32_t) { return -100.0f; }
 float PlusOne(int32_t x) { return static_cast<float>(x + 1); }
 
-TEST(FlowAllOutside, ALevelWithEveryPixelOutsideIsDropped) {
-  auto flow = RunWithHintedFields(48, {FarLeft, nullptr, nullptr});  // 12, 24, 48
-  EXPECT_EQ(At(flow->flowPyramid[2], 5, 5, 0), -100.0f);  // hinted: the rule skipped there
-  EXPECT_TRUE(AllZero(flow->flowPyramid[1]));             // about -209 everywhere: dropped
-  EXPECT_TRUE(AllZero(flow->flowPyramid[0]));
-}
-
-TEST(FlowAllOutside, TheTestAddsTheFlow) {
+TEST(FlowAllOutside, DroppedLevelsTheAddedFlowAndTheRuleAppliedOnlyOnce) {
+  // A level whose every pixel samples outside is dropped; on identical images the levels
+  // below stay zero, which the final sign flip turns into negative zeros.
+  auto dropped = RunWithHintedFields(48, {FarLeft, nullptr, nullptr});  // 12, 24, 48
+  EXPECT_EQ(At(dropped->flowPyramid[2], 5, 5, 0), -100.0f);  // hinted: the rule skipped there
+  EXPECT_TRUE(AllZero(dropped->flowPyramid[1]));             // about -209 everywhere: dropped
+  EXPECT_TRUE(AllZero(dropped->flowPyramid[0]));
+  EXPECT_TRUE(std::signbit(At(dropped->flowPyramid[0], 10, 10, 0)));
   // Internal u = x + 1: sampling at x - u = -1 is outside everywhere, but the rule adds the
   // flow (x + u = 2x + 1), finds pixels inside, and keeps the field.
-  auto flow = RunWithHintedFields(48, {PlusOne, nullptr, nullptr});
-  EXPECT_GT(At(flow->flowPyramid[1], 3, 3, 0), 4.0f);
-  EXPECT_LT(At(flow->flowPyramid[0], 6, 6, 0), -8.0f);  // delivered sign
-}
-
-TEST(FlowAllOutside, OncePassedTheRuleIsNeverAppliedAgain) {
+  auto added = RunWithHintedFields(48, {PlusOne, nullptr, nullptr});
+  EXPECT_GT(At(added->flowPyramid[1], 3, 3, 0), 4.0f);
+  EXPECT_LT(At(added->flowPyramid[0], 6, 6, 0), -8.0f);  // delivered sign
   // Level 3: u = x + 1, which passes the test at level 2. Level 1: u = -100 everywhere,
-  // which carries level 0 wholly outside; the rule is over by then and keeps it.
-  auto flow = RunWithHintedFields(96, {PlusOne, nullptr, FarLeft, nullptr});  // 12 .. 96
-  EXPECT_GT(At(flow->flowPyramid[2], 3, 3, 0), 4.0f);
-  EXPECT_GT(At(flow->flowPyramid[0], 50, 50, 0), 150.0f);  // about +202, delivered sign
+  // which carries level 0 wholly outside; once passed, the rule is never applied again.
+  auto once = RunWithHintedFields(96, {PlusOne, nullptr, FarLeft, nullptr});  // 12 .. 96
+  EXPECT_GT(At(once->flowPyramid[2], 3, 3, 0), 4.0f);
+  EXPECT_GT(At(once->flowPyramid[0], 50, 50, 0), 150.0f);  // about +202, delivered sign
 }
