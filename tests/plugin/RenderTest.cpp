@@ -1,5 +1,5 @@
 // flowblur tests: whole frames through the driver: the frame pair, the blur along the
-// estimated motion, amounts, the failures after the estimator exists, and worker counts.
+// estimated motion, amounts, and the failures after the estimator exists.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -10,7 +10,6 @@
 #include "host/SparkHost.h"
 #include "shell/shell.h"
 #include "tests/plugin/PluginTestSupport.h"
-#include "tests/support/PLTestWorkers.h"
 
 namespace {
 
@@ -181,24 +180,6 @@ TEST_F(Render, EveryAllocationFailureIsReportedAsOutOfMemory) {
   }
   EXPECT_GT(total, 0);
   EXPECT_GT(flowFailures, 0);
-}
-
-// The same bytes for 1, 2, 3 and 8 host processors, in every kind of format; frames tall
-// enough that 8 workers split the rows of the full-size stages.
-TEST_F(Render, SameResultForAnyProcessorCount) {
-  for (int32_t format : {24, 48, 49}) {
-    std::vector<uint8_t> first;
-    for (int32_t p : kPLTestWorkerCounts) {
-      Fresh();
-      sparkhost::SetProcessors(p);
-      MakeClips(Layout(80, 136, format, format == 49 ? 0 : 4), 3, 2.0, -1.5);
-      SparkFloat0.value = 1.5f;
-      std::vector<uint8_t> got = Process(1);
-      if (p == 1) first = got;
-      EXPECT_EQ(got, first) << format << " on " << p;
-    }
-    EXPECT_NE(first, ClipFramePixels(0, 1));
-  }
 }
 
 }  // namespace
