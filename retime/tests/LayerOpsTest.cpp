@@ -51,6 +51,65 @@ TEST_P(LayerOpsByType, CanonicalOrderRoundTrip) {
   EXPECT_TRUE(pltest::PaddingUntouched(img));
 }
 
+TEST_P(LayerOpsByType, SubtractInvertAndBlackMatte) {
+  const int32_t type = GetParam();
+  const double w = WhiteOf(type);
+  TestImage d = MakeImage(4, 1, 1, type, 0, 3), s = MakeImage(4, 1, 1, type, 1);
+  TestImage m = MakeImage(4, 1, 1, PLFloat, 1, 4);
+  const double dv[4] = {w, 0.5 * w, 0.0, w}, sv[4] = {0.25 * w, w, 0.0, w};
+  const float mv[4] = {0.3f, -1.0f, 1.5f, 0.0f};
+  for (int32_t x = 0; x < 4; ++x)
+    Set(d.get(), x, 0, 0, dv[x]), Set(s.get(), x, 0, 0, sv[x]), Set(m.get(), x, 0, 0, mv[x]);
+  std::vector<double> want(4);
+  for (int32_t x = 0; x < 4; ++x)  // never below 0, then complemented
+    want[x] = w - std::max(0.0, Get(d.get(), x, 0, 0) - Get(s.get(), x, 0, 0));
+  Subtract1Channel(d.get(), s.get());
+  Invert(d.get());
+  for (int32_t x = 0; x < 4; ++x) EXPECT_EQ(Get(d.get(), x, 0, 0), want[x]);
+  // (1 - m) * sample, limited to white (integers also to 0), rounded.
+  RenderBlackMatte(d.get(), m.get());
+  for (int32_t x = 0; x < 4; ++x) {
+    float v = std::min((1.0f - mv[x]) * static_cast<float>(want[x]), static_cast<float>(w));
+    if (type != PLFloat) v = std::max(v, 0.0f);
+    EXPECT_EQ(Get(d.get(), x, 0, 0), Store(type, v)) << x;
+  }
+  EXPECT_TRUE(pltest::PaddingUntouched(d));
+}
+
+TEST_P(LayerOpsByType, ApplyMatteAndLayerMatte) {
+  const int32_t type = GetParam();
+  const float w = static_cast<float>(WhiteOf(type));
+  for (int32_t sc : {3, 4}) {
+    TestImage src = MakeImage(3, 3, sc, type, 0, 2), matte = MakeImage(3, 3, 1, type, 1);
+    TestImage dst = MakeImage(3, 3, 4, type, 1, 5);
+    pltest::FillRandom(src.get(), 11);
+    pltest::FillRandom(matte.get(), 12);
+    ApplyMatte(dst.get(), src.get(), matte.get());
+    for (int32_t y = 0; y < 3; ++y)
+      for (int32_t x = 0; x < 3; ++x) {
+        const float m = static_cast<float>(Get(matte.get(), x, y, 0));
+        for (int32_t c = 0; c < 4; ++c)
+          EXPECT_EQ(Get(dst.get(), x, y, c),
+                    c == 3 && sc == 3 ? m
+                                      : Store(type, static_cast<float>(Get(src.get(), x, y, c)) * m / w));
+      }
+    EXPECT_TRUE(pltest::PaddingUntouched(dst));
+  }
+  // Layer 1 of 3 copies its matte; the last takes the image's matte, or white.
+  TestImage m0 = MakeImage(2, 2, 1, type), m1 = MakeImage(2, 2, 1, type, 1);
+  TestImage rgba = MakeImage(2, 2, 4, type), dst = MakeImage(2, 2, 1, type, 0, 3);
+  pltest::FillRandom(m1.get(), 2);
+  pltest::FillRandom(rgba.get(), 3);
+  const PLImage* list[2] = {m0.get(), m1.get()};
+  LayerMatte(dst.get(), list, 1, 3, nullptr);
+  EXPECT_TRUE(SamePixels(dst.get(), m1.get()));
+  LayerMatte(dst.get(), list, 2, 3, rgba.get());
+  EXPECT_EQ(Get(dst.get(), 1, 0, 0), Get(rgba.get(), 1, 0, 3));
+  LayerMatte(dst.get(), list, 2, 3, m0.get());
+  EXPECT_EQ(Get(dst.get(), 1, 0, 0), w);
+  EXPECT_TRUE(pltest::PaddingUntouched(dst));
+}
+
 // Over a destination corner, premultiplied source: colour d(1-a)+s, matte md+(W-md)a.
 TEST_P(LayerOpsByType, CompositeOverRectangle) {
   const int32_t type = GetParam();
