@@ -203,8 +203,8 @@ INSTANTIATE_TEST_SUITE_P(AllLayouts, BlurReference,
                                             ::testing::Values(1, 2, 3, 4)));
 
 // Hand-worked walks on a constant Float source of 1.0 with the count rule: the result is
-// inside * (1 / total), which pins the copy thresholds, the walk's ends and the border tests
-// independently of the reference above.
+// inside * (1 / total). The random flows of the reference above never end a walk exactly on
+// a border, nor use quality 2: those are pinned here.
 struct Walk {
   int32_t quality, x;
   float halfLength;
@@ -213,19 +213,9 @@ struct Walk {
 
 TEST(MotionBlur, HandWorkedWalksCountTheSamplesInside) {
   const Walk walks[] = {
-      {1, 0, 0.0005f, 1, 1, 40},   // m = 2.5e-7 < 1e-6: copy
-      {1, 0, -0.002f, 2, 3, 40},   // p, p + h, p - h: the first step is outside
-      {0, 0, 0.9f, 1, 1, 40},      // nearest copies under one pixel
-      {1, 10, -10.0f, 1, 1, 40},   // n = 11 ends on column 0
-      {1, 10, -10.5f, 20, 21, 40}, // ends at -0.5
-      {1, 9, -10.0f, 20, 21, 40},  // ends at -1
-      {1, 30, 10.5f, 20, 21, 40},  // 40.5 is outside
+      {1, 10, -10.0f, 1, 1, 40},   // n = 11 ends on column 0, which is inside
       {1, 30, 10.0f, 20, 21, 40},  // the width itself is outside
-      {1, 8, 1.5f, 1, 1, 10},      // 9.5 of width 10 is inside
-      {0, 9, -10.0f, 1, 1, 40},    // nearest: the +0.5 makes -0.5 read column 0
-      {0, 9, -10.8f, 20, 21, 40},  // ends at -1.3: column -1
-      {2, 9, -10.8f, 20, 21, 40},  // quality 2 is nearest sampling too
-      {1, 2, -3.5f, 5, 7, 40},     // n = 4, step 7/6: 0.83 kept, -0.33 and -1.5 lost
+      {2, 9, -10.8f, 20, 21, 40},  // quality 2 is nearest sampling: -1.3 reads column -1
   };
   for (const Walk& k : walks) {
     TestImage src = MakeImage(k.width, 4, 1, PLFloat), dst = MakeImage(k.width, 4, 1, PLFloat);
