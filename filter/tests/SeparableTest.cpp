@@ -6,7 +6,6 @@
 #include <cstring>
 #include <vector>
 
-#include "filter/PLKernels.h"
 #include "filter/PLSeparable.h"
 #include "filter/PLWidePath.h"
 #include "filter/tests/FilterTestSupport.h"
@@ -276,15 +275,6 @@ TEST(Separable, RefusesLinesPastTheBuffer) {
     big.count = -1;
     EXPECT_EQ(Filter(im.get(), im.get(), big, 0), PLErrParameter);
   }
-}
-
-TEST(Separable, FrameOf8192Columns) {
-  TestImage im = MakeImage(8192, 3, 3, PLUChar);
-  Fill(im.get(), 200);
-  TestImage want = MakeImage(8192, 3, 3, PLUChar);
-  Fill(want.get(), 200);
-  PLGaussBlur(im.get(), 0, 30.0f);
-  EXPECT_TRUE(SamePixels(im.get(), want.get()));
 }
 
 TEST(Separable, SameBytesForAnyWorkerCount) {
