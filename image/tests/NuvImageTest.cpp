@@ -7,29 +7,6 @@
 
 namespace {
 
-TEST(NuvImage, AttachGivesRolesAndOwnsNothing) {
-  PLImage flow(4, 4, 2, PLFloat, 0), rgba(2, 2, 4, PLUShort, 0);
-  NuvImageInternal flowWrapper(&flow), rgbaWrapper(&rgba);
-  {
-    NuvImage flowView, rgbaView;
-    flowView.Attach(&flowWrapper);
-    rgbaView.Attach(&rgbaWrapper);
-    EXPECT_EQ(flowView.pixelType, 2);
-    EXPECT_EQ(flowView.GetGreenIndex(), 1);
-    EXPECT_EQ(rgbaWrapper.hasMatte, 1);
-    EXPECT_EQ(rgbaView.GetAlphaIndex(), 3);
-    EXPECT_EQ(rgbaView.ownsInternal, 0);
-  }
-  EXPECT_EQ(rgbaWrapper.width, 2);  // still alive and untouched after the view is gone
-  // An unsupported channel count leaves the view as it was.
-  PLImage five(2, 2, 5, PLUChar, 0);
-  NuvImageInternal fiveWrapper(&five);
-  NuvImage fiveView;
-  EXPECT_EQ(fiveView.Attach(&fiveWrapper), 0);
-  EXPECT_EQ(fiveView.data, nullptr);
-  EXPECT_EQ(fiveView.GetChannels(), 5);
-}
-
 TEST(NuvImage, SetupRetargetsTheWrapper) {
   PLImage image(2, 2, 3, PLUChar, 0);
   NuvImageInternal wrapper(&image);
