@@ -101,25 +101,18 @@ TEST_F(HostTest, GetFrameRefusesWhatItCannotDeliver) {
   EXPECT_NE(sh::HostLog().back().find("no record of buffer 7 to revoke"), std::string::npos);
 }
 
-// Notes in order (a null text logged); a saved setup restores only values of the size
-// registered for them.
-TEST_F(HostTest, MessagesErrorsCountersAndSetups) {
-  sparkMessage("first");
-  sparkError("second");
+// A null text is logged and noted as empty; messages and errors are counted apart; a saved
+// setup restores only values of the size registered for them (the plug-in's tests see a
+// setup saved and restored).
+TEST_F(HostTest, NullMessagesAndSetupValuesOfTheWrongSize) {
   sparkMessage(nullptr);
-  std::vector<sh::Note> want = {
-      {sh::Note::kMessage, "first"}, {sh::Note::kError, "second"}, {sh::Note::kMessage, ""}};
-  EXPECT_EQ(sh::Notes(), want);
-  EXPECT_EQ(sh::Calls().message + 10 * sh::Calls().error, 12);
+  EXPECT_EQ(sh::Notes(), (std::vector<sh::Note>{{sh::Note::kMessage, ""}}));
+  sparkError("an error");
+  EXPECT_EQ(sh::Calls().message + 10 * sh::Calls().error, 11);
   float amount = 2.25f;
   int32_t choice = 1;
   sh::AddSetupValue("SparkFloat0", &amount, sizeof amount);
   sh::AddSetupValue("SparkPup1", &choice, sizeof choice);
-  spark_info_struct info{};
-  sparkLoadSetup(&info);  // nothing saved yet
-  EXPECT_EQ(amount, 2.25f);
-  sparkSaveSetup(&info);
-  EXPECT_EQ(sh::SavedSetup().at("SparkPup1"), (std::vector<uint8_t>{1, 0, 0, 0}));
   sh::SetSavedSetup({{"SparkPup1", {0, 0, 0, 0}}, {"SparkFloat0", {1, 2}}});
   sparkLoadSetup(nullptr);
   EXPECT_EQ(choice, 0);
