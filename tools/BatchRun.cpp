@@ -117,7 +117,9 @@ bool WriteFlowFiles(const FrameFlow& frameFlow, const ClipSpan& clip, const Fram
   DrawFlowLegend(&rgb, info.width, info.height, longest);
   const int64_t fileFrame = clip.first + n;
   OIIO::ImageSpec imageSpec(info.width, info.height, 3, OIIO::TypeDesc::UINT8);
-  if (!WriteImageSafely(FlowName(options.flowFolder, fileFrame, ".png"), imageSpec,
+  const std::string picturePath = FlowName(options.flowFolder, fileFrame, ".png");
+  ApplyCompression(picturePath, "", &imageSpec);
+  if (!WriteImageSafely(picturePath, imageSpec,
                         OIIO::TypeDesc::UINT8, rgb.data(), replace, error))
     return false;
   if (options.flowExr) {
@@ -327,7 +329,7 @@ int CheckColourAndOutput(const BatchOptions& options, RunSetup* setup) {
   }
   setup->sink = std::make_shared<ClipSink>();
   if (!setup->sink->Prepare(setup->range.output, *setup->range.inputSource, setup->info,
-                            options.haveOutDepth, options.outDepth, options.movie, &error)) {
+                            options.haveOutDepth, options.outDepth, options.writing, &error)) {
     Say(error);
     return kExitOutput;
   }

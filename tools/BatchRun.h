@@ -60,7 +60,7 @@ struct BatchOptions {
   std::string flowFolder;  // --write-flow; empty: none
   bool flowExr = false;    // also the raw flow as EXR
   ColourChoice colour;       // --colorspace: the input's encoding, converted to linear light
-  MovieOutputOptions movie;  // --codec, --crf, --fps for a movie OUTPUT
+  OutputOptions writing;  // --compression; --codec, --crf, --fps for a movie OUTPUT
 };
 
 // Set by the SIGINT handler; the run stops at the next frame boundary.

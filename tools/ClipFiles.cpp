@@ -83,11 +83,22 @@ bool ClipSource::Read(int64_t number, Frame* frame, std::string* error, bool kee
   return movie_->Read(number - kMovieFirstFrame, frame, error);
 }
 
+bool CheckOutputCompression(const std::string& output, const std::string& choice,
+                            std::string* error) {
+  if (choice.empty()) return true;
+  if (IsMoviePath(output)) {
+    *error = "--compression applies to image files; a movie takes --codec and --crf";
+    return false;
+  }
+  return CheckCompression(output, choice, error);
+}
+
 bool ClipSink::Prepare(const SequencePattern& output, const ClipSource& input,
                        const FrameInfo& info, bool depthAsked, SampleDepth asked,
-                       const MovieOutputOptions& options, std::string* error) {
+                       const OutputOptions& options, std::string* error) {
   movie_ = IsMoviePattern(output);
   depth_ = depthAsked ? asked : info.depth;
+  compression_ = options.compression;
   if (!movie_) return true;
   moviePath_ = output.text;
   // Half and float frames become 16-bit in a movie, unless asked for as such (which
@@ -127,6 +138,7 @@ bool ClipSink::Write(const std::string& path, const Frame& frame, bool overwrite
   }
   if (!movie_) {
     OIIO::ImageSpec imageSpec = OutputSpec(frame.info, depth_);
+    ApplyCompression(path, compression_, &imageSpec);
     if (frame.HoldsHalves())
       return WriteImageSafely(path, imageSpec, OIIO::TypeDesc::HALF, frame.halves.data(),
                               overwrite, error);

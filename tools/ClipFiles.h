@@ -48,8 +48,10 @@ class ClipSource {
   std::unique_ptr<Frame> first_;  // a movie's first frame, decoded when opened
 };
 
-// How movies are written (options of the commands).
-struct MovieOutputOptions {
+// How output is written (options of the commands): image files' compression, movies' codec,
+// quality and rate.
+struct OutputOptions {
+  std::string compression;  // --compression (ImageFiles.h); empty: the file format's default
   bool haveCodec = false;
   MovieCodec codec = MovieCodec::kH264;
   bool haveCrf = false;
@@ -57,6 +59,10 @@ struct MovieOutputOptions {
   bool haveRate = false;  // --fps; otherwise the input movie's rate, or 24
   FrameRate rate;
 };
+
+// --compression against OUTPUT (a sequence pattern, a file or a movie), before any frame.
+bool CheckOutputCompression(const std::string& output, const std::string& choice,
+                            std::string* error);
 
 // Where a run's output frames go: each to its own file (written safely), or all into one
 // movie, opened at the first frame and renamed into place by Finish. Destroying an
@@ -69,7 +75,7 @@ class ClipSink {
   // input's, and 16 bits in a movie for half and float input). Movie output: checks the
   // container, codec, depth and alpha now. False with a message naming the file.
   bool Prepare(const SequencePattern& output, const ClipSource& input, const FrameInfo& info,
-               bool depthAsked, SampleDepth asked, const MovieOutputOptions& options,
+               bool depthAsked, SampleDepth asked, const OutputOptions& options,
                std::string* error);
   bool IsMovie() const { return movie_; }
   // The depth the output is written at.
@@ -83,6 +89,7 @@ class ClipSink {
  private:
   bool movie_ = false;
   SampleDepth depth_ = SampleDepth::k8;
+  std::string compression_;
   std::string moviePath_;
   MovieSettings settings_;
   bool overwrite_ = false;

@@ -126,6 +126,8 @@ std::vector<std::string> ChunkArguments(const BatchOptions& options, const ClipS
   if (options.haveIoThreads)
     args.insert(args.end(), {"--io-threads", std::to_string(options.ioThreads)});
   if (options.haveOutDepth) args.insert(args.end(), {"--out-depth", DepthName(options.outDepth)});
+  if (!options.writing.compression.empty())
+    args.insert(args.end(), {"--compression", options.writing.compression});
   args.push_back(options.overwrite ? "--overwrite" : "--skip-existing");
   if (options.quiet) args.push_back("--quiet");
   if (!options.flowFolder.empty()) {

@@ -160,6 +160,7 @@ int main(int argc, char** argv) {
                  "stored values), linear, srgb, rec709, or a name of $OCIO's configuration. "
                  "Encoded input is blurred in linear light, through half-float")
       ->default_str("auto");
+  app.add_option("--compression", options.writing.compression, kCompressionHelp);
   app.add_option("--codec", codecText,
                  "Movie OUTPUT codec: h264 (lossy, default), ffv1 (lossless; .mkv, .avi), "
                  "prores (.mov, .mkv)");
@@ -245,18 +246,20 @@ int main(int argc, char** argv) {
   {
     std::string error;
     if (!ParseColourChoice(colourText, &options.colour, &error)) return usage(error);
-    if (!codecText.empty() && !ParseMovieCodec(codecText, &options.movie.codec))
+    if (!codecText.empty() && !ParseMovieCodec(codecText, &options.writing.codec))
       return usage("--codec must be h264, ffv1 or prores, not '" + codecText + "'");
-    options.movie.haveCodec = !codecText.empty();
-    options.movie.haveCrf = app.count("--crf") > 0;
-    options.movie.crf = crf;
-    if (options.movie.haveCrf && options.movie.codec != MovieCodec::kH264)
+    options.writing.haveCodec = !codecText.empty();
+    options.writing.haveCrf = app.count("--crf") > 0;
+    options.writing.crf = crf;
+    if (options.writing.haveCrf && options.writing.codec != MovieCodec::kH264)
       return usage(std::string("--crf applies to h264 only, not to ") +
-                   MovieCodecName(options.movie.codec));
+                   MovieCodecName(options.writing.codec));
     if (crf < 0 || crf > 51) return usage("--crf " + std::to_string(crf) + " is outside 0 to 51");
-    if (!fpsText.empty() && !ParseFrameRate(fpsText, &options.movie.rate, &error))
+    if (!fpsText.empty() && !ParseFrameRate(fpsText, &options.writing.rate, &error))
       return usage("--fps: " + error);
-    options.movie.haveRate = !fpsText.empty();
+    options.writing.haveRate = !fpsText.empty();
+    if (!CheckOutputCompression(options.output, options.writing.compression, &error))
+      return usage(error);
   }
 
   if (slurm->parsed()) {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -619,6 +620,109 @@ OIIO::ImageSpec OutputSpec(const FrameInfo& input, SampleDepth depth) {
   }
   imageSpec.attribute("oiio:UnassociatedAlpha", 1);
   return imageSpec;
+}
+
+namespace {
+
+enum class FileCodec { kExr, kPng, kTiff, kJpeg, kOther };
+
+std::string LowerExtension(const std::string& path) {
+  std::string ext = OIIO::Filesystem::extension(path, false);
+  std::transform(ext.begin(), ext.end(), ext.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return ext;
+}
+
+FileCodec CodecOf(const std::string& path) {
+  const std::string ext = LowerExtension(path);
+  if (ext == "exr") return FileCodec::kExr;
+  if (ext == "png") return FileCodec::kPng;
+  if (ext == "tif" || ext == "tiff") return FileCodec::kTiff;
+  if (ext == "jpg" || ext == "jpeg") return FileCodec::kJpeg;
+  return FileCodec::kOther;
+}
+
+const std::vector<std::string> kExrCompressions = {"none",  "rle", "zips", "zip",  "piz",
+                                                   "pxr24", "b44", "b44a", "dwaa", "dwab"};
+const std::vector<std::string> kTiffCompressions = {"none", "lzw", "zip", "packbits"};
+
+// A whole number lo..hi written with digits only.
+bool LevelIn(const std::string& text, int lo, int hi, int* level) {
+  if (text.empty() || text.size() > 3 ||
+      !std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }))
+    return false;
+  *level = std::stoi(text);
+  return *level >= lo && *level <= hi;
+}
+
+bool NameIn(const std::string& text, const std::vector<std::string>& names, const char* format,
+            std::string* error) {
+  if (std::find(names.begin(), names.end(), text) != names.end()) return true;
+  std::string list;
+  for (const std::string& name : names) list += (list.empty() ? "" : ", ") + name;
+  *error = std::string("--compression for ") + format + " files is one of " + list + ", not '" +
+           text + "'";
+  return false;
+}
+
+}  // namespace
+
+const char* const kCompressionHelp =
+    "Image file OUTPUT compression. EXR: none, rle, zips, zip, piz (default), pxr24, b44, "
+    "b44a, dwaa, dwab (the last four lose detail, pxr24 rounds float to 24 bits); PNG: zlib "
+    "level 0 to 9 (default 1); TIFF: none, lzw (default), zip, packbits; JPEG: quality 1 to "
+    "100 (default 95). Movies take --codec and --crf";
+
+bool CheckCompression(const std::string& path, const std::string& choice, std::string* error) {
+  if (choice.empty()) return true;
+  int level = 0;
+  switch (CodecOf(path)) {
+    case FileCodec::kExr:
+      return NameIn(choice, kExrCompressions, "EXR", error);
+    case FileCodec::kTiff:
+      return NameIn(choice, kTiffCompressions, "TIFF", error);
+    case FileCodec::kPng:
+      if (LevelIn(choice, 0, 9, &level)) return true;
+      *error = "--compression for PNG files is a zlib level 0 to 9, not '" + choice + "'";
+      return false;
+    case FileCodec::kJpeg:
+      if (LevelIn(choice, 1, 100, &level)) return true;
+      *error = "--compression for JPEG files is a quality 1 to 100, not '" + choice + "'";
+      return false;
+    case FileCodec::kOther:
+      break;
+  }
+  *error = "--compression does not apply to ." + LowerExtension(path) +
+           " files (EXR, PNG, TIFF and JPEG take it)";
+  return false;
+}
+
+void ApplyCompression(const std::string& path, const std::string& choice,
+                      OIIO::ImageSpec* imageSpec) {
+  switch (CodecOf(path)) {
+    case FileCodec::kExr:
+      imageSpec->attribute("compression", choice.empty() ? "piz" : choice);
+      break;
+    case FileCodec::kTiff:
+      imageSpec->attribute("compression", choice.empty() ? "lzw" : choice);
+      break;
+    case FileCodec::kPng: {
+      // An input's "compression" (a PNG's "zip") would otherwise set the level too.
+      imageSpec->erase_attribute("compression");
+      const int level = choice.empty() ? 1 : std::stoi(choice);
+      imageSpec->attribute("png:compressionLevel", level);
+      if (level == 1)
+        imageSpec->attribute("png:filter", 32);  // PNG_FILTER_UP
+      else
+        imageSpec->erase_attribute("png:filter");
+      break;
+    }
+    case FileCodec::kJpeg:
+      imageSpec->attribute("compression", "jpeg:" + (choice.empty() ? std::string("95") : choice));
+      break;
+    case FileCodec::kOther:
+      break;
+  }
 }
 
 std::string TemporaryPathFor(const std::string& path) {

@@ -410,14 +410,6 @@ class Progress {
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
-// PNG written with one row filter (the row above) and zlib's fastest level: the encoder's
-// search over row filters and zlib's default level took most of a run's time; the files are
-// smaller than unfiltered ones at the default level. Other formats ignore these.
-void FastPng(OIIO::ImageSpec* imageSpec) {
-  imageSpec->attribute("png:filter", 32);  // PNG_FILTER_UP
-  imageSpec->attribute("png:compressionLevel", 1);
-}
-
 // A frame's floats as the integer samples the writer would store, for a file whose every
 // channel is 8- or 16-bit. The writer scales by the type's top, rounds to nearest and clamps;
 // its rounding of exact halves depends on how the image library was built, so a sample within
@@ -713,8 +705,9 @@ int Loop(const ResampleOptions& options, Setup* s, int64_t storeBudget) {
       std::vector<uint8_t> rgb = FlowToColour(picture, longest);
       DrawFlowLegend(&rgb, w, h, longest);
       OIIO::ImageSpec imageSpec(w, h, 3, OIIO::TypeDesc::UINT8);
-      FastPng(&imageSpec);
-      if (!WriteImageSafely(FlowPath(options.flowFolder, planned.outputNumber), imageSpec,
+      const std::string flowPath = FlowPath(options.flowFolder, planned.outputNumber);
+      ApplyCompression(flowPath, "", &imageSpec);
+      if (!WriteImageSafely(flowPath, imageSpec,
                             OIIO::TypeDesc::UINT8, rgb.data(), replace, &error))
         return Stopped(*s, &progress, error, kExitOutput);
     }
@@ -724,7 +717,7 @@ int Loop(const ResampleOptions& options, Setup* s, int64_t storeBudget) {
     } else {
       OIIO::ImageSpec imageSpec =
           OutputSpec(out.info, options.haveOutDepth ? options.outDepth : s->info.depth);
-      FastPng(&imageSpec);
+      ApplyCompression(s->outputs[i], options.writing.compression, &imageSpec);
       // Integer files get their samples from here: the writer's own conversion of the
       // floats was a fifth of a run.
       OIIO::TypeDesc type = OIIO::TypeDesc::FLOAT;
@@ -781,7 +774,7 @@ int Run(const ResampleOptions& options, const PlanMaker& makePlan) {
   std::string error;
   if ((code = CheckInputs(&s)) != kExitOk) return code;
   if (!s.sink->Prepare(s.output, *s.source, s.info, options.haveOutDepth, options.outDepth,
-                       options.movie, &error)) {
+                       options.writing, &error)) {
     Say(error);
     return kExitOutput;
   }

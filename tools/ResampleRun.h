@@ -112,7 +112,7 @@ struct ResampleOptions {
   SampleDepth outDepth = SampleDepth::k8;
   bool overwrite = false, skipExisting = false, quiet = false, progress = true;
   std::string flowFolder;  // --write-flow
-  MovieOutputOptions movie;  // --codec, --crf; the rate of a movie OUTPUT
+  OutputOptions writing;  // --compression; --codec, --crf and the rate of a movie OUTPUT
 };
 
 // One planned output frame's picture: `out` arrives as a copy of the input frame at the

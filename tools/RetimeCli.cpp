@@ -9,6 +9,8 @@
 #include <cstdlib>
 
 #include "fill/InterpolateField.h"
+#include "tools/ClipFiles.h"
+#include "tools/ImageFiles.h"
 
 namespace flowblur {
 
@@ -120,10 +122,11 @@ void RetimeCli::AddCommon(CLI::App* command, ResampleOptions* run, Common* commo
   command->add_option("--out-depth", common->outDepth,
                       "Output depth: 8, 16, half or float (default: input's)")
       ->check(CLI::IsMember({"8", "16", "half", "float"}));
+  command->add_option("--compression", run->writing.compression, kCompressionHelp);
   command->add_option_function<std::string>(
              "--codec",
              [run](const std::string& text) {
-               run->movie.haveCodec = ParseMovieCodec(text, &run->movie.codec);
+               run->writing.haveCodec = ParseMovieCodec(text, &run->writing.codec);
              },
              "Movie OUTPUT codec: h264 (lossy, default), ffv1 (lossless; .mkv, .avi), prores "
              "(.mov, .mkv)")
@@ -131,8 +134,8 @@ void RetimeCli::AddCommon(CLI::App* command, ResampleOptions* run, Common* commo
   command->add_option_function<int32_t>(
              "--crf",
              [run](const int32_t& crf) {
-               run->movie.crf = crf;
-               run->movie.haveCrf = true;
+               run->writing.crf = crf;
+               run->writing.haveCrf = true;
              },
              "h264 quality: constant rate factor, 0 (lossless) to 51 (default 18)")
       ->check(CLI::Range(0, 51));
@@ -168,6 +171,8 @@ int RetimeCli::Settle(const Common& common, ResampleOptions* run, bool* draft, b
   }
   if (run->overwrite && run->skipExisting)
     return Usage("--overwrite and --skip-existing contradict each other; give one");
+  std::string error;
+  if (!CheckOutputCompression(run->output, run->writing.compression, &error)) return Usage(error);
   *draft = common.quality == "draft";
   *haveStart = !common.start.empty();
   if (*haveStart && !WholeNumber(common.start, start))
@@ -196,9 +201,9 @@ int RetimeCli::RunRetimeCommand() {
       return Usage("--fps-in/--fps-out: " + error);
     // A movie OUTPUT plays at the output rate.
     if (o.rateOut.numerator <= INT32_MAX && o.rateOut.denominator <= INT32_MAX) {
-      o.run.movie.haveRate = true;
-      o.run.movie.rate = {static_cast<int32_t>(o.rateOut.numerator),
-                          static_cast<int32_t>(o.rateOut.denominator)};
+      o.run.writing.haveRate = true;
+      o.run.writing.rate = {static_cast<int32_t>(o.rateOut.numerator),
+                            static_cast<int32_t>(o.rateOut.denominator)};
     }
   }
   if (!o.timeMapFile.empty() && o.haveStart)
