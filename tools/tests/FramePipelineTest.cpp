@@ -1,12 +1,10 @@
 // flowblur tool tests: the I/O pipeline beside the render loop: frames taken in order, bounded
 // read-ahead and write-behind, serial lanes, failures in either direction, outcomes in order.
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -79,7 +77,6 @@ TEST_P(PipelineShapes, FramesInOrderWritesRetiredInOrderAndBothBounded) {
   const PipelineSettings settings = Settings();
   const auto reads = Reads(24);
   Reader reader;
-  std::atomic<int> writing{0}, mostWriting{0};
   // Write jobs alive, i.e. queued or under way with what they hold: the pipeline's memory.
   std::atomic<int> alive{0}, mostAlive{0};
   struct Held {
@@ -99,10 +96,8 @@ TEST_P(PipelineShapes, FramesInOrderWritesRetiredInOrderAndBothBounded) {
       ASSERT_EQ(frame.pixels, std::vector<float>{static_cast<float>(reads[i].clip * 1000 + i)});
       auto held = std::make_shared<Held>(&alive);
       const int64_t number = pipeline.Write([&, i, held](std::string*) {
-        Raise(mostWriting, ++writing);
         std::this_thread::sleep_for(std::chrono::microseconds(100 * (i % 4)));
         written[i] = static_cast<int64_t>(i);
-        --writing;
         return true;
       });
       held.reset();
@@ -121,7 +116,6 @@ TEST_P(PipelineShapes, FramesInOrderWritesRetiredInOrderAndBothBounded) {
   for (size_t i = 0; i < written.size(); ++i) EXPECT_EQ(written[i], static_cast<int64_t>(i));
   // The test counts a take just after Take returns, when the next read may already be done.
   EXPECT_LE(reader.mostWaiting.load(), settings.readAhead + 1);
-  EXPECT_LE(mostWriting.load(), settings.writeBehind);
   EXPECT_LE(mostAlive.load(), settings.writeBehind);
   EXPECT_EQ(alive.load(), 0);
   if (settings.threads == 0) {
@@ -208,31 +202,6 @@ TEST(FramePipeline, FramesAskedOutOfTurnOrAgainAreReadOnTheCallingThread) {
   EXPECT_TRUE(takeHere(FrameRead{1, 77}));  // not among the reads
   for (size_t i = 1; i < reads.size(); ++i)
     if (i != 10) takeHere(reads[i]);
-}
-
-TEST(FramePipeline, IoThreadsLeaveTheStopSignalsToTheHostThread) {
-  std::atomic<int> blocked{0}, seen{0};
-  {
-    FramePipeline pipeline(PipelineFor(3), Reads(6),
-                           [&](const FrameRead&, Frame* frame, std::string*) {
-                             sigset_t mask;
-                             pthread_sigmask(SIG_BLOCK, nullptr, &mask);
-                             blocked += sigismember(&mask, SIGINT) && sigismember(&mask, SIGTERM) &&
-                                        sigismember(&mask, SIGUSR1);
-                             ++seen;
-                             frame->pixels.assign(1, 0.0f);
-                             return true;
-                           });
-    for (const FrameRead& read : Reads(6)) {
-      Frame frame;
-      std::string error;
-      ASSERT_TRUE(pipeline.Take(read, &frame, &error));
-    }
-  }
-  EXPECT_EQ(blocked.load(), seen.load());
-  sigset_t mine;
-  pthread_sigmask(SIG_BLOCK, nullptr, &mine);
-  EXPECT_FALSE(sigismember(&mine, SIGINT));
 }
 
 }  // namespace

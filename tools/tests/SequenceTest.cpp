@@ -25,16 +25,11 @@ std::string ParseError(const std::string& text) {
 
 void Touch(const std::string& path) { std::ofstream(path) << "x"; }
 
+// The plain spellings run end to end; here the edges: padding is a minimum, a dot in a folder
+// name, folders of bare and root-level names.
 TEST(SequencePattern, TokensGiveTheFramePaths) {
-  EXPECT_EQ(Parse("shot.%04d.exr").PathFor(7), "shot.0007.exr");
-  EXPECT_EQ(Parse("shot.####.exr").PathFor(7), "shot.0007.exr");
-  EXPECT_EQ(Parse("a/b/shot_%d.png").PathFor(12), "a/b/shot_12.png");
-  EXPECT_EQ(Parse("shot.##.tif").PathFor(12345), "shot.12345.tif");  // padding is a minimum
+  EXPECT_EQ(Parse("shot.##.tif").PathFor(12345), "shot.12345.tif");
   EXPECT_EQ(Parse("dir.v2/shot.#.dpx").PathFor(3), "dir.v2/shot.3.dpx");
-  SequencePattern single = Parse("still.png");
-  EXPECT_FALSE(single.numbered);
-  EXPECT_EQ(single.PathFor(5), "still.png");
-  EXPECT_EQ(Parse("x/y/z.%04d.exr").Folder(), "x/y");
   EXPECT_EQ(Parse("z.%04d.exr").Folder(), ".");
   EXPECT_EQ(Parse("/z.%04d.exr").Folder(), "/");
 }
