@@ -137,6 +137,39 @@ TEST(EndToEndMore, OverwriteReplacesAndOutDepthPicksTheDepth) {
   EXPECT_EQ(Load(dir / "out.0002.png").info.depth, SampleDepth::k16);
 }
 
+// Outputs are compressed as asked, or by the format's default, in both commands; amount 0
+// (and speed 1) gives the input back, so no choice may lose a bit.
+TEST(EndToEndMore, CompressionIsTheChoiceOrTheDefaultAndLosesNothing) {
+  test::TempDir dir;
+  WriteClip(dir / "in.%04d.exr", 1, 2, SampleDepth::kHalf, 4);
+  WriteClip(dir / "in.%04d.tif", 1, 2, SampleDepth::k16, 3);
+  WriteClip(dir / "in.%04d.png", 1, 2, SampleDepth::k8, 3);
+  struct Case {
+    const char* ext;
+    const char* choice;
+    const char* written;  // what the file says, "" for PNG, which does not say
+    bool retime;
+  };
+  for (const Case& c : {Case{"exr", "", "piz", false}, Case{"exr", "zip", "zip", true},
+                        Case{"tif", "", "lzw", true}, Case{"tif", "packbits", "packbits", false},
+                        Case{"png", "", "", false}, Case{"png", "0", "", false}}) {
+    const std::string in = dir / (std::string("in.%04d.") + c.ext);
+    const std::string out = dir / (std::string(c.ext) + c.choice + "/o.%04d." + c.ext);
+    std::vector<std::string> args = {in, out, "-q", "--amount", "0"};
+    if (c.retime) args = {"retime", in, out, "-q", "--speed", "1"};
+    if (*c.choice) args.insert(args.end(), {"--compression", c.choice});
+    ASSERT_TRUE(test::Succeeds(args));
+    const Frame f = Load(Numbered(out, 2));
+    if (*c.written) {
+      EXPECT_EQ(f.info.imageSpec.get_string_attribute("compression"), c.written);
+    }
+    EXPECT_EQ(f.pixels, Load(Numbered(in, 2)).pixels) << c.ext << " " << c.choice;
+  }
+  // PNG level 0 stores the rows as they are: larger than the default level 1.
+  EXPECT_GT(test::ReadBytes(Numbered(dir / "png0/o.%04d.png", 2)).size(),
+            test::ReadBytes(Numbered(dir / "png/o.%04d.png", 2)).size());
+}
+
 // Each command's help names its controls and what it reads and writes.
 TEST(Help, EachCommandExplainsItself) {
   const std::pair<std::vector<std::string>, std::vector<const char*>> cases[] = {

@@ -157,8 +157,10 @@ TEST(FarmSlurm, TheScriptsTasksGiveTheWholeRun) {
   // --io-threads is passed on only when given, else left to the node's own default.
   EXPECT_EQ(text.find("--io-threads"), std::string::npos) << text;
   ASSERT_TRUE(test::Succeeds({"farm", "slurm", in, dir / "out/o.%04d.png", "--chunk", "3",
-                              "--script", dir / "io.sh", "--io-threads", "3"}));
-  EXPECT_NE(test::ReadBytes(dir / "io.sh").find("'--io-threads' '3'"), std::string::npos);
+                              "--script", dir / "io.sh", "--io-threads", "3",
+                              "--compression", "6"}));
+  for (const char* passed : {"'--io-threads' '3'", "'--compression' '6'"})
+    EXPECT_NE(test::ReadBytes(dir / "io.sh").find(passed), std::string::npos) << passed;
   // Each task as the scheduler would start it; the last chunk (7 to 9) overshoots.
   for (int task = 0; task < 3; ++task) {
     setenv("SLURM_ARRAY_TASK_ID", std::to_string(task).c_str(), 1);

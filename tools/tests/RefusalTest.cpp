@@ -101,6 +101,14 @@ const Refusal kRefusals[] = {
       "field"},
      1, "has one frame; field rate needs two or more"},
     {{"deinterlace", "@/in.%04d.png", "@/o/o.%04d.png"}, 2, "--field-order is required"},
+    // Compression, by OUTPUT's format, in every command.
+    {{"@/in.%04d.png", "@/o/o.%04d.png", "--compression", "piz"}, 2,
+     "--compression for PNG files is a zlib level 0 to 9, not 'piz'"},
+    {{"@/in.%04d.png", "@/o/o.%04d.dpx", "--compression", "3"}, 2,
+     "--compression does not apply to .dpx files"},
+    {{"@/in.%04d.png", "@/o/o.mp4", "--compression", "9"}, 2, "a movie takes --codec and --crf"},
+    {{"retime", "@/in.%04d.png", "@/o/o.%04d.tif", "--speed", "0.5", "--compression", "rle"}, 2,
+     "--compression for TIFF files is one of none, lzw, zip, packbits, not 'rle'"},
     // Farm scripts and the demo.
     {{"farm", "slurm", "@/in.%04d.png", "@/o/o.%04d.png", "--chunk", "0"}, 2, "--chunk"},
     {{"farm", "slurm", "@/in.%04d.png", "@/mine/out.%04d.png", "--chunk", "3", "--script",
