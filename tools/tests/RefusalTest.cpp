@@ -107,6 +107,7 @@ const Refusal kRefusals[] = {
     {{"@/in.%04d.png", "@/o/o.%04d.dpx", "--compression", "3"}, 2,
      "--compression does not apply to .dpx files"},
     {{"@/in.%04d.png", "@/o/o.mp4", "--compression", "9"}, 2, "a movie takes --codec and --crf"},
+    {{"@/in.%04d.png", "@/o/o.%04d.jpg", "--compression", "0"}, 2, "a quality 1 to 100, not '0'"},
     {{"retime", "@/in.%04d.png", "@/o/o.%04d.tif", "--speed", "0.5", "--compression", "rle"}, 2,
      "--compression for TIFF files is one of none, lzw, zip, packbits, not 'rle'"},
     // Farm scripts and the demo.
