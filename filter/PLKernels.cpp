@@ -67,12 +67,16 @@ void PLGaussBlur(PLImage* image, uint32_t mode, float radius) {
   GaussBlurView(&view, engineMode, radius);
 }
 
+void PLBinomial5Kernel(SeparableKernel* kernel) {
+  kernel->count = 3;
+  kernel->weights[0] = 0.375f;
+  kernel->weights[1] = 0.25f;
+  kernel->weights[2] = 0.0625f;
+}
+
 void PLBinomial5Blur(PLImage* image) {
   SeparableKernel kernel;
-  kernel.count = 3;
-  kernel.weights[0] = 0.375f;
-  kernel.weights[1] = 0.25f;
-  kernel.weights[2] = 0.0625f;
+  PLBinomial5Kernel(&kernel);
   ConvolveInPlace(image, &kernel, kSeparableRowsAndColumns);
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 #include <cstdint>
 
+#include "filter/PLSeparable.h"
 #include "image/NuvImage.h"
 #include "image/PLImage.h"
 
@@ -25,6 +26,8 @@ void GaussBlurView(NuvImage* view, uint32_t engineMode, float radius);
 
 // Five-tap binomial 1 4 6 4 1 / 16 (half-weights 0.375, 0.25, 0.0625), rows and columns.
 void PLBinomial5Blur(PLImage* image);
+// Its kernel, for callers that run the passes in bands (filter/PLSeparable.h).
+void PLBinomial5Kernel(SeparableKernel* kernel);
 
 // Cosine bell: half-weights cos(i * 1.570796826795 / radius) for i in 0 .. (int)radius,
 // normalised, rows and columns. The constant is kept as it stands (a shade above a quarter

@@ -44,6 +44,54 @@ __attribute__((target("avx2"))) int32_t ResizeRowFloatWide(
 }
 #endif
 
+// The source offsets and fractions of columns x0 .. x1 - 1.
+void PlanColumns(int32_t x0, int32_t x1, float scaleX, int32_t sourceLastColumn,
+                 int32_t pixelBytes, int32_t* columnOffset, float* columnFraction) {
+  for (int32_t x = x0; x < x1; ++x) {
+    const PLResizeCell cell = PLResizeCellOf(x, scaleX, sourceLastColumn);
+    columnOffset[x - x0] = cell.index * pixelBytes;
+    columnFraction[x - x0] = cell.t;
+  }
+}
+
+// Columns x0 .. x1 - 1 of one destination row from its two source rows.
+template <class D, class S, int32_t C, bool Scaled>
+void ResizeRow(unsigned char* out, const unsigned char* upperRow, const unsigned char* lowerRow,
+               int32_t pixelBytes, const int32_t* columnOffset, const float* columnFraction,
+               int32_t x0, int32_t x1, float ty, float ratio, bool wide) {
+  (void)wide;  // read only by the one member with a wide loop
+  int32_t x = x0;
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+  if constexpr (std::is_same<D, float>::value && std::is_same<S, float>::value && C == 1 &&
+                !Scaled) {
+    if (wide) {
+      x = ResizeRowFloatWide(reinterpret_cast<float*>(out), upperRow, lowerRow, columnOffset,
+                             columnFraction, x0, x1, ty);
+      out += (x - x0) * static_cast<int32_t>(sizeof(D) * C);
+    }
+  }
+#endif
+  for (; x < x1; ++x, out += sizeof(D) * C) {
+    const float tx = columnFraction[x - x0];
+    const unsigned char* p = upperRow + columnOffset[x - x0];
+    const unsigned char* right = p + pixelBytes;
+    const unsigned char* lower = lowerRow + columnOffset[x - x0];
+    const unsigned char* lowerRight = lower + pixelBytes;
+    for (int32_t c = 0; c < C; ++c) {
+      const int32_t o = c * static_cast<int32_t>(sizeof(S));
+      const float p00 = LoadSample<S>(p + o);
+      const float p10 = LoadSample<S>(right + o);
+      const float p01 = LoadSample<S>(lower + o);
+      const float p11 = LoadSample<S>(lowerRight + o);
+      const float a = (p10 - p00) * tx + p00;
+      const float b = (p11 - p01) * tx + p01;
+      float v = (b - a) * ty + a;
+      if constexpr (Scaled) v = v * ratio;
+      StoreWrapped<D>(out + c * sizeof(D), v);
+    }
+  }
+}
+
 // One loop per destination type D, source type S, channel count C and white-point form.
 template <class D, class S, int32_t C, bool Scaled>
 void ResizeWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
@@ -53,71 +101,20 @@ void ResizeWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs
   const float scaleY = *args->Next<const float*>();
   const float ratio = *args->Next<const float*>();
   const int32_t width = destination->width;
-  const int32_t sourceLastColumn = source->lastColumn;
-  const int32_t sourceLastRow = source->lastRow;
   const int32_t pixelBytes = source->bytesPerPixel;
-  const int32_t rowStep = source->rowStep;
   const bool wide = args->Next<int32_t>() != 0;
-  (void)wide;  // read only by the one member with a wide loop
   int32_t columnOffset[kResizeColumnBlock];
   float columnFraction[kResizeColumnBlock];
   for (int32_t x0 = 0; x0 < width; x0 += kResizeColumnBlock) {
     const int32_t x1 = x0 + kResizeColumnBlock < width ? x0 + kResizeColumnBlock : width;
-    for (int32_t x = x0; x < x1; ++x) {
-      const float fx = static_cast<float>(x) * scaleX;
-      int32_t ix = static_cast<int32_t>(fx);
-      float tx = fx - static_cast<float>(ix);
-      // Slide the cell back at the last column, so the reads stay inside.
-      if (ix >= sourceLastColumn) {
-        ix = sourceLastColumn - 1;
-        tx = 1.0f;
-      }
-      columnOffset[x - x0] = ix * pixelBytes;
-      columnFraction[x - x0] = tx;
-    }
+    PlanColumns(x0, x1, scaleX, source->lastColumn, pixelBytes, columnOffset, columnFraction);
     for (int32_t y = firstRow; y <= lastRow; ++y) {
-      const float fy = static_cast<float>(y) * scaleY;
-      const int32_t iy0 = static_cast<int32_t>(fy);
-      float ty = fy - static_cast<float>(iy0);
-      int32_t iy = iy0;
-      // The same at the last row.
-      if (iy >= sourceLastRow) {
-        iy = sourceLastRow - 1;
-        ty = 1.0f;
-      }
-      const unsigned char* upperRow = source->Row(iy);
-      const unsigned char* lowerRow = upperRow + rowStep;
-      unsigned char* out = destination->Row(y) + x0 * static_cast<int32_t>(sizeof(D) * C);
-      int32_t x = x0;
-#if !defined(FLOWBLUR_PLAIN_ONLY)
-      if constexpr (std::is_same<D, float>::value && std::is_same<S, float>::value && C == 1 &&
-                    !Scaled) {
-        if (wide) {
-          x = ResizeRowFloatWide(reinterpret_cast<float*>(out), upperRow, lowerRow,
-                                 columnOffset, columnFraction, x0, x1, ty);
-          out += (x - x0) * static_cast<int32_t>(sizeof(D) * C);
-        }
-      }
-#endif
-      for (; x < x1; ++x, out += sizeof(D) * C) {
-        const float tx = columnFraction[x - x0];
-        const unsigned char* p = upperRow + columnOffset[x - x0];
-        const unsigned char* right = p + pixelBytes;
-        const unsigned char* lower = lowerRow + columnOffset[x - x0];
-        const unsigned char* lowerRight = lower + pixelBytes;
-        for (int32_t c = 0; c < C; ++c) {
-          const int32_t o = c * static_cast<int32_t>(sizeof(S));
-          const float p00 = LoadSample<S>(p + o);
-          const float p10 = LoadSample<S>(right + o);
-          const float p01 = LoadSample<S>(lower + o);
-          const float p11 = LoadSample<S>(lowerRight + o);
-          const float a = (p10 - p00) * tx + p00;
-          const float b = (p11 - p01) * tx + p01;
-          float v = (b - a) * ty + a;
-          if constexpr (Scaled) v = v * ratio;
-          StoreWrapped<D>(out + c * sizeof(D), v);
-        }
-      }
+      const PLResizeCell cy = PLResizeCellOf(y, scaleY, source->lastRow);
+      const unsigned char* upperRow = source->Row(cy.index);
+      ResizeRow<D, S, C, Scaled>(
+          destination->Row(y) + x0 * static_cast<int32_t>(sizeof(D) * C), upperRow,
+          upperRow + source->rowStep, pixelBytes, columnOffset, columnFraction, x0, x1, cy.t,
+          ratio, wide);
     }
   }
 }
@@ -126,6 +123,46 @@ void ResizeWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs
 
 void PLResizeBilinear(PLImage* destination, const PLImage* source) {
   PLResizeBilinearOnPath(PLWideChosen(), destination, source);
+}
+
+float PLResizeScale(int32_t sourceLength, int32_t destinationLength) {
+  return (static_cast<float>(sourceLength) - 1.0f) / static_cast<float>(destinationLength - 1);
+}
+
+PLResizeCell PLResizeCellOf(int32_t i, float scale, int32_t sourceLast) {
+  const float f = static_cast<float>(i) * scale;
+  PLResizeCell cell{static_cast<int32_t>(f), 0.0f};
+  cell.t = f - static_cast<float>(cell.index);
+  // Slide the cell back at the last sample, so the reads stay inside.
+  if (cell.index >= sourceLast) {
+    cell.index = sourceLast - 1;
+    cell.t = 1.0f;
+  }
+  return cell;
+}
+
+void PLResizeFloatRowsHere(const FloatRows& source, int32_t sourceWidth, int32_t sourceHeight,
+                           float* output, ptrdiff_t outputStep, int32_t width, int32_t height,
+                           int32_t from, int32_t to, bool wide) {
+  if (from >= to || width < 2 || height < 2 || sourceWidth < 2 || sourceHeight < 2) return;
+  wide = wide && PLWideAvailable();
+  const float scaleX = PLResizeScale(sourceWidth, width);
+  const float scaleY = PLResizeScale(sourceHeight, height);
+  int32_t columnOffset[kResizeColumnBlock];
+  float columnFraction[kResizeColumnBlock];
+  for (int32_t x0 = 0; x0 < width; x0 += kResizeColumnBlock) {
+    const int32_t x1 = x0 + kResizeColumnBlock < width ? x0 + kResizeColumnBlock : width;
+    PlanColumns(x0, x1, scaleX, sourceWidth - 1, 4, columnOffset, columnFraction);
+    for (int32_t y = from; y < to; ++y) {
+      const PLResizeCell cy = PLResizeCellOf(y, scaleY, sourceHeight - 1);
+      const float* upper = source.first + (cy.index - source.top) * source.step;
+      ResizeRow<float, float, 1, false>(
+          reinterpret_cast<unsigned char*>(output + (y - from) * outputStep + x0),
+          reinterpret_cast<const unsigned char*>(upper),
+          reinterpret_cast<const unsigned char*>(upper + source.step), 4, columnOffset,
+          columnFraction, x0, x1, cy.t, 1.0f, wide);
+    }
+  }
 }
 
 void PLResizeBilinearOnPath(bool wide, PLImage* destination, const PLImage* source) {
@@ -141,10 +178,8 @@ void PLResizeBilinearOnPath(bool wide, PLImage* destination, const PLImage* sour
       source->height < 2 || destination->data == nullptr || source->data == nullptr)
     throw PLErrParameter;
 
-  const float scaleX = (static_cast<float>(source->width) - 1.0f) /
-                       static_cast<float>(destination->width - 1);
-  const float scaleY = (static_cast<float>(source->height) - 1.0f) /
-                       static_cast<float>(destination->height - 1);
+  const float scaleX = PLResizeScale(source->width, destination->width);
+  const float scaleY = PLResizeScale(source->height, destination->height);
   const float ratio = destination->whitePoint / source->whitePoint;
   const bool scaled = destination->whitePoint != source->whitePoint;
   const int32_t rows = destination->height;

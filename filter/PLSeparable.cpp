@@ -353,16 +353,29 @@ void RowWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* a
 
 // ---- Columns ------------------------------------------------------------------------------
 
-// A strip of `pixels` neighbouring columns of n rows, in place from its top-left sample
-// `first`, through `strip`, a buffer of at least (n + 2c) * stride floats, where stride is
-// pixels * C rounded up to whole vectors. The lanes past pixels * C are loaded as 0.0 and
-// never stored.
+// Where a strip's rows come from and go to: output rows `from` .. `to` - 1 of a column of
+// n rows, stored from `output` (row `from`) on; the input holds rows `inputTop` on, from
+// `input`, and must hold every row that those outputs' taps reach inside 0 .. n - 1.
+struct StripWindow {
+  const unsigned char* input;
+  ptrdiff_t inputBytes;  // row distance
+  int32_t inputTop;
+  unsigned char* output;
+  ptrdiff_t outputBytes;
+  int32_t from, to, n;
+};
+
+// A strip of `pixels` neighbouring columns through `strip`, a buffer of at least
+// (to - from + 2c) * stride floats, where stride is pixels * C rounded up to whole vectors.
+// The lanes past pixels * C are loaded as 0.0 and never stored. Rows outside 0 .. n - 1 are
+// margins; which rule a row takes depends on its place in the whole column alone, so a
+// window gives the rows that the whole column would.
 template <class T, int32_t C>
-void ConvolveStrip(unsigned char* first, int32_t pixels, int32_t n, ptrdiff_t rowBytes,
-                   const SeparableKernel* kernel, const ExpandedKernel* expanded, float* strip,
-                   bool wide) {
+void ConvolveStrip(const StripWindow& at, int32_t pixels, const SeparableKernel* kernel,
+                   const ExpandedKernel* expanded, float* strip, bool wide) {
   (void)wide;  // read only where the build carries the wide loop
   const int32_t c = kernel->count;
+  const int32_t n = at.n;
   const float* lanes = expanded->lanes;
   const int32_t samples = pixels * C;
   const int32_t stride = (samples + 3) & ~3;
@@ -371,23 +384,23 @@ void ConvolveStrip(unsigned char* first, int32_t pixels, int32_t n, ptrdiff_t ro
 
   // Margin rows, a vector at a time: stride is a multiple of 4, so in 4-channel strips lane
   // q % 4 is the channel, as the marker vector expects; the other layouts have one margin
-  // value for all lanes.
+  // value for all lanes. Copy the strip out before any output is stored: the pass may run
+  // in place.
   const __m128 margin = C == 1 ? _mm_setzero_ps() : _mm_loadu_ps(LineMarkers<T, C>::lanes);
-  float* rows = strip + static_cast<ptrdiff_t>(c) * stride;
-  float* after = rows + static_cast<ptrdiff_t>(n) * stride;
-  for (int32_t q = 0; q < c * stride; q += 4) {
-    _mm_storeu_ps(strip + q, margin);
-    _mm_storeu_ps(after + q, margin);
-  }
-  // Copy the strip out before any output is stored: the pass runs in place.
-  for (int32_t r = 0; r < n; ++r) {
-    float* s = rows + static_cast<ptrdiff_t>(r) * stride;
-    LoadSamples<T>(s, first + r * rowBytes, samples);
+  const int32_t top = at.from - c;  // the buffer's first row
+  for (int32_t g = top; g < at.to + c; ++g) {
+    float* s = strip + static_cast<ptrdiff_t>(g - top) * stride;
+    if (g < 0 || g >= n) {
+      for (int32_t q = 0; q < stride; q += 4) _mm_storeu_ps(s + q, margin);
+      continue;
+    }
+    LoadSamples<T>(s, at.input + (g - at.inputTop) * at.inputBytes, samples);
     for (int32_t q = samples; q < stride; ++q) s[q] = 0.0f;
   }
+  auto rowAt = [&](int32_t r) { return strip + static_cast<ptrdiff_t>(r - top) * stride; };
 
   auto storeRow = [&](int32_t r, const __m128* value, int32_t v0, int32_t count) {
-    unsigned char* o = first + r * rowBytes;
+    unsigned char* o = at.output + (r - at.from) * at.outputBytes;
 #pragma GCC unroll 4
     for (int32_t v = v0; v < v0 + count; ++v)
       StoreSamples<T>(o + static_cast<ptrdiff_t>(4 * v) * sizeof(T), value[v - v0],
@@ -398,7 +411,7 @@ void ConvolveStrip(unsigned char* first, int32_t pixels, int32_t n, ptrdiff_t ro
   const int32_t middle = n - 2 * c > 0 ? n - 2 * c : 0;
   const __m128 marker = _mm_loadu_ps(LineMarkers<T, C>::lanes);
   auto border = [&](int32_t r) {
-    const float* p = rows + static_cast<ptrdiff_t>(r) * stride;
+    const float* p = rowAt(r);
     for (int32_t v = 0; v < vectors; ++v) {
       __m128 value;
       if constexpr (C == 1)
@@ -409,13 +422,14 @@ void ConvolveStrip(unsigned char* first, int32_t pixels, int32_t n, ptrdiff_t ro
     }
   };
 
-  for (int32_t r = 0; r < head; ++r) border(r);
+  const int32_t headEnd = head < at.to ? head : at.to;
+  for (int32_t r = at.from; r < headEnd; ++r) border(r);
   // A 1-channel column was once filtered four rows a vector with the last zero to three rows
   // one at a time; those rows keep their own pair order (see AddKeepFirst).
   const int32_t pairedEnd = C == 1 ? head + (middle & ~3) : head + middle;
   auto middleRow = [&](int32_t r, auto rightFirst) {
     constexpr bool kRightFirst = decltype(rightFirst)::value;
-    const float* p = rows + static_cast<ptrdiff_t>(r) * stride;
+    const float* p = rowAt(r);
     int32_t v = 0;
 #if !defined(FLOWBLUR_PLAIN_ONLY)
     if (wide) {
@@ -425,7 +439,8 @@ void ConvolveStrip(unsigned char* first, int32_t pixels, int32_t n, ptrdiff_t ro
           // holds the strip's last vector and that one is not whole.
           if (v + 8 < vectors || lastCount == 4) {
             MiddleWide32<kRightFirst>(
-                reinterpret_cast<float*>(first + r * rowBytes + static_cast<ptrdiff_t>(4 * v) * 4),
+                reinterpret_cast<float*>(at.output + (r - at.from) * at.outputBytes +
+                                         static_cast<ptrdiff_t>(4 * v) * 4),
                 p + 4 * v, stride, c, kernel->weights);
             continue;
           }
@@ -450,9 +465,18 @@ void ConvolveStrip(unsigned char* first, int32_t pixels, int32_t n, ptrdiff_t ro
       storeRow(r, value, v, 1);
     }
   };
-  for (int32_t r = head; r < pairedEnd; ++r) middleRow(r, std::false_type());
-  for (int32_t r = pairedEnd; r < head + middle; ++r) middleRow(r, std::true_type());
-  for (int32_t r = head + middle; r < n; ++r) border(r);
+  auto lo = [&](int32_t r) { return r > at.from ? r : at.from; };
+  auto hi = [&](int32_t r) { return r < at.to ? r : at.to; };
+  for (int32_t r = lo(head); r < hi(pairedEnd); ++r) middleRow(r, std::false_type());
+  for (int32_t r = lo(pairedEnd); r < hi(head + middle); ++r) middleRow(r, std::true_type());
+  for (int32_t r = lo(head + middle); r < at.to; ++r) border(r);
+}
+
+// Pixels of a strip that fits `rows` + 2c rows in the stack buffer, at least one.
+int32_t StripPixels(int32_t rows, int32_t c, int32_t channels) {
+  int32_t floatsPerRow = (kStripFloats / (rows + 2 * c)) & ~3;
+  if (floatsPerRow > kStripMaxFloats) floatsPerRow = kStripMaxFloats;
+  return floatsPerRow / channels;
 }
 
 template <class T, int32_t C>
@@ -465,14 +489,13 @@ void ColumnWorker(int32_t, uint8_t, int32_t firstColumn, int32_t lastColumn, Nuv
   const bool wide = args->Next<int32_t>() != 0;
   float strip[kStripFloats];
   // height + 2c <= kSeparableLineMax, so at least one vector of floats a row: one pixel.
-  int32_t floatsPerRow = (kStripFloats / (height + 2 * kernel->count)) & ~3;
-  if (floatsPerRow > kStripMaxFloats) floatsPerRow = kStripMaxFloats;
-  const int32_t stripPixels = floatsPerRow / C;
+  const int32_t stripPixels = StripPixels(height, kernel->count, C);
   const ptrdiff_t pixelBytes = static_cast<ptrdiff_t>(sizeof(T)) * C;
   for (int32_t x = firstColumn; x <= lastColumn; x += stripPixels) {
     const int32_t pixels = lastColumn - x + 1 < stripPixels ? lastColumn - x + 1 : stripPixels;
-    ConvolveStrip<T, C>(destination + x * pixelBytes, pixels, height, rowBytes, kernel,
-                        expanded, strip, wide);
+    unsigned char* first = destination + x * pixelBytes;
+    const StripWindow whole{first, rowBytes, 0, first, rowBytes, 0, height, height};
+    ConvolveStrip<T, C>(whole, pixels, kernel, expanded, strip, wide);
   }
 }
 
@@ -526,4 +549,34 @@ int32_t ConvolveSeparableOnPath(bool wide, const NuvImage* source, NuvImage* des
                                   mode, wide);
   });
   return 0;
+}
+
+void ConvolveFloatRowHere(const float* input, float* output, int32_t n,
+                          const SeparableKernel* kernel, const ExpandedKernel* expanded,
+                          float* line, bool wide) {
+  ConvolveRow<float, 1>(reinterpret_cast<const unsigned char*>(input),
+                        reinterpret_cast<unsigned char*>(output), n, kernel, expanded, line,
+                        wide && PLWideAvailable());
+}
+
+void ConvolveFloatColumnsHere(const FloatRows& input, int32_t width, int32_t height,
+                              int32_t from, int32_t to, float* output, ptrdiff_t outputStep,
+                              const SeparableKernel* kernel, const ExpandedKernel* expanded,
+                              bool wide) {
+  if (from >= to || width < 1) return;
+  wide = wide && PLWideAvailable();
+  float strip[kStripFloats];
+  const int32_t stripPixels = StripPixels(to - from, kernel->count, 1);
+  for (int32_t x = 0; x < width; x += stripPixels) {
+    const int32_t pixels = width - x < stripPixels ? width - x : stripPixels;
+    const StripWindow window{reinterpret_cast<const unsigned char*>(input.first + x),
+                             input.step * static_cast<ptrdiff_t>(sizeof(float)),
+                             input.top,
+                             reinterpret_cast<unsigned char*>(output + x),
+                             outputStep * static_cast<ptrdiff_t>(sizeof(float)),
+                             from,
+                             to,
+                             height};
+    ConvolveStrip<float, 1>(window, pixels, kernel, expanded, strip, wide);
+  }
 }

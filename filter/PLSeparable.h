@@ -1,5 +1,6 @@
 // flowblur: separable convolution with symmetric half-weights over NuvImage views.
 #pragma once
+#include <cstddef>
 #include <cstdint>
 
 #include "image/NuvImage.h"
@@ -65,3 +66,31 @@ int32_t ConvolveSeparable(const NuvImage* source, NuvImage* destination,
 // PLWideChosen(). For tests and benchmarks that compare the two.
 int32_t ConvolveSeparableOnPath(bool wide, const NuvImage* source, NuvImage* destination,
                                 const SeparableKernel* kernel, uint32_t mode);
+
+// ---- One-channel Float passes in bands, here and now (no fork) ---------------------------
+//
+// For callers that make an image a few rows at a time and filter it while the rows are in
+// cache: each gives, bit for bit, what ConvolveSeparable gives for the same rows of the
+// whole image (the rule a row or column sample takes depends on its place in the whole
+// line). Lines must fit as ConvolveSeparable requires: n + 2c <= kSeparableLineMax.
+
+// The row pass over one row of n samples, `input` to `output` (which may coincide), through
+// `line`, a buffer of at least n + 2c floats.
+void ConvolveFloatRowHere(const float* input, float* output, int32_t n,
+                          const SeparableKernel* kernel, const ExpandedKernel* expanded,
+                          float* line, bool wide);
+
+// Rows of 1-channel floats: row `top` + i starts at first + i * step (step in floats).
+struct FloatRows {
+  const float* first;
+  ptrdiff_t step;
+  int32_t top;
+};
+// The column pass for rows `from` .. `to` - 1 of an image of width x height, row `from` at
+// `output` and each next one `outputStep` floats on (another buffer or the input's own rows).
+// `input` must hold every row from max(0, from - c + 1) to min(height, to + c - 1) - 1.
+// Uses a stack buffer of 256 KiB; to - from + 2c must be at most kSeparableLineMax.
+void ConvolveFloatColumnsHere(const FloatRows& input, int32_t width, int32_t height,
+                              int32_t from, int32_t to, float* output, ptrdiff_t outputStep,
+                              const SeparableKernel* kernel, const ExpandedKernel* expanded,
+                              bool wide);

@@ -132,44 +132,183 @@ const ProductTables& Products() {
   return tables;
 }
 
+// The luma of one row of w pixels.
+template <class T, int32_t C, bool kYUV>
+void LumaRow(float* d, const unsigned char* s, int32_t w, bool wide) {
+  (void)wide;  // read only where the build carries the wide loops
+  if constexpr (std::is_same<T, uint8_t>::value && C == 3 && !kYUV) {
+    // The frame path of the plug-in: table products instead of three conversions and
+    // three multiplications.
+    const ProductTables& p = Products();
+    int32_t x = 0;
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+    if (wide) {
+      x = plflow::LumaRowRGB8Wide(d, s, w);
+      s += 3 * x;
+    }
+#endif
+    for (; x < w; ++x, s += 3)
+      d[x] = static_cast<float>(p.t[0][s[0]] + p.t[1][s[1]] + p.t[2][s[2]]);
+  } else {
+    constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(T));
+    int32_t x = 0;
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+    if constexpr (C == 3 && !kYUV && !std::is_same<T, uint8_t>::value) {
+      // The 16-bit and half-float frame paths.
+      if (wide)
+        x = std::is_same<T, uint16_t>::value ? plflow::LumaRowRGB16Wide(d, s, w)
+                                             : plflow::LumaRowRGBFloatWide(d, s, w);
+    }
+#endif
+    for (; x < w; ++x) d[x] = Luma<T, C, kYUV>(s + kPixelBytes * x);
+  }
+}
+
 template <class T, int32_t C, bool kYUV>
 void LumaWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
   PLImage* dest = args->Next<PLImage*>();
   const PLImage* source = args->Next<const PLImage*>();
   const int32_t w = args->Next<int32_t>();
-  for (int32_t y = firstRow; y <= lastRow; ++y) {
-    const unsigned char* s = source->Row(y);
-    float* d = FRow(dest, y);
-    if constexpr (std::is_same<T, uint8_t>::value && C == 3 && !kYUV) {
-      // The frame path of the plug-in: table products instead of three conversions and
-      // three multiplications.
-      const ProductTables& p = Products();
-      int32_t x = 0;
-#if !defined(FLOWBLUR_PLAIN_ONLY)
-      if (PLWideChosen()) {
-        x = plflow::LumaRowRGB8Wide(d, s, w);
-        s += 3 * x;
-      }
-#endif
-      for (; x < w; ++x, s += 3)
-        d[x] = static_cast<float>(p.t[0][s[0]] + p.t[1][s[1]] + p.t[2][s[2]]);
-    } else {
-      constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(T));
-      int32_t x = 0;
-#if !defined(FLOWBLUR_PLAIN_ONLY)
-      if constexpr (C == 3 && !kYUV && !std::is_same<T, uint8_t>::value) {
-        // The 16-bit and half-float frame paths.
-        if (PLWideChosen())
-          x = std::is_same<T, uint16_t>::value ? plflow::LumaRowRGB16Wide(d, s, w)
-                                               : plflow::LumaRowRGBFloatWide(d, s, w);
-      }
-#endif
-      for (; x < w; ++x) d[x] = Luma<T, C, kYUV>(s + kPixelBytes * x);
-    }
+  const bool wide = PLWideChosen();
+  for (int32_t y = firstRow; y <= lastRow; ++y) LumaRow<T, C, kYUV>(FRow(dest, y), source->Row(y), w, wide);
+}
+
+// ---- Luma, blur and reduction in bands -------------------------------------------------
+//
+// The first step of every halving mode, luma at the input size, the binomial blur and the
+// reduction to half size, made a band of destination rows at a time: the luma rows a band
+// needs (and the blur's two rows either side) are made, blurred by rows and by columns and
+// reduced while they are in cache, and the input-sized luma is never held whole. Each
+// sample goes through the same rule as in the three whole-image stages, so the bytes are
+// theirs for any band and worker count; halo rows are made by both bands that need them.
+
+constexpr int32_t kLevelBand = 16;  // destination rows a band
+
+// The rows a band of destination rows y0 .. y1 - 1 needs: blurred rows from .. to - 1,
+// which read luma rows top .. end - 1.
+struct BandRows {
+  int32_t from, to, top, end;
+  BandRows(int32_t y0, int32_t y1, float scaleY, int32_t h, int32_t reach)
+      : from(PLResizeCellOf(y0, scaleY, h - 1).index),
+        to(PLResizeCellOf(y1 - 1, scaleY, h - 1).index + 2),
+        top(from - reach > 0 ? from - reach : 0),
+        end(to + reach < h ? to + reach : h) {}
+};
+
+// Calls band(y0, y1) for each band of rows firstRow .. lastRow.
+template <class Band>
+void ForEachBand(int32_t firstRow, int32_t lastRow, Band band) {
+  for (int32_t y0 = firstRow; y0 <= lastRow; y0 += kLevelBand)
+    band(y0, y0 + kLevelBand <= lastRow + 1 ? y0 + kLevelBand : lastRow + 1);
+}
+
+// Per-worker storage, made before the fork: room for the most luma rows a band needs, and
+// the row pass's line.
+struct LevelBandStore {
+  int32_t rowsCap;
+  int32_t width;
+  uint64_t floatsEach;
+  float* block;
+  LevelBandStore(int32_t workers, int32_t rowsCap, int32_t width, int32_t lineFloats)
+      : rowsCap(rowsCap),
+        width(width),
+        floatsEach(static_cast<uint64_t>(rowsCap) * static_cast<uint64_t>(width) +
+                   static_cast<uint64_t>(lineFloats)),
+        block(static_cast<float*>(
+            NuvMemAlloc(floatsEach * static_cast<uint64_t>(workers) * sizeof(float)))) {}
+  ~LevelBandStore() { NuvMemFree(block); }
+  float* Rows(int32_t worker) const { return block + floatsEach * static_cast<uint64_t>(worker); }
+  float* Line(int32_t worker) const {
+    return Rows(worker) + static_cast<uint64_t>(rowsCap) * static_cast<uint64_t>(width);
   }
+};
+
+struct LevelBandJob {
+  PLImage* dest;
+  const PLImage* source;
+  const SeparableKernel* kernel;
+  const ExpandedKernel* expanded;
+  const LevelBandStore* store;
+  float scaleY;
+  bool wide;
+};
+
+template <class T, int32_t C, bool kYUV>
+void LumaLevelWorker(int32_t index, uint8_t, int32_t firstRow, int32_t lastRow,
+                     NuvMPArgs* args) {
+  const LevelBandJob& job = *args->Next<const LevelBandJob*>();
+  const int32_t w = job.source->width;
+  const int32_t h = job.source->height;
+  const int32_t reach = job.kernel->count - 1;
+  const plflow::FView out(job.dest);
+  float* rows = job.store->Rows(index);
+  float* line = job.store->Line(index);
+  ForEachBand(firstRow, lastRow, [&](int32_t y0, int32_t y1) {
+    const BandRows band(y0, y1, job.scaleY, h, reach);
+    for (int32_t g = band.top; g < band.end; ++g) {
+      float* row = rows + static_cast<ptrdiff_t>(g - band.top) * w;
+      LumaRow<T, C, kYUV>(row, job.source->Row(g), w, job.wide);
+      ConvolveFloatRowHere(row, row, w, job.kernel, job.expanded, line, job.wide);
+    }
+    // The column pass in place: it copies each strip out before storing.
+    float* blurred = rows + static_cast<ptrdiff_t>(band.from - band.top) * w;
+    ConvolveFloatColumnsHere(FloatRows{rows, w, band.top}, w, h, band.from, band.to, blurred,
+                             w, job.kernel, job.expanded, job.wide);
+    PLResizeFloatRowsHere(FloatRows{blurred, w, band.from}, w, h, out.Row(y0), out.step,
+                          job.dest->width, job.dest->height, y0, y1, job.wide);
+  });
 }
 
 }  // namespace
+
+namespace plflow {
+
+bool LumaBlurReduce(PLImage* dest, const PLImage* source, uint8_t isYUV, bool wide) {
+  if (!dest || !source || !dest->data || !source->data) return false;
+  if (dest->dataType != PLFloat || dest->channels != 1) return false;
+  if (source->dataType == PLFloat && source->whitePoint != 1.0f) return false;
+  const int32_t w = source->width;
+  const int32_t h = source->height;
+  SeparableKernel kernel;
+  PLBinomial5Kernel(&kernel);
+  const int32_t c = kernel.count;
+  // Where the whole-image stages would refuse or take another rule, they run instead.
+  if (w < 2 || h < 2 || dest->width < 2 || dest->height < 2) return false;
+  if (w + 2 * c > kSeparableLineMax || h + 2 * c > kSeparableLineMax) return false;
+  if (source->channels == 2 || !PLDispatch(source->dataType, source->channels, [](auto) {}))
+    return false;
+
+  ExpandedKernel expanded;
+  ExpandKernel(&expanded, &kernel);
+  const float scaleY = PLResizeScale(h, dest->height);
+  const int32_t rows = dest->height;
+  const int32_t workers = NuvMPThreadsForRows(rows);
+  int32_t rowsCap = 0;
+  for (int32_t index = 0; index < workers; ++index) {
+    int32_t first, last;
+    NuvMPRowRange(workers, index, rows, &first, &last);
+    ForEachBand(first, last, [&](int32_t y0, int32_t y1) {
+      const BandRows band(y0, y1, scaleY, h, c - 1);
+      if (band.end - band.top > rowsCap) rowsCap = band.end - band.top;
+    });
+  }
+  const LevelBandStore store(workers, rowsCap, w, w + 2 * c);
+  const LevelBandJob job{dest,   source, &kernel, &expanded, &store,
+                         scaleY, wide && PLWideAvailable()};
+  PLDispatch(source->dataType, source->channels, [&](auto tag) {
+    using T = typename decltype(tag)::Type;
+    constexpr int32_t C = decltype(tag)::Channels;
+    if constexpr (C != 2) {
+      if (isYUV)
+        PLForkImageRowsOn(workers, rows, LumaLevelWorker<T, C, true>, &job);
+      else
+        PLForkImageRowsOn(workers, rows, LumaLevelWorker<T, C, false>, &job);
+    }
+  });
+  return true;
+}
+
+}  // namespace plflow
 
 void PLOpticalFlowUChar::ConvertToLuma(PLImage* dest, const PLImage* source, uint8_t isYUV) {
   if (source->dataType == PLFloat && source->whitePoint != 1.0f) {
@@ -217,10 +356,11 @@ struct Temporaries {
       image = nullptr;
     }
   }
-  // t1 at the input size for modes 1-3, t2 at half of it for 2-3, t3 at a quarter for 3.
-  void Make(int32_t mode, int32_t width, int32_t height) {
+  // t1 at the input size for modes 1-3, t2 at half of it for 2-3, t3 at a quarter for 3;
+  // those from `first` on.
+  void Make(int32_t mode, int32_t width, int32_t height, int32_t first = 0) {
     for (int32_t i = 0; i < 3 && i < mode && mode <= 3; ++i) {
-      t[i] = plflow::NewLuma(width, height);
+      if (i >= first) t[i] = plflow::NewLuma(width, height);
       width /= 2;
       height /= 2;
     }
@@ -232,22 +372,27 @@ void PLOpticalFlowUChar::BuildLevelZero(PLImage** pyramid, const PLImage* image)
   if (!pyramid || !image) return;
   CheckInputSize(image);
   Temporaries temps;
-  temps.Make(mode, image->width, image->height);
+  temps.Make(mode, image->width, image->height, 1);
   PLImage* level0 = pyramid[0];
+  // The first halving in bands when it can (the same bytes), else stage by stage through
+  // an input-sized temporary.
+  auto firstHalving = [&](PLImage* half) {
+    if (plflow::LumaBlurReduce(half, image, inputIsYUV, PLWideChosen())) return;
+    temps.t[0] = plflow::NewLuma(image->width, image->height);
+    ConvertToLuma(temps.t[0], image, inputIsYUV);
+    PLBinomial5Blur(temps.t[0]);
+    plflow::Reduce(half, temps.t[0]);
+  };
   switch (mode) {
     case 0:
       ConvertToLuma(level0, image, inputIsYUV);
       break;
     case 1:
-      ConvertToLuma(temps.t[0], image, inputIsYUV);
-      PLBinomial5Blur(temps.t[0]);
-      plflow::Reduce(level0, temps.t[0]);
+      firstHalving(level0);
       break;
     case 2:
     case 3: {
-      ConvertToLuma(temps.t[0], image, inputIsYUV);
-      PLBinomial5Blur(temps.t[0]);
-      plflow::Reduce(temps.t[1], temps.t[0]);
+      firstHalving(temps.t[1]);
       PLBinomial5Blur(temps.t[1]);
       if (mode == 3) {
         plflow::Reduce(temps.t[2], temps.t[1]);

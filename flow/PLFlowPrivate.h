@@ -72,6 +72,15 @@ PLImage* NewLuma(int32_t width, int32_t height);
 // mapped to its first sample.
 void Reduce(PLImage* dst, const PLImage* src);
 
+// The luma of `source` (1, 3 or 4 channels, as ConvertToLuma makes it), blurred by
+// PLBinomial5Blur and reduced into the 1-channel Float `dest` by Reduce, to the same bytes
+// as those three stages, but a band of rows at a time without an input-sized temporary.
+// Returns false, with nothing done, where the stages would refuse, print or take another
+// rule (null data, a Float source whose white point is not 1.0, 2 channels or an unknown
+// type, an axis below 2, lines longer than the separable filter takes): the caller runs
+// the stages then. `wide` as PLWideChosen() for the estimator; tests compare both loops.
+bool LumaBlurReduce(PLImage* dest, const PLImage* source, uint8_t isYUV, bool wide);
+
 // The luma of an 8-bit RGB row (not YUV) from x = 0 while four pixels remain, the same bytes
 // as the plain loop; returns the first pixel left to it. AVX2: called only where
 // PLWideChosen(); a build with FLOWBLUR_PLAIN_ONLY defined has none.

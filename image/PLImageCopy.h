@@ -102,13 +102,12 @@ void FillColor(PLImage* image, float r, float g, float b, float a);
 
 // ---- Fork helper -------------------------------------------------------------------------
 
-// Row-parallel run of `worker` over rows 0 .. rows-1 through the fork-join, with the
-// thread count of NuvMPThreadsForRows(rows). Rows below 1: nothing. A PLErr from the fork
-// is thrown again when its value is not 0; a PLErr of value 0 ends the operation silently.
+// Row-parallel run of `worker` over rows 0 .. rows-1 through the fork-join on `threads`
+// workers. Rows below 1: nothing. A PLErr from the fork is thrown again when its value is
+// not 0; a PLErr of value 0 ends the operation silently.
 template <class... A>
-void PLForkImageRows(int32_t rows, NuvMPWorker worker, A... args) {
+void PLForkImageRowsOn(int32_t threads, int32_t rows, NuvMPWorker worker, A... args) {
   if (rows < 1) return;
-  int32_t threads = NuvMPThreadsForRows(rows);
   try {
     NuvMPFork(threads, rows, worker, args...);
   } catch (PLErr& err) {
@@ -117,4 +116,11 @@ void PLForkImageRows(int32_t rows, NuvMPWorker worker, A... args) {
       throw value;
     }
   }
+}
+
+// The same with the thread count of NuvMPThreadsForRows(rows); the form above is for workers that
+// need per-worker storage made before the fork.
+template <class... A>
+void PLForkImageRows(int32_t rows, NuvMPWorker worker, A... args) {
+  PLForkImageRowsOn(NuvMPThreadsForRows(rows), rows, worker, args...);
 }

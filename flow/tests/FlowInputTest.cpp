@@ -2,9 +2,11 @@
 // prefilter, the reduction, progress reports and interruption of a run.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstring>
 #include <vector>
 
+#include "filter/PLKernels.h"
 #include "flow/PLFlowPrivate.h"
 #include "flow/tests/FlowTestSupport.h"
 #include "image/PLImageCopy.h"
@@ -111,6 +113,55 @@ TEST(FlowInput, ReductionAlongAnAxisOfOne) {
   auto regular = flowtest::MakeFloat(3, 2, 1, -1.0f);  // both axes of 2 or more: the resize
   plflow::Reduce(regular.get(), src.get());
   EXPECT_EQ(At(regular.get(), 2, 1), 42.0f);
+}
+
+// The first halving made in bands against the three whole-image stages it stands for, to
+// the byte: source types and layouts, YUV, heights around the band and across eight
+// workers, NaN and infinite samples (whose NaN bits depend on the blur's pair order), both
+// loops and every worker count. Where the stages would refuse or print, it declines.
+TEST(FlowInput, BandedHalvingIsTheStagesToTheByte) {
+  pltest::WorkerGuard guard;
+  const struct {
+    int32_t w, h, channels, type;
+    uint8_t yuv;
+    pltest::Layout layout;
+  } cases[] = {{203, 117, 3, PLUChar, 0, pltest::kPlain},
+               {48, 300, 3, PLUChar, 0, pltest::kFlipped},
+               {64, 5, 4, PLUShort, 1, pltest::kPaddedFlipped},
+               {37, 71, 1, PLFloat, 0, pltest::kFlipped},
+               {90, 66, 3, PLFloat, 0, pltest::kPadded},
+               {17, 4, 4, PLUChar, 1, pltest::kPlain}};
+  for (const auto& k : cases) {
+    pltest::TestImage source = pltest::MakeImage(k.w, k.h, k.channels, k.type, k.layout);
+    pltest::FillRandom(source.get(), static_cast<uint32_t>(k.w + k.h));
+    if (k.type == PLFloat) {
+      pltest::Set(source.get(), 3, 2, 0, std::nan(""));
+      pltest::Set(source.get(), 30, 40, 0, -INFINITY);
+      pltest::Set(source.get(), 31, 40, 0, INFINITY);
+    }
+    PLOpticalFlowUChar flow(k.w, k.h, 0, 0, 0, 12);
+    auto luma = flowtest::MakeFloat(k.w, k.h, 1);
+    flow.ConvertToLuma(luma.get(), source.get(), k.yuv);
+    PLBinomial5Blur(luma.get());
+    auto want = flowtest::MakeFloat(k.w / 2, k.h / 2, 1);
+    plflow::Reduce(want.get(), luma.get());
+    for (bool wide : {true, false})
+      pltest::ExpectSameForAllWorkers([&] {
+        auto got = flowtest::MakeFloat(k.w / 2, k.h / 2, 1, -7.0f);
+        EXPECT_TRUE(plflow::LumaBlurReduce(got.get(), source.get(), k.yuv, wide));
+        EXPECT_TRUE(pltest::PixelBytes(got.get()) == pltest::PixelBytes(want.get()))
+            << k.w << "x" << k.h << " type " << k.type << " wide " << wide;
+        return pltest::PixelBytes(got.get());
+      });
+  }
+  pltest::TestImage twoChannels = pltest::MakeImage(20, 20, 2, PLUChar);
+  pltest::TestImage hdr = pltest::MakeImage(20, 20, 3, PLFloat);
+  hdr->whitePoint = 2.0f;
+  pltest::TestImage column = pltest::MakeImage(1, 20, 3, PLUChar);
+  auto dest = flowtest::MakeFloat(10, 10, 1, -7.0f);
+  for (const PLImage* refused : {twoChannels.get(), hdr.get(), column.get()})
+    EXPECT_FALSE(plflow::LumaBlurReduce(dest.get(), refused, 0, true));
+  EXPECT_EQ(At(dest.get(), 5, 5), -7.0f);
 }
 
 // ---- Progress ----------------------------------------------------------------------------
