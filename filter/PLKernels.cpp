@@ -2,6 +2,7 @@
 #include "filter/PLKernels.h"
 
 #include <cmath>
+#include <cstring>
 
 #include "filter/PLConvolveFull.h"
 #include "filter/PLSeparable.h"
@@ -78,6 +79,31 @@ void PLBinomial5Blur(PLImage* image) {
   SeparableKernel kernel;
   PLBinomial5Kernel(&kernel);
   ConvolveInPlace(image, &kernel, kSeparableRowsAndColumns);
+}
+
+void PLBinomial5BlurFrom(PLImage* destination, const PLImage* source) {
+  if (destination->width != source->width || destination->height != source->height ||
+      destination->dataType != source->dataType || destination->channels != source->channels)
+    throw PLErrParameter;
+  SeparableKernel kernel;
+  PLBinomial5Kernel(&kernel);
+  if (destination->rowBytes != source->rowBytes || destination->flipped != source->flipped) {
+    // The engine addresses both through one row distance: copy, then filter in place.
+    const size_t used = static_cast<size_t>(source->width) * source->bytesPerPixel;
+    for (int32_t y = 0; y < source->height; ++y)
+      std::memcpy(destination->Row(y), source->Row(y), used);
+    ConvolveInPlace(destination, &kernel, kSeparableRowsAndColumns);
+    return;
+  }
+  // The row pass reads the source and stores into the destination, which the column pass
+  // then filters in place.
+  NuvImageInternal sourceWrapper(source), destinationWrapper(destination);
+  NuvImage sourceView, destinationView;
+  int32_t status = sourceView.Attach(&sourceWrapper);
+  if (status == 0) status = destinationView.Attach(&destinationWrapper);
+  if (status == 0)
+    status = ConvolveSeparable(&sourceView, &destinationView, &kernel, kSeparableRowsAndColumns);
+  if (status != 0) throw static_cast<PLErr>(status);
 }
 
 void PLCosineBlur(PLImage* image, float radius) {

@@ -26,6 +26,9 @@ void GaussBlurView(NuvImage* view, uint32_t engineMode, float radius);
 
 // Five-tap binomial 1 4 6 4 1 / 16 (half-weights 0.375, 0.25, 0.0625), rows and columns.
 void PLBinomial5Blur(PLImage* image);
+// The same blur of `source` into `destination` (equal size, type and channels, else
+// PLErrParameter), without first copying it there; the source is not changed.
+void PLBinomial5BlurFrom(PLImage* destination, const PLImage* source);
 // Its kernel, for callers that run the passes in bands (filter/PLSeparable.h).
 void PLBinomial5Kernel(SeparableKernel* kernel);
 

@@ -390,7 +390,9 @@ void ConvolveStrip(const StripWindow& at, int32_t pixels, const SeparableKernel*
   const int32_t top = at.from - c;  // the buffer's first row
   for (int32_t g = top; g < at.to + c; ++g) {
     float* s = strip + static_cast<ptrdiff_t>(g - top) * stride;
-    if (g < 0 || g >= n) {
+    // Taps reach c - 1 rows: for c >= 1 the buffer's first and last rows are never read.
+    const bool unread = c > 0 && (g == top || g == at.to + c - 1);
+    if (g < 0 || g >= n || unread) {
       for (int32_t q = 0; q < stride; q += 4) _mm_storeu_ps(s + q, margin);
       continue;
     }

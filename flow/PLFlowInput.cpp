@@ -436,8 +436,7 @@ void PLOpticalFlowUChar::ReducePyramid(PLImage** pyramid, bool binarise, PLImage
     // high-pass prefilter, which would blur the same level into the same bits.
     PLImage* temp = keep ? keep[level - 1] : plflow::NewLuma(finer->width, finer->height);
     try {
-      CopyRect(temp, 0, 0, const_cast<PLImage*>(finer), 0, 0, finer->width, finer->height);
-      PLBinomial5Blur(temp);
+      PLBinomial5BlurFrom(temp, finer);
       plflow::Reduce(pyramid[level], temp);
     } catch (PLErr&) {
       if (!keep) delete temp;
@@ -478,8 +477,7 @@ void PLOpticalFlowUChar::PrefilterPyramid(PLImage** pyramid) {
   for (int32_t level = 0; level < numLevels; ++level) {
     PLImage* image = pyramid[level];
     PLImage* scratch = gradXPyramid[level];
-    CopyRect(scratch, 0, 0, image, 0, 0, image->width, image->height);
-    PLBinomial5Blur(scratch);
+    PLBinomial5BlurFrom(scratch, image);
     Subtract(image, scratch);
   }
 }
@@ -493,8 +491,7 @@ void PLOpticalFlowUChar::PrefilterPyramidFromKept(PLImage** pyramid, PLImage** k
       Subtract(image, kept[level]);
     } else {
       PLImage* scratch = gradXPyramid[level];
-      CopyRect(scratch, 0, 0, image, 0, 0, image->width, image->height);
-      PLBinomial5Blur(scratch);
+      PLBinomial5BlurFrom(scratch, image);
       Subtract(image, scratch);
     }
   }

@@ -153,6 +153,25 @@ TEST(Binomial, FiveAndThreeTapResponses) {
     }
 }
 
+// Blurring from another image is blurring a copy of it in place, whether or not the two
+// share a row layout; the source stays as it was, and a size mismatch is refused.
+TEST(Binomial, FromAnotherImageIsTheBlurOfACopy) {
+  TestImage source = MakeImage(37, 29, 3, PLUShort, kPadded);
+  FillRandom(source.get(), 5);
+  TestImage want = MakeImage(37, 29, 3, PLUShort);
+  CopyPixels(want.get(), source.get());
+  PLBinomial5Blur(want.get());
+  const std::vector<unsigned char> before = PixelBytes(source.get());
+  for (Layout layout : {kPadded, kFlipped}) {  // the same layout as the source, then another
+    TestImage got = MakeImage(37, 29, 3, PLUShort, layout);
+    PLBinomial5BlurFrom(got.get(), source.get());
+    EXPECT_TRUE(SamePixels(got.get(), want.get())) << LayoutName(layout);
+  }
+  EXPECT_TRUE(PixelBytes(source.get()) == before);
+  TestImage smaller = MakeImage(36, 29, 3, PLUShort);
+  EXPECT_THROW(PLBinomial5BlurFrom(smaller.get(), source.get()), PLErr);
+}
+
 TEST(Blurs, ConstantStaysConstantToTheEdges) {
   for (int32_t channels = 1; channels <= 4; ++channels) {
     TestImage im = MakeImage(19, 23, channels, PLUShort, 1, 2);
