@@ -121,17 +121,20 @@ TEST(FlowInput, ReductionAlongAnAxisOfOne) {
 // loops and every worker count. Where the stages would refuse or print, it declines.
 TEST(FlowInput, BandedHalvingIsTheStagesToTheByte) {
   pltest::WorkerGuard guard;
-  const struct {
+  struct Case {
     int32_t w, h, channels, type;
     uint8_t yuv;
     pltest::Layout layout;
-  } cases[] = {{203, 117, 3, PLUChar, 0, pltest::kPlain},
-               {48, 300, 3, PLUChar, 0, pltest::kFlipped},
-               {64, 5, 4, PLUShort, 1, pltest::kPaddedFlipped},
-               {37, 71, 1, PLFloat, 0, pltest::kFlipped},
-               {90, 66, 3, PLFloat, 0, pltest::kPadded},
-               {17, 4, 4, PLUChar, 1, pltest::kPlain}};
-  for (const auto& k : cases) {
+  };
+  std::vector<Case> cases = {{203, 117, 3, PLUChar, 0, pltest::kPlain},
+                             {48, 300, 3, PLUChar, 0, pltest::kFlipped},
+                             {64, 5, 4, PLUShort, 1, pltest::kPaddedFlipped},
+                             {37, 71, 1, PLFloat, 0, pltest::kFlipped},
+                             {17, 4, 4, PLUChar, 1, pltest::kPlain}};
+  for (int32_t type : {PLUChar, PLUShort, PLFloat})  // every member of the banded loop
+    for (int32_t channels : {1, 3, 4})
+      for (uint8_t yuv : {0, 1}) cases.push_back({41, 45, channels, type, yuv, pltest::kPadded});
+  for (const Case& k : cases) {
     pltest::TestImage source = pltest::MakeImage(k.w, k.h, k.channels, k.type, k.layout);
     pltest::FillRandom(source.get(), static_cast<uint32_t>(k.w + k.h));
     if (k.type == PLFloat) {
