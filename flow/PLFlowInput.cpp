@@ -170,7 +170,8 @@ void LumaWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* 
   const PLImage* source = args->Next<const PLImage*>();
   const int32_t w = args->Next<int32_t>();
   const bool wide = PLWideChosen();
-  for (int32_t y = firstRow; y <= lastRow; ++y) LumaRow<T, C, kYUV>(FRow(dest, y), source->Row(y), w, wide);
+  for (int32_t y = firstRow; y <= lastRow; ++y)
+    LumaRow<T, C, kYUV>(FRow(dest, y), source->Row(y), w, wide);
 }
 
 // ---- Luma, blur and reduction in bands -------------------------------------------------
