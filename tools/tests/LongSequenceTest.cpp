@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "tools/ImageFiles.h"
@@ -45,19 +46,31 @@ TEST(LongSequence, PeakMemoryDoesNotGrowWithTheLengthOfTheRun) {
                            "1-" + std::to_string(frames)},
                           measured);
   };
-  const test::RunResult shortRun = run(kShort, "short");
-  const test::RunResult longRun = run(kLong, "long");
-  ASSERT_EQ(shortRun.exitCode, 0) << shortRun.err;
-  ASSERT_EQ(longRun.exitCode, 0) << longRun.err;
-  EXPECT_EQ(access((dir / "long/o.1000.png").c_str(), F_OK), 0) << "no last frame";
+  // The peak of one run moves by a few MiB with how the reading, working and writing threads
+  // happen to overlap (more so on a loaded machine), and a long run has more chances to meet a
+  // high one. A leak is in every long run, so the lowest long peak is set against the highest
+  // short one, the runs interleaved so that a spell of load touches both kinds.
+  long shortPeakKb = 0, longPeakKb = 0;
+  for (int32_t k = 0; k < 5; ++k) {
+    const bool isLong = k % 2 == 1;
+    const std::string out = (isLong ? "long" : "short") + std::to_string(k);
+    const test::RunResult result = run(isLong ? kLong : kShort, out);
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    ASSERT_GT(result.maxRssKb, 0);
+    if (isLong) {
+      EXPECT_EQ(access((dir / (out + "/o.1000.png")).c_str(), F_OK), 0) << "no last frame";
+      longPeakKb = longPeakKb == 0 ? result.maxRssKb : std::min(longPeakKb, result.maxRssKb);
+    } else {
+      shortPeakKb = std::max(shortPeakKb, result.maxRssKb);
+    }
+  }
   // A frame kept per frame (a packed 64x48 frame is 9 KiB, a float frame 36 KiB) would add
   // at least 8 MiB over the 900 extra frames; the plan's own per-frame records add well
   // under 1 MiB.
   constexpr long kMarginKb = 4 * 1024;
-  EXPECT_LE(longRun.maxRssKb, shortRun.maxRssKb + kMarginKb)
-      << "peak resident size: " << shortRun.maxRssKb << " KiB for " << kShort << " frames, "
-      << longRun.maxRssKb << " KiB for " << kLong;
-  EXPECT_GT(shortRun.maxRssKb, 0);
+  EXPECT_LE(longPeakKb, shortPeakKb + kMarginKb)
+      << "peak resident size: at most " << shortPeakKb << " KiB for " << kShort
+      << " frames, at least " << longPeakKb << " KiB for " << kLong;
 }
 
 }  // namespace
