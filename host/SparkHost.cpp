@@ -127,6 +127,7 @@ struct ForkJob {
 // Processor k's part of a fork: where it stands for sparkMpInfo, then the worker. An
 // exception stays in the processor's slot until the fork has joined.
 void RunOnProcessor(const ForkJob& job, int32_t k) {
+  const bool wasInWorker = tInWorker;
   tInWorker = true;
   tOffset = job.share * static_cast<uint64_t>(k);
   tCount = k == job.processors - 1 ? job.pixels - tOffset : job.share;
@@ -135,6 +136,7 @@ void RunOnProcessor(const ForkJob& job, int32_t k) {
   } catch (...) {
     job.errors[k] = std::current_exception();
   }
+  tInWorker = wasInWorker;
 }
 
 // A fork that cannot use the pool gets threads of its own, as every fork once did.

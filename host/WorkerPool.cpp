@@ -37,7 +37,8 @@ std::vector<std::thread>* gAbandoned = nullptr;
 WorkerPool::~WorkerPool() { Stop(); }
 
 void WorkerPool::Run(int32_t workers, Task task, void* context) {
-  if (Size() != workers) {
+  if (workers < 1) return;
+  if (workers_ != workers) {
     Stop();
     Start(workers);
   }
@@ -45,12 +46,16 @@ void WorkerPool::Run(int32_t workers, Task task, void* context) {
     Lock lock(mutex_);
     task_ = task;
     context_ = context;
-    running_ = workers;
+    running_ = workers - 1;
     runningMirror_.store(running_, std::memory_order_relaxed);
     ++generation_;
     generationMirror_.store(generation_, std::memory_order_release);
   }
   wake_.notify_all();
+  // The caller is the first worker: it would only wait otherwise, and a fork then costs one
+  // hand-over fewer (each is a wake-up and a switch on a machine with as many cores as
+  // workers).
+  task(context, 0);
   SpinUntil([this] { return runningMirror_.load(std::memory_order_acquire) == 0; },
             kCallerSpin);
   // The mutex orders every worker's writes before the caller's return, spin or not.
@@ -61,6 +66,7 @@ void WorkerPool::Run(int32_t workers, Task task, void* context) {
 }
 
 void WorkerPool::Stop() {
+  workers_ = 0;
   if (threads_.empty()) return;
   if (getpid() != pid_) {
     Abandon();
@@ -80,6 +86,7 @@ void WorkerPool::Stop() {
 }
 
 void WorkerPool::Abandon() {
+  workers_ = 0;
   if (threads_.empty()) return;
   Lock lock(gAbandonedMutex);
   if (!gAbandoned) gAbandoned = new std::vector<std::thread>();
@@ -89,11 +96,12 @@ void WorkerPool::Abandon() {
 
 void WorkerPool::Start(int32_t workers) {
   pid_ = getpid();
-  threads_.reserve(static_cast<size_t>(workers));
+  threads_.reserve(static_cast<size_t>(workers - 1));
+  workers_ = workers;
   try {
     // Each thread starts from the current generation, so that the run about to be
     // announced is not missed by a thread that wakes up late.
-    for (int32_t k = 0; k < workers; ++k)
+    for (int32_t k = 1; k < workers; ++k)
       threads_.emplace_back(&WorkerPool::Serve, this, k, generation_);
   } catch (...) {
     Stop();

@@ -1,5 +1,5 @@
-// flowblur: a small pool of persistent threads that run one task on each of them, fork after
-// fork; shared by the host simulator and by hosts that lend the library their own threads.
+// flowblur: a small pool of persistent threads that run one task each beside the caller, fork
+// after fork; shared by the host simulator and by hosts that lend the library their own threads.
 #pragma once
 #include <atomic>
 #include <chrono>
@@ -31,11 +31,13 @@ class WorkerPool {
   WorkerPool(const WorkerPool&) = delete;
   WorkerPool& operator=(const WorkerPool&) = delete;
 
-  // Threads running now (0 before the first run and after Stop).
-  int32_t Size() const { return static_cast<int32_t>(threads_.size()); }
+  // Workers of the pool as it stands (0 before the first run and after Stop): the caller
+  // and one thread fewer.
+  int32_t Size() const { return workers_; }
 
-  // Runs task(context, k) once for each k in 0 .. workers - 1, worker k on thread k, and
-  // returns when all have returned; every write of a task is visible to the caller then.
+  // Runs task(context, k) once for each k in 0 .. workers - 1, worker 0 on the calling
+  // thread and worker k >= 1 on pool thread k, and returns when all have returned; every
+  // write of a task is visible to the caller then. Fewer than one worker runs nothing.
   // A pool of another size is stopped and started again with `workers` threads first.
   // Throws std::system_error when the threads cannot be started; the pool is then empty
   // and nothing has run.
@@ -67,4 +69,5 @@ class WorkerPool {
   std::atomic<int32_t> runningMirror_{0};
   std::atomic<bool> stopMirror_{false};
   pid_t pid_ = 0;
+  int32_t workers_ = 0;  // the caller and threads_
 };

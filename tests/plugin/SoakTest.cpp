@@ -132,10 +132,13 @@ void Round(const Plugin& p, int32_t round, int32_t calls, Stats* stats) {
 }
 
 #ifndef FLOWBLUR_SOAK_SANITIZER
-// glibc keeps freed blocks in per-thread caches and arenas that it counts as in use, so the
-// heap figure would drift with the threads that came and went. Without them it is exact: the
-// test runs again in a child with the caches off.
-constexpr char kTunables[] = "GLIBC_TUNABLES=glibc.malloc.tcache_count=0:glibc.malloc.arena_max=1";
+// glibc keeps freed blocks in per-thread caches and arenas that it counts as in use, and the
+// stacks of ended threads for reuse, each with its heap-held table of thread-local blocks, so
+// the heap figure would drift with the threads that came and went. Without them it is exact:
+// the test runs again in a child with the caches off.
+constexpr char kTunables[] =
+    "GLIBC_TUNABLES=glibc.malloc.tcache_count=0:glibc.malloc.arena_max=1:"
+    "glibc.pthread.stack_cache_size=0";
 
 bool RunInExactHeapChild(int* status) {
   if (std::getenv("FLOWBLUR_SOAK_CHILD")) return false;
