@@ -1,7 +1,6 @@
 // flowblur: the motion-blur entry points, their checks and the row worker that dispatches.
 #include "blur/PLMotionBlur.h"
 
-#include <atomic>
 #include <cstdint>
 
 #include "image/PLDispatch.h"
@@ -28,9 +27,6 @@ void Span(const NuvImage* v, uintptr_t* low, uintptr_t* high) {
 }
 
 [[noreturn]] void Refuse() { throw PLErrParameter; }
-
-// Rows handed out at a time by the band worker: the fork layer's smallest share.
-constexpr int32_t kBandRows = 16;
 
 }  // namespace
 
@@ -101,11 +97,12 @@ void RenderMotionBlur(NuvImage* dst, const NuvImage* src, const NuvImage* flow,
 
   const int32_t rows = y1 - y0 + 1;
   const int32_t threads = NuvMPThreadsForRows(rows);
-  std::atomic<int32_t> nextBand{0};
   try {
-    NuvMPFork(threads, rows, MotionBlurBandWorker, dst, src, flow, &amount, &bilinearSampling,
-              &jobProgress, &errorSlot, &interruptWord, &countOutside, &x0, &x1, &y0, &rows,
-              &nextBand);
+    // Rows cost what their motion costs (a fast object makes its rows slow): the workers take
+    // bands of 16 rows in turn rather than a fixed share each.
+    NuvMPForkBands(threads, rows, 16, MotionBlurRowWorker, dst, src, flow, &amount,
+                   &bilinearSampling, &jobProgress, &errorSlot, &interruptWord, &countOutside,
+                   &x0, &x1, &y0);
   } catch (PLErr& err) {
     PLErr value = err;
     throw value;
@@ -113,79 +110,37 @@ void RenderMotionBlur(NuvImage* dst, const NuvImage* src, const NuvImage* flow,
   if (int32_t code = NuvMPLoadError(&errorSlot)) throw static_cast<PLErr>(code);
 }
 
-namespace {
-
-// The row worker's arguments, read in their order from a cursor.
-struct RowWork {
-  NuvImage* dst;
-  const NuvImage* src;
-  const NuvImage* flow;
-  float amount;
-  uint8_t bilinearSampling;
-  NuvIdleAndProgressClass* jobProgress;
-  int32_t* errorSlot;
-  int32_t* interruptWord;
-  uint8_t countOutside;
-  int32_t x0, x1, y0;
-
-  explicit RowWork(NuvMPArgs* args)
-      : dst(args->Next<NuvImage*>()),
-        src(args->Next<const NuvImage*>()),
-        flow(args->Next<const NuvImage*>()),
-        amount(*args->Next<const float*>()),
-        bilinearSampling(*args->Next<const uint8_t*>()),
-        jobProgress(args->Next<NuvIdleAndProgressClass*>()),
-        errorSlot(args->Next<int32_t*>()),
-        interruptWord(args->Next<int32_t*>()),
-        countOutside(*args->Next<const uint8_t*>()),
-        x0(*args->Next<const int32_t*>()),
-        x1(*args->Next<const int32_t*>()),
-        y0(*args->Next<const int32_t*>()) {}
-
-  // Rows firstRow..lastRow (relative to y0) with their own progress object; a PLErr raised
-  // by the rows goes to the error slot. Returns false when one did.
-  bool Render(uint8_t reporter, int32_t firstRow, int32_t lastRow) const {
-    const int32_t yFirst = firstRow + y0;
-    const int32_t yLast = lastRow + y0;
-    NuvIldeAndProgressMPInterruptible workerProgress(jobProgress, reporter != 0, interruptWord);
-    try {
-      // An unsupported pair does no work; RenderMotionBlur has refused it already.
-      PLDispatch(NuvPixelTypeToDataType(src->pixelType), src->GetChannels(), [&](auto tag) {
-        using T = typename decltype(tag)::Type;
-        constexpr int32_t C = decltype(tag)::Channels;
-        if (countOutside == 0)
-          BlurRowsStopAtEdge<T, C>(x0, x1, yFirst, yLast, dst, src, flow, bilinearSampling,
-                                   &workerProgress, amount);
-        else
-          BlurRowsCountOutside<T, C>(x0, x1, yFirst, yLast, dst, src, flow, bilinearSampling,
-                                     &workerProgress, amount);
-      });
-    } catch (PLErr& err) {
-      NuvMPStoreError(errorSlot, err);
-      return false;
-    }
-    return true;
-  }
-};
-
-}  // namespace
-
 void MotionBlurRowWorker(int32_t /*thread*/, uint8_t reporter, int32_t firstRow, int32_t lastRow,
                          NuvMPArgs* args) {
-  RowWork(args).Render(reporter, firstRow, lastRow);
-}
+  NuvImage* dst = args->Next<NuvImage*>();
+  const NuvImage* src = args->Next<const NuvImage*>();
+  const NuvImage* flow = args->Next<const NuvImage*>();
+  const float amount = *args->Next<const float*>();
+  const uint8_t bilinearSampling = *args->Next<const uint8_t*>();
+  NuvIdleAndProgressClass* jobProgress = args->Next<NuvIdleAndProgressClass*>();
+  int32_t* errorSlot = args->Next<int32_t*>();
+  int32_t* interruptWord = args->Next<int32_t*>();
+  const uint8_t countOutside = *args->Next<const uint8_t*>();
+  const int32_t x0 = *args->Next<const int32_t*>();
+  const int32_t x1 = *args->Next<const int32_t*>();
+  const int32_t y0 = *args->Next<const int32_t*>();
+  const int32_t yFirst = firstRow + y0;
+  const int32_t yLast = lastRow + y0;
 
-void MotionBlurBandWorker(int32_t /*thread*/, uint8_t reporter, int32_t /*firstRow*/,
-                          int32_t /*lastRow*/, NuvMPArgs* args) {
-  const RowWork work(args);
-  const int32_t rows = *args->Next<const int32_t*>();
-  std::atomic<int32_t>* nextBand = args->Next<std::atomic<int32_t>*>();
-  const int32_t bands = rows / kBandRows > 0 ? rows / kBandRows : 1;
-  for (;;) {
-    const int32_t band = nextBand->fetch_add(1, std::memory_order_relaxed);
-    if (band >= bands) return;
-    const int32_t first = band * kBandRows;
-    const int32_t last = band == bands - 1 ? rows - 1 : first + kBandRows - 1;
-    if (!work.Render(reporter, first, last)) return;
+  NuvIldeAndProgressMPInterruptible workerProgress(jobProgress, reporter != 0, interruptWord);
+  try {
+    // An unsupported pair does no work; RenderMotionBlur has refused it already.
+    PLDispatch(NuvPixelTypeToDataType(src->pixelType), src->GetChannels(), [&](auto tag) {
+      using T = typename decltype(tag)::Type;
+      constexpr int32_t C = decltype(tag)::Channels;
+      if (countOutside == 0)
+        BlurRowsStopAtEdge<T, C>(x0, x1, yFirst, yLast, dst, src, flow, bilinearSampling,
+                                 &workerProgress, amount);
+      else
+        BlurRowsCountOutside<T, C>(x0, x1, yFirst, yLast, dst, src, flow, bilinearSampling,
+                                   &workerProgress, amount);
+    });
+  } catch (PLErr& err) {
+    NuvMPStoreError(errorSlot, err);
   }
 }

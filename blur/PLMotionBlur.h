@@ -77,8 +77,8 @@ void PLMotionBlurRect(PLImage* dst, const PLImage* src, const PLImage* flow, int
                       NuvIdleAndProgressClass* progress, uint8_t countOutside, int32_t x0,
                       int32_t x1, int32_t y0, int32_t y1, float amount);
 
-// The engine on views: checks (see above), then forks MotionBlurBandWorker over the rows
-// y0..y1. `bilinearSampling` is 1 for bilinear, 0 for nearest. Throws PLErr.
+// The engine on views: checks (see above), then forks MotionBlurRowWorker over the rows
+// y0..y1 in bands of 16 rows (NuvMPForkBands). `bilinearSampling` is 1 for bilinear, 0 for nearest. Throws PLErr.
 void RenderMotionBlur(NuvImage* dst, const NuvImage* src, const NuvImage* flow,
                       uint8_t bilinearSampling, NuvIdleAndProgressClass* progress,
                       uint8_t countOutside, int32_t x0, int32_t x1, int32_t y0, int32_t y1,
@@ -97,16 +97,6 @@ void RenderMotionBlur(NuvImage* dst, const NuvImage* src, const NuvImage* flow,
 // thrown out of it.
 void MotionBlurRowWorker(int32_t thread, uint8_t reporter, int32_t firstRow, int32_t lastRow,
                          NuvMPArgs* args);
-
-// The worker the engine forks: MotionBlurRowWorker's arguments, then
-//   13 const int32_t* rows of the fork   14 std::atomic<int32_t>* next band, 0 at the fork
-// Rows cost what their motion costs (a fast object in one band of the frame makes that band
-// slow), so instead of its own share each worker takes bands of 16 rows in turn (the last one
-// also the remainder; fewer than 16 rows are one band) until none are left, each rendered as
-// MotionBlurRowWorker renders its rows. Pixels do not depend on who renders them, so the
-// bytes are the same; a worker stops at its first stored error.
-void MotionBlurBandWorker(int32_t thread, uint8_t reporter, int32_t firstRow, int32_t lastRow,
-                          NuvMPArgs* args);
 
 // One complete renderer per pixel layout and border rule: rows yFirst..yLast and columns
 // x0..x1 (absolute, inclusive, inside the source), both sampling paths. T is uint8_t,

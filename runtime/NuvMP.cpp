@@ -1,6 +1,8 @@
 // flowblur: the fork-join layer over the host's one primitive, sparkMpFork.
 #include "runtime/NuvMP.h"
 
+#include <atomic>
+
 #include "shell/spark.h"
 
 namespace {
@@ -98,6 +100,43 @@ void NuvMPForkArgs(int32_t threads, int32_t rows, NuvMPWorker worker, NuvMPArgs*
     PLErr value = err;
     throw value;
   }
+}
+
+namespace {
+
+// A banded fork's worker: takes bands until none are left and runs the real worker on each.
+void BandWorker(int32_t thread, uint8_t reporter, int32_t, int32_t, NuvMPArgs* args) {
+  const NuvMPWorker worker = args->Next<NuvMPWorker>();
+  const int32_t rows = args->Next<int32_t>();
+  const int32_t band = args->Next<int32_t>();
+  std::atomic<int32_t>* next = args->Next<std::atomic<int32_t>*>();
+  const int32_t bands = rows / band;
+  for (;;) {
+    const int32_t k = next->fetch_add(1, std::memory_order_relaxed);
+    if (k >= bands) return;
+    const int32_t first = k * band;
+    NuvMPArgs copy = *args;
+    worker(thread, reporter, first, k == bands - 1 ? rows - 1 : first + band - 1, &copy);
+  }
+}
+
+}  // namespace
+
+void NuvMPForkBandsArgs(int32_t threads, int32_t rows, int32_t band, NuvMPWorker worker,
+                        NuvMPArgs* args) {
+  if (threads <= 1 || band < 1 || rows / band < 2 ||
+      args->count - args->next + kNuvMPBandArgs > NuvMPArgs::kMaxArgs) {
+    NuvMPForkArgs(threads, rows, worker, args);
+    return;
+  }
+  std::atomic<int32_t> next{0};
+  NuvMPArgs banded;
+  banded.Push(worker);
+  banded.Push(rows);
+  banded.Push(band);
+  banded.Push(&next);
+  for (int32_t k = args->next; k < args->count; ++k) banded.words[banded.count++] = args->words[k];
+  NuvMPForkArgs(threads, rows, BandWorker, &banded);
 }
 
 void NuvMPWorkerEntry(void* table) {

@@ -200,6 +200,38 @@ TEST_F(ForkTest, ArgumentsArriveInOrderAndAnyWorkerCountGivesTheSameBytes) {
   EXPECT_EQ(sparkhost::Calls().mpFork, 3) << "every count but 1 went through the host";
 }
 
+// A banded fork: every band of 16 rows is one call (the last also the remainder) on one of
+// the workers, whatever their count; rows for fewer than two bands are NuvMPFork's slices.
+// The worker's own arguments arrive as given.
+void BandWorker(int32_t thread, uint8_t reporter, int32_t first, int32_t last, NuvMPArgs* args) {
+  if (args->Next<int32_t>() != 77 || *args->Next<const float*>() != 0.25f) return;
+  RecordWorker(thread, reporter, first, last, args);
+}
+
+TEST_F(ForkTest, BandsCoverTheRowsOnceWithTheRemainderInTheLast) {
+  const float quarter = 0.25f;
+  for (int32_t p : kPLTestWorkerCounts)
+    for (int32_t rows : {31, 32, 47, 200, 1000}) {
+      PLTestUseWorkers(p);
+      gCalls.clear();
+      const int32_t threads = NuvMPThreadsForRows(rows);
+      NuvMPForkBands(threads, rows, 16, BandWorker, int32_t{77}, &quarter);
+      std::vector<Call> calls = Calls();
+      if (threads == 1 || rows < 32) {
+        ExpectSlices(calls, threads, rows);
+        continue;
+      }
+      std::sort(calls.begin(), calls.end(),
+                [](const Call& a, const Call& b) { return a.first < b.first; });
+      ASSERT_EQ(calls.size(), static_cast<size_t>(rows / 16)) << p << " workers, " << rows;
+      for (size_t k = 0; k < calls.size(); ++k) {
+        EXPECT_EQ(calls[k].first, static_cast<int32_t>(16 * k));
+        EXPECT_EQ(calls[k].last, k + 1 == calls.size() ? rows - 1 : calls[k].first + 15);
+        EXPECT_LT(calls[k].thread, threads);
+      }
+    }
+}
+
 // Cases that never reach the host: one thread or one row, or host pixel ranges that cannot
 // tell the workers apart. The slices run here, one after another, each exactly once.
 struct Fallback {
