@@ -72,6 +72,18 @@ inline I8 GatherInside(const WideView& s, I8 off) {
   return _mm256_i32gather_epi32(reinterpret_cast<const int*>(s.base), off, 1);
 }
 
+// The sample of T whose first byte is byte `at` of each lane's word, as a float: one byte
+// shuffle (the lane's other bytes zero) and a conversion.
+template <class T>
+inline F8 SampleAt(I8 word, int32_t at) {
+  const int32_t high = sizeof(T) == 2 ? at + 1 : 0x80;
+  const I8 byDword = _mm256_setr_epi32(0, 0x04040404, 0x08080808, 0x0c0c0c0c, 0, 0x04040404,
+                                       0x08080808, 0x0c0c0c0c);
+  // Byte indices count within each 128-bit half; 0x80 and above give zero.
+  const I8 mask = _mm256_add_epi8(SetI(at | high << 8 | 0x80800000), byDword);
+  return _mm256_cvtepi32_ps(_mm256_shuffle_epi8(word, mask));
+}
+
 // The C samples of the pixel at each lane's offset, as floats, channel c in out[c]. With
 // kRightFollows the pixel has a right neighbour in its row, so that a word read from it
 // that runs into the next pixel stays inside the view (the left pixels of a bilinear cell).
@@ -79,23 +91,76 @@ template <class T, int32_t C, bool kRightFollows = false>
 inline void LoadPixels(const WideView& s, I8 off, F8* out) {
   constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(T));
   if constexpr (std::is_same<T, float>::value) {
+#pragma GCC unroll 4
     for (int32_t c = 0; c < C; ++c)
       out[c] = AsF(GatherInside(s, _mm256_add_epi32(off, SetI(4 * c))));
   } else if constexpr (sizeof(T) == 1) {
     const I8 word = C == 4 || (kRightFollows && 2 * kPixelBytes >= 4) ? GatherInside(s, off)
                                                                        : GatherWord(s, off);
-    for (int32_t c = 0; c < C; ++c)
-      out[c] = _mm256_cvtepi32_ps(
-          _mm256_and_si256(_mm256_srlv_epi32(word, SetI(8 * c)), SetI(0xff)));
+#pragma GCC unroll 4
+    for (int32_t c = 0; c < C; ++c) out[c] = SampleAt<T>(word, c);
   } else {
     const I8 low = C == 1 && !kRightFollows ? GatherWord(s, off) : GatherInside(s, off);
-    out[0] = _mm256_cvtepi32_ps(_mm256_and_si256(low, SetI(0xffff)));
-    if constexpr (C >= 2) out[1] = _mm256_cvtepi32_ps(_mm256_srli_epi32(low, 16));
+    out[0] = SampleAt<T>(low, 0);
+    if constexpr (C >= 2) out[1] = SampleAt<T>(low, 2);
     if constexpr (C >= 3) {
       const I8 off2 = _mm256_add_epi32(off, SetI(4));
       const I8 high = C == 3 && !kRightFollows ? GatherWord(s, off2) : GatherInside(s, off2);
-      out[2] = _mm256_cvtepi32_ps(_mm256_and_si256(high, SetI(0xffff)));
-      if constexpr (C == 4) out[3] = _mm256_cvtepi32_ps(_mm256_srli_epi32(high, 16));
+      out[2] = SampleAt<T>(high, 0);
+      if constexpr (C == 4) out[3] = SampleAt<T>(high, 2);
+    }
+  }
+}
+
+// Where the samples of a bilinear cell's left pixel and its right neighbour lie in the
+// words read for the pair (integer pixels of at most 8 bytes): sample c of pixel p (0 left,
+// 1 right) is byte Byte(p, c) of the word that starts Word(p, c) bytes after the left pixel.
+// Every word lies inside the pair: a word that would run past it starts earlier instead.
+template <class T, int32_t C>
+struct PairLayout {
+  static constexpr int32_t kSize = static_cast<int32_t>(sizeof(T));
+  static constexpr int32_t kPair = 2 * C * kSize;
+  static constexpr int32_t Word(int32_t p, int32_t c) {
+    const int32_t at = p * C * kSize + c * kSize;
+    return at - at % 4 + 4 > kPair ? kPair - 4 : at - at % 4;
+  }
+  static constexpr int32_t Byte(int32_t p, int32_t c) {
+    return p * C * kSize + c * kSize - Word(p, c);
+  }
+  static constexpr bool Read(int32_t w) {
+    for (int32_t p = 0; p < 2; ++p)
+      for (int32_t c = 0; c < C; ++c)
+        if (Word(p, c) == w) return true;
+    return false;
+  }
+};
+
+// A bilinear cell's left pixel at each lane's offset and its right neighbour, the values
+// LoadPixels gives for each, from the fewest gathers: the words that hold the pair's bytes
+// (one for pairs of up to four bytes, where two loads took two, and no clamping near the
+// view's end). The walk is bound by its operations, and a gather is the costliest of them.
+template <class T, int32_t C>
+inline void LoadPair(const WideView& s, I8 off, F8* left, F8* right) {
+  constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(T));
+  if constexpr (std::is_same<T, float>::value) {
+    LoadPixels<T, C, true>(s, off, left);
+    LoadPixels<T, C>(s, _mm256_add_epi32(off, SetI(kPixelBytes)), right);
+  } else if constexpr (kPixelBytes == 1) {
+    // The pair is two bytes: the word is read where GatherWord reads it, the pair at its
+    // low end.
+    const I8 word = GatherWord(s, off);
+    left[0] = SampleAt<T>(word, 0);
+    right[0] = SampleAt<T>(word, 1);
+  } else {
+    using L = PairLayout<T, C>;
+    I8 words[L::kPair - 3];
+#pragma GCC unroll 8
+    for (int32_t w = 0; w + 4 <= L::kPair; ++w)
+      if (L::Read(w)) words[w] = GatherInside(s, _mm256_add_epi32(off, SetI(w)));
+#pragma GCC unroll 4
+    for (int32_t c = 0; c < C; ++c) {
+      left[c] = SampleAt<T>(words[L::Word(0, c)], L::Byte(0, c));
+      right[c] = SampleAt<T>(words[L::Word(1, c)], L::Byte(1, c));
     }
   }
 }
@@ -106,15 +171,29 @@ inline void CellOf(F8 p, int32_t last, I8* i, F8* t) {
   *i = _mm256_cvttps_epi32(p);
   *t = _mm256_sub_ps(p, _mm256_cvtepi32_ps(*i));
   const I8 slide = _mm256_cmpgt_epi32(*i, SetI(last - 1));
-  *i = BlendI(*i, SetI(last - 1), slide);
+  *i = _mm256_min_epi32(*i, SetI(last - 1));  // the slid index where `slide`
   *t = Blend(*t, Set(1.0f), AsF(slide));
+}
+
+// acc + value in the lanes of `take`, acc elsewhere. Integer samples and their bilinear
+// mixes are never negative, never -0 and never NaN, and neither is a sum of them from +0, so
+// there adding +0 in the other lanes keeps acc's bits: a mask instead of a blend. Float
+// samples may be anything, and blend.
+template <class T>
+inline F8 Accumulate(F8 acc, F8 value, I8 take) {
+  if constexpr (std::is_same<T, float>::value)
+    return Blend(acc, _mm256_add_ps(acc, value), AsF(take));
+  else
+    return _mm256_add_ps(acc, _mm256_and_ps(value, AsF(take)));
 }
 
 // One direction of the walk for eight pixels: lane l takes count[l] samples from
 // (px[l], py[l]) stepping by (dx[l], dy[l]), while `live`; exactly the plain walk by lane.
+// Inlined, so that the sums stay in registers between steps.
 template <class T, int32_t C, bool CountOutside, bool Bilinear>
-inline void WalkWide(const WideView& s, F8 px, F8 py, F8 dx, F8 dy, I8 count, I8 live, F8* acc,
-                     I8* counter) {
+__attribute__((always_inline)) inline void WalkWide(const WideView& s, F8 px, F8 py, F8 dx,
+                                                    F8 dy, I8 count, I8 live, F8* acc,
+                                                    I8* counter) {
   constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(T));
   const F8 zero = _mm256_setzero_ps();
   const F8 w = Set(static_cast<float>(s.width));
@@ -140,18 +219,15 @@ inline void WalkWide(const WideView& s, F8 px, F8 py, F8 dx, F8 dy, I8 count, I8
         F8 p[C], right[C], lower[C], lowerRight[C];
         // Lanes not taken read offset 0, the first pixel, which has a right neighbour too
         // (the cell needs two columns).
-        LoadPixels<T, C, true>(s, _mm256_and_si256(up, take), p);
-        LoadPixels<T, C>(s, _mm256_and_si256(_mm256_add_epi32(up, SetI(kPixelBytes)), take),
-                         right);
-        LoadPixels<T, C, true>(s, _mm256_and_si256(low, take), lower);
-        LoadPixels<T, C>(s, _mm256_and_si256(_mm256_add_epi32(low, SetI(kPixelBytes)), take),
-                         lowerRight);
+        LoadPair<T, C>(s, _mm256_and_si256(up, take), p, right);
+        LoadPair<T, C>(s, _mm256_and_si256(low, take), lower, lowerRight);
+#pragma GCC unroll 4
         for (int32_t c = 0; c < C; ++c) {
           const F8 a = _mm256_add_ps(_mm256_mul_ps(tx, _mm256_sub_ps(right[c], p[c])), p[c]);
           const F8 b = _mm256_add_ps(_mm256_mul_ps(tx, _mm256_sub_ps(lowerRight[c], lower[c])),
                                      lower[c]);
           const F8 mix = _mm256_add_ps(_mm256_mul_ps(ty, _mm256_sub_ps(b, a)), a);
-          acc[c] = Blend(acc[c], _mm256_add_ps(acc[c], mix), AsF(take));
+          acc[c] = Accumulate<T>(acc[c], mix, take);
         }
       }
     } else {
@@ -170,8 +246,8 @@ inline void WalkWide(const WideView& s, F8 px, F8 py, F8 dx, F8 dy, I8 count, I8
             _mm256_mullo_epi32(ix, SetI(kPixelBytes)));
         F8 sample[C];
         LoadPixels<T, C>(s, _mm256_and_si256(at, take), sample);
-        for (int32_t c = 0; c < C; ++c)
-          acc[c] = Blend(acc[c], _mm256_add_ps(acc[c], sample[c]), AsF(take));
+#pragma GCC unroll 4
+        for (int32_t c = 0; c < C; ++c) acc[c] = Accumulate<T>(acc[c], sample[c], take);
       }
     }
     // A mask lane is -1: subtracting it counts one.
@@ -217,6 +293,7 @@ struct InterleaveMasks {
   InterleaveMasks() {
     constexpr int32_t size = static_cast<int32_t>(sizeof(T));
     for (int32_t k = 0; k < kBlocks; ++k) {
+#pragma GCC unroll 4
       for (int32_t c = 0; c < C; ++c) {
         alignas(16) uint8_t m[16];
         for (int32_t j = 0; j < 16; ++j) {
@@ -237,6 +314,7 @@ struct InterleaveMasks {
 template <class T, int32_t C>
 inline void StoreInterleaved(unsigned char* d, const I8* q, const InterleaveMasks<T, C>& m) {
   __m128i plane[C];  // channel c's eight samples, packed, from byte 0
+#pragma GCC unroll 4
   for (int32_t c = 0; c < C; ++c) {
     // In range already: the unsigned packs change no value.
     const I8 words = _mm256_permute4x64_epi64(_mm256_packus_epi32(q[c], q[c]), 0xD8);
@@ -245,6 +323,7 @@ inline void StoreInterleaved(unsigned char* d, const I8* q, const InterleaveMask
   }
   for (int32_t k = 0; k < InterleaveMasks<T, C>::kBlocks; ++k) {
     __m128i block = _mm_shuffle_epi8(plane[0], m.mask[k][0]);
+#pragma GCC unroll 4
     for (int32_t c = 1; c < C; ++c)
       block = _mm_or_si128(block, _mm_shuffle_epi8(plane[c], m.mask[k][c]));
     if (16 * (k + 1) <= InterleaveMasks<T, C>::kBytes)
@@ -339,6 +418,7 @@ void BlurRowsWidePath(int32_t x0, int32_t x1, int32_t yFirst, int32_t yLast, Nuv
       const I8 walk = _mm256_andnot_si256(copy, valid);
 
       F8 acc[C];
+#pragma GCC unroll 4
       for (int32_t c = 0; c < C; ++c) acc[c] = _mm256_setzero_ps();
       I8 counter = _mm256_setzero_si256();
       if (Any(walk)) {
@@ -378,6 +458,7 @@ void BlurRowsWidePath(int32_t x0, int32_t x1, int32_t yFirst, int32_t yLast, Nuv
           if (copyBits)
             std::memcpy(copied, srcRow + xb * kPixelBytes, sizeof(copied));
           I8 q[C];
+#pragma GCC unroll 4
           for (int32_t c = 0; c < C; ++c) q[c] = FinishInteger<T>(_mm256_mul_ps(acc[c], inv));
           StoreInterleaved<T, C>(out, q, interleave);
           for (int32_t l = 0; copyBits && l < 8; ++l)
@@ -387,6 +468,7 @@ void BlurRowsWidePath(int32_t x0, int32_t x1, int32_t yFirst, int32_t yLast, Nuv
         }
       }
       alignas(32) int32_t result[C][8];
+#pragma GCC unroll 4
       for (int32_t c = 0; c < C; ++c) {
         const F8 average = _mm256_mul_ps(acc[c], inv);
         if constexpr (std::is_same<T, float>::value)
@@ -400,6 +482,7 @@ void BlurRowsWidePath(int32_t x0, int32_t x1, int32_t yFirst, int32_t yLast, Nuv
           std::memcpy(out, srcRow + (xb + l) * kPixelBytes, kPixelBytes);
           continue;
         }
+#pragma GCC unroll 4
         for (int32_t c = 0; c < C; ++c) StoreSample<T>(out + c * kSampleBytes, result[c][l]);
       }
     }
