@@ -24,3 +24,14 @@ float SparkHalfToFloat(uint16_t half);
 // infinity; a NaN stays a NaN; values below 2^-25 in magnitude give +0 whatever their sign
 // (negative values from 2^-25 up keep it).
 uint16_t SparkFloatToHalf(float value);
+
+// n floats at src to n halves at dst by SparkFloatToHalf (no alignment asked). Sixteen at a
+// time in AVX2 lanes where PLWideChosen() (runtime/PLWidePath.h), with the same bits.
+void SparkFloatsToHalves(unsigned char* dst, const unsigned char* src, uint64_t n);
+// The same on a given loop, for tests that compare the two: wide only where
+// PLWideAvailable().
+void SparkFloatsToHalvesOnPath(bool wide, unsigned char* dst, const unsigned char* src,
+                               uint64_t n);
+// The wide loop (SparkPackWide.cpp): the first multiple of 16 of the n samples; returns
+// how many it converted. Only where PLWideAvailable(); a FLOWBLUR_PLAIN_ONLY build has none.
+uint64_t SparkFloatsToHalvesWide(unsigned char* dst, const unsigned char* src, uint64_t n);

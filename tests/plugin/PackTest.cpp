@@ -14,6 +14,13 @@
 
 namespace {
 
+// The 16-bit word `index` of v, from byte `from`.
+uint16_t Word(const std::vector<uint8_t>& v, size_t index, size_t from = 0) {
+  uint16_t w;
+  std::memcpy(&w, &v[from + index * 2], 2);
+  return w;
+}
+
 uint32_t Bits(float f) {
   uint32_t b;
   std::memcpy(&b, &f, 4);
@@ -78,6 +85,37 @@ TEST(SparkHalf, OverflowAndNaNs) {
   for (const auto& [f, h] : rows) EXPECT_EQ(SparkFloatToHalf(FromBits(f)), h) << std::hex << f;
 }
 
+// The wide loop against the rule, sample by sample: every half's float and the floats one
+// step either side of it and of each midpoint, each exponent with the mantissas that round,
+// carry or fall to zero, and random bits; from an odd byte, with a tail of fewer than 16.
+TEST(SparkHalf, WideLoopGivesTheRulesBits) {
+  std::vector<uint32_t> bits;
+  for (uint32_t h = 0; h < 65536; ++h) {
+    const float f = SparkHalfToFloat(static_cast<uint16_t>(h));
+    const float next = SparkHalfToFloat(static_cast<uint16_t>(h + 1));
+    const float mid = static_cast<float>((static_cast<double>(f) + next) / 2.0);
+    for (float g : {f, mid})
+      for (float d : {0.0f, 1e30f})
+        bits.push_back(Bits(d == 0.0f ? g : std::nextafter(g, g < 0 ? -d : d)));
+  }
+  const uint32_t mantissas[] = {0,        1,        0xFFF,    0x1000,   0x1001,  0x1FFF,
+                                0x2000,   0x3000,   0x7FDFFF, 0x7FE000, 0x7FEFFF, 0x7FF000,
+                                0x7FF001, 0x7FFFFF, 0x400000, 0x401000};
+  for (uint32_t x = 0; x < 256; ++x)
+    for (uint32_t m : mantissas) bits.push_back(x << 23 | m), bits.push_back(1u << 31 | x << 23 | m);
+  uint32_t s = 12345;
+  for (int32_t i = 0; i < 200000; ++i) bits.push_back(s = s * 1664525u + 1013904223u);
+  bits.resize(bits.size() / 16 * 16 + 7);
+  std::vector<uint8_t> in(bits.size() * 4 + 1), wide(bits.size() * 2 + 1), plain(wide.size());
+  std::memcpy(in.data() + 1, bits.data(), bits.size() * 4);
+  SparkFloatsToHalvesOnPath(true, wide.data() + 1, in.data() + 1, bits.size());
+  SparkFloatsToHalvesOnPath(false, plain.data() + 1, in.data() + 1, bits.size());
+  for (size_t i = 0; i < bits.size(); ++i) {
+    ASSERT_EQ(Word(wide, i, 1), SparkFloatToHalf(FromBits(bits[i]))) << std::hex << bits[i];
+    ASSERT_EQ(Word(plain, i, 1), SparkFloatToHalf(FromBits(bits[i]))) << std::hex << bits[i];
+  }
+}
+
 class SparkPack : public plugintest::PluginTest {
  protected:
   spark_info_struct Info(int32_t format) {
@@ -99,11 +137,6 @@ std::vector<uint8_t> Pattern(size_t bytes, uint32_t seed) {
   return v;
 }
 
-uint16_t Word(const std::vector<uint8_t>& v, size_t index) {
-  uint16_t w;
-  std::memcpy(&w, &v[index * 2], 2);
-  return w;
-}
 
 // Frame channels then the matte's first into the combined buffer, and back without the matte:
 // 8-bit samples as they are; 16-bit ones through 12 bits, keeping the target's low 4 bits.
