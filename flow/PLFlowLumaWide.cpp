@@ -73,16 +73,23 @@ int32_t LumaRowRGB16Wide(float* d, const unsigned char* s, int32_t w) {
 
 // The same for Float samples, multiplied by 255.0 in double instead of divided.
 int32_t LumaRowRGBFloatWide(float* d, const unsigned char* s, int32_t w) {
-  const __m128i every3 = _mm_setr_epi32(0, 3, 6, 9);
   const __m256d k[3] = {_mm256_set1_pd(0.3), _mm256_set1_pd(0.59), _mm256_set1_pd(0.11)};
   const __m256d scale = _mm256_set1_pd(255.0);
   int32_t x = 0;
   for (; x + 4 <= w; x += 4, s += 48) {
-    // The twelve samples one by one (a row may sit at any address).
-    const float* f = reinterpret_cast<const float*>(s);
-    __m256d c[3];
-    for (int32_t ch = 0; ch < 3; ++ch)
-      c[ch] = _mm256_cvtps_pd(_mm_i32gather_ps(f + ch, every3, 4));
+    // Exactly the twelve samples of the four pixels, by three loads (a row may sit at any
+    // address): r0 g0 b0 r1 | g1 b1 r2 g2 | b2 r3 g3 b3, then split by channel.
+    const __m128 v0 = _mm_loadu_ps(reinterpret_cast<const float*>(s));
+    const __m128 v1 = _mm_loadu_ps(reinterpret_cast<const float*>(s + 16));
+    const __m128 v2 = _mm_loadu_ps(reinterpret_cast<const float*>(s + 32));
+    const __m128 r23 = _mm_shuffle_ps(v1, v2, _MM_SHUFFLE(1, 1, 2, 2));    // r2 r2 r3 r3
+    const __m128 g01 = _mm_shuffle_ps(v0, v1, _MM_SHUFFLE(0, 0, 1, 1));    // g0 g0 g1 g1
+    const __m128 g23 = _mm_shuffle_ps(v1, v2, _MM_SHUFFLE(2, 2, 3, 3));    // g2 g2 g3 g3
+    const __m128 b01 = _mm_shuffle_ps(v0, v1, _MM_SHUFFLE(1, 1, 2, 2));    // b0 b0 b1 b1
+    const __m256d c[3] = {
+        _mm256_cvtps_pd(_mm_shuffle_ps(v0, r23, _MM_SHUFFLE(2, 0, 3, 0))),
+        _mm256_cvtps_pd(_mm_shuffle_ps(g01, g23, _MM_SHUFFLE(2, 0, 2, 0))),
+        _mm256_cvtps_pd(_mm_shuffle_ps(b01, v2, _MM_SHUFFLE(3, 0, 2, 0)))};
     const __m256d sum = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(k[0], c[0]),
                                                     _mm256_mul_pd(k[1], c[1])),
                                       _mm256_mul_pd(k[2], c[2]));
