@@ -23,7 +23,7 @@ inline I8 ToHalf8(I8 f) {
   const I8 e = _mm256_sub_epi32(x, Set(112));
   // Below a normal half (e <= 0): the mantissa with its hidden bit shifted down by 1 - e and
   // rounded on bit 12; nothing, sign included, below 2^-25 (e < -10). Lanes of the other
-  // ways shift by a negative count, which gives 0 and is not taken.
+  // ways shift by 0 or by a negative count (which gives 0); their result is not taken.
   I8 v = _mm256_srlv_epi32(_mm256_or_si256(m, Set(0x800000)), _mm256_sub_epi32(Set(1), e));
   v = _mm256_add_epi32(v, _mm256_and_si256(_mm256_slli_epi32(v, 1), Set(0x2000)));
   const I8 small = _mm256_andnot_si256(_mm256_cmpgt_epi32(Set(-10), e),
