@@ -293,7 +293,6 @@ struct InterleaveMasks {
   InterleaveMasks() {
     constexpr int32_t size = static_cast<int32_t>(sizeof(T));
     for (int32_t k = 0; k < kBlocks; ++k) {
-#pragma GCC unroll 4
       for (int32_t c = 0; c < C; ++c) {
         alignas(16) uint8_t m[16];
         for (int32_t j = 0; j < 16; ++j) {
@@ -468,7 +467,6 @@ void BlurRowsWidePath(int32_t x0, int32_t x1, int32_t yFirst, int32_t yLast, Nuv
         }
       }
       alignas(32) int32_t result[C][8];
-#pragma GCC unroll 4
       for (int32_t c = 0; c < C; ++c) {
         const F8 average = _mm256_mul_ps(acc[c], inv);
         if constexpr (std::is_same<T, float>::value)
@@ -482,7 +480,6 @@ void BlurRowsWidePath(int32_t x0, int32_t x1, int32_t yFirst, int32_t yLast, Nuv
           std::memcpy(out, srcRow + (xb + l) * kPixelBytes, kPixelBytes);
           continue;
         }
-#pragma GCC unroll 4
         for (int32_t c = 0; c < C; ++c) StoreSample<T>(out + c * kSampleBytes, result[c][l]);
       }
     }
