@@ -11,6 +11,7 @@
 #include "host/SparkHost.h"
 #include "runtime/NuvMP.h"
 #include "runtime/NuvMem.h"
+#include "shell/SparkPack.h"
 #include "shell/shell.h"
 #include "tests/support/PLTestTexture.h"
 
@@ -130,16 +131,14 @@ inline std::vector<uint8_t> ReferenceFrame(const FrameLayout& layout, std::vecto
   // Half samples widened to float planes, and narrowed back.
   auto toFloats = [half](std::vector<uint8_t>& v) {
     if (!half) return;
-    std::vector<uint16_t> h(v.size() / 2);
-    std::memcpy(h.data(), v.data(), v.size());
-    std::vector<float> f(h.size());
-    for (size_t i = 0; i < h.size(); ++i) f[i] = SparkHalfToFloat(h[i]);
-    v.resize(f.size() * 4);
-    std::memcpy(v.data(), f.data(), v.size());
+    std::vector<uint8_t> f(v.size() * 2);
+    for (size_t i = 0; i < v.size() / 2; ++i) {
+      const float s = SparkHalfToFloat(static_cast<uint16_t>(v[2 * i] | v[2 * i + 1] << 8));
+      std::memcpy(&f[4 * i], &s, 4);
+    }
+    v = f;
   };
-  toFloats(first);
-  toFloats(second);
-  toFloats(front);
+  for (std::vector<uint8_t>* v : {&first, &second, &front}) toFloats(*v);
   std::vector<uint8_t> out(front.size());
   PLOpticalFlowUChar* estimator = CreateFlowEstimator(layout.width, layout.height, mode);
   EXPECT_NE(estimator, nullptr);
@@ -154,12 +153,7 @@ inline std::vector<uint8_t> ReferenceFrame(const FrameLayout& layout, std::vecto
   DestroyFlowEstimator(estimator);
   if (half) {
     std::vector<uint8_t> packed(out.size() / 2);
-    for (size_t i = 0; i < packed.size() / 2; ++i) {
-      float f;
-      std::memcpy(&f, &out[i * 4], 4);
-      const uint16_t h = SparkFloatToHalf(f);
-      std::memcpy(&packed[i * 2], &h, 2);
-    }
+    SparkFloatsToHalves(packed.data(), out.data(), packed.size() / 2);
     out = packed;
   }
   return out;

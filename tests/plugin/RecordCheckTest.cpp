@@ -58,8 +58,7 @@ TEST_P(RecordCheck, RefusedBeforeAnyWriteOutsideTheBuffers) {
   void* got = SparkProcess(info);
   std::string errors = testing::internal::GetCapturedStderr();
 
-  std::vector<std::string> messages;
-  for (const sparkhost::Note& n : sparkhost::Notes()) messages.push_back(n.text);
+  const std::vector<std::string> messages = plugintest::Messages();
   const int64_t cleared = messages.empty() ? 0 : info.FrameBytes;
   EXPECT_EQ(sparkhost::GuardDamage(cleared), std::vector<std::string>());
   std::vector<uint8_t> after = span();
@@ -132,6 +131,9 @@ INSTANTIATE_TEST_SUITE_P(
         RecordCase{"halfResultPadded", kHalf, kResult, Layout(40, 34, 49, 6), 0, 2,
                    Outcome::kParameter},
         RecordCase{"halfTmpSmaller", kHalf, kTmp, Layout(40, 33, 49), 0, 2, Outcome::kParameter},
+        // Motion from a back clip of another size or format than the half-float front.
+        RecordCase{"halfBackSmaller", kHalf, kBack, Layout(30, 20, 49), 1, 2, Outcome::kParameter},
+        RecordCase{"back8forHalf", kHalf, kBack, Layout(40, 34, 24), 1, 2, Outcome::kParameter},
         // The back or tmp record too small for a frame of the motion clip.
         RecordCase{"tmpSmaller", k8, kTmp, Layout(40, 20, 24), 0, 2, Outcome::kParameter},
         RecordCase{"tmp8for16", k16, kTmp, Layout(40, 34, 24), 0, 2, Outcome::kParameter},
