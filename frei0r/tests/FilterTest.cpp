@@ -28,12 +28,6 @@ using frei0rtest::Clip;
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
-class ProcessorsGuard {
- public:
-  explicit ProcessorsGuard(int32_t count) { frei0rblur::SetProcessors(count); }
-  ~ProcessorsGuard() { frei0rblur::SetProcessors(0); }
-};
-
 // Runs `frames` frames of the clip through a fresh instance at stamps 0, 40, 80, ... and
 // returns the outputs.
 std::vector<std::vector<uint8_t>> RunClip(const Clip& clip, int32_t frames, double amountParam,
@@ -156,23 +150,18 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         ClockCase{"milliseconds", {0, 40, 80, 120}, {}, {N, S, S, S}},
         ClockCase{"seconds", {0, 0.04, 0.08, 0.12}, {}, {N, S, S, S}},
-        ClockCase{"after -ss", {0, 33.367, 66.733, 100.1}, {}, {N, S, S, S}},
-        ClockCase{"one stamp for every frame",
+        ClockCase{"afterSeek", {0, 33.367, 66.733, 100.1}, {}, {N, S, S, S}},
+        ClockCase{"oneStampForEveryFrame",
                   {kGarbage, kGarbage, kGarbage, kGarbage}, {}, {N, S, S, S}},
-        ClockCase{"last frame repeated", {0, 1, 2, 2, 2}, {false, false, false, true, true},
+        ClockCase{"lastFrameRepeated", {0, 1, 2, 2, 2}, {false, false, false, true, true},
                   {N, S, S, R, R}},
-        ClockCase{"step back", {0, 40, 80, 40, 80}, {}, {N, S, S, N, S}},
-        ClockCase{"seek forward", {0, 40, 80, 2000, 2040, 2120}, {}, {N, S, S, N, S, N}},
-        ClockCase{"frames dealt to another instance", {0, 2, 3, 5, 6}, {}, {N, S, S, N, S}},
-        ClockCase{"not finite", {0, kNaN, 40, 80, kInf, 120, 160}, {}, {N, N, N, S, N, N, S}},
-        ClockCase{"stamps too far apart to subtract", {-1e308, 1e308, 1e308 + 1e292}, {},
+        ClockCase{"stepBack", {0, 40, 80, 40, 80}, {}, {N, S, S, N, S}},
+        ClockCase{"seekForward", {0, 40, 80, 2000, 2040, 2120}, {}, {N, S, S, N, S, N}},
+        ClockCase{"framesDealtToAnotherInstance", {0, 2, 3, 5, 6}, {}, {N, S, S, N, S}},
+        ClockCase{"notFinite", {0, kNaN, 40, 80, kInf, 120, 160}, {}, {N, N, N, S, N, N, S}},
+        ClockCase{"stampsTooFarApartToSubtract", {-1e308, 1e308, 1e308 + 1e292}, {},
                   {N, N, S}}),
-    [](const testing::TestParamInfo<ClockCase>& info) {
-      std::string name;
-      for (const char* p = info.param.name; *p; ++p)
-        name += std::isalnum(static_cast<unsigned char>(*p)) ? *p : '_';
-      return name;
-    });
+    [](const testing::TestParamInfo<ClockCase>& info) { return std::string(info.param.name); });
 
 // ---- Frames
 
@@ -219,14 +208,13 @@ TEST(Frames, SameBytesForOneTwoThreeAndEightProcessors) {
   const Clip clip{97, 70};  // rows for several workers, a width that is not a multiple of 8
   std::vector<std::vector<uint8_t>> reference;
   for (int32_t processors : {1, 2, 3, 8}) {
-    ProcessorsGuard guard(processors);
+    frei0rblur::SetProcessors(processors);
     EXPECT_EQ(frei0rblur::Processors(), processors);
     const auto out = RunClip(clip, 3, 0.3);
-    if (reference.empty())
-      reference = out;
-    else
-      EXPECT_EQ(out, reference) << processors << " processors";
+    if (reference.empty()) reference = out;
+    EXPECT_EQ(out, reference) << processors << " processors";
   }
+  frei0rblur::SetProcessors(0);
 }
 
 // ---- Bad input: never a crash, and whatever cannot be processed passes through
