@@ -57,39 +57,29 @@ std::vector<Load> Loads() {
 }
 void* Pixels(int32_t id) { return sparkhost::BufferPixels(id); }
 
-TEST(SparkNeighbour, Table) {
-  const int32_t rows[][3] = {{0, 1, 1},     {1, 2, 0},   {2, 1, 1},   {3, 2, 2},
-                             {100, 99, 99}, {-1, 0, -2}, {-5, -4, -6}};
-  for (const auto& r : rows) {
-    EXPECT_EQ(SparkNeighbourFrame(r[0], 0), r[1]) << r[0];
-    EXPECT_EQ(SparkNeighbourFrame(r[0], 1), r[2]) << r[0];
-  }
-  // A flag value other than 1 is not "from back".
-  EXPECT_EQ(SparkNeighbourFrame(1, 2), 2);
-  // The ends of the range wrap instead of overflowing.
-  const int32_t lo = std::numeric_limits<int32_t>::min();
-  EXPECT_EQ(SparkNeighbourFrame(lo, 1), std::numeric_limits<int32_t>::max());
-  EXPECT_EQ(SparkNeighbourFrame(lo, 0), std::numeric_limits<int32_t>::max());
-}
-
 // Which frames the host is asked for, and into which buffers: the neighbour into tmp, then
 // frame n into the motion clip's buffer, then (motion from back) frame n into the back
-// buffer again. An unknown format keeps the library out of it, and the result alone.
+// buffer again. A flag value other than 1 is not "from back"; the ends of the frame range
+// wrap instead of overflowing. An unknown format keeps the library out of it, and the result
+// alone.
 TEST_F(Driver, AsksForTheNeighbourThenTheFrameOfTheMotionClip) {
-  const int32_t rows[][3] = {{0, 1, 1}, {1, 2, 0}, {5, 4, 4}, {-1, 0, -2}};
+  const int32_t lo = std::numeric_limits<int32_t>::min(), hi = std::numeric_limits<int32_t>::max();
+  const int32_t rows[][3] = {{0, 1, 1},     {1, 2, 0},   {2, 1, 1},    {3, 2, 2},
+                             {100, 99, 99}, {-1, 0, -2}, {-5, -4, -6}, {lo, hi, hi}};
   for (int32_t format : {26, 0})
     for (const auto& r : rows)
-      for (uint8_t fromBack : {0, 1}) {
+      for (uint8_t flag : {0, 1, 2}) {
         Setup(format);
-        SparkBoolean2.value = fromBack;
-        spark_info_struct info = sparkhost::BeginFrame(r[0] < 0 ? 0 : r[0]);
+        SparkBoolean2.value = flag;
+        const int32_t back = flag == 1;
+        spark_info_struct info = sparkhost::BeginFrame(3);
         info.FrameNo = r[0];
         EXPECT_EQ(SparkProcess(info), Result());
         EXPECT_TRUE(ResultIs(false, info.FrameBytes));
-        std::vector<Load> want = {{fromBack, r[1 + fromBack], Pixels(TempBufferId)},
-                                  {fromBack, r[0], Pixels(fromBack ? kBackBuffer : kFrontBuffer)}};
-        if (fromBack) want.emplace_back(1, r[0], Pixels(kBackBuffer));
-        EXPECT_EQ(Loads(), want) << r[0] << " " << int(fromBack);
+        std::vector<Load> want = {{back, r[1 + back], Pixels(TempBufferId)},
+                                  {back, r[0], Pixels(back ? kBackBuffer : kFrontBuffer)}};
+        if (back) want.emplace_back(1, r[0], Pixels(kBackBuffer));
+        EXPECT_EQ(Loads(), want) << r[0] << " " << int(flag);
         EXPECT_TRUE(sparkhost::Notes().empty());
         EXPECT_TRUE(Pauses().empty());
         EXPECT_EQ(sparkhost::Calls().mpFork, 0);

@@ -32,18 +32,18 @@ extern "C" size_t __sanitizer_get_current_allocated_bytes(void);
 
 namespace {
 
+// The plug-in's names, as a host finds them in the loaded file.
 struct Plugin {
-  void* handle = nullptr;
-  void* (*process)(spark_info_struct) = nullptr;
-  void (*tempBuffers)() = nullptr;
-  SparkFloatControl* amount = nullptr;
-  SparkBooleanControl* fromBack = nullptr;
-  SparkPupControl* quality = nullptr;
+  void* handle;
   template <class T>
-  bool Find(T*& into, const char* name) {
-    into = reinterpret_cast<T*>(dlsym(handle, name));
-    return into != nullptr;
+  T Find(const char* name) const {
+    return reinterpret_cast<T>(dlsym(handle, name));
   }
+  void* (*process)(spark_info_struct) = Find<void* (*)(spark_info_struct)>("SparkProcess");
+  void (*tempBuffers)() = Find<void (*)()>("SparkMemoryTempBuffers");
+  SparkFloatControl* amount = Find<SparkFloatControl*>("SparkFloat0");
+  SparkBooleanControl* fromBack = Find<SparkBooleanControl*>("SparkBoolean2");
+  SparkPupControl* quality = Find<SparkPupControl*>("SparkPup1");
 };
 
 // Fills every frame of both clips with bytes that differ by frame, clip and place.
@@ -167,12 +167,10 @@ TEST(Soak, ThousandsOfFramesLeaveHeapDescriptorsAndThreadsWhereTheyStarted) {
   const char* env = std::getenv("FLOWBLUR_SOAK_CALLS");
   const int32_t total = env ? std::atoi(env) : 1000;
   ASSERT_GT(total, 0);
-  Plugin p;
-  p.handle = dlopen(FLOWBLUR_SPARK_SO, RTLD_NOW | RTLD_LOCAL);
-  ASSERT_NE(p.handle, nullptr) << dlerror();
-  ASSERT_TRUE(p.Find(p.process, "SparkProcess") && p.Find(p.amount, "SparkFloat0") &&
-              p.Find(p.tempBuffers, "SparkMemoryTempBuffers") &&
-              p.Find(p.fromBack, "SparkBoolean2") && p.Find(p.quality, "SparkPup1"));
+  void* handle = dlopen(FLOWBLUR_SPARK_SO, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(handle, nullptr) << dlerror();
+  const Plugin p{handle};
+  ASSERT_TRUE(p.process && p.tempBuffers && p.amount && p.fromBack && p.quality);
   constexpr int32_t kPerRound = 20;
   // A warm-up round of every format first, so that one-time allocations (the runtime's
   // statics, the sanitizers' own caches) are behind us before the baseline.
@@ -201,7 +199,7 @@ TEST(Soak, ThousandsOfFramesLeaveHeapDescriptorsAndThreadsWhereTheyStarted) {
   EXPECT_EQ(Threads(), threads);
   // The working set of one small frame, not of many.
   EXPECT_LT(peak - heap, int64_t{8} << 20);
-  dlclose(p.handle);
+  dlclose(handle);
 }
 
 }  // namespace
