@@ -78,25 +78,22 @@ TEST(Blend, UCharTableForEveryPair) {
   }
 }
 
+// Field 1 blends every row, 3 the odd rows, 0 and 2 the even rows; the copy at t = 0 honours
+// the field too.
 TEST(Blend, FieldsPickRows) {
-  for (int32_t field : {1, 3, 0, 2}) {
-    TestImage d = MakeImage(4, 6, 3, PLUShort, 1);
-    TestImage s = MakeImage(4, 6, 3, PLUShort, 1, 6);
-    Fill(d.get(), 1000);
-    Fill(s.get(), 3000);
-    ASSERT_EQ(PLBlendRows(d.get(), s.get(), field, 0.5f), 1);
-    for (int32_t y = 0; y < 6; ++y) {
-      const bool chosen = field == 1 || (field == 3 ? y % 2 == 1 : y % 2 == 0);
-      EXPECT_EQ(Get(d.get(), 2, y, 1), chosen ? 2000 : 1000) << "field " << field << " row " << y;
+  for (int32_t field : {1, 3, 0, 2})
+    for (float t : {0.5f, 0.0f}) {
+      TestImage d = MakeImage(4, 6, 3, PLUShort, 1);
+      TestImage s = MakeImage(4, 6, 3, PLUShort, 1, 6);
+      Fill(d.get(), 1000);
+      Fill(s.get(), 3000);
+      ASSERT_EQ(PLBlendRows(d.get(), s.get(), field, t), 1);
+      for (int32_t y = 0; y < 6; ++y) {
+        const bool chosen = field == 1 || (field == 3 ? y % 2 == 1 : y % 2 == 0);
+        EXPECT_EQ(Get(d.get(), 2 + y % 2, y, y % 3), chosen ? 3000 - 2000 * t : 1000)
+            << "field " << field << " t " << t << " row " << y;
+      }
     }
-    // The copy at t = 0 honours the field too.
-    Fill(d.get(), 1000);
-    ASSERT_EQ(PLBlendRows(d.get(), s.get(), field, 0.0f), 1);
-    for (int32_t y = 0; y < 6; ++y) {
-      const bool chosen = field == 1 || (field == 3 ? y % 2 == 1 : y % 2 == 0);
-      EXPECT_EQ(Get(d.get(), 3, y, 2), chosen ? 3000 : 1000);
-    }
-  }
 }
 
 TEST(Blend, FloatWhitePointMessage) {
@@ -208,25 +205,24 @@ void RefParallel4(PLImage* d, const PLImage* s, float t) {
 
 TEST(Blend, FourChannelPathsFollowTheirOwnRules) {
   for (int32_t type : {PLUChar, PLUShort, PLFloat})
-    for (float t : {-1.5f, -0.5f, 0.4f, 2.0f}) {
-      TestImage d = MakeImage(23, 17, 4, type, 1, 4);
-      TestImage s = MakeImage(23, 17, 4, type, 1);
-      FillRandom(d.get(), 31);
-      FillRandom(s.get(), 32);
-      TestImage start = MakeImage(23, 17, 4, type);
-      CopyPixels(start.get(), d.get());
-      TestImage wantRows = MakeImage(23, 17, 4, type);
-      CopyPixels(wantRows.get(), d.get());
-      RefRows4(wantRows.get(), s.get(), t);
-      ASSERT_EQ(PLBlendRows(d.get(), s.get(), 1, t), 1);
-      EXPECT_TRUE(SamePixels(d.get(), wantRows.get())) << "rows, type " << type << " t " << t;
-      CopyPixels(d.get(), start.get());
-      TestImage wantPar = MakeImage(23, 17, 4, type);
-      CopyPixels(wantPar.get(), d.get());
-      RefParallel4(wantPar.get(), s.get(), t);
-      ASSERT_EQ(PLBlend(d.get(), s.get(), t), 1);
-      EXPECT_TRUE(SamePixels(d.get(), wantPar.get())) << "parallel, type " << type << " t " << t;
-    }
+    for (float t : {-1.5f, -0.5f, 0.4f, 2.0f})
+      for (bool rows : {true, false}) {
+        TestImage d = MakeImage(23, 17, 4, type, 1, 4);
+        TestImage s = MakeImage(23, 17, 4, type, 1);
+        FillRandom(d.get(), 31);
+        FillRandom(s.get(), 32);
+        TestImage want = MakeImage(23, 17, 4, type);
+        CopyPixels(want.get(), d.get());
+        if (rows) {
+          RefRows4(want.get(), s.get(), t);
+          ASSERT_EQ(PLBlendRows(d.get(), s.get(), 1, t), 1);
+        } else {
+          RefParallel4(want.get(), s.get(), t);
+          ASSERT_EQ(PLBlend(d.get(), s.get(), t), 1);
+        }
+        EXPECT_TRUE(SamePixels(d.get(), want.get())) << "rows " << rows << " type " << type
+                                                     << " t " << t;
+      }
 }
 
 TEST(Blend, ParallelPathSameBytesForAnyWorkerCount) {

@@ -47,24 +47,20 @@ std::vector<float> RefFullLine(const std::vector<float>& in, const std::vector<f
 
 void RefConvolveFull(PLImage* im, const std::vector<float>& w, int32_t mode, float radius) {
   const int32_t half = static_cast<int32_t>(radius);
-  for (int32_t c = 0; c < im->channels; ++c) {
-    if (mode == 0 || mode == 2) {
-      for (int32_t y = 0; y < im->height; ++y) {
-        std::vector<float> line(im->width);
-        for (int32_t x = 0; x < im->width; ++x) line[x] = static_cast<float>(Get(im, x, y, c));
-        std::vector<float> out = RefFullLine(line, w, half);
-        for (int32_t x = 0; x < im->width; ++x) Set(im, x, y, c, WrappedStore(im->dataType, out[x]));
+  for (int32_t c = 0; c < im->channels; ++c)
+    for (bool columns : {false, true}) {
+      if (columns ? mode != 0 && mode < 3 : mode != 0 && mode != 2) continue;
+      const int32_t lines = columns ? im->width : im->height;
+      const int32_t n = columns ? im->height : im->width;
+      for (int32_t j = 0; j < lines; ++j) {
+        auto x = [&](int32_t i) { return columns ? j : i; };
+        auto y = [&](int32_t i) { return columns ? i : j; };
+        std::vector<float> line(n);
+        for (int32_t i = 0; i < n; ++i) line[i] = static_cast<float>(Get(im, x(i), y(i), c));
+        const std::vector<float> out = RefFullLine(line, w, half);
+        for (int32_t i = 0; i < n; ++i) Set(im, x(i), y(i), c, WrappedStore(im->dataType, out[i]));
       }
     }
-    if (mode == 0 || mode >= 3) {
-      for (int32_t x = 0; x < im->width; ++x) {
-        std::vector<float> line(im->height);
-        for (int32_t y = 0; y < im->height; ++y) line[y] = static_cast<float>(Get(im, x, y, c));
-        std::vector<float> out = RefFullLine(line, w, half);
-        for (int32_t y = 0; y < im->height; ++y) Set(im, x, y, c, WrappedStore(im->dataType, out[y]));
-      }
-    }
-  }
 }
 
 // Box weights as the box builder makes them.

@@ -67,24 +67,21 @@ TEST(GaussBlur, TinyRadiusLeavesTheImageAsItIs) {
 TEST(GaussBlur, ModeMapping) {
   TestImage input = MakeImage(30, 26, 2, PLUShort);
   FillRandom(input.get(), 5);
-  auto engine = [&](uint32_t engineMode) {
+  auto blurred = [&](bool engine, uint32_t mode) {
     TestImage t = MakeImage(30, 26, 2, PLUShort);
     CopyPixels(t.get(), input.get());
     NuvImageInternal w(t.get());
     NuvImage v;
     v.Attach(&w);
-    GaussBlurView(&v, engineMode, 4.0f);
-    return t;
+    if (engine)
+      GaussBlurView(&v, mode, 4.0f);
+    else
+      PLGaussBlur(t.get(), mode, 4.0f);
+    return PixelBytes(t.get());
   };
-  const uint32_t caller[] = {0, 1, 2, 3, 4, 99};
-  const uint32_t expected[] = {0, 0, 1, 2, 0, 0};
-  for (int32_t i = 0; i < 6; ++i) {
-    TestImage t = MakeImage(30, 26, 2, PLUShort);
-    CopyPixels(t.get(), input.get());
-    PLGaussBlur(t.get(), caller[i], 4.0f);
-    TestImage want = engine(expected[i]);
-    EXPECT_TRUE(SamePixels(t.get(), want.get())) << "caller's mode " << caller[i];
-  }
+  const uint32_t modes[][2] = {{0, 0}, {1, 0}, {2, 1}, {3, 2}, {4, 0}, {99, 0}};  // caller, engine
+  for (const auto& m : modes)
+    EXPECT_TRUE(blurred(false, m[0]) == blurred(true, m[1])) << "caller's mode " << m[0];
 }
 
 TEST(BoxBlur, WholeAndFractionalRadiusWeights) {
@@ -106,17 +103,6 @@ TEST(BoxBlur, WholeAndFractionalRadiusWeights) {
   TestImage untouched = Impulse();
   PLBoxBlur(untouched.get(), 1, 3.0f);
   EXPECT_TRUE(SamePixels(untouched.get(), Impulse().get()));
-}
-
-// The fractional box sums to 6/7: the middle darkens, the renormalised borders do not.
-TEST(BoxBlur, FractionalBoxDarkensOnlyTheMiddle) {
-  TestImage im = MakeImage(30, 30, 1, PLUChar);
-  Fill(im.get(), 100);
-  PLBoxBlur(im.get(), 0, 2.5f);
-  EXPECT_EQ(Get(im.get(), 0, 0, 0), 100);
-  EXPECT_EQ(Get(im.get(), 29, 29, 0), 100);
-  EXPECT_EQ(Get(im.get(), 1, 15, 0), 86);  // border of rows, middle of columns
-  EXPECT_EQ(Get(im.get(), 15, 15, 0), 74);  // rows store 86, then 86 * 6/7 = 73.7
 }
 
 TEST(CosineBlur, QuarterTurnConstantLeavesATinyNegativeLastWeight) {
@@ -170,22 +156,6 @@ TEST(Binomial, FromAnotherImageIsTheBlurOfACopy) {
   EXPECT_TRUE(PixelBytes(source.get()) == before);
   TestImage smaller = MakeImage(36, 29, 3, PLUShort);
   EXPECT_THROW(PLBinomial5BlurFrom(smaller.get(), source.get()), PLErr);
-}
-
-TEST(Blurs, ConstantStaysConstantToTheEdges) {
-  for (int32_t channels = 1; channels <= 4; ++channels) {
-    TestImage im = MakeImage(19, 23, channels, PLUShort, 1, 2);
-    Fill(im.get(), 40000);
-    TestImage want = MakeImage(19, 23, channels, PLUShort);
-    Fill(want.get(), 40000);
-    PLGaussBlur(im.get(), 0, 7.0f);
-    PLBinomial5Blur(im.get());
-    PLCosineBlur(im.get(), 4.0f);
-    PLBoxBlur(im.get(), 0, 3.0f);
-    PLBinomial121Blur(im.get());
-    EXPECT_TRUE(SamePixels(im.get(), want.get())) << channels;
-    EXPECT_TRUE(PaddingUntouched(im));
-  }
 }
 
 // Radii beyond the kernel record are refused with the image untouched; the largest one

@@ -1,4 +1,5 @@
-// flowblur tests: bilinear resize against a literal reference, grid alignment, white points.
+// flowblur tests: bilinear resize on both row loops against a literal reference, grid
+// alignment, white points, refusals, workers.
 #include <gtest/gtest.h>
 
 #include "filter/PLResize.h"
@@ -29,29 +30,36 @@ void RefResize(PLImage* d, const PLImage* s) {
 class ResizeReference : public ::testing::TestWithParam<std::tuple<int32_t, int32_t>> {};
 
 // All 36 type-and-channel combinations (per parameter: one destination type, one source
-// type, four channel counts), in both white-point forms.
-TEST_P(ResizeReference, MatchesLiteralReference) {
+// type, four channel counts), in both white-point forms, on both row loops: the wide one
+// serves 1-channel Float to Float at equal white points, every other case takes the plain
+// loops on either path. Destination widths leave every count of lanes after the last whole
+// group of eight.
+TEST_P(ResizeReference, BothLoopsMatchLiteralReference) {
   const int32_t dt = std::get<0>(GetParam());
   const int32_t st = std::get<1>(GetParam());
-  const int32_t sizes[][4] = {{17, 13, 9, 7}, {5, 4, 12, 9}, {2, 2, 3, 5}, {40, 3, 7, 2},
-                              {13, 11, 13, 11}};
+  const int32_t sizes[][4] = {{17, 13, 9, 7},   {5, 4, 12, 9},     {2, 2, 3, 5},
+                              {40, 3, 7, 2},    {13, 11, 13, 11},  {33, 17, 16, 8},
+                              {10, 6, 22, 13},  {1921, 9, 10, 4}};
   uint32_t seed = 1;
   for (auto& z : sizes)
     for (int32_t channels = 1; channels <= 4; ++channels)
       for (int32_t odd = 0; odd < 2; ++odd) {
         TestImage src = MakeImage(z[0], z[1], channels, st, odd, 4 * odd);
         FillRandom(src.get(), seed++);
-        TestImage got = MakeImage(z[2], z[3], channels, dt, 1 - odd, 2);
         TestImage want = MakeImage(z[2], z[3], channels, dt);
         // The second form: equal types get a white point of their own (scaled), unequal types
         // the source's (not scaled).
-        if (odd) got->whitePoint = want->whitePoint = (dt == st ? 2.0f : 1.0f) * src->whitePoint;
-        PLResizeBilinear(got.get(), src.get());
+        if (odd) want->whitePoint = (dt == st ? 2.0f : 1.0f) * src->whitePoint;
         RefResize(want.get(), src.get());
-        ASSERT_TRUE(SamePixels(got.get(), want.get()))
-            << z[0] << "x" << z[1] << " -> " << z[2] << "x" << z[3] << " channels " << channels
-            << " form " << odd;
-        ASSERT_TRUE(PaddingUntouched(got));
+        for (bool wide : {false, true}) {
+          TestImage got = MakeImage(z[2], z[3], channels, dt, 1 - odd, 2);
+          got->whitePoint = want->whitePoint;
+          PLResizeBilinearOnPath(wide, got.get(), src.get());
+          ASSERT_TRUE(SamePixels(got.get(), want.get()))
+              << z[0] << "x" << z[1] << " -> " << z[2] << "x" << z[3] << " channels " << channels
+              << " form " << odd << " wide " << wide;
+          ASSERT_TRUE(PaddingUntouched(got));
+        }
       }
 }
 
@@ -66,15 +74,14 @@ TEST(Resize, RefusesDegenerateSizesAndChannelMismatch) {
     FillRandom(src.get(), 6);
     TestImage dst = MakeImage(dw, dh, dc, PLUChar);
     Fill(dst.get(), 9);
-    TestImage want = MakeImage(dw, dh, dc, PLUChar);
-    Fill(want.get(), 9);
+    const std::vector<unsigned char> before = PixelBytes(dst.get());
     try {
       PLResizeBilinear(dst.get(), src.get());
       ADD_FAILURE() << "not refused: " << sw << "x" << sh << " -> " << dw << "x" << dh;
     } catch (PLErr& e) {
       EXPECT_EQ(e, PLErrParameter);
     }
-    EXPECT_TRUE(SamePixels(dst.get(), want.get()));
+    EXPECT_TRUE(PixelBytes(dst.get()) == before);
   };
   expectRefused(8, 8, 3, 4, 4, 1);  // channels differ
   expectRefused(8, 8, 3, 1, 4, 3);  // destination width 1
@@ -101,18 +108,25 @@ TEST(Resize, UnsupportedLayoutsDoNothing) {
   EXPECT_EQ(Get(one.get(), 1, 1, 0), 7);
 }
 
-TEST(Resize, SameBytesForAnyWorkerCount) {
-  TestImage src = MakeImage(333, 257, 3, PLUChar, 1, 1);
-  FillRandom(src.get(), 7);
-  TestImage want = MakeImage(200, 150, 3, PLFloat);
-  RefResize(want.get(), src.get());
-  for (int32_t workers : kPLTestWorkerCounts) {
-    PLTestUseWorkers(workers);
-    TestImage got = MakeImage(200, 150, 3, PLFloat, 1, 8);
-    PLResizeBilinear(got.get(), src.get());
-    EXPECT_TRUE(SamePixels(got.get(), want.get())) << "workers " << workers;
+// 1, 2, 3 and 8 workers give the reference's bytes on both loops (the 1-channel Float pair
+// takes the wide one where AVX2 runs).
+TEST(Resize, SameBytesForAnyWorkerCountOnBothLoops) {
+  WorkerGuard guard;
+  for (int32_t channels : {3, 1}) {
+    const int32_t type = channels == 3 ? PLUChar : PLFloat;
+    TestImage src = MakeImage(333, 257, channels, type, 1, channels == 3 ? 1 : 4);
+    FillRandom(src.get(), 7);
+    TestImage want = MakeImage(200, 150, channels, PLFloat);
+    RefResize(want.get(), src.get());
+    for (bool wide : {false, true})
+      for (int32_t workers : kPLTestWorkerCounts) {
+        PLTestUseWorkers(workers);
+        TestImage got = MakeImage(200, 150, channels, PLFloat, 1, 8);
+        PLResizeBilinearOnPath(wide, got.get(), src.get());
+        EXPECT_TRUE(SamePixels(got.get(), want.get()))
+            << channels << " channels, workers " << workers << " wide " << wide;
+      }
   }
-  PLTestUseWorkers(1);
 }
 
 }  // namespace
