@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <random>
 #include <vector>
 
 #include "filter/PLKernels.h"
@@ -60,6 +61,33 @@ TEST(FlowLuma, EveryCellOfTheTable) {
   for (const auto& cell : cells)
     EXPECT_EQ(Luma(cell.type, cell.channels, cell.yuv), cell.want)
         << cell.type << " " << cell.channels << " yuv " << int(cell.yuv);
+}
+
+// 8-bit, 16-bit and Float RGB rows (a group of lanes where AVX2 runs, the plain loop for the
+// rest) against the double formula, on widths 1 to 19 whose rows are exactly the pixels' bytes
+// and end the buffer, so that a read past a row is an AddressSanitizer error.
+TEST(FlowLuma, RGBRowsOfEveryTypeAndWidthAgainstTheDoubleFormula) {
+  std::mt19937 rng(48);
+  for (int32_t type : {PLUChar, PLUShort, PLFloat})
+    for (int32_t w = 1; w <= 19; ++w) {
+      const int32_t rowBytes = 3 * w * PLBytesPerSample(type);
+      std::vector<unsigned char> bytes(static_cast<size_t>(rowBytes) * 5);
+      PLImage rgb(bytes.data(), w, 5, rowBytes, 3, type, 1);
+      pltest::FillRandom(&rgb, rng());
+      if (type == PLUChar) bytes[0] = bytes[1] = bytes[2] = 255;  // the table's last cells
+      PLOpticalFlowUChar flow(w, 5, 0, 0, 0, 12);
+      flow.ConvertToLuma(flow.firstPyramid[0], &rgb, 0);
+      for (int32_t y = 0; y < 5; ++y)
+        for (int32_t x = 0; x < w; ++x) {
+          const double sum = 0.3 * pltest::Get(&rgb, x, y, 0) +
+                             0.59 * pltest::Get(&rgb, x, y, 1) + 0.11 * pltest::Get(&rgb, x, y, 2);
+          const double scaled = type == PLUChar    ? sum
+                                : type == PLUShort ? sum / 257.0
+                                                   : sum * 255.0;
+          ASSERT_EQ(At(flow.firstPyramid[0], x, y), static_cast<float>(scaled))
+              << type << " width " << w << " x " << x;
+        }
+    }
 }
 
 // Level 0 of mode 0 is the luma itself, read in the input's own row order.

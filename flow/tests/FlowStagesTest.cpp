@@ -45,10 +45,14 @@ float RefGradient(float left, float centre, float right, bool hasLeft, bool hasR
   return ::testing::AssertionSuccess();
 }
 
-// Gradients and moments, as two stages and in one pass, against the reference on lines of
-// one sample, small and odd sizes, every layout, an infinite sample, and 1, 3 and 8 workers.
-TEST(FlowGradients, SeparateAndFusedStagesMatchTheReference) {
-  const int32_t sizes[][2] = {{1, 5}, {6, 1}, {2, 2}, {37, 21}, {64, 70}};
+// Gradients and moments, as two stages and in one pass on both loops (plain, and wide where
+// the processor has AVX2), against the reference: lines of one sample (whose NaN gradients
+// take the plain loop on both paths), widths around the groups of eight, heights with and
+// without rows above and below, every layout, an infinite sample, 1, 3 and 8 workers. The
+// two loops agree to the byte, NaN bits included.
+TEST(FlowGradients, SeparateAndFusedStagesOnBothLoopsMatchTheReference) {
+  const int32_t sizes[][2] = {{1, 5},  {6, 1},  {2, 2},  {9, 1},   {10, 2},
+                              {17, 5}, {26, 1}, {26, 5}, {37, 21}, {64, 70}};
   int32_t trial = 0;
   for (const auto& sz : sizes)
     for (int32_t workers : {1, 3, 8}) {
@@ -73,21 +77,29 @@ TEST(FlowGradients, SeparateAndFusedStagesMatchTheReference) {
           Set(want[2].get(), x, y, 1, b * a);
           Set(want[2].get(), x, y, 2, b * b);
         }
-      TestImage gx[2] = {MakeImage(w, h, 1, PLFloat, l), MakeImage(w, h, 1, PLFloat, l)};
-      TestImage gy[2] = {MakeImage(w, h, 1, PLFloat, l), MakeImage(w, h, 1, PLFloat, l)};
-      TestImage st[2] = {MakeImage(w, h, 3, PLFloat, l), MakeImage(w, h, 3, PLFloat, l)};
+      // 0: the two stages; 1 and 2: one pass on the plain and the wide loop.
+      std::vector<TestImage> gx, gy, st;
+      for (int32_t i = 0; i < 3; ++i) {
+        gx.push_back(MakeImage(w, h, 1, PLFloat, l));
+        gy.push_back(MakeImage(w, h, 1, PLFloat, l));
+        st.push_back(MakeImage(w, h, 3, PLFloat, l));
+      }
       PLTestUseWorkers(workers);
       ComputeGradients(gx[0].get(), gy[0].get(), image.get());
       ComputeMoments(st[0].get(), gx[0].get(), gy[0].get());
-      ComputeGradientsAndMoments(gx[1].get(), gy[1].get(), st[1].get(), image.get());
+      for (int32_t wide = 0; wide < 2; ++wide)
+        ComputeGradientsAndMomentsOnPath(wide, gx[1 + wide].get(), gy[1 + wide].get(),
+                                         st[1 + wide].get(), image.get());
       PLTestUseWorkers(1);
       EXPECT_EQ(PixelBytes(gx[0].get()), PixelBytes(gx[1].get()));  // NaN bits included
       EXPECT_EQ(PixelBytes(st[0].get()), PixelBytes(st[1].get()));
-      for (int32_t fused = 0; fused < 2; ++fused) {
-        EXPECT_TRUE(SameUpToNaN(gx[fused].get(), want[0].get())) << w << "x" << h << " " << fused;
-        EXPECT_TRUE(SameUpToNaN(gy[fused].get(), want[1].get())) << w << "x" << h << " " << fused;
-        EXPECT_TRUE(SameUpToNaN(st[fused].get(), want[2].get())) << w << "x" << h << " " << fused;
-        EXPECT_TRUE(PaddingUntouched(st[fused]));
+      for (std::vector<TestImage>* out : {&gx, &gy, &st})
+        EXPECT_EQ(PixelBytes((*out)[1].get()), PixelBytes((*out)[2].get())) << w << "x" << h;
+      for (int32_t i = 0; i < 3; ++i) {
+        EXPECT_TRUE(SameUpToNaN(gx[i].get(), want[0].get())) << w << "x" << h << " " << i;
+        EXPECT_TRUE(SameUpToNaN(gy[i].get(), want[1].get())) << w << "x" << h << " " << i;
+        EXPECT_TRUE(SameUpToNaN(st[i].get(), want[2].get())) << w << "x" << h << " " << i;
+        EXPECT_TRUE(PaddingUntouched(st[i]));
       }
     }
 }
@@ -188,50 +200,94 @@ TEST(FlowResidual, BothLoopsMatchTheReferenceMaskedAndUnmasked) {
     }
 }
 
+// With det = b*b - a*c, a step only where |det| > 40 strictly.
 TEST(FlowUpdate, StrictFortyAndTheSignOfTheDeterminant) {
-  auto flow = MakeFloat(4, 1, 2, 1.0f);
-  auto s = MakeFloat(4, 1, 3);
-  auto r = MakeFloat(4, 1, 2);
-  // det = b*b - a*c. Pixel 0: a=c=0 flat, no step however large the residual.
-  At(r.get(), 0, 0, 0) = 1e6f;
-  // Pixel 1: det = -40 exactly: no step.
-  At(s.get(), 1, 0, 0) = 8.0f;
-  At(s.get(), 1, 0, 2) = 5.0f;
-  At(r.get(), 1, 0, 0) = 10.0f;
-  // Pixel 2: det = -40.5: a step.
-  At(s.get(), 2, 0, 0) = 9.0f;
-  At(s.get(), 2, 0, 2) = 4.5f;
-  At(s.get(), 2, 0, 1) = 0.0f;
-  At(r.get(), 2, 0, 0) = 9.0f;
-  At(r.get(), 2, 0, 1) = 4.5f;
-  // Pixel 3: det = 49 - 9 = +40 exactly: no step.
-  At(s.get(), 3, 0, 0) = 1.0f;
-  At(s.get(), 3, 0, 1) = 7.0f;
-  At(s.get(), 3, 0, 2) = 9.0f;
-  At(r.get(), 3, 0, 1) = 3.0f;
+  const float cases[][7] = {
+      // a, b, c, p, q, then u and v after the update from (1, 1)
+      {0, 0, 0, 1e6f, 0, 1, 1},     // flat: no step however large the residual
+      {8, 0, 5, 10, 0, 1, 1},       // det = -40 exactly: no step
+      {9, 0, 4.5f, 9, 4.5f, 2, 2},  // det = -40.5: u += (0 - 4.5 * 9) / -40.5, v likewise
+      {1, 7, 9, 0, 3, 1, 1},        // det = 49 - 9 = +40 exactly: no step
+  };
+  auto flow = MakeFloat(4, 1, 2, 1.0f), s = MakeFloat(4, 1, 3), r = MakeFloat(4, 1, 2);
+  for (int32_t x = 0; x < 4; ++x)
+    for (int32_t i = 0; i < 5; ++i) At(i < 3 ? s.get() : r.get(), x, 0, i % 3) = cases[x][i];
   UpdateFlow(flow.get(), s.get(), r.get());
-  EXPECT_EQ(At(flow.get(), 0, 0, 0), 1.0f);
-  EXPECT_EQ(At(flow.get(), 1, 0, 0), 1.0f);
-  EXPECT_EQ(At(flow.get(), 3, 0, 1), 1.0f);
-  // u += (b q - c p) / det = (0 - 4.5 * 9) / -40.5 = 1; v += (b p - a q) / det = 1.
-  EXPECT_EQ(At(flow.get(), 2, 0, 0), 2.0f);
-  EXPECT_EQ(At(flow.get(), 2, 0, 1), 2.0f);
+  for (int32_t x = 0; x < 4; ++x) {
+    EXPECT_EQ(At(flow.get(), x, 0, 0), cases[x][5]) << x;
+    EXPECT_EQ(At(flow.get(), x, 0, 1), cases[x][6]) << x;
+  }
 }
 
-TEST(FlowUpsample, MatchesReferenceAndRefusesBadShapes) {
-  auto src = MakeFloat(7, 5, 2);
-  FillRandom(src.get(), 21, 0.0f, 255.0f);
-  auto dst = MakeFloat(15, 11, 2);
-  UpsampleFlow(dst.get(), src.get());
-  const float kx = 14.0f / 6.0f, ky = 10.0f / 4.0f;
-  for (int32_t y = 0; y < 11; ++y)
-    for (int32_t x = 0; x < 15; ++x) {
-      const float fx = x * (1.0f / kx), fy = y * (1.0f / ky);
-      for (int32_t c = 0; c < 2; ++c) {
-        const float v = pltest::Bilinear(src.get(), fx, fy, c) * (c == 0 ? kx : ky);
-        ASSERT_EQ(At(dst.get(), x, y, c), v) << x << "," << y << "," << c;
+// Structure moments near the step threshold (|det| = 40 exactly, NaN) among random ones, so
+// that lanes of one group differ in whether they step.
+void FillMoments(PLImage* s, PLImage* r, std::mt19937& rng) {
+  std::uniform_real_distribution<float> any(-30.0f, 30.0f);
+  for (int32_t y = 0; y < s->height; ++y)
+    for (int32_t x = 0; x < s->width; ++x) {
+      float a = any(rng), b = any(rng), c = any(rng);
+      switch (rng() % 5) {
+        case 0: a = 8.0f, b = 0.0f, c = 5.0f; break;              // det = -40: no step
+        case 1: a = 1.0f, b = 7.0f, c = 9.0f; break;              // det = +40: no step
+        case 2: a = std::numeric_limits<float>::quiet_NaN(); break;  // no step
+        default: break;
       }
+      At(s, x, y, 0) = a, At(s, x, y, 1) = b, At(s, x, y, 2) = c;
+      At(r, x, y, 0) = any(rng), At(r, x, y, 1) = any(rng);
     }
+}
+
+// Widths that leave every count of lanes after the last whole group of eight.
+constexpr int32_t kWidths[] = {1, 7, 8, 9, 15, 16, 21, 34};
+
+TEST(FlowUpdate, SameOnBothLoopsAndAllWorkerCounts) {
+  std::mt19937 rng(19);
+  for (int32_t w : kWidths) {
+    auto s = MakeFloat(w, 19, 3), r = MakeFloat(w, 19, 2);
+    FillMoments(s.get(), r.get(), rng);
+    auto start = MakeFloat(w, 19, 2);
+    FillRandom(start.get(), 5 + w, -4.0f, 4.0f);
+    auto run = [&](bool wide) {
+      auto flow = MakeFloat(w, 19, 2);
+      CopyPixels(flow.get(), start.get());
+      UpdateFlowOnPath(wide, flow.get(), s.get(), r.get());
+      return PixelBytes(flow.get());
+    };
+    const std::vector<unsigned char> plain = run(false);
+    EXPECT_FALSE(plain == PixelBytes(start.get())) << "width " << w << ": no pixel stepped";
+    EXPECT_TRUE(plain == run(true)) << "width " << w;
+    ExpectSameForAllWorkers([&] { return run(true); });
+  }
+}
+
+// Corner-aligned bilinear reads, the vectors scaled by the grid ratios, on both loops and for
+// every worker count: sources from 2x2 up, destination widths from the list above.
+TEST(FlowUpsample, BothLoopsMatchTheReferenceAndRefuseBadShapes) {
+  const int32_t sources[][2] = {{2, 2}, {3, 4}, {5, 3}, {7, 5}, {12, 7}};
+  for (const auto& sz : sources)
+    for (int32_t w : kWidths) {
+      if (w < sz[0]) continue;
+      const int32_t h = 2 * sz[1] + 1;
+      auto src = MakeFloat(sz[0], sz[1], 2);
+      FillRandom(src.get(), 31 + w, -9.0f, 9.0f);
+      auto want = MakeFloat(w, h, 2);
+      const float kx = (w - 1.0f) / (sz[0] - 1.0f), ky = (h - 1.0f) / (sz[1] - 1.0f);
+      for (int32_t y = 0; y < h; ++y)
+        for (int32_t x = 0; x < w; ++x)
+          for (int32_t c = 0; c < 2; ++c)
+            At(want.get(), x, y, c) =
+                pltest::Bilinear(src.get(), x * (1.0f / kx), y * (1.0f / ky), c) *
+                (c == 0 ? kx : ky);
+      for (bool wide : {false, true})
+        ExpectSameForAllWorkers([&] {
+          auto dst = MakeFloat(w, h, 2);
+          UpsampleFlowOnPath(wide, dst.get(), src.get());
+          EXPECT_TRUE(SamePixels(dst.get(), want.get()))
+              << sz[0] << "x" << sz[1] << " to width " << w << " wide " << wide;
+          return PixelBytes(dst.get());
+        });
+    }
+  auto src = MakeFloat(7, 5, 2), dst = MakeFloat(15, 11, 2);
   PLImage uchar(5, 5, 2, PLUChar, 0);
   EXPECT_THROW(UpsampleFlow(&uchar, src.get()), PLErr);
   auto three = MakeFloat(9, 9, 3);
@@ -279,16 +335,13 @@ TEST(FlowHelpers, ScaleXYAndItsAnd) {
 }
 
 TEST(FlowHelpers, Binarise) {
+  // The float nearest 0.9999 lies just above it, and the threshold is taken in double.
+  const float in[] = {0.9999f, 0.9998f, 7.0f, -1.0f};
+  const float out[] = {static_cast<double>(0.9999f) >= 0.9999 ? 1.0f : 0.0f, 0.0f, 1.0f, 0.0f};
   auto m = MakeFloat(4, 1, 1);
-  At(m.get(), 0, 0) = 0.9999f;  // the float nearest 0.9999 lies just above it
-  At(m.get(), 1, 0) = 0.9998f;
-  At(m.get(), 2, 0) = 7.0f;
-  At(m.get(), 3, 0) = -1.0f;
+  for (int32_t x = 0; x < 4; ++x) At(m.get(), x, 0) = in[x];
   Binarise(m.get());
-  EXPECT_EQ(At(m.get(), 0, 0), static_cast<double>(0.9999f) >= 0.9999 ? 1.0f : 0.0f);
-  EXPECT_EQ(At(m.get(), 1, 0), 0.0f);
-  EXPECT_EQ(At(m.get(), 2, 0), 1.0f);
-  EXPECT_EQ(At(m.get(), 3, 0), 0.0f);
+  for (int32_t x = 0; x < 4; ++x) EXPECT_EQ(At(m.get(), x, 0), out[x]) << in[x];
 }
 
 }  // namespace
