@@ -32,20 +32,16 @@ std::vector<std::vector<RefContributor>> RefLists(int32_t srcSize, int32_t dstSi
   std::vector<std::vector<RefContributor>> lists(dstSize);
   const float scale = static_cast<float>(dstSize) / static_cast<float>(srcSize);
   for (int32_t i = 0; i < dstSize; ++i) {
+    // Enlarging weighs by the distance itself; reducing stretches the filter by 1 / scale
+    // and steps its distance down by 1 from the left end.
     const float center = static_cast<float>(i) * (1.0f / scale);
-    if (scale >= 1.0f) {
-      const int32_t left = static_cast<int32_t>(std::ceil(center - support));
-      const int32_t right = static_cast<int32_t>(std::floor(center + support));
-      for (int32_t j = left; j <= right; ++j)
-        lists[i].push_back({Reflect(j, srcSize), f(center - static_cast<float>(j))});
-    } else {
-      const float w = support / scale;
-      const int32_t left = static_cast<int32_t>(std::ceil(center - w));
-      const int32_t right = static_cast<int32_t>(std::floor(center + w));
-      float d = center - static_cast<float>(left);
-      for (int32_t j = left; j <= right; ++j, d -= 1.0f)
-        lists[i].push_back({Reflect(j, srcSize), f(d * scale) * scale});
-    }
+    const float w = support / std::min(scale, 1.0f);
+    const int32_t left = static_cast<int32_t>(std::ceil(center - w));
+    const int32_t right = static_cast<int32_t>(std::floor(center + w));
+    float d = center - static_cast<float>(left);
+    for (int32_t j = left; j <= right; ++j, d -= 1.0f)
+      lists[i].push_back({Reflect(j, srcSize), scale >= 1.0f ? f(center - static_cast<float>(j))
+                                                             : f(d * scale) * scale});
   }
   return lists;
 }
@@ -62,24 +58,21 @@ float Sum(const std::vector<RefContributor>& list, const std::vector<float>& lin
 void RefZoom(PLImage* dst, const PLImage* src, PLZoomFilter f, float support) {
   const int32_t C = src->channels;
   PLImage middle(dst->width, src->height, C, src->dataType, 0);
-  auto lists = RefLists(src->width, dst->width, f, support);
-  std::vector<float> line(src->width * C), px(C);
-  for (int32_t y = 0; y < src->height; ++y) {
-    for (int32_t x = 0; x < src->width; ++x) src->GetPixel(x, y, &line[x * C]);
-    for (int32_t i = 0; i < dst->width; ++i) {
-      for (int32_t c = 0; c < C; ++c) px[c] = Sum(lists[i], line, src->width, C, c);
-      middle.SetPixel(i, y, px.data());
+  // One pass over the rows of `from` (its columns when `down`) into `to`.
+  auto pass = [&](PLImage* to, const PLImage* from, bool down) {
+    const int32_t n = down ? from->height : from->width, m = down ? to->height : to->width;
+    const auto lists = RefLists(n, m, f, support);
+    std::vector<float> line(n * C), px(C);
+    for (int32_t k = 0; k < (down ? to->width : from->height); ++k) {
+      for (int32_t j = 0; j < n; ++j) from->GetPixel(down ? k : j, down ? j : k, &line[j * C]);
+      for (int32_t i = 0; i < m; ++i) {
+        for (int32_t c = 0; c < C; ++c) px[c] = Sum(lists[i], line, n, C, c);
+        to->SetPixel(down ? k : i, down ? i : k, px.data());
+      }
     }
-  }
-  lists = RefLists(src->height, dst->height, f, support);
-  line.assign(src->height * C, 0.0f);
-  for (int32_t x = 0; x < dst->width; ++x) {
-    for (int32_t y = 0; y < src->height; ++y) middle.GetPixel(x, y, &line[y * C]);
-    for (int32_t i = 0; i < dst->height; ++i) {
-      for (int32_t c = 0; c < C; ++c) px[c] = Sum(lists[i], line, src->height, C, c);
-      dst->SetPixel(x, i, px.data());
-    }
-  }
+  };
+  pass(&middle, src, false);
+  pass(dst, &middle, true);
 }
 
 struct NamedFilter {
@@ -135,8 +128,8 @@ TEST(Zoom, StorageReusedWithoutNewBlocks) {
   PLZoomTempStorage storage;
   TestImage src = MakeImage(40, 30, 4, PLUChar);
   FillRandom(src.get(), 2);
-  TestImage big = MakeImage(64, 50, 4, PLUChar), small = MakeImage(20, 16, 4, PLUChar);
-  TestImage want = MakeImage(64, 50, 4, PLUChar);
+  TestImage big = MakeImage(64, 50, 4, PLUChar), small = MakeImage(20, 16, 4, PLUChar),
+            want = MakeImage(64, 50, 4, PLUChar);
   PLZoom(big.get(), src.get(), &storage);
   const unsigned char* blocks[] = {storage.pool, storage.lists, storage.middle};
   const uint64_t caps[] = {storage.poolCapacity, storage.listsCapacity, storage.middleCapacity};

@@ -216,8 +216,7 @@ TEST(ImageArith, MultiplyPaddedFloatScalesTheGapsAndStaysInsideItsRows) {
   // With one worker on three rows: rows 0 and 1 and their gaps scaled, row 2 missed.
   PLTestUseWorkers(1);
   auto small = MakeImage(4, 3, 1, PLFloat, pltest::kPadded);
-  for (int32_t y = 0; y < 3; ++y)
-    for (int32_t x = 0; x < 4; ++x) small->SetChannel(x, y, 0, 1.0f);
+  pltest::Fill(small.get(), 1.0);
   Multiply(small.get(), 2.0f);
   EXPECT_EQ(Sample(small.get(), 3, 1, 0), 2.0f);
   EXPECT_EQ(Sample(small.get(), 0, 2, 0), 1.0f);
@@ -303,20 +302,16 @@ TEST(ImageMatte, PremultiplyFromTakesColourAndMatteOfTheSource) {
   PLImage dst(2, 2, 4, PLUShort, 0), src(3, 3, 4, PLUShort, 1), wrong(2, 2, 4, PLUChar, 0);
   pltest::FillRandom(&dst, 1);
   pltest::FillRandom(&src, 2);
-  PLImage before(2, 2, 4, PLUShort, 0);
-  CopyWhole(&before, &dst);
+  const auto before = PixelBytes(&dst);
   PremultiplyFrom(&dst, &wrong, 1.0f);  // type differs: nothing
-  EXPECT_EQ(PixelBytes(&dst), PixelBytes(&before));
+  EXPECT_EQ(PixelBytes(&dst), before);
   PremultiplyFrom(&dst, &src, 2.0f);
-  for (int32_t y = 0; y < 2; ++y)
-    for (int32_t x = 0; x < 2; ++x) {
-      float m = Sample(&src, x, y, 3);
-      float k = m * (1.0f / (2.0f * 65535.0f));
-      for (int32_t c = 0; c < 3; ++c)
-        EXPECT_EQ(Sample(&dst, x, y, c),
-                  static_cast<float>(static_cast<int32_t>(Sample(&src, x, y, c) * k + 0.5f)));
-      EXPECT_EQ(Sample(&dst, x, y, 3), m);
-    }
+  for (int32_t i = 0; i < 16; ++i) {
+    const int32_t x = i / 4 % 2, y = i / 8, c = i % 4;
+    const float m = Sample(&src, x, y, 3), k = m * (1.0f / (2.0f * 65535.0f));
+    EXPECT_EQ(Sample(&dst, x, y, c), c == 3 ? m : float(int32_t(Sample(&src, x, y, c) * k + 0.5f)))
+        << x << "," << y << "," << c;
+  }
 }
 
 TEST(ImageMatte, MembersMoveTheMatteMode) {
