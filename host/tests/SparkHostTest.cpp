@@ -47,8 +47,8 @@ TEST_F(HostTest, DefaultsAfterResetAndConfigurationMistakesThrow) {
   EXPECT_THROW(sh::Sample(sh::ClipFrame(0, 0), sh::ClipLayout(0), 2, 0, 0), std::invalid_argument);
 }
 
-// The record as the host's own structure lays it out, every byte filled, each buffer large
-// enough for the largest clip frame whatever its record says.
+// The record of each buffer, every byte filled, each buffer large enough for the largest
+// clip frame whatever its record says.
 TEST_F(HostTest, RecordsCarryEachBuffersLayoutAtTheirOffsets) {
   sh::SetClip(0, {5, 3, 24, 0}, 1);
   sh::SetClip(0, {5, 3, 48, 0}, 1);   // a new format alone is a new layout,
@@ -59,17 +59,14 @@ TEST_F(HostTest, RecordsCarryEachBuffersLayoutAtTheirOffsets) {
   const int32_t wants[][5] = {{1, 6, 4, 64, 36}, {2, 5, 3, 48, 40}, {3, 10, 8, 49, 60},
                               {tmp, 5, 3, 48, 40}};
   for (const auto& want : wants) {
-    uint8_t raw[128];
-    std::memset(raw, 0xAB, sizeof raw);
-    ASSERT_EQ(sparkMemGetBuffer(want[0], reinterpret_cast<spark_mem_buf_struct*>(raw)), 1);
-    void* buffer;
-    int32_t fields[4];
-    std::memcpy(&buffer, raw + 8, 8);
-    std::memcpy(fields, raw + 28, 16);
-    EXPECT_EQ(buffer, sh::BufferPixels(want[0]));
-    EXPECT_EQ(raw[16], 4) << "usable bit";
-    EXPECT_EQ(std::vector<int32_t>(fields, fields + 4), std::vector<int32_t>(want + 1, want + 5));
-    EXPECT_EQ(raw[127], 0) << "the host fills the whole record";
+    spark_mem_buf_struct r;  // its fields' offsets are the header's static asserts
+    std::memset(&r, 0xAB, sizeof r);
+    ASSERT_EQ(sparkMemGetBuffer(want[0], &r), 1);
+    EXPECT_EQ(r.Buffer, sh::BufferPixels(want[0]));
+    EXPECT_EQ(r.State, 4) << "usable bit";
+    EXPECT_EQ(std::vector<int32_t>({r.Width, r.Height, r.FormatCode, r.Stride}),
+              std::vector<int32_t>(want + 1, want + 5));
+    EXPECT_EQ(r.reserved2[83], 0) << "the host fills the whole record";
     EXPECT_GE(sh::BufferCapacity(want[0]), 480) << "id " << want[0];
   }
   EXPECT_EQ(sh::GetBufferCalls(), (std::vector<int32_t>{1, 2, 3, tmp}));
