@@ -36,15 +36,25 @@ struct Clip {
   }
   // One matte per frame for layer 0 of 1: a band that moves 2 px a frame.
   void AddMattes(int32_t count, int32_t channels = 1) {
-    const double white = out.get()->dataType == PLUChar ? 255.0 : 1.0;
     for (int32_t n = 0; n < count; ++n) {
       chronartest::Owned m = chronartest::NewOwned(kW, kH, channels, out.get()->dataType);
-      for (int32_t y = 0; y < kH; ++y)
-        for (int32_t x = 0; x < kW; ++x)
-          for (int32_t c = 0; c < channels; ++c)
-            pltest::Set(m.get(), x, y, c, (x > 20 + 2 * n && x < 40 + 2 * n) ? white : 0.0);
+      for (int32_t i = 0; i < kW * kH * channels; ++i) {
+        const int32_t x = i / channels % kW;
+        const bool band = x > 20 + 2 * n && x < 40 + 2 * n;
+        pltest::Set(m.get(), x, i / channels / kW, i % channels, band ? m->whitePoint : 0.0);
+      }
       engine.mattes[{n, 0}] = std::move(m);
     }
+  }
+  // The largest difference from frame n over the first `channels` samples of every pixel.
+  double WorstFrom(int32_t n, int32_t channels) {
+    double worst = 0;
+    for (int32_t i = 0; i < kW * kH * channels; ++i) {
+      const int32_t x = i / channels % kW, y = i / channels / kW, c = i % channels;
+      worst = std::max(worst, std::fabs(pltest::Get(out.get(), x, y, c) -
+                                        pltest::Get(engine.frames[n].get(), x, y, c)));
+    }
+    return worst;
   }
 };
 
@@ -191,24 +201,19 @@ INSTANTIATE_TEST_SUITE_P(All, Chronar4Styles,
                                             ::testing::Values(PLUChar, PLUShort, PLFloat)));
 
 TEST(Chronar4Picture, ShutterBlursAlongTheFlowOnlyWhenSpedUp) {
-  Clip plain, blurred, normal;
-  for (Clip* c : {&plain, &blurred, &normal}) c->engine.interpolation = 1;
-  blurred.engine.shutter = 1.0f;
-  blurred.engine.timeMap = [](float t) { return t * 2.0f; };
-  plain.engine.timeMap = [](float t) { return t * 2.0f; };
-  normal.engine.shutter = 1.0f;  // one source frame per output frame: amount 0
-  ASSERT_EQ(plain.Render(0.6f), 0);
-  ASSERT_EQ(blurred.Render(0.6f), 0);
-  EXPECT_FALSE(pltest::SamePixels(plain.out.get(), blurred.out.get()));
-  Clip noShutter;
-  noShutter.engine.interpolation = 1;
-  ASSERT_EQ(normal.Render(1.2f), 0);
-  ASSERT_EQ(noShutter.Render(1.2f), 0);
-  EXPECT_TRUE(pltest::SamePixels(normal.out.get(), noShutter.out.get()));
-  // An override of the amount to 0 switches the blur off.
-  blurred.engine.overrideAmount = true;
-  ASSERT_EQ(blurred.Render(0.6f), 0);
-  EXPECT_TRUE(pltest::SamePixels(plain.out.get(), blurred.out.get()));
+  auto render = [](float t, float shutter, float speed, bool amountOverriddenToZero = false) {
+    Clip clip;
+    clip.engine.shutter = shutter;
+    clip.engine.timeMap = [speed](float s) { return s * speed; };
+    clip.engine.overrideAmount = amountOverriddenToZero;
+    EXPECT_EQ(clip.Render(t), 0);
+    return pltest::PixelBytes(clip.out.get());
+  };
+  const std::vector<unsigned char> plain = render(0.6f, 0.0f, 2.0f);
+  EXPECT_NE(render(0.6f, 1.0f, 2.0f), plain);
+  EXPECT_EQ(render(0.6f, 1.0f, 2.0f, true), plain);
+  // One source frame per output frame: amount 0.
+  EXPECT_EQ(render(1.2f, 1.0f, 1.0f), render(1.2f, 0.0f, 1.0f));
 }
 
 TEST(Chronar4Picture, OutputFieldsInterleaveTwoHalfFrameRenders) {
@@ -252,13 +257,7 @@ TEST(Chronar4Layers, ExactTimeRebuildsTheFrame) {
     clip.AddMattes(3);
     EXPECT_EQ(clip.RenderWith(1.0f, 0, 0, 1), 0);
     EXPECT_EQ(clip.engine.matteFetches, clip.engine.matteReleases);
-    double worst = 0;
-    for (int32_t y = 0; y < kH; ++y)
-      for (int32_t x = 0; x < kW; ++x)
-        for (int32_t c = 0; c < 4; ++c)
-          worst = std::max(worst, std::fabs(pltest::Get(clip.out.get(), x, y, c) -
-                                            pltest::Get(clip.engine.frames[1].get(), x, y, c)));
-    EXPECT_LE(worst, type == PLUChar ? 1.0 : 1e-5) << "type " << type;
+    EXPECT_LE(clip.WorstFrom(1, 4), type == PLUChar ? 1.0 : 1e-5) << "type " << type;
   }
 }
 
@@ -393,12 +392,11 @@ TEST(Chronar4Vectors, MissingNeighbourGivesTheFixedColourAndZero) {
     for (int32_t type : {PLUChar, PLFloat}) {
       Clip clip(4, 3, type);
       // Frame 0 has no predecessor (vectors) and frame 3 no successor (warped).
-      int32_t frame = kind == 0 ? 0 : 3;
-      EXPECT_EQ(clip.engine.RenderVectors(&clip.out.view, frame, kind == 0 ? 1 : 1, kind, 1.0f,
-                                          0, kQuality, 0, nullptr, nullptr, nullptr),
+      EXPECT_EQ(clip.engine.RenderVectors(&clip.out.view, kind == 0 ? 0 : 3, 1, kind, 1.0f, 0,
+                                          kQuality, 0, nullptr, nullptr, nullptr),
                 0);
-      double white = type == PLUChar ? 255.0 : 1.0;
-      double want[3] = {kind == 0 ? 0.5 : 0.0, kind == 0 ? 0.5 : 1.0, 0.0};
+      const double white = clip.out.get()->whitePoint;
+      const double want[3] = {kind == 0 ? 0.5 : 0.0, kind == 0 ? 0.5 : 1.0, 0.0};
       for (int32_t c = 0; c < 3; ++c)
         EXPECT_NEAR(pltest::Get(clip.out.get(), 5, 5, c), want[c] * white, white / 255.0);
       EXPECT_EQ(clip.engine.internal->forwardFlow, nullptr);
@@ -470,6 +468,32 @@ TEST(Chronar4Ops, GatherWarpOfAConstantFlowIsAShiftWithAMaskOfTheInside) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "can't warp image, input files not of correct types and sizes\n"
             "can't warp image, input files not of correct types and sizes\n");
+}
+
+// The plain cross-fade (no masks, no agreement) against the literal rule, at the shares
+// that copy a row and one between, on every type, 1 to 4 channels and each row layout.
+TEST(Chronar4Ops, PlainMixIsTheLiteralRuleForEveryTypeChannelsAndLayout) {
+  for (int32_t type : {PLUChar, PLUShort, PLFloat})
+    for (int32_t channels = 1; channels <= 4; ++channels)
+      for (pltest::Layout layout : pltest::kLayouts)
+        for (float f : {0.0f, 0.3f, 1.0f}) {
+          pltest::TestImage a = pltest::MakeImage(7, 5, channels, type, layout);
+          pltest::TestImage b = pltest::MakeImage(7, 5, channels, type, pltest::kPadded);
+          pltest::TestImage d = pltest::MakeImage(7, 5, channels, type, layout);
+          pltest::TestImage want = pltest::MakeImage(7, 5, channels, type);
+          pltest::FillRandom(a.get(), 11);
+          pltest::FillRandom(b.get(), 12);
+          ASSERT_EQ(PLRetimeMix(d.get(), a.get(), b.get(), f, nullptr, nullptr, nullptr, nullptr),
+                    1);
+          for (int32_t i = 0; i < 7 * 5 * channels; ++i) {
+            const int32_t x = i / channels % 7, y = i / channels / 7, c = i % channels;
+            const float va = pltest::Sample(a.get(), x, y, c), vb = pltest::Sample(b.get(), x, y, c);
+            pltest::Set(want.get(), x, y, c, pltest::ClampedStore(type, va + (vb - va) * f));
+          }
+          EXPECT_TRUE(pltest::SamePixels(d.get(), want.get()))
+              << "type " << type << ", " << channels << " channels, "
+              << pltest::LayoutName(layout) << ", share " << f;
+        }
 }
 
 TEST(Chronar4Ops, MaskedMixTakesTheCoveredSideAndMarksHoles) {

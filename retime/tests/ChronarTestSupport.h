@@ -3,6 +3,7 @@
 #pragma once
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <memory>
@@ -14,10 +15,7 @@
 
 namespace chronartest {
 
-struct ImageDel {
-  void operator()(PLImage* p) const { delete p; }
-};
-using Owned = std::unique_ptr<PLImage, ImageDel>;
+using Owned = std::unique_ptr<PLImage>;
 
 inline Owned NewOwned(int32_t w, int32_t h, int32_t channels, int32_t type) {
   return Owned(new PLImage(w, h, channels, type, 0));
@@ -29,6 +27,7 @@ enum class Misbehave { kNone, kNullView, kStatus3, kInterrupt, kWrongSize, kEmpt
 class MemoryChronar : public NuvChronar4 {
  public:
   std::map<int32_t, Owned> frames;
+  std::map<int32_t, Owned> shown;  // if any, GetFrame shows these; motion frames stay `frames`
   std::map<std::pair<int32_t, int32_t>, Owned> mattes;  // (frame, matte)
   std::function<float(float)> timeMap = [](float t) { return t; };
   std::function<int32_t(float)> kind = [](float) { return 0; };
@@ -41,8 +40,10 @@ class MemoryChronar : public NuvChronar4 {
   float hintMotion[2] = {};  // one hint at (40, 30) moving this far a frame; none if 0
   bool hintsOnly = false;    // flow from the hints alone, no estimator
 
-  int32_t GetFrame(NuvImage** frame, int32_t n) override { return Serve(frame, n); }
-  int32_t GetMotionFrame(NuvImage** frame, int32_t n) override { return Serve(frame, n); }
+  int32_t GetFrame(NuvImage** frame, int32_t n) override {
+    return Serve(frame, n, shown.empty() ? frames : shown);
+  }
+  int32_t GetMotionFrame(NuvImage** frame, int32_t n) override { return Serve(frame, n, frames); }
   void ReleaseFrame(NuvImage* frame) override {
     ++releases;
     Drop(frame);
@@ -78,10 +79,8 @@ class MemoryChronar : public NuvChronar4 {
   void GetHints(float first, float second, int32_t, int32_t, int32_t* count, const float** x0,
                 const float** y0, const float** x1, const float** y1) override {
     const float d = second - first;
-    hint_[0] = 40.0f;
-    hint_[1] = 30.0f;
-    hint_[2] = 40.0f + hintMotion[0] * d;
-    hint_[3] = 30.0f + hintMotion[1] * d;
+    const float hint[4] = {40.0f, 30.0f, 40.0f + hintMotion[0] * d, 30.0f + hintMotion[1] * d};
+    std::copy(hint, hint + 4, hint_);
     *count = 1;
     *x0 = &hint_[0];
     *y0 = &hint_[1];
@@ -112,9 +111,8 @@ class MemoryChronar : public NuvChronar4 {
     h->view.reset(new NuvImage());
     h->view->Attach(h->wrapper.get());
     h->scratch = std::move(scratch);
-    NuvImage* v = h->view.get();
     views_.push_back(std::move(h));
-    return v;
+    return views_.back()->view.get();
   }
   void Drop(NuvImage* view) {
     for (size_t k = 0; k < views_.size(); ++k)
@@ -124,35 +122,25 @@ class MemoryChronar : public NuvChronar4 {
       }
     ADD_FAILURE() << "released a view that was not handed out";
   }
-  int32_t Serve(NuvImage** frame, int32_t n) {
+  int32_t Serve(NuvImage** frame, int32_t n, std::map<int32_t, Owned>& from) {
     ++fetches;
     *frame = nullptr;
     Misbehave m = misbehave.count(n) ? misbehave[n] : Misbehave::kNone;
-    auto it = frames.find(n);
-    switch (m) {
-      case Misbehave::kNullView: return 0;
-      case Misbehave::kStatus3:
-        if (it != frames.end()) *frame = Wrap(it->second.get());
-        return 3;
-      case Misbehave::kInterrupt: return 6;
-      case Misbehave::kWrongSize: {
-        const PLImage* like = frames.begin()->second.get();
-        Owned odd = NewOwned(like->width + 1, like->height, like->channels, like->dataType);
-        PLImage* raw = odd.get();
-        *frame = Wrap(raw, std::move(odd));
-        return 0;
-      }
-      case Misbehave::kEmptyView: {
-        Owned empty(new PLImage(nullptr, 0, 0, 3, PLUChar, 0));
-        PLImage* raw = empty.get();
-        *frame = Wrap(raw, std::move(empty));
-        return 0;
-      }
-      case Misbehave::kNone: break;
+    auto it = from.find(n);
+    if (m == Misbehave::kNullView) return 0;
+    if (m == Misbehave::kInterrupt) return 6;
+    if (m == Misbehave::kWrongSize || m == Misbehave::kEmptyView) {
+      const PLImage* like = from.begin()->second.get();
+      Owned odd(m == Misbehave::kEmptyView
+                    ? new PLImage(nullptr, 0, 0, 3, PLUChar, 0)
+                    : new PLImage(like->width + 1, like->height, like->channels, like->dataType, 0));
+      PLImage* raw = odd.get();
+      *frame = Wrap(raw, std::move(odd));
+      return 0;
     }
-    if (it == frames.end()) return 5;
+    if (it == from.end()) return m == Misbehave::kStatus3 ? 3 : 5;
     *frame = Wrap(it->second.get());
-    return 0;
+    return m == Misbehave::kStatus3 ? 3 : 0;
   }
 };
 
@@ -161,7 +149,7 @@ class MemoryChronar : public NuvChronar4 {
 inline void AddMovingFrames(MemoryChronar* c, int32_t count, int32_t w, int32_t h,
                             int32_t channels, int32_t type, float speed, float down = 0.0f) {
   for (int32_t n = 0; n < count; ++n) {
-    Owned f(pltest::MakeTextured(w, h, channels, type, speed * n, down * n).release());
+    Owned f = pltest::MakeTextured(w, h, channels, type, speed * n, down * n);
     for (int32_t i = 0; channels == 4 && i < w * h; ++i)  // opaque
       pltest::Set(f.get(), i % w, i / w, 3, f->whitePoint);
     c->frames[n] = std::move(f);

@@ -24,17 +24,14 @@ namespace {
 
 using Picture = chronartest::Output;
 
-double White(int32_t type) { return type == PLUChar ? 255.0 : type == PLUShort ? 65535.0 : 1.0; }
-
 // The shared texture moved right by `shift` pixels, each channel a different part of it; a
 // matte channel is white.
 void Paint(PLImage* im, double shift) {
-  const double w = White(im->dataType);
   for (int32_t y = 0; y < im->height; ++y)
     for (int32_t x = 0; x < im->width; ++x)
       for (int32_t c = 0; c < im->channels; ++c) {
         const double v = c == 3 ? 1.0 : pltest::Texture(x - shift + 17 * c, y);
-        Set(im, x, y, c, im->dataType == PLFloat ? v : std::floor(v * w));
+        Set(im, x, y, c, im->dataType == PLFloat ? v : std::floor(v * im->whitePoint));
       }
 }
 
@@ -139,14 +136,15 @@ struct LayerScene {
       fv.push_back(fm.back()->v());
       sv.push_back(sm.back()->v());
     }
+    const double white = src.get()->whitePoint;
     for (int32_t y = 0; y < h; ++y)
       for (int32_t x = 0; x < w; ++x) {
         const bool moved = x >= 10 + move && x < 22 + move && y >= 8 && y < 20;
-        Set(fm[0]->get(), x, y, 0, x >= 10 && x < 22 && y >= 8 && y < 20 ? White(t) : 0.0);
-        Set(sm[0]->get(), x, y, 0, moved ? White(t) : 0.0);
+        Set(fm[0]->get(), x, y, 0, x >= 10 && x < 22 && y >= 8 && y < 20 ? white : 0.0);
+        Set(sm[0]->get(), x, y, 0, moved ? white : 0.0);
         for (int32_t c = 0; moved && c < 3; ++c) Set(b.get(), x, y, c, Get(a.get(), x - move, y, c));
         for (int32_t i = 1; i < matteCount; ++i)
-          for (Picture* m : {fm[i].get(), sm[i].get()}) Set(m->get(), x, y, 0, y >= 24 && y < 30 ? White(t) : 0.0);
+          for (Picture* m : {fm[i].get(), sm[i].get()}) Set(m->get(), x, y, 0, y >= 24 && y < 30 ? white : 0.0);
       }
   }
   int32_t Render(NuvMotionBlur* mb, const float* amounts, float amount, float stamp = 0.0f,
@@ -172,7 +170,7 @@ TEST_P(Layered, ZeroAmountsGiveTheSourceBack) {
     for (int32_t y = 0; y < s.h; ++y)
       for (int32_t x = 0; x < s.w; ++x)
         for (int32_t c = 0; c < 4; ++c)
-          ASSERT_EQ(Get(s.dst.get(), x, y, c), c == 3 ? White(s.type) : Get(s.src.get(), x, y, c)) << x << "," << y;
+          ASSERT_EQ(Get(s.dst.get(), x, y, c), c == 3 ? s.src.get()->whitePoint : Get(s.src.get(), x, y, c)) << x << "," << y;
     EXPECT_TRUE(pltest::PaddingUntouched(s.dst.image));
   }
 }

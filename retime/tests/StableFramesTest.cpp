@@ -1,6 +1,8 @@
 // The retiming engine's reuse of prepared flow pyramids between runs and renders
 // (stableFrames) gives the same bits as preparing both inputs for every run, and does save
-// work where frames are shared.
+// work where frames are shared. A retimer may also show three-channel frames while it
+// estimates on four (the luma of four channels is its own rule): the made R, G, B are then
+// the bits of the four-channel render, for every worker count.
 #include <vector>
 
 #include "retime/tests/ChronarTestSupport.h"
@@ -65,5 +67,76 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"EdgeBlendTurnedOn", 1, PLUChar, {0.5f, 1.5f, 2.0f, 2.5f, 3.5f}, false, 2},
         Case{"WarpChanged", 1, PLUChar, {0.5f, 1.5f, 2.5f, 3.5f}, false, -1, 2}),
     [](const ::testing::TestParamInfo<Case>& info) { return info.param.name; });
+
+// R, G, B of every pixel.
+std::vector<float> Colour(const PLImage* image) {
+  std::vector<float> values;
+  for (int32_t y = 0; y < image->height; ++y)
+    for (int32_t x = 0; x < image->width; ++x)
+      for (int32_t c = 0; c < 3; ++c) values.push_back(pltest::Get(image, x, y, c));
+  return values;
+}
+
+struct ShownCase {
+  const char* name;
+  int64_t interpolation;
+  int32_t warpStyle, dataType;
+};
+
+class ThreeShownTest : public ::testing::TestWithParam<ShownCase> {};
+
+TEST_P(ThreeShownTest, SameColourAsFourChannels) {
+  const ShownCase& k = GetParam();
+  const std::vector<float> times = {0.25f, 0.5f, 1.0f, 1.75f, 2.5f};
+  MemoryChronar four, three;
+  for (MemoryChronar* clip : {&four, &three}) {
+    chronartest::AddMovingFrames(clip, 4, kW, kH, 4, k.dataType, 3.5f, -1.5f);
+    clip->interpolation = k.interpolation;
+    clip->warpStyle = k.warpStyle;
+    clip->stableFrames = 1;
+  }
+  for (int32_t n = 0; n < 4; ++n)  // the four-channel frames' R, G, B
+    three.shown[n] = pltest::MakeTextured(kW, kH, 3, k.dataType, 3.5f * n, -1.5f * n);
+  std::vector<std::vector<float>> expected;
+  for (float t : times) {
+    chronartest::Output out(kW, kH, 4, k.dataType);
+    ASSERT_EQ(four.RenderAtTime(&out.view, t, 4, 1, nullptr), 0) << t;
+    expected.push_back(Colour(out.get()));
+  }
+  pltest::ExpectSameForAllWorkers([&] {
+    std::vector<unsigned char> bytes;
+    for (size_t r = 0; r < times.size(); ++r) {
+      chronartest::Output out(kW, kH, 3, k.dataType);
+      EXPECT_EQ(three.RenderAtTime(&out.view, times[r], 4, 1, nullptr), 0) << times[r];
+      EXPECT_EQ(Colour(out.get()), expected[r]) << "time " << times[r];
+      std::vector<unsigned char> b = pltest::PixelBytes(out.get());
+      bytes.insert(bytes.end(), b.begin(), b.end());
+    }
+    return bytes;
+  });
+  EXPECT_EQ(three.Outstanding(), 0);  // every frame given back
+  EXPECT_GT(three.internal->flowRuns, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Settings, ThreeShownTest,
+                         ::testing::Values(ShownCase{"MixGatherFilled", 1, 1, PLUChar},
+                                           ShownCase{"MixGatherPlain", 1, 0, PLUShort},
+                                           ShownCase{"NearestFilled", 0, 1, PLFloat}),
+                         [](const ::testing::TestParamInfo<ShownCase>& info) {
+                           return info.param.name;
+                         });
+
+// Vector steps read motion frames as pictures: there a four-channel motion frame for a
+// three-channel output is still refused.
+TEST(ThreeShownRefusal, VectorStepWantsMatchingMotionFrames) {
+  for (int32_t channels : {4, 3}) {
+    MemoryChronar clip;
+    chronartest::AddMovingFrames(&clip, 3, kW, kH, channels, PLUChar, 2.0f);
+    chronartest::Output out(kW, kH, 3, PLUChar);
+    EXPECT_EQ(clip.RenderVectors(&out.view, 1, 2, 0, 1.0f, 4, 4, 0, nullptr, nullptr, nullptr),
+              channels == 4 ? PLErrParameter : 0);
+    EXPECT_EQ(clip.Outstanding(), 0);
+  }
+}
 
 }  // namespace
