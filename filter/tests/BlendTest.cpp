@@ -96,7 +96,8 @@ TEST(Blend, FieldsPickRows) {
     }
 }
 
-TEST(Blend, FloatWhitePointMessage) {
+TEST(Blend, RefusalsLeaveTheDestination) {
+  // A Float white point other than 1.0 is refused with a message.
   Pair p = OnePixel(PLFloat, 0.2, 0.9);
   p.s->whitePoint = 255.0f;
   testing::internal::CaptureStderr();
@@ -110,16 +111,14 @@ TEST(Blend, FloatWhitePointMessage) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(PLBlendRows(q.d.get(), q.s.get(), 1, 0.5f), 0);
   EXPECT_FALSE(testing::internal::GetCapturedStderr().empty());
-}
-
-TEST(Blend, RefusalsLeaveTheDestination) {
+  // One or two channels: refused before the white point is read.
   for (int32_t channels : {1, 2}) {
-    Pair p = OnePixel(PLFloat, 0.2, 0.9, channels);
-    p.s->whitePoint = 3.0f;  // would speak if it got that far
+    Pair few = OnePixel(PLFloat, 0.2, 0.9, channels);
+    few.s->whitePoint = 3.0f;  // would speak if it got that far
     testing::internal::CaptureStderr();
-    EXPECT_EQ(PLBlend(p.d.get(), p.s.get(), 0.5f), 0);
+    EXPECT_EQ(PLBlend(few.d.get(), few.s.get(), 0.5f), 0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    EXPECT_EQ(Get(p.d.get(), 0, 0, 0), 0.2f);
+    EXPECT_EQ(Get(few.d.get(), 0, 0, 0), 0.2f);
   }
   // Not alike: flipped, size or type differ.
   TestImage d = MakeImage(5, 5, 3, PLUChar);

@@ -138,66 +138,57 @@ std::unique_ptr<PLOpticalFlowUChar> Estimator(int32_t w, int32_t h, int32_t mask
   return std::unique_ptr<PLOpticalFlowUChar>(new PLOpticalFlowUChar(w, h, 0, 0, masks, 1000));
 }
 
-TEST(FlowPropagate, EntryMatchesTheReferenceForAnyWorkerCount) {
-  std::mt19937 rng(1234);
-  for (int32_t masks = 0; masks < 2; ++masks) {
-    auto est = Estimator(150, 140, masks);
-    PLImage* ma = masks ? est->firstMaskPyramid[0] : nullptr;
-    PLImage* mb = masks ? est->secondMaskPyramid[0] : nullptr;
-    FillScene(est->firstPyramid[0], est->secondPyramid[0], est->flowPyramid[0], ma, mb, rng);
-    auto start = flowtest::Snapshot(est->flowPyramid[0]);
-    auto expected = flowtest::Snapshot(start.get());
-    Ref{est->firstPyramid[0], est->secondPyramid[0], ma, mb, 150, 140}.Sweeps(expected.get());
-    ASSERT_FALSE(pltest::SamePixels(expected.get(), start.get()));  // the sweeps did work
-    for (int32_t workers : kPLTestWorkerCounts) {
-      PLTestUseWorkers(workers);
-      pltest::CopyPixels(est->flowPyramid[0], start.get());
-      est->PropagateFlow(0, false, nullptr);
-      EXPECT_TRUE(pltest::SamePixels(est->flowPyramid[0], expected.get()))
-          << "workers " << workers << " masks " << masks;
-    }
-    PLTestUseWorkers(1);
-  }
-}
-
-// Sizes with no interior, and sizes that leave every count of rows and columns to the
-// four-lane and one-lane tails (bands of 1, 2, 3 and 8 workers included), on flipped and
-// padded layouts, with a cache holding what another stage left in it.
-TEST(FlowPropagate, BothRowLoopsMatchTheReference) {
+// The estimator's entry (its own level images, with and without masks) and both row loops
+// (flipped and padded layouts, a cache holding what another stage left in it) against the
+// reference, for 1, 2, 3 and 8 workers: sizes with no interior, and sizes that leave every
+// count of rows and columns to the four-lane and one-lane tails.
+TEST(FlowPropagate, EntryAndBothRowLoopsMatchTheReference) {
   pltest::WorkerGuard guard;
   std::mt19937 rng(29);
-  const int32_t sizes[][2] = {{3, 2}, {2, 6}, {4, 9}, {5, 12}, {11, 11}, {13, 30}, {27, 19},
-                              {70, 41}};
+  const int32_t sizes[][2] = {{3, 2},   {2, 6},   {4, 9},   {5, 12},   {11, 11},
+                              {13, 30}, {27, 19}, {70, 41}, {150, 140}};
   int32_t trial = 0;
   for (const auto& sz : sizes)
-    for (int32_t workers : kPLTestWorkerCounts) {
-      const int32_t w = sz[0], h = sz[1];
-      auto layout = [&](int32_t k) { return pltest::kLayouts[(trial + k) % 4]; };
-      ++trial;
-      pltest::TestImage first = pltest::MakeImage(w, h, 1, PLFloat, layout(0));
-      pltest::TestImage second = pltest::MakeImage(w, h, 1, PLFloat, layout(1));
-      pltest::TestImage start = pltest::MakeImage(w, h, 2, PLFloat, layout(2));
-      FillScene(first.get(), second.get(), start.get(), nullptr, nullptr, rng);
-      pltest::TestImage want = pltest::MakeImage(w, h, 2, PLFloat);
-      pltest::CopyPixels(want.get(), start.get());
-      Ref{first.get(), second.get(), nullptr, nullptr, w, h}.Sweeps(want.get());
-      if (w > 5) {  // on the narrowest levels few candidates can be evaluated at all
-        EXPECT_FALSE(pltest::SamePixels(want.get(), start.get())) << "no work at " << w;
-      }
-      for (bool wide : {false, true}) {
-        if (wide && !PLWideAvailable()) continue;
-        pltest::TestImage flow = pltest::MakeImage(w, h, 2, PLFloat, layout(wide + 3));
-        pltest::TestImage cache = pltest::MakeImage(w, h, 2, PLFloat, layout(wide));
-        pltest::FillRandom(cache.get(), rng(), -5.0f, 5.0f);
-        pltest::CopyPixels(flow.get(), start.get());
+    for (int32_t masks : {0, 1})
+      for (int32_t workers : kPLTestWorkerCounts) {
+        const int32_t w = sz[0], h = sz[1];
+        auto layout = [&](int32_t k) { return pltest::kLayouts[(trial + k) % 4]; };
+        ++trial;
+        auto est = Estimator(w, h, masks);
+        PLImage* ma = masks ? est->firstMaskPyramid[0] : nullptr;
+        PLImage* mb = masks ? est->secondMaskPyramid[0] : nullptr;
+        pltest::TestImage first = pltest::MakeImage(w, h, 1, PLFloat, layout(0));
+        pltest::TestImage second = pltest::MakeImage(w, h, 1, PLFloat, layout(1));
+        pltest::TestImage start = pltest::MakeImage(w, h, 2, PLFloat, layout(2));
+        FillScene(first.get(), second.get(), start.get(), ma, mb, rng);
+        pltest::TestImage want = pltest::MakeImage(w, h, 2, PLFloat);
+        pltest::CopyPixels(want.get(), start.get());
+        Ref{first.get(), second.get(), ma, mb, w, h}.Sweeps(want.get());
+        if (w > 5) {  // on the narrowest levels few candidates can be evaluated at all
+          EXPECT_FALSE(pltest::SamePixels(want.get(), start.get())) << "no work at " << w;
+        }
+        pltest::CopyPixels(est->firstPyramid[0], first.get());
+        pltest::CopyPixels(est->secondPyramid[0], second.get());
+        pltest::CopyPixels(est->flowPyramid[0], start.get());
         PLTestUseWorkers(workers);
-        plflow::PropagateSweepsOnPath(wide, flow.get(), first.get(), second.get(),
-                                      cache.get());
+        est->PropagateFlow(0, false, nullptr);
         PLTestUseWorkers(1);
-        EXPECT_TRUE(pltest::SamePixels(flow.get(), want.get()))
-            << w << "x" << h << " workers " << workers << " wide " << wide;
+        EXPECT_TRUE(pltest::SamePixels(est->flowPyramid[0], want.get()))
+            << "entry " << w << "x" << h << " workers " << workers << " masks " << masks;
+        for (bool wide : {false, true}) {
+          if (masks || (wide && !PLWideAvailable())) continue;  // the row loops take no masks
+          pltest::TestImage flow = pltest::MakeImage(w, h, 2, PLFloat, layout(wide + 3));
+          pltest::TestImage cache = pltest::MakeImage(w, h, 2, PLFloat, layout(wide));
+          pltest::FillRandom(cache.get(), rng(), -5.0f, 5.0f);
+          pltest::CopyPixels(flow.get(), start.get());
+          PLTestUseWorkers(workers);
+          plflow::PropagateSweepsOnPath(wide, flow.get(), first.get(), second.get(),
+                                        cache.get());
+          PLTestUseWorkers(1);
+          EXPECT_TRUE(pltest::SamePixels(flow.get(), want.get()))
+              << w << "x" << h << " workers " << workers << " wide " << wide;
+        }
       }
-    }
 }
 
 }  // namespace

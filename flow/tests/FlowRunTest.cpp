@@ -185,8 +185,7 @@ TEST(FlowBadInput, TwoChannelsAndOutOfRangeFloatGiveNoLuma) {
   PLOpticalFlowUChar flow(24, 20, 0, 0, 0, 12);
   PLImage* level0 = flow.firstPyramid[0];
   auto two = flowtest::MakeFloat(24, 20, 2, 0.5f);
-  for (int32_t y = 0; y < 20; ++y)
-    for (int32_t x = 0; x < 24; ++x) At(level0, x, y) = -7.0f;
+  pltest::Fill(level0, -7.0);
   for (int32_t type : {PLUChar, PLUShort, PLFloat}) {
     PLImage pair(24, 20, 2, type, 0);
     pltest::FillRandom(&pair, 4);
@@ -315,24 +314,23 @@ TEST(FlowHintsRun, HintRoundingAndSign) {
   EXPECT_EQ(At(flow.flowPyramid[0], 4, 4, 1), -1.0f);
 }
 
+// A view over an image, as the one-shot entry takes them.
+struct View {
+  NuvImageInternal wrap;
+  NuvImage view;
+  explicit View(PLImage* image) : wrap(image) { view.Attach(&wrap); }
+};
+
 TEST(FlowOneShot, StatusesAndResult) {
   auto a = MakeTextured(64, 48, 3, PLUChar, 0, 0);
   auto b = MakeTextured(64, 48, 3, PLUChar, 1.0, 0.0);
-  NuvImageInternal wa(a.get()), wb(b.get());
-  NuvImage va, vb, vf;
-  va.Attach(&wa);
-  vb.Attach(&wb);
-  auto out = flowtest::MakeFloat(32, 24, 2);
-  NuvImageInternal wf(out.get());
-  vf.Attach(&wf);
-  EXPECT_EQ(ComputeFlowOneShot(nullptr, &va, &vb, 1, nullptr), 5);
-  EXPECT_EQ(ComputeFlowOneShot(&vf, &va, &vb, 0, nullptr), 5);  // 64x48 expected
   auto c = MakeTextured(64, 48, 1, PLUChar, 0, 0);
-  NuvImageInternal wc(c.get());
-  NuvImage vc;
-  vc.Attach(&wc);
-  EXPECT_EQ(ComputeFlowOneShot(&vf, &va, &vc, 1, nullptr), 5);
-  EXPECT_EQ(ComputeFlowOneShot(&vf, &va, &vb, 1, nullptr), 0);
+  auto out = flowtest::MakeFloat(32, 24, 2);
+  View va(a.get()), vb(b.get()), vc(c.get()), vf(out.get());
+  EXPECT_EQ(ComputeFlowOneShot(nullptr, &va.view, &vb.view, 1, nullptr), 5);
+  EXPECT_EQ(ComputeFlowOneShot(&vf.view, &va.view, &vb.view, 0, nullptr), 5);  // 64x48 expected
+  EXPECT_EQ(ComputeFlowOneShot(&vf.view, &va.view, &vc.view, 1, nullptr), 5);
+  EXPECT_EQ(ComputeFlowOneShot(&vf.view, &va.view, &vb.view, 1, nullptr), 0);
   PLOpticalFlowUChar same(64, 48, 1, 0, 0, 2);
   same.ComputeFlow(nullptr, a.get(), b.get(), 1, 1, 0, nullptr, false);
   EXPECT_TRUE(pltest::SamePixels(same.flowPyramid[0], out.get()));

@@ -302,7 +302,7 @@ TEST(FlowHints, ApplyReplaceAndPull) {
   auto weight = MakeFloat(3, 1, 1);
   At(weight.get(), 1, 0) = 2.0f;
   At(weight.get(), 2, 0) = 0.5f;
-  auto pulled = flowtest::Snapshot(flow.get());
+  auto pulled = MakeFloat(3, 1, 2, 2.0f);
   ApplyHints(flow.get(), hint.get(), weight.get(), 1);
   EXPECT_EQ(At(flow.get(), 0, 0, 0), 2.0f);  // weight 0: untouched
   EXPECT_EQ(At(flow.get(), 1, 0, 1), 3.0f);

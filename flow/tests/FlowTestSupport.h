@@ -43,14 +43,4 @@ inline uint64_t Hash(const PLImage* image) {
   return h;
 }
 
-// Copy of a float image's pixels into a fresh unflipped image.
-inline std::unique_ptr<PLImage> Snapshot(const PLImage* image) {
-  std::unique_ptr<PLImage> copy(
-      new PLImage(image->width, image->height, image->channels, image->dataType, 0));
-  for (int32_t y = 0; y < image->height; ++y)
-    std::memcpy(copy->Row(y), image->Row(y),
-                static_cast<size_t>(image->width) * image->bytesPerPixel);
-  return copy;
-}
-
 }  // namespace flowtest
