@@ -90,46 +90,35 @@ TEST(FlowDissolve, MessagesAndRefusalsLeaveTheDestination) {
 
 // ---- Styles 0 to 3 -----------------------------------------------------------------------
 
-TEST(FlowDissolve, CutTakesImageAFromHalfOn) {
+// Style 0 cuts to imageA from t = 0.5 on (any channel count); style 2 is the plain dissolve
+// (a flow is required though unused: either will do); style 1 pushes the nearer image,
+// imageA at t = 0.5; style 3 dissolves both warps.
+TEST(FlowDissolve, StylesZeroToThreeAreTheirLiteralRules) {
   for (int32_t channels = 1; channels <= 4; ++channels) {
     TestImage a = Picture(11, 5, channels, 3), b = Picture(11, 5, channels, 4);
     TestImage dst = MakeImage(11, 5, channels, PLUChar, 1, 5);
-    PLFlowDissolve(0.5f, dst.get(), a.get(), nullptr, b.get(), nullptr, 0);
-    EXPECT_TRUE(SamePixels(dst.get(), a.get()));
-    PLFlowDissolve(0.4999f, dst.get(), a.get(), nullptr, b.get(), nullptr, 0);
-    EXPECT_TRUE(SamePixels(dst.get(), b.get()));
+    for (float t : {0.5f, 0.4999f}) {
+      PLFlowDissolve(t, dst.get(), a.get(), nullptr, b.get(), nullptr, 0);
+      EXPECT_TRUE(SamePixels(dst.get(), (t >= 0.5f ? a : b).get()));
+    }
     EXPECT_TRUE(PaddingUntouched(dst));
   }
-}
-
-TEST(FlowDissolve, PlainDissolveIsTheLiteralRule) {
-  TestImage flow = SmoothFlow(37, 19, 2, 0);  // not used by the style, but one is required
-  TestImage ra = Picture(37, 19, 4, 5), rb = Picture(37, 19, 4, 6);
-  TestImage out = MakeImage(37, 19, 4, PLUChar, 0, 1);
-  for (float t : {0.0f, 0.25f, 0.37f, 0.5f, 0.9f, 1.0f}) {
-    PLImage* fa = t < 0.3f ? nullptr : flow.get();  // either flow will do
-    PLFlowDissolve(t, out.get(), ra.get(), fa, rb.get(), fa ? nullptr : flow.get(), 2);
-    EXPECT_TRUE(SamePixels(out.get(), Dissolved(ra.get(), rb.get(), 1.0f - t).get())) << t;
-  }
-}
-
-// Style 1 pushes the nearer image, imageA at t = 0.5; style 3 dissolves both warps.
-TEST(FlowDissolve, WarpStylesUseTheStatedImagesFlowsAndAmounts) {
   TestImage a = Picture(40, 30, 4, 7), b = Picture(40, 30, 4, 8);
   TestImage fa = SmoothFlow(40, 30, 4, 0.3f), fb = SmoothFlow(40, 30, 4, 1.7f);
   TestImage dst = MakeImage(40, 30, 4, PLUChar, 1, 4);
   PLFlowDissolve(0.5f, dst.get(), a.get(), fa.get(), b.get(), fb.get(), 7);  // zero borders
-  for (float t : {0.5f, 0.8f, 0.2f, 0.0f}) {
+  for (float t : {0.5f, 0.8f, 0.2f, 0.0f, 0.25f, 0.37f, 0.9f, 1.0f}) {
+    PLImage* onlyFlow[2] = {t < 0.3f ? nullptr : fa.get(), t < 0.3f ? fb.get() : nullptr};
+    PLFlowDissolve(t, dst.get(), a.get(), onlyFlow[0], b.get(), onlyFlow[1], 2);
+    EXPECT_TRUE(SamePixels(dst.get(), Dissolved(a.get(), b.get(), 1.0f - t).get())) << t;
     Fill(dst.get(), 0.0);
     PLFlowDissolve(t, dst.get(), a.get(), fa.get(), b.get(), fb.get(), 1);
-    const bool useA = t >= 0.5f;
-    EXPECT_TRUE(SamePixels(dst.get(), (useA ? Warped(a.get(), fa.get(), 1.0f - t)
-                                            : Warped(b.get(), fb.get(), t)).get()))
-        << t;
-    PLFlowDissolve(t, dst.get(), a.get(), fa.get(), b.get(), fb.get(), 3);
     TestImage wa = Warped(a.get(), fa.get(), 1.0f - t), wb = Warped(b.get(), fb.get(), t);
+    EXPECT_TRUE(SamePixels(dst.get(), (t >= 0.5f ? wa : wb).get())) << t;
+    PLFlowDissolve(t, dst.get(), a.get(), fa.get(), b.get(), fb.get(), 3);
     EXPECT_TRUE(SamePixels(dst.get(), Dissolved(wa.get(), wb.get(), 1.0f - t).get())) << t;
   }
+  EXPECT_TRUE(PaddingUntouched(dst));
 }
 
 // ---- Style 4 -------------------------------------------------------------------------------

@@ -19,9 +19,7 @@ using namespace pltest;
 
 namespace {
 
-float F(const PLImage* im, int32_t x, int32_t y, int32_t c) {
-  return static_cast<float>(Get(im, x, y, c));
-}
+constexpr auto& F = Sample;
 
 // ---- Level geometry ----------------------------------------------------------------------
 

@@ -18,12 +18,8 @@ using pltest::TestImage;
 
 namespace {
 
-double WhiteOf(int32_t type) { return type == PLUChar ? 255.0 : type == PLUShort ? 65535.0 : 1.0; }
-
-// The store of a float result: integer types add 0.5f and truncate.
-double Store(int32_t type, float v) {
-  return type == PLFloat ? v : static_cast<double>(static_cast<int64_t>(v + 0.5f));
-}
+// The store of a float result (every result here is in the type's range).
+using pltest::ClampedStore;
 
 class LayerOpsByType : public ::testing::TestWithParam<int32_t> {};
 INSTANTIATE_TEST_SUITE_P(Types, LayerOpsByType, ::testing::Values(PLUChar, PLUShort, PLFloat));
@@ -53,8 +49,8 @@ TEST_P(LayerOpsByType, CanonicalOrderRoundTrip) {
 
 TEST_P(LayerOpsByType, SubtractInvertAndBlackMatte) {
   const int32_t type = GetParam();
-  const double w = WhiteOf(type);
   TestImage d = MakeImage(4, 1, 1, type, 0, 3), s = MakeImage(4, 1, 1, type, 1);
+  const double w = d->whitePoint;
   TestImage m = MakeImage(4, 1, 1, PLFloat, 1, 4);
   const double dv[4] = {w, 0.5 * w, 0.0, w}, sv[4] = {0.25 * w, w, 0.0, w};
   const float mv[4] = {0.3f, -1.0f, 1.5f, 0.0f};
@@ -71,14 +67,14 @@ TEST_P(LayerOpsByType, SubtractInvertAndBlackMatte) {
   for (int32_t x = 0; x < 4; ++x) {
     float v = std::min((1.0f - mv[x]) * static_cast<float>(want[x]), static_cast<float>(w));
     if (type != PLFloat) v = std::max(v, 0.0f);
-    EXPECT_EQ(Get(d.get(), x, 0, 0), Store(type, v)) << x;
+    EXPECT_EQ(Get(d.get(), x, 0, 0), ClampedStore(type, v)) << x;
   }
   EXPECT_TRUE(pltest::PaddingUntouched(d));
 }
 
 TEST_P(LayerOpsByType, ApplyMatteAndLayerMatte) {
   const int32_t type = GetParam();
-  const float w = static_cast<float>(WhiteOf(type));
+  const float w = MakeImage(1, 1, 1, type)->whitePoint;
   for (int32_t sc : {3, 4}) {
     TestImage src = MakeImage(3, 3, sc, type, 0, 2), matte = MakeImage(3, 3, 1, type, 1);
     TestImage dst = MakeImage(3, 3, 4, type, 1, 5);
@@ -91,7 +87,7 @@ TEST_P(LayerOpsByType, ApplyMatteAndLayerMatte) {
         for (int32_t c = 0; c < 4; ++c)
           EXPECT_EQ(Get(dst.get(), x, y, c),
                     c == 3 && sc == 3 ? m
-                                      : Store(type, static_cast<float>(Get(src.get(), x, y, c)) * m / w));
+                                      : ClampedStore(type, static_cast<float>(Get(src.get(), x, y, c)) * m / w));
       }
     EXPECT_TRUE(pltest::PaddingUntouched(dst));
   }
@@ -113,8 +109,8 @@ TEST_P(LayerOpsByType, ApplyMatteAndLayerMatte) {
 // Over a destination corner, premultiplied source: colour d(1-a)+s, matte md+(W-md)a.
 TEST_P(LayerOpsByType, CompositeOverRectangle) {
   const int32_t type = GetParam();
-  const float w = static_cast<float>(WhiteOf(type));
   TestImage dst = MakeImage(4, 3, 4, type, 1, 4), src = MakeImage(3, 3, 4, type);
+  const float w = dst->whitePoint;
   TestImage before = MakeImage(4, 3, 4, type);
   pltest::FillRandom(dst.get(), 21);
   pltest::CopyPixels(before.get(), dst.get());
@@ -132,7 +128,7 @@ TEST_P(LayerOpsByType, CompositeOverRectangle) {
         double want = d;
         if (x >= 2 && y <= 1) {
           const float a = static_cast<float>(Get(src.get(), x - 1, y + 1, 3)) / w;
-          want = Store(type, c < 3 ? d * (1.0f - a) + static_cast<float>(Get(src.get(), x - 1, y + 1, c))
+          want = ClampedStore(type, c < 3 ? d * (1.0f - a) + static_cast<float>(Get(src.get(), x - 1, y + 1, c))
                                    : d + (w - d) * a);
         }
         EXPECT_EQ(Get(dst.get(), x, y, c), want) << x << "," << y << "," << c;
