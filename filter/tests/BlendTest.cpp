@@ -22,20 +22,45 @@ Pair OnePixel(int32_t type, double dv, double sv, int32_t channels = 3) {
   return p;
 }
 
-double BlendOne(int32_t type, double dv, double sv, float t) {
-  Pair p = OnePixel(type, dv, sv);
-  EXPECT_EQ(PLBlend(p.d.get(), p.s.get(), t), 1);
-  return Get(p.d.get(), 0, 0, 0);
+// The 3-channel rule of each type, as PLBlend.h states it.
+double Ref3(int32_t type, float dv, float sv, float t) {
+  if (type == PLFloat) return sv + (dv - sv) * t;  // unlimited
+  float v = type == PLUChar ? sv * (1.0f - t) + dv * t + 0.5f : sv + (dv - sv) * t + 0.5f;
+  if (type == PLUShort || t < 0.0f || t > 1.0f)
+    v = std::min(std::max(v, 0.0f), type == PLUChar ? 255.0f : 65535.0f);
+  return static_cast<int32_t>(v);
 }
 
-TEST(Blend, EdgeValuesPerType) {
-  // (8-bit: every pair, below)
-  EXPECT_EQ(BlendOne(PLUShort, 50000, 60000, -1.0f), 65535);  // 70000.5
-  EXPECT_EQ(BlendOne(PLUShort, 60000, 50000, -1.0f), 40000);
-  EXPECT_EQ(BlendOne(PLUShort, 0, 65535, -3.0f), 65535);
-  EXPECT_EQ(BlendOne(PLUShort, 65535, 0, -3.0f), 0);
-  EXPECT_EQ(BlendOne(PLFloat, 0.2, 0.9, -1.0f), 0.9f + (0.2f - 0.9f) * -1.0f);  // 1.6, no limit
-  EXPECT_EQ(BlendOne(PLFloat, 0.9, 0.2, 3.0f), 0.2f + (0.9f - 0.2f) * 3.0f);
+// Every pair of 8-bit samples (the table), and a grid of 16-bit and Float pairs from 0 to
+// white, inside and outside 0..1, the copy at t = 0 included, each field: 1 every row, 3 the
+// odd rows, 0 and 2 the even rows.
+TEST(Blend, ThreeChannelRulePerTypeAndField) {
+  const float ts[] = {0.3f, 1.0f / 3.0f, -0.5f, 1.7f, -2.0f, -1.0f, 3.0f, 0.0f};
+  const int32_t fields[] = {1, 3, 0, 2};
+  for (int32_t type : {PLUChar, PLUShort, PLFloat})
+    for (int32_t i = 0; i < 8; ++i) {
+      const double scale = type == PLUChar ? 1.0 : type == PLUShort ? 257.0 : 1.0 / 255.0;
+      const int32_t field = fields[i % 4];
+      TestImage d = MakeImage(256, 256, 3, type, 1, 2), s = MakeImage(256, 256, 3, type, 1, 6);
+      TestImage start = MakeImage(256, 256, 3, type);
+      for (int32_t y = 0; y < 256; ++y)
+        for (int32_t x = 0; x < 256; ++x)
+          for (int32_t c = 0; c < 3; ++c) {
+            Set(d.get(), x, y, c, (c == 1 ? x : y) * scale);
+            Set(s.get(), x, y, c, (c == 1 ? y : x) * scale);
+          }
+      CopyPixels(start.get(), d.get());
+      ASSERT_EQ(PLBlendRows(d.get(), s.get(), field, ts[i]), 1);
+      for (int32_t y = 0; y < 256; ++y)
+        for (int32_t x = 0; x < 256; ++x) {
+          const float dv = Sample(start.get(), x, y, 0), sv = Sample(s.get(), x, y, 0);
+          const bool chosen = field == 1 || (field == 3 ? y % 2 == 1 : y % 2 == 0);
+          ASSERT_EQ(Get(d.get(), x, y, 0), chosen ? Ref3(type, dv, sv, ts[i]) : dv)
+              << "type " << type << " t " << ts[i] << " field " << field << " d " << dv
+              << " s " << sv;
+        }
+      EXPECT_TRUE(PaddingUntouched(d));
+    }
 }
 
 TEST(Blend, ZeroCopiesOneKeeps) {
@@ -52,47 +77,6 @@ TEST(Blend, ZeroCopiesOneKeeps) {
       EXPECT_EQ(PLBlend(d.get(), s.get(), 0.0f), 1);
       EXPECT_TRUE(SamePixels(d.get(), s.get()));
       EXPECT_TRUE(PaddingUntouched(d));
-    }
-}
-
-// The 8-bit table against the formula, for every pair of samples.
-TEST(Blend, UCharTableForEveryPair) {
-  for (float t : {0.3f, 1.0f / 3.0f, -0.5f, 1.7f, -2.0f}) {
-    TestImage d = MakeImage(256, 256, 3, PLUChar);
-    TestImage s = MakeImage(256, 256, 3, PLUChar);
-    for (int32_t y = 0; y < 256; ++y)
-      for (int32_t x = 0; x < 256; ++x)
-        for (int32_t c = 0; c < 3; ++c) {
-          Set(d.get(), x, y, c, c == 1 ? x : y);
-          Set(s.get(), x, y, c, c == 1 ? y : x);
-        }
-    ASSERT_EQ(PLBlendRows(d.get(), s.get(), 1, t), 1);
-    const bool inside = t >= 0.0f && t <= 1.0f;
-    for (int32_t y = 0; y < 256; ++y)
-      for (int32_t x = 0; x < 256; ++x) {
-        const int32_t dv = y, sv = x;
-        float v = static_cast<float>(sv) * (1.0f - t) + static_cast<float>(dv) * t + 0.5f;
-        if (!inside) v = std::min(std::max(v, 0.0f), 255.0f);
-        ASSERT_EQ(Get(d.get(), x, y, 0), static_cast<int32_t>(v)) << "t " << t << " d " << dv << " s " << sv;
-      }
-  }
-}
-
-// Field 1 blends every row, 3 the odd rows, 0 and 2 the even rows; the copy at t = 0 honours
-// the field too.
-TEST(Blend, FieldsPickRows) {
-  for (int32_t field : {1, 3, 0, 2})
-    for (float t : {0.5f, 0.0f}) {
-      TestImage d = MakeImage(4, 6, 3, PLUShort, 1);
-      TestImage s = MakeImage(4, 6, 3, PLUShort, 1, 6);
-      Fill(d.get(), 1000);
-      Fill(s.get(), 3000);
-      ASSERT_EQ(PLBlendRows(d.get(), s.get(), field, t), 1);
-      for (int32_t y = 0; y < 6; ++y) {
-        const bool chosen = field == 1 || (field == 3 ? y % 2 == 1 : y % 2 == 0);
-        EXPECT_EQ(Get(d.get(), 2 + y % 2, y, y % 3), chosen ? 3000 - 2000 * t : 1000)
-            << "field " << field << " t " << t << " row " << y;
-      }
     }
 }
 
