@@ -425,35 +425,6 @@ TEST(SingleChannelFill, CopyChannelConversions) {
   EXPECT_THROW(LevelStack::CopyChannel(a.get(), 1, a.get(), 0), PLErr);
 }
 
-// Upsample against the bilinear rule; one-column targets read column 0.
-TEST(SingleChannelFill, UpsampleMatchesFormula) {
-  const int32_t sizes[][4] = {{9, 7, 4, 3}, {17, 10, 8, 5}, {5, 5, 2, 2}, {1, 4, 3, 2}};
-  for (auto& z : sizes) {
-    TestImage src = MakeImage(z[2], z[3], 2, PLFloat, 1, 4);
-    TestImage dst = MakeImage(z[0], z[1], 2, PLFloat, 0, 4);
-    FillRandom(src.get(), 12);
-    LevelStack::Upsample(dst.get(), src.get());
-    const float fx = z[0] == 1 ? 0.0f : 1.0f / ((float(z[0]) - 1.0f) / float(z[2] - 1));
-    const float fy = 1.0f / ((float(z[1]) - 1.0f) / float(z[3] - 1));
-    for (int32_t y = 0; y < z[1]; ++y)
-      for (int32_t x = 0; x < z[0]; ++x)
-        for (int32_t c = 0; c < 2; ++c)
-          ASSERT_EQ(Get(dst.get(), x, y, c), Bilinear(src.get(), float(x) * fx, float(y) * fy, c))
-              << x << "," << y;
-    EXPECT_TRUE(PaddingUntouched(dst));
-  }
-  TestImage u8 = MakeImage(4, 4, 1, PLUChar), f = MakeImage(2, 2, 1, PLFloat);
-  TestImage f2 = MakeImage(4, 4, 2, PLFloat);
-  for (PLImage* bad : {u8.get(), f2.get()}) {
-    try {
-      LevelStack::Upsample(bad, f.get());
-      ADD_FAILURE() << "accepted";
-    } catch (PLErr e) {
-      EXPECT_EQ(e, PLErrParameter);
-    }
-  }
-}
-
 // An interruption rises out of the first smoothing tick as value 6.
 TEST(SingleChannelFill, InterruptionPropagates) {
   TestImage im = MakeImage(20, 20, 1, PLFloat);

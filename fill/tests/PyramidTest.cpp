@@ -7,9 +7,11 @@
 #include <string>
 
 #include "fill/PLPyramid.h"
+#include "fill/PLSingleChannelFill.h"
 #include "tests/support/PLTestImages.h"
 
 using namespace pltest;
+using LevelStack = class PLSingleChannelFill;
 
 namespace {
 
@@ -17,12 +19,16 @@ float At(const PLImage* level, int32_t x, int32_t y) {
   return static_cast<float>(Get(level, x, y, 0));
 }
 
-// Expand as written: corner-aligned bilinear.
+// Expand and the single channel fill's Upsample as written: corner-aligned bilinear; a
+// one-column target reads column 0.
 void RefExpand(PLImage* dst, const PLImage* src) {
-  const float sx = 1.0f / ((dst->width - 1.0f) / static_cast<float>(src->width - 1));
+  const float sx =
+      dst->width == 1 ? 0.0f : 1.0f / ((dst->width - 1.0f) / static_cast<float>(src->width - 1));
   const float sy = 1.0f / ((dst->height - 1.0f) / static_cast<float>(src->height - 1));
   for (int32_t y = 0; y < dst->height; ++y)
-    for (int32_t x = 0; x < dst->width; ++x) Set(dst, x, y, 0, Bilinear(src, x * sx, y * sy, 0));
+    for (int32_t x = 0; x < dst->width; ++x)
+      for (int32_t c = 0; c < dst->channels; ++c)
+        Set(dst, x, y, c, Bilinear(src, x * sx, y * sy, c));
 }
 
 TEST(Pyramid, LevelCountsAndSizes) {
@@ -41,19 +47,37 @@ TEST(Pyramid, LevelCountsAndSizes) {
   EXPECT_THROW(GaussStepOneDPyramid(-3), PLErr);
 }
 
-TEST(Pyramid, ExpandMatchesReference) {
-  const int32_t sizes[][4] = {{10, 10, 20, 21}, {12, 7, 25, 14}, {2, 2, 5, 3}, {9, 4, 9, 4}};
-  for (auto& z : sizes) {
-    PLImage src(z[0], z[1], 1, PLFloat, 0), got(z[2], z[3], 1, PLFloat, 1), want(z[2], z[3], 1, PLFloat, 0);
-    FillRandom(&src, z[0] * 31 + z[3]);
-    Expand(&got, &src);
-    RefExpand(&want, &src);
-    EXPECT_TRUE(SamePixels(&got, &want)) << z[0] << "x" << z[1] << " -> " << z[2] << "x" << z[3];
-  }
+// Expand on one channel, Upsample on two; flipped and padded images.
+TEST(Pyramid, ExpandAndUpsampleMatchReference) {
+  const int32_t sizes[][4] = {{10, 10, 20, 21}, {12, 7, 25, 14}, {2, 2, 5, 3}, {9, 4, 9, 4},
+                              {4, 3, 9, 7},     {8, 5, 17, 10},  {2, 2, 5, 5}, {3, 2, 1, 4}};
+  for (auto& z : sizes)
+    for (int32_t upsample = z[2] == 1; upsample < 2; ++upsample) {  // Expand needs 2 columns
+      TestImage src = MakeImage(z[0], z[1], 1 + upsample, PLFloat, upsample, 4 * upsample);
+      TestImage got = MakeImage(z[2], z[3], 1 + upsample, PLFloat, 1 - upsample, 4);
+      TestImage want = MakeImage(z[2], z[3], 1 + upsample, PLFloat);
+      FillRandom(src.get(), z[0] * 31 + z[3]);
+      if (upsample)
+        LevelStack::Upsample(got.get(), src.get());
+      else
+        Expand(got.get(), src.get());
+      RefExpand(want.get(), src.get());
+      EXPECT_TRUE(SamePixels(got.get(), want.get()) && PaddingUntouched(got))
+          << z[0] << "x" << z[1] << " -> " << z[2] << "x" << z[3] << " upsample " << upsample;
+    }
   PLImage one(1, 5, 1, PLFloat, 0), dst(4, 4, 1, PLFloat, 0), rgb(3, 3, 3, PLFloat, 0);
   EXPECT_THROW(Expand(&dst, &one), PLErr);
   EXPECT_THROW(Expand(&one, &dst), PLErr);
   EXPECT_THROW(Expand(&dst, &rgb), PLErr);
+  PLImage u8(4, 4, 1, PLUChar, 0), f(2, 2, 1, PLFloat, 0), f2(4, 4, 2, PLFloat, 0);
+  for (PLImage* bad : {&u8, &f2}) {
+    try {
+      LevelStack::Upsample(bad, &f);
+      ADD_FAILURE() << "accepted";
+    } catch (PLErr e) {
+      EXPECT_EQ(e, PLErrParameter);
+    }
+  }
 }
 
 // Each band is the low-pass level less the expansion of the next; the top is low-pass.
