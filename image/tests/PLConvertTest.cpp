@@ -162,25 +162,20 @@ TEST(FlowConvert, FunctorsThroughConvertPixels) {
   auto flow = MakeImage(9, 6, 2, PLFloat, pltest::kPadded);
   pltest::FillRandom(flow.get(), 3, -12.0f, 12.0f);
   flow->SetFlow(0, 0, 9, 9.0f, -20.0f);  // beyond the range on v: clamps
-  PLImage coded(9, 6, 2, PLUShort, 1);
+  PLImage coded(9, 6, 2, PLUShort, 1), back(9, 6, 2, PLFloat, 0);
   ConvertFloatFlow2ShortFlow toShort(9);
-  ConvertPixels(&coded, flow.get(), &toShort);
-  for (int32_t y = 0; y < 6; ++y)
-    for (int32_t x = 0; x < 9; ++x)
-      for (int32_t c = 0; c < 2; ++c)
-        ASSERT_EQ(pltest::Sample(&coded, x, y, c),
-                  PLEncodeFlow(pltest::Sample(flow.get(), x, y, c), 9));
-  EXPECT_EQ(pltest::Sample(&coded, 0, 0, 0), 65534.0f);
-  EXPECT_EQ(pltest::Sample(&coded, 0, 0, 1), 0.0f);
-
-  PLImage back(9, 6, 2, PLFloat, 0);
   ConvertShortFlow2FloatFlow toFloat(9);
+  ConvertPixels(&coded, flow.get(), &toShort);
   ConvertPixels(&back, &coded, &toFloat);
   for (int32_t y = 0; y < 6; ++y)
     for (int32_t x = 0; x < 9; ++x)
-      for (int32_t c = 0; c < 2; ++c)
-        ASSERT_EQ(pltest::Sample(&back, x, y, c),
-                  PLDecodeFlow(pltest::Sample(&coded, x, y, c), 9));
+      for (int32_t c = 0; c < 2; ++c) {
+        const float code = pltest::Sample(&coded, x, y, c);
+        ASSERT_EQ(code, PLEncodeFlow(pltest::Sample(flow.get(), x, y, c), 9));
+        ASSERT_EQ(pltest::Sample(&back, x, y, c), PLDecodeFlow(code, 9));
+      }
+  EXPECT_EQ(pltest::Sample(&coded, 0, 0, 0), 65534.0f);
+  EXPECT_EQ(pltest::Sample(&coded, 0, 0, 1), 0.0f);
 
   // In place: a Float flow image turned into codes in its own first 4 bytes a pixel.
   PLImage same(3, 2, 2, PLFloat, 0);

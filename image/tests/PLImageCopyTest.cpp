@@ -87,9 +87,7 @@ TEST(ImageCopy, CopyCenteredCutsAndPlaces) {
     for (int32_t x = 0; x < 7; ++x) ASSERT_EQ(Sample(&narrow, x, y, 0), 10 * y + x + 1);
   PLImage src(7, 3, 2, PLFloat, 0), dst(10, 8, 2, PLFloat, 0);
   pltest::FillRandom(&src, 5);
-  for (int32_t y = 0; y < 8; ++y)
-    for (int32_t x = 0; x < 10; ++x)
-      for (int32_t c = 0; c < 2; ++c) dst.SetChannel(x, y, c, -100.0f);
+  pltest::Fill(&dst, -100.0);
   CopyCentered(&dst, &src);
   // dstX = (10 - 7) / 2 = 1, dstY = (8 - 3) / 2 = 2.
   for (int32_t y = 0; y < 8; ++y)
