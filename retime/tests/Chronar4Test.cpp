@@ -411,6 +411,14 @@ TEST(Chronar4Vectors, MissingNeighbourGivesTheFixedColourAndZero) {
   EXPECT_EQ(clip.engine.RenderVectors(&clip.out.view, 1, 2, 0, 1.0f, 0, kQuality, 0, nullptr,
                                       nullptr, nullptr, 2),
             5);  // pixel type not the output's
+  // Vector steps read motion frames as pictures: unlike a render at a time, they refuse
+  // four-channel frames for a three-channel output.
+  Clip four(3, 4, PLUChar);
+  Output rgb(kW, kH, 3, PLUChar);
+  EXPECT_EQ(four.engine.RenderVectors(&rgb.view, 1, 2, 0, 1.0f, 4, kQuality, 0, nullptr, nullptr,
+                                      nullptr),
+            PLErrParameter);
+  EXPECT_EQ(four.engine.Outstanding(), 0);
 }
 
 TEST(Chronar4Vectors, VectorPictureShowsThePanAndWarpLinesUp) {

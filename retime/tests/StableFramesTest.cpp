@@ -126,17 +126,4 @@ INSTANTIATE_TEST_SUITE_P(Settings, ThreeShownTest,
                            return info.param.name;
                          });
 
-// Vector steps read motion frames as pictures: there a four-channel motion frame for a
-// three-channel output is still refused.
-TEST(ThreeShownRefusal, VectorStepWantsMatchingMotionFrames) {
-  for (int32_t channels : {4, 3}) {
-    MemoryChronar clip;
-    chronartest::AddMovingFrames(&clip, 3, kW, kH, channels, PLUChar, 2.0f);
-    chronartest::Output out(kW, kH, 3, PLUChar);
-    EXPECT_EQ(clip.RenderVectors(&out.view, 1, 2, 0, 1.0f, 4, 4, 0, nullptr, nullptr, nullptr),
-              channels == 4 ? PLErrParameter : 0);
-    EXPECT_EQ(clip.Outstanding(), 0);
-  }
-}
-
 }  // namespace
