@@ -132,18 +132,16 @@ TEST(DemoScene, MotionPerFrameWhateverTheSize) {
 
 TEST(HostFrames, CodingRoundsAndRoundTrips) {
   const float values[6] = {0.0f, 1.0f, 0.5f, 1.0f / 255.0f, -0.25f, 1.5f};
-  uint8_t bytes[6];
-  ASSERT_TRUE(EncodeHostFrame(values, 2, 24, bytes));
-  const uint8_t want8[6] = {0, 255, 128, 1, 0, 255};
-  for (int i = 0; i < 6; ++i) EXPECT_EQ(bytes[i], want8[i]) << i;
-  uint16_t words[6];
-  ASSERT_TRUE(EncodeHostFrame(values, 2, 48, words));
-  const uint16_t want16[6] = {0, 65535, 32768, 257, 0, 65535};
-  for (int i = 0; i < 6; ++i) EXPECT_EQ(words[i], want16[i]) << i;
+  std::vector<uint8_t> bytes(6);
+  ASSERT_TRUE(EncodeHostFrame(values, 2, 24, bytes.data()));
+  EXPECT_EQ(bytes, (std::vector<uint8_t>{0, 255, 128, 1, 0, 255}));
+  std::vector<uint16_t> words(6);
+  ASSERT_TRUE(EncodeHostFrame(values, 2, 48, words.data()));
+  EXPECT_EQ(words, (std::vector<uint16_t>{0, 65535, 32768, 257, 0, 65535}));
   float back[6];
-  ASSERT_TRUE(DecodeHostFrame(bytes, 2, 24, back));
+  ASSERT_TRUE(DecodeHostFrame(bytes.data(), 2, 24, back));
   EXPECT_FLOAT_EQ(back[2], 128.0f / 255.0f);
-  EXPECT_FALSE(EncodeHostFrame(values, 2, 32, bytes));
+  EXPECT_FALSE(EncodeHostFrame(values, 2, 32, bytes.data()));
   EXPECT_EQ(HostBytesPerPixel(49), 6);
   EXPECT_EQ(HostBytesPerPixel(25), 3);
   EXPECT_EQ(HostBytesPerPixel(7), 0);
@@ -181,17 +179,10 @@ TEST(Measures, PsnrOfKnownErrors) {
 TEST(Measures, EndpointErrorScalesTheWorkingGridToSourcePixels) {
   // Source 9 x 5 moving (2, -1) px a frame; a working grid of 5 x 3 (ratios 2 and 2).
   const int32_t w = 9, h = 5, fw = 5, fh = 3;
-  std::vector<float> truth(w * h * 2);
-  for (size_t i = 0; i < truth.size(); i += 2) {
-    truth[i] = 2.0f;
-    truth[i + 1] = -1.0f;
-  }
   // A flow to the previous frame measures minus the motion, in working pixels: (-1, 0.5).
-  std::vector<float> flow(fw * fh * 2);
-  for (size_t i = 0; i < flow.size(); i += 2) {
-    flow[i] = -1.0f;
-    flow[i + 1] = 0.5f;
-  }
+  std::vector<float> truth, flow;
+  for (int32_t i = 0; i < w * h; ++i) truth.insert(truth.end(), {2.0f, -1.0f});
+  for (int32_t i = 0; i < fw * fh; ++i) flow.insert(flow.end(), {-1.0f, 0.5f});
   EXPECT_DOUBLE_EQ(AverageEndpointError(flow.data(), fw, fh, truth.data(), w, h, -1.0), 0.0);
   // The wrong sign is off by twice the motion: sqrt(4^2 + 2^2).
   EXPECT_NEAR(AverageEndpointError(flow.data(), fw, fh, truth.data(), w, h, 1.0),

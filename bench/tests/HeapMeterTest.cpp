@@ -1,4 +1,5 @@
-// flowblur: tests of the benchmarks' heap counting and the harness's view of the plug-in's flow.
+// flowblur: tests of the benchmarks' heap counting, the harness's view of the plug-in's flow,
+// and the shared plug-in session's back clip: the flow's clip.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -13,14 +14,16 @@ namespace {
 
 constexpr int32_t kWidth = 160, kHeight = 128, kFrames = 3;
 
-void LoadDemoFrames(PluginSession* session, int32_t format) {
+// The demo clip's frames in host format `format` as the session's `clip`, in order or reversed.
+void LoadDemoFrames(PluginSession* session, int32_t format, int32_t clip = kFrontClip,
+                    bool reversed = false) {
   DemoScene scene(kWidth, kHeight);
   std::vector<float> rgb(static_cast<size_t>(kWidth) * kHeight * 3);
   std::vector<uint8_t> host(static_cast<size_t>(session->FrameBytes()));
   for (int32_t n = 0; n < kFrames; ++n) {
-    RenderSceneFrame(scene, n, 1, rgb.data());
+    RenderSceneFrame(scene, reversed ? kFrames - 1 - n : n, 1, rgb.data());
     ASSERT_TRUE(EncodeHostFrame(rgb.data(), int64_t{kWidth} * kHeight, format, host.data()));
-    session->SetFrame(kFrontClip, n, host.data());
+    session->SetFrame(clip, n, host.data());
   }
 }
 
@@ -86,6 +89,30 @@ TEST(PluginSession, PluginFlowUsesTheDriversPairAndWorkingSize) {
   const float* corner = &uv[(static_cast<size_t>(h / 8) * w + (w - 1) / 8) * 2];
   EXPECT_NEAR(corner[0], 5.0f * (w - 1) / (kWidth - 1), 0.5f);
   EXPECT_NEAR(corner[1], -1.25f * (h - 1) / (kHeight - 1), 0.5f);
+}
+
+TEST(PluginSession, FlowComesFromTheBackClipWhenMotionIsFromBack) {
+  PluginControls controls;
+  controls.motionFromBack = true;
+  std::vector<float> withBack, frontOnly;
+  int32_t w0 = 0, h0 = 0, w1 = 0, h1 = 0, first0 = -1, second0 = -1, first1 = -1, second1 = -1;
+  std::string error;
+  {
+    PluginSession session(kWidth, kHeight, 24, kFrames, true, 2, controls);
+    LoadDemoFrames(&session, 24);
+    LoadDemoFrames(&session, 24, kBackClip, true);
+    ASSERT_TRUE(session.PluginFlow(1, &withBack, &w0, &h0, &first0, &second0, &error)) << error;
+    ASSERT_NE(session.Process(1, &error), nullptr) << error;
+  }
+  {
+    // The same motion clip as the front clip of a session without a back clip.
+    PluginSession session(kWidth, kHeight, 24, kFrames, false, 2, controls);
+    LoadDemoFrames(&session, 24, kFrontClip, true);
+    ASSERT_TRUE(session.PluginFlow(1, &frontOnly, &w1, &h1, &first1, &second1, &error)) << error;
+  }
+  EXPECT_EQ(w0, kWidth / 2);  // Best: half size
+  EXPECT_TRUE(w1 == w0 && h1 == h0 && first1 == first0 && second1 == second0);
+  EXPECT_EQ(withBack, frontOnly);
 }
 
 }  // namespace
