@@ -141,18 +141,20 @@ void ReferenceBlur(PLImage* dst, const PLImage* src, const PLImage* flow, bool b
 
 class BlurReference : public ::testing::TestWithParam<std::tuple<int32_t, int32_t>> {};
 
-// Every member, both sampling paths, both border rules, through the entry and on both row
-// loops (plain, and wide where the processor has AVX2), on random flows of several sizes
-// (images of two pixels a side, whose last bytes sit at the end of the buffer, and widths that
-// leave every count of lanes in a row's last group), mixed row orders, padded rows and
-// sub-rectangles; 4-channel Float sources carry a NaN payload, an infinity and -0.0 in
-// separate lanes: bit for bit against the reference.
+// Every member, both sampling paths, both border rules, through the entry (for 1, 2, 3 and 8
+// workers, and once per row) and on both row loops (plain, and wide where the processor has
+// AVX2), on random flows of several sizes (images of two pixels a side, whose last bytes sit
+// at the end of the buffer, and widths that leave every count of lanes in a row's last group),
+// mixed row orders, padded rows and sub-rectangles; 4-channel Float sources carry a NaN
+// payload, an infinity and -0.0 in separate lanes: bit for bit against the reference.
 TEST_P(BlurReference, EntryAndBothRowLoopsMatchTheScalarReferenceBitForBit) {
   const auto [type, channels] = GetParam();
+  pltest::WorkerGuard guard;
   std::mt19937 rng(1234 + type * 10 + channels);
+  // 157 rows: nine bands of 16, the last with 13 rows more.
   const int32_t sizes[][4] = {{2, 2, 2, 2},    {3, 2, 2, 2},    {9, 5, 4, 3},
                               {17, 11, 9, 6},  {37, 29, 37, 29}, {37, 29, 19, 15},
-                              {37, 29, 50, 41}, {61, 30, 7, 44}};
+                              {37, 29, 50, 41}, {61, 30, 7, 44}, {61, 157, 31, 79}};
   int32_t trial = 0;
   for (const auto& sz : sizes)
     for (int32_t bilinear = 0; bilinear < 2; ++bilinear)
@@ -176,15 +178,21 @@ TEST_P(BlurReference, EntryAndBothRowLoopsMatchTheScalarReferenceBitForBit) {
         pltest::CopyPixels(want.get(), first.get());
         ReferenceBlur(want.get(), src.get(), flow.get(), bilinear, countOutside, amount, x0, x1,
                       y0, y1);
-        // Run 0 is the entry (on the loop it chooses), 1 the plain loop, 2 the wide loop.
-        for (int32_t run = 0; run < 3; ++run) {
-          if (run == 2 && !PLBlurWideAvailable()) continue;
+        auto entry = [&](PLImage* got, int32_t firstRow, int32_t lastRow) {
+          PLMotionBlurRect(got, src.get(), flow.get(), bilinear ? 1 : 0, nullptr,
+                           static_cast<uint8_t>(countOutside), x0, x1, firstRow, lastRow, amount);
+        };
+        // Runs 0 to 3: the entry (on the loop it chooses) with 1, 2, 3 and 8 workers, which take
+        // bands of 16 rows in turn; 4: the entry once per row; 5: the plain loop; 6: the wide one.
+        for (int32_t run = 0; run < 7; ++run) {
+          if (run == 6 && !PLBlurWideAvailable()) continue;
           TestImage got = MakeImage(w, h, channels, type, (trial >> 2) & 1, trial % 5);
-          if (run == 0)
-            PLMotionBlurRect(got.get(), src.get(), flow.get(), bilinear ? 1 : 0, nullptr,
-                             static_cast<uint8_t>(countOutside), x0, x1, y0, y1, amount);
-          else
-            RenderOnPath(run == 1 ? PLBlurPath::kPlain : PLBlurPath::kWide, countOutside,
+          PLTestUseWorkers(run < 4 ? kPLTestWorkerCounts[run] : 1);
+          if (run < 4) entry(got.get(), y0, y1);
+          for (int32_t y = y0; y <= y1 && run == 4; ++y) entry(got.get(), y, y);
+          PLTestUseWorkers(1);
+          if (run > 4)
+            RenderOnPath(run == 5 ? PLBlurPath::kPlain : PLBlurPath::kWide, countOutside,
                          bilinear, got.get(), src.get(), flow.get(), amount, x0, x1, y0, y1);
           EXPECT_TRUE(pltest::SamePixels(want.get(), got.get()))
               << w << "x" << h << " flow " << sz[2] << "x" << sz[3] << " bilinear " << bilinear
@@ -249,29 +257,6 @@ TEST(MotionBlur, AbsurdFlowsKeepOnlyThePixelWithoutUndefinedConversion) {
             ASSERT_EQ(Sample(stop.get(), x, y, c), p * 1.0f) << u << " at " << x << "," << y;
             ASSERT_EQ(Sample(count.get(), x, y, c), p * (1.0f / 3.0f)) << u;
           }
-    }
-  }
-}
-
-// Workers take bands of rows in turn: every worker count, and the rows rendered one call
-// each, give the same bytes (157 rows: nine bands, the last with 13 rows more).
-TEST(MotionBlur, SameBytesForAnyWorkerCountAndRowByRow) {
-  std::mt19937 rng(99);
-  TestImage src = MakeImage(61, 157, 3, PLUChar), flow = MakeImage(31, 79, 2, PLFloat);
-  pltest::FillRandom(src.get(), 99);
-  FillRandomFlow(flow.get(), rng);
-  for (int32_t mode = 0; mode < 2; ++mode) {
-    TestImage rowByRow = MakeImage(61, 157, 3, PLUChar);
-    for (int32_t y = 0; y < 157; ++y)
-      PLMotionBlurRect(rowByRow.get(), src.get(), flow.get(), mode, nullptr,
-                       static_cast<uint8_t>(1 - mode), 0, 60, y, y, 0.9f);
-    pltest::WorkerGuard guard;
-    for (int32_t workers : kPLTestWorkerCounts) {
-      PLTestUseWorkers(workers);
-      TestImage dst = MakeImage(61, 157, 3, PLUChar);
-      PLMotionBlur(dst.get(), src.get(), flow.get(), mode, 0, nullptr,
-                   static_cast<uint8_t>(1 - mode), 0.9f);
-      EXPECT_TRUE(dst.buffer == rowByRow.buffer) << workers << " workers, mode " << mode;
     }
   }
 }
