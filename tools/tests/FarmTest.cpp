@@ -22,28 +22,6 @@ std::string DemoInput(const test::TempDir& dir, int32_t frames, int32_t width) {
   return dir / "demo/input/demo.%04d.png";
 }
 
-// With motion from a back sequence, whose handles a chunk reads too (the Slurm test below has
-// chunks without one).
-TEST(Chunked, ChunksGiveTheBytesOfAWholeRun) {
-  test::TempDir dir;
-  const std::string in = DemoInput(dir, 7, 96);
-  const std::vector<std::string> controls = {"--amount", "1.5", "-q", "--motion-from",
-                                             dir / "demo/output/demo.%04d.png"};
-  auto run = [&](const std::string& out, std::vector<std::string> extra) {
-    std::vector<std::string> args = {in, out + "/o.%04d.png"};
-    args.insert(args.end(), controls.begin(), controls.end());
-    args.insert(args.end(), extra.begin(), extra.end());
-    test::RunResult r = Flowblur(args);
-    EXPECT_EQ(r.exitCode, 0) << r.err;
-  };
-  run(dir / "whole", {});
-  // A chunk at the clip's start, one in its middle, one overshooting its end.
-  for (const char* frames : {"1-2", "3-5", "6-99"}) run(dir / "chunks", {"--frames", frames});
-  const auto whole = test::Snapshot(dir / "whole");
-  ASSERT_EQ(whole.size(), 7u);
-  EXPECT_TRUE(test::Snapshot(dir / "chunks") == whole);
-}
-
 TEST(ChunkedRegression, FramesTwoToThreeOfAThreeFrameSequenceMatchTheWholeRun) {
   test::TempDir dir;
   const std::string in = DemoInput(dir, 3, 96);
@@ -54,48 +32,46 @@ TEST(ChunkedRegression, FramesTwoToThreeOfAThreeFrameSequenceMatchTheWholeRun) {
   EXPECT_TRUE(test::Snapshot(dir / "part") == whole);
 }
 
-struct Kill {
-  std::string first;  // wait for this output, then send the signal
-  int signal;
-  pid_t pid = 0;  // the process signalled
+struct StopCase {
+  int signal, exitCode;
+  const char* says;
 };
-void SignalWhenFirstFrameIsWritten(pid_t child, void* context) {
-  Kill& kill = *static_cast<Kill*>(context);
-  kill.pid = child;
-  for (int i = 0; i < 20000 && access(kill.first.c_str(), F_OK) != 0; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  ::kill(child, kill.signal);
-}
+class Resume : public ::testing::TestWithParam<StopCase> {};
 
 // Outputs of a stopped run: whole frames under final names only, then a resumed run that
 // finishes the rest and matches a run that was never stopped.
-void ExpectStopsCleanlyAndResumes(int signal, int exitCode, const std::string& says) {
+TEST_P(Resume, AStoppedRunLeavesWholeFramesAndSkipExistingFinishesIt) {
+  const auto [signal, exitCode, says] = GetParam();
   test::TempDir dir;
-  const int32_t frames = 24;
-  const std::string in = DemoInput(dir, frames, 256);
+  const std::string in = DemoInput(dir, 24, 256);
   ASSERT_TRUE(test::Succeeds({in, dir / "whole/o.%04d.png", "-q", "--threads", "1"}));
-  Kill kill{dir / "out/o.0001.png", signal};
+  const std::string first = dir / "out/o.0001.png";
+  pid_t stopped = 0;
   test::RunOptions options;
-  options.whileRunning = SignalWhenFirstFrameIsWritten;
-  options.context = &kill;
+  options.whileRunning = [&](pid_t child) {  // the signal once the first output is there
+    stopped = child;
+    for (int i = 0; i < 20000 && access(first.c_str(), F_OK) != 0; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    kill(child, GetParam().signal);
+  };
   test::RunResult r = Flowblur({in, dir / "out/o.%04d.png", "--threads", "1"}, options);
   EXPECT_EQ(r.exitCode, exitCode) << r.err;
   EXPECT_NE(r.err.find(says), std::string::npos) << r.err;
   const auto whole = test::Snapshot(dir / "whole");
-  auto stopped = test::Snapshot(dir / "out");
-  EXPECT_GT(stopped.size(), 0u);
-  EXPECT_LT(stopped.size(), whole.size());
+  const auto written = test::Snapshot(dir / "out");
+  EXPECT_GT(written.size(), 0u);
+  EXPECT_LT(written.size(), whole.size());
   if (signal != SIGKILL) {
-    EXPECT_NE(r.err.find(std::to_string(stopped.size()) + " of 24 frames written"),
+    EXPECT_NE(r.err.find(std::to_string(written.size()) + " of 24 frames written"),
               std::string::npos)
         << r.err;
   }
-  for (const auto& [name, bytes] : stopped) {
+  for (const auto& [name, bytes] : written) {
     if (name[0] == '.') continue;
     EXPECT_EQ(bytes, whole.at(name)) << "partial or wrong frame " << name;
   }
   // What a write cut short leaves: a hidden temporary of the stopped process.
-  std::ofstream(dir / ("out/.o.0024.partial-" + std::to_string(kill.pid) + ".png")) << "cut";
+  std::ofstream(dir / ("out/.o.0024.partial-" + std::to_string(stopped) + ".png")) << "cut";
   r = Flowblur({in, dir / "out/o.%04d.png", "--skip-existing", "--threads", "1"});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_NE(r.err.find("skipped: their output existed"), std::string::npos) << r.err;
@@ -104,16 +80,6 @@ void ExpectStopsCleanlyAndResumes(int signal, int exitCode, const std::string& s
   for (const auto& [name, bytes] : resumed)
     EXPECT_TRUE(whole.count(name) && whole.at(name) == bytes) << "left over or wrong: " << name;
   EXPECT_EQ(resumed.size(), whole.size());
-}
-
-struct StopCase {
-  int signal, exitCode;
-  const char* says;
-};
-class Resume : public ::testing::TestWithParam<StopCase> {};
-
-TEST_P(Resume, AStoppedRunLeavesWholeFramesAndSkipExistingFinishesIt) {
-  ExpectStopsCleanlyAndResumes(GetParam().signal, GetParam().exitCode, GetParam().says);
 }
 
 // Ctrl-C stops at a frame boundary, a kill anywhere; the stop signals finish the frame.
@@ -137,20 +103,28 @@ TEST(FarmLog, OneLineAFrameOffATerminalAndTheSchedulersThreadCount) {
   EXPECT_NE(r.out.find("--threads INT=5 "), std::string::npos) << r.out;
 }
 
+// Each task as the scheduler would start it: a chunk at the clip's start, one in its middle and
+// one overshooting its end (7 to 9), with motion from a back sequence, whose handles a chunk
+// reads too; together the bytes of a whole run.
 TEST(FarmSlurm, TheScriptsTasksGiveTheWholeRun) {
   test::TempDir dir;
   const std::string in = DemoInput(dir, 7, 96);
-  ASSERT_TRUE(test::Succeeds({in, dir / "whole/o.%04d.png", "-q", "--amount", "0.75",
-                              "--colorspace", "none"}));
+  const std::vector<std::string> controls = {"--amount", "0.75", "--colorspace", "none",
+                                             "--motion-from", dir / "demo/output/demo.%04d.png"};
+  std::vector<std::string> whole = {in, dir / "whole/o.%04d.png", "-q"};
+  whole.insert(whole.end(), controls.begin(), controls.end());
+  ASSERT_TRUE(test::Succeeds(whole));
   const std::string script = dir / "job/render.sh";
-  ASSERT_TRUE(test::Succeeds({"farm", "slurm", in, dir / "out/o.%04d.png", "--chunk", "3",
-                              "--script", script, "--threads", "2", "--time", "0:30:00",
-                              "--amount", "0.75", "--partition", "debug", "--colorspace",
-                              "none"}));
+  std::vector<std::string> farm = {"farm", "slurm", in, dir / "out/o.%04d.png", "--chunk", "3",
+                                   "--script", script, "--threads", "2", "--time", "0:30:00",
+                                   "--partition", "debug"};
+  farm.insert(farm.end(), controls.begin(), controls.end());
+  ASSERT_TRUE(test::Succeeds(farm));
   const std::string text = test::ReadBytes(script);
   for (const char* line : {"#SBATCH --array=0-2\n", "#SBATCH --cpus-per-task=2\n",
                            "#SBATCH --partition=debug\n", "#SBATCH --time=0:30:00\n",
-                           "--clip' '1-7'", "--skip-existing", "'--colorspace' 'none'"})
+                           "--clip' '1-7'", "--skip-existing", "'--colorspace' 'none'",
+                           "'--motion-from'"})
     EXPECT_NE(text.find(line), std::string::npos) << line << " in\n" << text;
   EXPECT_NE(text.find("#SBATCH --output=" + dir / "job/logs/flowblur-%A_%a.log"),
             std::string::npos);
@@ -161,7 +135,6 @@ TEST(FarmSlurm, TheScriptsTasksGiveTheWholeRun) {
                               "--compression", "6"}));
   for (const char* passed : {"'--io-threads' '3'", "'--compression' '6'"})
     EXPECT_NE(test::ReadBytes(dir / "io.sh").find(passed), std::string::npos) << passed;
-  // Each task as the scheduler would start it; the last chunk (7 to 9) overshoots.
   for (int task = 0; task < 3; ++task) {
     setenv("SLURM_ARRAY_TASK_ID", std::to_string(task).c_str(), 1);
     setenv("SLURM_CPUS_PER_TASK", "2", 1);

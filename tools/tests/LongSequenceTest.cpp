@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 
 #include "tools/ImageFiles.h"
 #include "tools/tests/ToolTestSupport.h"
@@ -28,15 +27,11 @@ TEST(LongSequence, PeakMemoryDoesNotGrowWithTheLengthOfTheRun) {
       v = static_cast<float>(state >> 24) / 255.0f;
     }
     sources.push_back(dir / ("src" + std::to_string(k) + ".png"));
-    std::string error;
-    ASSERT_TRUE(WriteImageSafely(sources.back(), OIIO::ImageSpec(kW, kH, 3, OIIO::TypeDesc::UINT8),
-                                 OIIO::TypeDesc::FLOAT, pixels.data(), false, &error))
-        << error;
+    test::WriteRgb8(sources.back(), kW, kH, pixels);
   }
   for (int32_t f = 1; f <= kLong; ++f) {
-    char name[32];
-    std::snprintf(name, sizeof name, "in.%04d.png", f);
-    ASSERT_EQ(link(sources[static_cast<size_t>(f % kDistinct)].c_str(), (dir / name).c_str()), 0);
+    const std::string& source = sources[static_cast<size_t>(f % kDistinct)];
+    ASSERT_EQ(link(source.c_str(), test::Numbered(dir / "in.%04d.png", f).c_str()), 0);
   }
   test::RunOptions measured;
   measured.noQuarantine = true;

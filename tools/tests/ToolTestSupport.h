@@ -1,7 +1,6 @@
 // flowblur tool tests: temporary folders, folder snapshots, running the built command, the test
-// clip written as files, refused runs.
+// clip written as files.
 #pragma once
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -11,7 +10,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <string>
@@ -36,9 +37,7 @@ class TempDir {
   TempDir() {
     const char* base = std::getenv("TMPDIR");
     std::string pattern = std::string(base && *base ? base : "/tmp") + "/flowblur-tools-XXXXXX";
-    std::vector<char> name(pattern.begin(), pattern.end());
-    name.push_back('\0');
-    if (mkdtemp(name.data())) path_ = name.data();
+    if (mkdtemp(pattern.data())) path_ = pattern;
   }
   ~TempDir() {
     if (!path_.empty()) Remove(path_);
@@ -47,48 +46,25 @@ class TempDir {
   std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
   static void Remove(const std::string& path) {
-    struct stat st;
-    if (lstat(path.c_str(), &st) != 0) return;
-    if (S_ISDIR(st.st_mode)) {
-      chmod(path.c_str(), 0755);
-      if (DIR* dir = opendir(path.c_str())) {
-        while (dirent* e = readdir(dir)) {
-          std::string name = e->d_name;
-          if (name != "." && name != "..") Remove(path + "/" + name);
-        }
-        closedir(dir);
-      }
-      rmdir(path.c_str());
-    } else {
-      unlink(path.c_str());
-    }
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
   }
 
  private:
   std::string path_;
 };
 
-// Every file under a folder with its size and contents, to show that a refused run changed
-// nothing (names relative to the folder).
-inline std::map<std::string, std::string> Snapshot(const std::string& folder,
-                                                   const std::string& prefix = "") {
+// Every file under a folder with its contents (folders as "name/" with none), to show that a
+// refused run changed nothing (names relative to the folder).
+inline std::map<std::string, std::string> Snapshot(const std::string& folder) {
   std::map<std::string, std::string> files;
-  DIR* dir = opendir(folder.c_str());
-  if (!dir) return files;
-  while (dirent* e = readdir(dir)) {
-    std::string name = e->d_name;
-    if (name == "." || name == "..") continue;
-    std::string path = folder + "/" + name;
-    struct stat st;
-    if (lstat(path.c_str(), &st) != 0) continue;
-    if (S_ISDIR(st.st_mode)) {
-      files[prefix + name + "/"] = "";
-      for (auto& [k, v] : Snapshot(path, prefix + name + "/")) files[k] = v;
-    } else {
-      files[prefix + name] = ReadBytes(path);
-    }
+  std::error_code error;
+  for (std::filesystem::recursive_directory_iterator it(folder, error), end; !error && it != end;
+       it.increment(error)) {
+    const std::string name = it->path().string().substr(folder.size() + 1);
+    const bool isFolder = it->is_directory() && !it->is_symlink();
+    files[isFolder ? name + "/" : name] = isFolder ? "" : ReadBytes(it->path().string());
   }
-  closedir(dir);
   return files;
 }
 
@@ -112,8 +88,7 @@ struct RunOptions {
   // of megabytes by design, which would hide a run's own growth in memory.
   bool noQuarantine = false;
   // Called in the parent with the child's pid while it runs (e.g. to interrupt it).
-  void (*whileRunning)(pid_t child, void* context) = nullptr;
-  void* context = nullptr;
+  std::function<void(pid_t child)> whileRunning;
 };
 
 // Runs the command with `args`, standard input closed, both output streams captured.
@@ -149,7 +124,7 @@ inline RunResult RunCommand(const std::string& exe, const std::vector<std::strin
     execv(exe.c_str(), argv.data());
     _exit(127);
   }
-  if (options.whileRunning) options.whileRunning(child, options.context);
+  if (options.whileRunning) options.whileRunning(child);
   int status = 0;
   rusage usage{};
   while (wait4(child, &status, 0, &usage) < 0 && errno == EINTR) {
@@ -219,22 +194,31 @@ inline void WriteClip(const std::string& pattern, int32_t first, int32_t count, 
   }
 }
 
+// Writes 8-bit RGB `pixels` (floats from 0 to 1) to `path`.
+inline void WriteRgb8(const std::string& path, int32_t width, int32_t height,
+                      const std::vector<float>& pixels) {
+  std::string error;
+  ASSERT_TRUE(WriteImageSafely(path, OIIO::ImageSpec(width, height, 3, OIIO::TypeDesc::UINT8),
+                               OIIO::TypeDesc::FLOAT, pixels.data(), false, &error))
+      << error;
+}
+
+// A file format and sample layout of the end-to-end tests, named in the test's name.
+struct FormatCase {
+  const char* name;
+  const char* ext;
+  SampleDepth depth;
+  int32_t channels;
+};
+inline std::string FormatName(const ::testing::TestParamInfo<FormatCase>& info) {
+  return info.param.name;
+}
+
 inline Frame Load(const std::string& path) {
   Frame f;
   std::string error;
   EXPECT_TRUE(ReadFrame(path, &f, &error)) << error;
   return f;
-}
-
-// Runs the command and checks its exit code, that its message holds `says`, and that nothing
-// under `folder` changed.
-inline void ExpectRefused(const std::string& folder, const std::vector<std::string>& args,
-                          int code, const std::string& says) {
-  const auto before = Snapshot(folder);
-  const RunResult r = Flowblur(args);
-  EXPECT_EQ(r.exitCode, code) << r.err;
-  EXPECT_NE(r.err.find(says), std::string::npos) << "wanted '" << says << "', got: " << r.err;
-  EXPECT_TRUE(Snapshot(folder) == before) << says;
 }
 
 }  // namespace flowblur::test
