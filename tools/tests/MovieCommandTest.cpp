@@ -21,11 +21,7 @@ using test::Succeeds;
 // The test clip's first `count` frames as src.NNNN.png and as a lossless movie tagged sRGB.
 void WriteMovie(const test::TempDir& dir, const std::string& path, int32_t count) {
   test::WriteClip(dir / "src.%04d.png", 1, count, SampleDepth::k8, 3);
-  MovieSettings s;
-  s.codec = MovieCodec::kFfv1;
-  s.width = 96;
-  s.height = 64;
-  s.rate = {30, 1};
+  MovieSettings s{MovieCodec::kFfv1, 18, {30, 1}, 96, 64, 3, SampleDepth::k8, "", {}};
   s.tags.transfer = 13;  // sRGB
   MovieWriter writer;
   std::string error;
@@ -35,24 +31,26 @@ void WriteMovie(const test::TempDir& dir, const std::string& path, int32_t count
   ASSERT_TRUE(writer.Finish(&error)) << error;
 }
 
-std::vector<Frame> ReadMovie(const std::string& path, MovieInfo* info) {
-  MovieReader reader;
-  std::string error;
-  std::vector<Frame> frames;
-  EXPECT_TRUE(reader.Open(path, &error)) << error;
-  for (int64_t i = 0; i < reader.Info().frames; ++i) {
-    frames.emplace_back();
-    EXPECT_TRUE(reader.Read(i, &frames.back(), &error)) << error;
-  }
-  *info = reader.Info();
-  return frames;
-}
-
 // 8-bit levels: what a lossless 8-bit movie must give back exactly.
 std::vector<long> Levels(const Frame& f) {
   std::vector<long> levels;
   for (float v : f.pixels) levels.push_back(std::lround(v * 255.0f));
   return levels;
+}
+
+// A movie's frames, as levels.
+std::vector<std::vector<long>> ReadLevels(const std::string& path, MovieInfo* info) {
+  MovieReader reader;
+  std::string error;
+  std::vector<std::vector<long>> frames;
+  EXPECT_TRUE(reader.Open(path, &error)) << error;
+  for (int64_t i = 0; i < reader.Info().frames; ++i) {
+    Frame f;
+    EXPECT_TRUE(reader.Read(i, &f, &error)) << error;
+    frames.push_back(Levels(f));
+  }
+  *info = reader.Info();
+  return frames;
 }
 
 TEST(MovieRuns, AMovieInGivesASequenceAndMoviesThatDecodeToIt) {
@@ -64,38 +62,34 @@ TEST(MovieRuns, AMovieInGivesASequenceAndMoviesThatDecodeToIt) {
   EXPECT_EQ(test::Names(test::Snapshot(dir / "seq")),
             (std::vector<std::string>{"o.0001.png", "o.0002.png", "o.0003.png", "o.0004.png",
                                       "o.0005.png"}));
-  std::vector<Frame> sequence;
-  for (int32_t f = 1; f <= 5; ++f) sequence.push_back(Load(Numbered(dir / "seq/o.%04d.png", f)));
-  EXPECT_NE(Levels(sequence[2]), Levels(Load(dir / "src.0003.png")));
+  std::vector<std::vector<long>> sequence;
+  for (int32_t f = 1; f <= 5; ++f)
+    sequence.push_back(Levels(Load(Numbered(dir / "seq/o.%04d.png", f))));
+  EXPECT_NE(sequence[2], Levels(Load(dir / "src.0003.png")));
   // Lossless: every decoded frame is the sequence's frame exactly, at the input's rate.
   ASSERT_TRUE(Succeeds({in, dir / "out.mkv", "--amount", "1", "--codec", "ffv1", "-q"}));
   MovieInfo info;
-  std::vector<Frame> lossless = ReadMovie(dir / "out.mkv", &info);
-  ASSERT_EQ(lossless.size(), 5u);
+  EXPECT_EQ(ReadLevels(dir / "out.mkv", &info), sequence);
   EXPECT_EQ(info.rate.Value(), 30.0);
   EXPECT_EQ(info.pixelFormat, "bgr0");
-  for (size_t i = 0; i < 5; ++i) EXPECT_EQ(Levels(lossless[i]), Levels(sequence[i])) << i;
   // h264 is the default codec.
   ASSERT_TRUE(Succeeds({in, dir / "out.mp4", "--amount", "1", "-q"}));
-  EXPECT_EQ(ReadMovie(dir / "out.mp4", &info).size(), 5u);
+  EXPECT_EQ(ReadLevels(dir / "out.mp4", &info).size(), 5u);
   EXPECT_EQ(info.codec, "h264");
   // --frames counts from the movie's first frame, and a chunk has the whole run's bytes.
   ASSERT_TRUE(Succeeds({in, dir / "chunk/o.%04d.png", "--amount", "1", "--frames", "2-3", "-q"}));
-  auto chunk = test::Snapshot(dir / "chunk"), whole = test::Snapshot(dir / "seq");
-  ASSERT_EQ(chunk.size(), 2u);
-  EXPECT_EQ(chunk["o.0002.png"], whole["o.0002.png"]);
-  EXPECT_EQ(chunk["o.0003.png"], whole["o.0003.png"]);
+  auto whole = test::Snapshot(dir / "seq");
+  for (const char* outside : {"o.0001.png", "o.0004.png", "o.0005.png"}) whole.erase(outside);
+  EXPECT_TRUE(test::Snapshot(dir / "chunk") == whole);
   // A sequence in gives a movie at the rate asked.
   ASSERT_TRUE(Succeeds({dir / "seq/o.%04d.png", dir / "again.avi", "--codec", "ffv1", "--fps",
                         "25", "--amount", "0", "-q"}));
-  std::vector<Frame> again = ReadMovie(dir / "again.avi", &info);
-  ASSERT_EQ(again.size(), 5u);
+  EXPECT_EQ(ReadLevels(dir / "again.avi", &info), sequence);
   EXPECT_EQ(info.rate.Value(), 25.0);
-  for (size_t i = 0; i < 5; ++i) EXPECT_EQ(Levels(again[i]), Levels(sequence[i])) << i;
   // With alpha, the lossless codec takes it and gives it back.
   test::WriteClip(dir / "rgba.%04d.png", 1, 3, SampleDepth::k8, 4);
   ASSERT_TRUE(Succeeds({dir / "rgba.%04d.png", dir / "a.mkv", "--codec", "ffv1", "-q"}));
-  const std::vector<long> got = Levels(ReadMovie(dir / "a.mkv", &info).at(1));
+  const std::vector<long> got = ReadLevels(dir / "a.mkv", &info).at(1);
   const std::vector<long> want = Levels(Load(dir / "rgba.0002.png"));
   for (size_t i = 3; i < want.size(); i += 4) ASSERT_EQ(got[i], want[i]) << i;
 }
@@ -106,10 +100,10 @@ TEST(MovieRuns, RetimeReadsAndWritesMoviesAtTheOutputRate) {
   ASSERT_TRUE(Succeeds({"retime", dir / "in.mkv", dir / "out.mkv", "--fps-in", "30", "--fps-out",
                         "60", "--codec", "ffv1", "-q"}));
   MovieInfo info;
-  std::vector<Frame> movie = ReadMovie(dir / "out.mkv", &info);
+  const std::vector<std::vector<long>> movie = ReadLevels(dir / "out.mkv", &info);
   EXPECT_EQ(info.rate.Value(), 60.0);
   ASSERT_EQ(movie.size(), 7u);  // every source frame and one made between each pair
-  EXPECT_EQ(Levels(movie[2]), Levels(Load(dir / "src.0002.png")));  // a source frame as it was
+  EXPECT_EQ(movie[2], Levels(Load(dir / "src.0002.png")));  // a source frame as it was
   ASSERT_TRUE(Succeeds({"retime", dir / "in.mkv", dir / "slow.%04d.png", "--speed", "0.5", "-q"}));
   EXPECT_EQ(test::Snapshot(dir.path()).count("slow.0007.png"), 1u);
 }
@@ -126,11 +120,7 @@ TEST(LinearLightRuns, ABrightMovingSpotKeepsMoreOfItsLightThanInStoredValues) {
       const int32_t x = static_cast<int32_t>(i / 3 % w), y = static_cast<int32_t>(i / 3 / w);
       pixels[i] = x >= 10 + 8 * t && x < 16 + 8 * t && y >= 20 && y < 26 ? 1.0f : 15 / 255.0f;
     }
-    std::string error;
-    ASSERT_TRUE(WriteImageSafely(Numbered(dir / "in.%04d.png", t + 1),
-                                 OIIO::ImageSpec(w, h, 3, OIIO::TypeDesc::UINT8),
-                                 OIIO::TypeDesc::FLOAT, pixels.data(), false, &error))
-        << error;
+    test::WriteRgb8(Numbered(dir / "in.%04d.png", t + 1), w, h, pixels);
   }
   for (const char* space : {"none", "auto"})
     ASSERT_TRUE(Succeeds({dir / "in.%04d.png", dir / (std::string(space) + ".%04d.png"),

@@ -70,13 +70,7 @@ TEST_P(MovieRoundTrip, FramesComeBackInAnyOrderAsWritten) {
   const int32_t w = 66, h = 38, frames = 6;
   std::vector<Frame> written;
   for (int32_t t = 0; t < frames; ++t) written.push_back(MakeFrame(w, h, c.channels, c.depth, t));
-  MovieSettings settings;
-  settings.codec = c.codec;
-  settings.width = w;
-  settings.height = h;
-  settings.channels = c.channels;
-  settings.depth = c.depth;
-  settings.rate = {25, 1};
+  const MovieSettings settings{c.codec, 18, {25, 1}, w, h, c.channels, c.depth, "", {}};
   MovieWriter writer;
   std::string error;
   ASSERT_TRUE(writer.Open(path, settings, false, &error)) << error;
@@ -128,10 +122,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(MovieWriterRefuses, AnUnfinishedMovieLeavesNothingAndAnExistingOneStays) {
   test::TempDir dir;
-  MovieSettings s;
-  s.codec = MovieCodec::kFfv1;
-  s.width = 16;
-  s.height = 16;
+  const MovieSettings s{MovieCodec::kFfv1, 18, {}, 16, 16, 3, SampleDepth::k8, "", {}};
   std::string error;
   const Frame fits = MakeFrame(16, 16, 3, SampleDepth::k8, 0);
   const Frame wider = MakeFrame(18, 16, 3, SampleDepth::k8, 0);
@@ -151,46 +142,31 @@ TEST(MovieWriterRefuses, AnUnfinishedMovieLeavesNothingAndAnExistingOneStays) {
   EXPECT_EQ(test::ReadBytes(dir / "m.mkv"), "keep");
 }
 
-// A movie whose frames change size: Motion JPEG in AVI, each packet a JPEG of its own size,
-// written through the libraries directly (our writer refuses such frames).
-void WriteSizeChangingMovie(const std::string& path) {
+// A movie whose frames change size: Motion JPEG in AVI, each packet a JPEG file of its own size
+// (two 32x32, then one 48x32), muxed through the libraries directly (our writer refuses such
+// frames).
+void WriteSizeChangingMovie(const test::TempDir& dir, const std::string& path) {
   AVFormatContext* out = nullptr;
   ASSERT_GE(avformat_alloc_output_context2(&out, nullptr, nullptr, path.c_str()), 0);
-  const AVCodec* jpeg = avcodec_find_encoder(AV_CODEC_ID_MJPEG);
-  ASSERT_NE(jpeg, nullptr);
   AVStream* stream = avformat_new_stream(out, nullptr);
+  stream->codecpar->codec_type = AVMEDIA_TYPE_VIDEO;
+  stream->codecpar->codec_id = AV_CODEC_ID_MJPEG;
+  stream->codecpar->width = stream->codecpar->height = 32;
+  stream->time_base = {1, 25};
+  ASSERT_GE(avio_open(&out->pb, path.c_str(), AVIO_FLAG_WRITE), 0);
+  ASSERT_GE(avformat_write_header(out, nullptr), 0);
   AVPacket* packet = av_packet_alloc();
   for (int i = 0; i < 3; ++i) {
-    AVCodecContext* c = avcodec_alloc_context3(jpeg);
-    c->width = i < 2 ? 32 : 48;
-    c->height = 32;
-    c->pix_fmt = AV_PIX_FMT_YUVJ420P;
-    c->time_base = {1, 25};
-    ASSERT_GE(avcodec_open2(c, jpeg, nullptr), 0);
-    if (i == 0) {
-      avcodec_parameters_from_context(stream->codecpar, c);
-      stream->time_base = c->time_base;
-      ASSERT_GE(avio_open(&out->pb, path.c_str(), AVIO_FLAG_WRITE), 0);
-      ASSERT_GE(avformat_write_header(out, nullptr), 0);
-    }
-    AVFrame* frame = av_frame_alloc();
-    frame->format = c->pix_fmt;
-    frame->width = c->width;
-    frame->height = c->height;
-    av_frame_get_buffer(frame, 0);
-    for (int p = 0; p < 3; ++p)
-      for (int y = 0; y < (p ? 16 : 32); ++y)
-        std::memset(frame->data[p] + y * frame->linesize[p], 100 + 20 * p, frame->linesize[p]);
-    frame->pts = i;
-    ASSERT_GE(avcodec_send_frame(c, frame), 0);
-    avcodec_send_frame(c, nullptr);
-    while (avcodec_receive_packet(c, packet) == 0) {
-      packet->stream_index = 0;
-      av_packet_rescale_ts(packet, c->time_base, stream->time_base);
-      av_interleaved_write_frame(out, packet);
-    }
-    av_frame_free(&frame);
-    avcodec_free_context(&c);
+    const int32_t w = i < 2 ? 32 : 48;
+    const std::string file = dir / ("frame" + std::to_string(i) + ".jpg");
+    test::WriteRgb8(file, w, 32, std::vector<float>(w * 32 * 3, 0.5f));
+    const std::string jpeg = test::ReadBytes(file);
+    ASSERT_GE(av_new_packet(packet, static_cast<int>(jpeg.size())), 0);
+    std::memcpy(packet->data, jpeg.data(), jpeg.size());
+    packet->pts = packet->dts = i;
+    packet->flags |= AV_PKT_FLAG_KEY;
+    av_packet_rescale_ts(packet, {1, 25}, stream->time_base);
+    ASSERT_GE(av_interleaved_write_frame(out, packet), 0);
   }
   av_write_trailer(out);
   avio_closep(&out->pb);
@@ -217,7 +193,7 @@ TEST(MovieReaderRefuses, FilesThatAreNoReadableMovie) {
   EXPECT_FALSE(reader.Open(dir / "sound.avi", &error));
   EXPECT_NE(error.find("no video stream"), std::string::npos) << error;
   // A size that changes after the first frames is found when that frame is read.
-  WriteSizeChangingMovie(dir / "sizes.avi");
+  WriteSizeChangingMovie(dir, dir / "sizes.avi");
   ASSERT_TRUE(reader.Open(dir / "sizes.avi", &error)) << error;
   EXPECT_EQ(reader.Info().frames, 3);
   Frame frame;

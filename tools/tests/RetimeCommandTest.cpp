@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <numeric>
 
 #include "tools/ImageFiles.h"
 #include "tools/TimeMap.h"
@@ -33,27 +34,27 @@ TEST(TimeMaps, SpeedsCoverTheInputForwardAndBackward) {
 }
 
 TEST(TimeMaps, RatesLandExactlyOnSourceFrames) {
-  Rate film, sixty, ntsc, ntscVideo;
   std::string error;
-  ASSERT_TRUE(ParseRate("24", &film, &error));
-  ASSERT_TRUE(ParseRate("60", &sixty, &error));
-  ASSERT_TRUE(ParseRate("24000/1001", &ntsc, &error));
-  ASSERT_TRUE(ParseRate("30000/1001", &ntscVideo, &error));
+  auto rate = [&](const char* text) {
+    Rate r;
+    EXPECT_TRUE(ParseRate(text, &r, &error)) << text;
+    return r;
+  };
   // 24 to 60: five outputs to two inputs, 1 .. 5 gives 11 frames, every fifth on a frame.
-  std::vector<TimedFrame> frames = RateTimes(1, 5, film, sixty, 1);
+  std::vector<TimedFrame> frames = RateTimes(1, 5, rate("24"), rate("60"), 1);
   ASSERT_EQ(frames.size(), 11u);
   for (size_t k = 0; k < frames.size(); k += 5)
     EXPECT_EQ(frames[k].sourceTime, 1.0 + static_cast<double>(k * 2 / 5)) << k;
   EXPECT_DOUBLE_EQ(frames[1].sourceTime, 1.4);
   // 23.976 to 29.97 as fractions: 4 in to 5 out, exactly.
-  frames = RateTimes(0, 8, ntsc, ntscVideo, 0);
+  frames = RateTimes(0, 8, rate("24000/1001"), rate("30000/1001"), 0);
   EXPECT_EQ(frames.size(), 11u);
   EXPECT_EQ(frames[5].sourceTime, 4.0);
-  ASSERT_TRUE(ParseRate("29.97", &film, &error));
-  EXPECT_EQ(film.numerator, 2997);
-  EXPECT_EQ(film.denominator, 100);
+  Rate decimal = rate("29.97");
+  EXPECT_EQ(decimal.numerator, 2997);
+  EXPECT_EQ(decimal.denominator, 100);
   for (const char* bad : {"0", "-24", "24/0", "abc", "24fps", "", "1.2.3", "/1001"})
-    EXPECT_FALSE(ParseRate(bad, &film, &error)) << bad;
+    EXPECT_FALSE(ParseRate(bad, &decimal, &error)) << bad;
 }
 
 TEST(TimeMaps, KeysRampHoldAndReverse) {
@@ -72,11 +73,7 @@ TEST(TimeMaps, KeysRampHoldAndReverse) {
 }
 
 TEST(TimeMaps, BadMapsNameTheirLine) {
-  struct Case {
-    const char* text;
-    const char* says;
-  };
-  const Case cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"", "has no keys"},
       {"# only a comment\n\n", "has no keys"},
       {"1 2\nthree four\n", "line 2: 'three four' is not two numbers"},
@@ -86,11 +83,11 @@ TEST(TimeMaps, BadMapsNameTheirLine) {
       {"5 2\n5 3\n", "line 2: output frame 5 does not come after 5 of line 1"},
       {"1 nan\n", "line 1: '1 nan' is not two numbers"},
   };
-  for (const Case& c : cases) {
+  for (const auto& [text, says] : cases) {
     std::vector<TimeKey> keys;
     std::string error;
-    EXPECT_FALSE(ParseTimeMap(c.text, "map.txt", 1, 4, &keys, &error)) << c.text;
-    EXPECT_NE(error.find(c.says), std::string::npos) << c.text << " gave: " << error;
+    EXPECT_FALSE(ParseTimeMap(text, "map.txt", 1, 4, &keys, &error)) << text;
+    EXPECT_NE(error.find(says), std::string::npos) << text << " gave: " << error;
     EXPECT_NE(error.find("'map.txt'"), std::string::npos) << error;
     EXPECT_TRUE(keys.empty());
   }
@@ -125,12 +122,7 @@ std::vector<int64_t> OutputNumbers(const std::string& folder) {
   return numbers;
 }
 
-struct FormatCase {
-  const char* name;
-  const char* ext;
-  SampleDepth depth;
-  int32_t channels;
-};
+using test::FormatCase;
 class RetimeFormats : public ::testing::TestWithParam<FormatCase> {};
 
 TEST_P(RetimeFormats, HalfSpeedKeepsSourceFramesAndMakesFramesBetweenThem) {
@@ -157,24 +149,21 @@ TEST_P(RetimeFormats, HalfSpeedKeepsSourceFramesAndMakesFramesBetweenThem) {
     const double apart = Distance(a, b);
     EXPECT_LT(Distance(made, a), 0.75 * apart) << "output " << 5 + k;
     EXPECT_LT(Distance(made, b), 0.75 * apart) << "output " << 5 + k;
-    double still = 0.0;
+    auto at = [&](const Frame& f, int32_t x, int32_t y, int32_t ch) -> double {
+      return f.pixels[(static_cast<size_t>(y) * kW + x) * c.channels + ch];
+    };
+    double still = 0.0, alphaMid = 0.0;
     for (int32_t y = 44; y < kH - 1; ++y)
       for (int32_t x = 70; x < kW - 1; ++x)
-        for (int32_t ch = 0; ch < 3; ++ch) {
-          const size_t i = (static_cast<size_t>(y) * kW + x) * c.channels + ch;
-          still = std::max(still, static_cast<double>(std::fabs(made.pixels[i] - a.pixels[i])));
-        }
+        for (int32_t ch = 0; ch < 3; ++ch)
+          still = std::max(still, std::fabs(at(made, x, y, ch) - at(a, x, y, ch)));
     EXPECT_LT(still, 0.02) << "output " << 5 + k;
-    // The block's leading edge (its first column) has moved half of its 3 px step: the made
-    // frame matches the midpoint picture far better than either neighbour near the block.
-    if (c.channels == 4) {
-      double alphaMid = 0.0;
-      for (int32_t y = 10; y < 26; ++y)
-        alphaMid += std::fabs(made.pixels[(static_cast<size_t>(y) * kW + 40) * 4 + 3] -
-                              0.5f * (a.pixels[(static_cast<size_t>(y) * kW + 40) * 4 + 3] +
-                                      b.pixels[(static_cast<size_t>(y) * kW + 40) * 4 + 3]));
-      EXPECT_LT(alphaMid / 16.0, 0.1) << "alpha of output " << 5 + k;
-    }
+    // The alpha ramp moves with the block by half of its 3 px step: the made frame's alpha is
+    // near the mean of its neighbours' at the block's leading edge.
+    if (c.channels < 4) continue;
+    for (int32_t y = 10; y < 26; ++y)
+      alphaMid += std::fabs(at(made, 40, y, 3) - 0.5 * (at(a, 40, y, 3) + at(b, 40, y, 3)));
+    EXPECT_LT(alphaMid / 16.0, 0.1) << "alpha of output " << 5 + k;
   }
 }
 
@@ -182,7 +171,7 @@ INSTANTIATE_TEST_SUITE_P(Formats, RetimeFormats,
                          ::testing::Values(FormatCase{"Png8Rgb", "png", SampleDepth::k8, 3},
                                            FormatCase{"Tiff16Rgb", "tif", SampleDepth::k16, 3},
                                            FormatCase{"ExrHalfRgba", "exr", SampleDepth::kHalf, 4}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         test::FormatName);
 
 TEST(Retime, RatesAndTimeMapsNumberTheirFramesAndHitSourceFrames) {
   test::TempDir dir;
@@ -190,8 +179,8 @@ TEST(Retime, RatesAndTimeMapsNumberTheirFramesAndHitSourceFrames) {
   WriteClip(in, 1, 5, SampleDepth::k8, 3);
   ASSERT_TRUE(test::Succeeds({"retime", in, dir / "r/o.%04d.png", "--fps-in", "24", "--fps-out",
                               "60", "--start", "100", "--method", "nearest", "-q"}));
-  std::vector<int64_t> expected;
-  for (int64_t n = 100; n <= 110; ++n) expected.push_back(n);
+  std::vector<int64_t> expected(11);
+  std::iota(expected.begin(), expected.end(), 100);
   EXPECT_EQ(OutputNumbers(dir / "r"), expected);
   EXPECT_EQ(Load(dir / "r/o.0105.png").pixels, Load(dir / "in.0003.png").pixels);
   EXPECT_EQ(Load(dir / "r/o.0110.png").pixels, Load(dir / "in.0005.png").pixels);
@@ -201,8 +190,8 @@ TEST(Retime, RatesAndTimeMapsNumberTheirFramesAndHitSourceFrames) {
   ASSERT_TRUE(test::Succeeds({"retime", in, dir / "m/o.%04d.png", "--timemap", dir / "map.txt",
                               "-q", "--method", "dissolve", "--warp", "forward", "--shutter",
                               "0.5"}));
-  expected.clear();
-  for (int64_t n = 20; n <= 32; ++n) expected.push_back(n);
+  expected.resize(13);
+  std::iota(expected.begin(), expected.end(), 20);
   EXPECT_EQ(OutputNumbers(dir / "m"), expected);
   // Backwards at double speed from frame 5.
   ASSERT_TRUE(test::Succeeds({"retime", in, dir / "b/o.%04d.png", "--speed", "-2", "-q"}));
