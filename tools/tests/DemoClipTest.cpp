@@ -17,26 +17,26 @@ void ExpectSameColour(const float a[3], const float b[3], const char* what) {
   for (int c = 0; c < 3; ++c) EXPECT_NEAR(a[c], b[c], kSameColour) << what << " channel " << c;
 }
 
-TEST(DemoClip, MovingAPointAlongItsMotionKeepsItsColour) {
+// Moving a point along its stated motion keeps its colour, on the background, the disc and the
+// square; the motion and layer maps name the surface seen.
+TEST(DemoClip, MotionAndLayersAreTheMotionRendered) {
   DemoClip clip(320, 180, 24);
   const double t = 5.0, dt = 0.37;
+  double bu, bv, cx, cy, du, dv, sx, sy;
+  clip.BackgroundVelocity(&bu, &bv);
+  clip.DiscCentre(t, &cx, &cy);
+  clip.DiscVelocity(&du, &dv);
+  clip.SquareCentre(&sx, &sy);
   float before[3], after[3];
   // Background: a corner far from disc and square.
-  double bu, bv;
-  clip.BackgroundVelocity(&bu, &bv);
   clip.Sample(t, 10.0, 170.0, before);
   clip.Sample(t + dt, 10.0 + bu * dt, 170.0 + bv * dt, after);
   ExpectSameColour(before, after, "background");
   // Disc: a point inside, off centre.
-  double cx, cy, du, dv;
-  clip.DiscCentre(t, &cx, &cy);
-  clip.DiscVelocity(&du, &dv);
   clip.Sample(t, cx + 7.0, cy - 5.0, before);
   clip.Sample(t + dt, cx + 7.0 + du * dt, cy - 5.0 + dv * dt, after);
   ExpectSameColour(before, after, "disc");
   // Square: a point turned with the square about its centre.
-  double sx, sy;
-  clip.SquareCentre(&sx, &sy);
   double px = sx + 11.0, py = sy + 6.0;
   double a = clip.SquareOmega() * dt;
   double qx = sx + std::cos(a) * (px - sx) - std::sin(a) * (py - sy);
@@ -44,21 +44,12 @@ TEST(DemoClip, MovingAPointAlongItsMotionKeepsItsColour) {
   clip.Sample(t, px, py, before);
   clip.Sample(t + dt, qx, qy, after);
   ExpectSameColour(before, after, "square");
-}
 
-TEST(DemoClip, MotionAndLayersNameTheSurfaceSeen) {
-  DemoClip clip(320, 180, 24);
-  const double t = 3.0;
   std::vector<float> uv(320 * 180 * 2);
   std::vector<uint8_t> layers(320 * 180);
   clip.Motion(t, uv.data());
   clip.Layers(t, layers.data());
   auto at = [&](double x, double y) { return static_cast<size_t>(y) * 320 + static_cast<size_t>(x); };
-  double cx, cy, du, dv, bu, bv, sx, sy;
-  clip.DiscCentre(t, &cx, &cy);
-  clip.DiscVelocity(&du, &dv);
-  clip.BackgroundVelocity(&bu, &bv);
-  clip.SquareCentre(&sx, &sy);
   size_t disc = at(std::round(cx), std::round(cy));
   EXPECT_EQ(layers[disc], DemoClip::kDisc);
   EXPECT_FLOAT_EQ(uv[2 * disc], static_cast<float>(du));

@@ -97,11 +97,8 @@ TEST(SequenceChronar, SlowMotionReadsEachSourceFrameOnce) {
     ASSERT_EQ(out.pixels.size(), static_cast<size_t>(kW) * kH * 3);
   }
   EXPECT_EQ(retimer.Cache().Loads(), 4);
-  // Source frame 3 is exact: the frame as stored comes back.
-  ASSERT_TRUE(retimer.Render(12, 4, 0.35f, nullptr, &out, &error)) << error;
-  Frame stored;
-  ASSERT_TRUE(ReadFrame(dir / "c.0003.png", &stored, &error)) << error;
-  EXPECT_EQ(As8(out), As8(stored));
+  // The last output is on source frame 3: the frame as stored comes back.
+  EXPECT_EQ(As8(out), As8(test::Load(dir / "c.0003.png")));
   // Each flow pair was computed once: 3 pairs, two flows each.
   EXPECT_EQ(retimer.internal->flowRuns, 6);
 }
@@ -163,10 +160,9 @@ TEST(SequenceChronar, CutsAndMattes) {
   SequenceChronar cut(o);
   cut.interpolation = 1;
   std::string error;
-  Frame out, stored;
+  Frame out;
   ASSERT_TRUE(cut.Render(1.3, 4, 0.35f, nullptr, &out, &error)) << error;
-  ASSERT_TRUE(ReadFrame(dir / "c.0001.png", &stored, &error));
-  EXPECT_EQ(As8(out), As8(stored));
+  EXPECT_EQ(As8(out), As8(test::Load(dir / "c.0001.png")));
   EXPECT_EQ(cut.internal->flowRuns, 0);
   // One matte (the frames themselves, first channel): a layered render runs and reads the
   // matte files through the cache as their own stream.
