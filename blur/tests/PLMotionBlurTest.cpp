@@ -160,6 +160,7 @@ TEST_P(BlurReference, EntryAndBothRowLoopsMatchTheScalarReferenceBitForBit) {
     for (int32_t bilinear = 0; bilinear < 2; ++bilinear)
       for (int32_t countOutside = 0; countOutside < 2; ++countOutside, ++trial) {
         const int32_t w = sz[0], h = sz[1];
+        if (h > 100 && bilinear == countOutside) continue;  // the workers' case: two of four
         TestImage src = MakeImage(w, h, channels, type, trial & 1, (trial % 3) * 4 + 1);
         TestImage flow = MakeImage(sz[2], sz[3], 2, PLFloat, (trial >> 1) & 1, trial % 2 ? 12 : 0);
         TestImage want = MakeImage(w, h, channels, type);

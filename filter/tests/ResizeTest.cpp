@@ -37,8 +37,8 @@ class ResizeReference : public ::testing::TestWithParam<std::tuple<int32_t, int3
 TEST_P(ResizeReference, BothLoopsMatchLiteralReference) {
   const int32_t dt = std::get<0>(GetParam());
   const int32_t st = std::get<1>(GetParam());
-  const int32_t sizes[][4] = {{17, 13, 9, 7},   {5, 4, 12, 9},     {2, 2, 3, 5},
-                              {40, 3, 7, 2},    {13, 11, 13, 11},  {33, 17, 16, 8},
+  const int32_t sizes[][4] = {{17, 13, 9, 7},   {5, 4, 12, 9},    {2, 2, 3, 5},
+                              {40, 3, 7, 2},    {13, 11, 13, 11}, {33, 17, 16, 8},
                               {10, 6, 22, 13},  {1921, 9, 10, 4}};
   uint32_t seed = 1;
   for (auto& z : sizes)
