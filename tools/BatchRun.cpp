@@ -22,6 +22,7 @@
 #include "tools/FlowView.h"
 #include "tools/FrameCache.h"
 #include "tools/FramePipeline.h"
+#include "tools/Messages.h"
 #include "tools/Sequence.h"
 
 namespace flowblur {
@@ -44,47 +45,6 @@ void OnInterrupt(int) {
 }
 
 void OnStop(int signal) { gStopSignal.store(signal); }
-
-void Say(const std::string& text) { std::fprintf(stderr, "flowblur: %s\n", text.c_str()); }
-
-std::string Quote(const std::string& path) { return "'" + path + "'"; }
-
-std::string SizeText(int32_t width, int32_t height) {
-  return std::to_string(width) + "x" + std::to_string(height);
-}
-
-// Progress on one line of a terminal: frame, rate, time left.
-class Progress {
- public:
-  Progress(bool show, int64_t total) : show_(show), total_(total) {
-    start_ = std::chrono::steady_clock::now();
-  }
-  void Update(int64_t done, int64_t fileFrame) {
-    if (!show_) return;
-    double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
-    double fps = seconds > 0.0 ? done / seconds : 0.0;
-    double left = fps > 0.0 ? (total_ - done) / fps : 0.0;
-    int64_t leftSeconds = static_cast<int64_t>(left + 0.5);
-    std::fprintf(stderr, "\rflowblur: frame %lld (%lld of %lld)  %.2f fps  %lld:%02lld left   ",
-                 static_cast<long long>(fileFrame), static_cast<long long>(done),
-                 static_cast<long long>(total_), fps, static_cast<long long>(leftSeconds / 60),
-                 static_cast<long long>(leftSeconds % 60));
-    std::fflush(stderr);
-    dirty_ = true;
-  }
-  // Ends the progress line before any other message.
-  void Break() {
-    if (dirty_) std::fputc('\n', stderr);
-    dirty_ = false;
-  }
-
- private:
-  bool show_;
-  bool dirty_ = false;
-  int64_t total_;
-  std::chrono::steady_clock::time_point start_;
-};
 
 std::string FramePath(const SequencePattern& pattern, int64_t frame) {
   return pattern.numbered ? pattern.PathFor(frame) : pattern.text;

@@ -3,10 +3,10 @@
 
 #include <unistd.h>
 
+#include "tools/Messages.h"
+
 namespace flowblur {
 namespace {
-
-std::string Quote(const std::string& path) { return "'" + path + "'"; }
 
 std::string Lower(std::string s) {
   for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));

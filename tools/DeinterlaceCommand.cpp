@@ -8,13 +8,12 @@
 
 #include "fill/InterpolateField.h"
 #include "image/PLPixelConvert.h"
+#include "tools/Messages.h"
 #include "tools/RetimeCommand.h"
 
 namespace flowblur {
 
 namespace {
-
-void Say(const std::string& text) { std::fprintf(stderr, "flowblur: %s\n", text.c_str()); }
 
 // InterpolateField's field argument that keeps the rows of `parity` (0 even, 1 odd): on a
 // frame of even height lastRow is odd, so field 2 rebuilds the even rows and 3 the odd ones.

@@ -13,16 +13,13 @@
 
 #include "tools/DemoClip.h"
 #include "tools/ImageFiles.h"
+#include "tools/Messages.h"
 #include "tools/MovieFiles.h"
 
 namespace flowblur {
 namespace {
 
 constexpr const char* kMarker = kDemoMarker;
-
-void Say(const std::string& text) { std::fprintf(stderr, "flowblur: %s\n", text.c_str()); }
-
-
 
 // The blurred frames as one movie beside them.
 bool WriteDemoMovie(const std::string& folder, int32_t frames, std::string* error) {

@@ -11,12 +11,12 @@
 #include <cstdio>
 #include <cstring>
 
+#include "tools/Messages.h"
+
 extern char** environ;
 
 namespace flowblur {
 namespace {
-
-void Say(const std::string& text) { std::fprintf(stderr, "flowblur: %s\n", text.c_str()); }
 
 std::string Absolute(const std::string& path) {
   if (path.empty() || path[0] == '/') return path;

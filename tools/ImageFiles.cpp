@@ -19,10 +19,10 @@
 #include <immintrin.h>
 #endif
 
+#include "tools/Messages.h"
+
 namespace flowblur {
 namespace {
-
-std::string Quote(const std::string& path) { return "'" + path + "'"; }
 
 std::string Lower(std::string s) {
   for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -256,7 +256,6 @@ bool MakeFolders(const std::string& folder, std::string* error,
   created->push_back(folder);
   return true;
 }
-
 
 }  // namespace
 

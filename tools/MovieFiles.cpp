@@ -20,10 +20,10 @@ extern "C" {
 #include <cstring>
 #include <vector>
 
+#include "tools/Messages.h"
+
 namespace flowblur {
 namespace {
-
-std::string Quote(const std::string& path) { return "'" + path + "'"; }
 
 std::string AvError(int code) {
   char text[AV_ERROR_MAX_STRING_SIZE] = {0};

@@ -24,6 +24,7 @@
 #include "image/PLPixelConvert.h"
 #include "runtime/NuvMP.h"
 #include "shell/spark.h"
+#include "tools/Messages.h"
 #include "tools/TimeMap.h"
 
 namespace flowblur {
@@ -31,9 +32,6 @@ namespace flowblur {
 namespace {
 
 int64_t gResampleWritten = 0;
-
-void Say(const std::string& text) { std::fprintf(stderr, "flowblur: %s\n", text.c_str()); }
-std::string Quote(const std::string& path) { return "'" + path + "'"; }
 
 float WhiteOf(int32_t dataType) {
   return dataType == PLUChar ? 255.0f : dataType == PLUShort ? 65535.0f : 1.0f;
@@ -381,34 +379,6 @@ void UseWorkers(int32_t threads, int32_t width, int32_t height) {
 int64_t LastResampleFramesWritten() { return gResampleWritten; }
 
 namespace {
-
-class Progress {
- public:
-  Progress(bool show, int64_t total) : show_(show), total_(total) {}
-  void Update(int64_t done, int64_t number) {
-    if (!show_) return;
-    const double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
-    const double fps = seconds > 0.0 ? done / seconds : 0.0;
-    const int64_t left = static_cast<int64_t>((fps > 0.0 ? (total_ - done) / fps : 0.0) + 0.5);
-    std::fprintf(stderr, "\rflowblur: frame %lld (%lld of %lld)  %.2f fps  %lld:%02lld left   ",
-                 static_cast<long long>(number), static_cast<long long>(done),
-                 static_cast<long long>(total_), fps, static_cast<long long>(left / 60),
-                 static_cast<long long>(left % 60));
-    std::fflush(stderr);
-    dirty_ = true;
-  }
-  void Break() {
-    if (dirty_) std::fputc('\n', stderr);
-    dirty_ = false;
-  }
-
- private:
-  bool show_;
-  bool dirty_ = false;
-  int64_t total_;
-  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-};
 
 // A frame's floats as the integer samples the writer would store, for a file whose every
 // channel is 8- or 16-bit. The writer scales by the type's top, rounds to nearest and clamps;

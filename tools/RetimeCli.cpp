@@ -11,6 +11,7 @@
 #include "fill/InterpolateField.h"
 #include "tools/ClipFiles.h"
 #include "tools/ImageFiles.h"
+#include "tools/Messages.h"
 
 namespace flowblur {
 
@@ -31,8 +32,6 @@ constexpr const char* kDeinterlaceHelp =
     "two frames out per frame in, one per field: each keeps its field's rows and takes the\n"
     "others from the motion-compensated picture of the neighbouring fields. Example:\n"
     "  flowblur deinterlace tape.####.png out/tape.####.png --field-order tff --rate field\n";
-
-void Say(const std::string& text) { std::fprintf(stderr, "flowblur: %s\n", text.c_str()); }
 
 int Usage(const std::string& text) {
   Say(text);

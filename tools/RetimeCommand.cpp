@@ -8,11 +8,11 @@
 #include <memory>
 #include <sstream>
 
+#include "tools/Messages.h"
+
 namespace flowblur {
 
 namespace {
-
-void Say(const std::string& text) { std::fprintf(stderr, "flowblur: %s\n", text.c_str()); }
 
 // The engine's quality codes for the flow: 4 estimates at half the frame size, 3 at a
 // quarter, as the plug-in's Best and Draft do.

@@ -10,6 +10,7 @@
 
 #include "tools/Demo.h"
 #include "tools/DemoClip.h"
+#include "tools/Messages.h"
 #include "tools/RetimeCommand.h"
 
 namespace flowblur {
@@ -18,10 +19,6 @@ namespace {
 
 // The same marker as the blur demo's, so that either demo may rerun in the other's folder.
 constexpr const char* kMarker = kDemoMarker;
-
-void Say(const std::string& text) { std::fprintf(stderr, "flowblur: %s\n", text.c_str()); }
-
-
 
 std::string Numbered(const std::string& folder, const char* stem, int32_t number) {
   char name[64];
