@@ -131,7 +131,10 @@ TEST_P(Chronar4Cache, FlowRunsOnlyWhenItsKeysChange) {
   EXPECT_EQ(clip.engine.Outstanding(), 0);
 }
 
-TEST_P(Chronar4Cache, KindsThreeAndFourAndShotChangesShowTheNearestFrame) {
+// Frame kinds 3 and 4 and a change of shot show the nearest frame; without flow the engine
+// is the plain cross-fade of the pair at the time's share (interpolation 0: the nearer
+// frame). Neither runs a flow.
+TEST_P(Chronar4Cache, KindsAndRendersWithoutFlowRunNone) {
   for (int32_t k : {3, 4, -1}) {
     Clip clip;
     clip.engine.interpolation = GetParam();
@@ -144,29 +147,22 @@ TEST_P(Chronar4Cache, KindsThreeAndFourAndShotChangesShowTheNearestFrame) {
     EXPECT_EQ(clip.engine.FlowRuns(), 0);
     EXPECT_TRUE(pltest::SamePixels(clip.out.get(), clip.engine.frames[2].get()));
   }
+  Clip clip;
+  clip.engine.useFlow = 0;
+  clip.engine.interpolation = GetParam();
+  ASSERT_EQ(clip.Render(1.25f), 0);
+  EXPECT_EQ(clip.engine.FlowRuns(), 0);
+  const PLImage* a = clip.engine.frames[1].get();
+  pltest::TestImage mix = pltest::MakeImage(kW, kH, 3, PLUChar);
+  ASSERT_EQ(PLRetimeMix(mix.get(), a, clip.engine.frames[2].get(), 0.25f, nullptr, nullptr, nullptr,
+                        nullptr),
+            1);
+  EXPECT_TRUE(pltest::SamePixels(clip.out.get(), GetParam() == 0 ? a : mix.get()));
 }
 
 INSTANTIATE_TEST_SUITE_P(Interpolations, Chronar4Cache, ::testing::Values(0, 1, 2));
 
 // ---- What is shown --------------------------------------------------------------------------
-
-// Without flow the engine runs none and is the plain cross-fade of the pair at the time's
-// share (interpolation 0: the nearer frame).
-TEST(Chronar4Picture, WithoutFlowMixesOrShowsNearer) {
-  for (int64_t interp : {0, 1, 2}) {
-    Clip clip;
-    clip.engine.useFlow = 0;
-    clip.engine.interpolation = interp;
-    ASSERT_EQ(clip.Render(1.25f), 0);
-    EXPECT_EQ(clip.engine.FlowRuns(), 0);
-    const PLImage* a = clip.engine.frames[1].get();
-    pltest::TestImage mix = pltest::MakeImage(kW, kH, 3, PLUChar);
-    ASSERT_EQ(PLRetimeMix(mix.get(), a, clip.engine.frames[2].get(), 0.25f, nullptr, nullptr,
-                          nullptr, nullptr),
-              1);
-    EXPECT_TRUE(pltest::SamePixels(clip.out.get(), interp == 0 ? a : mix.get())) << interp;
-  }
-}
 
 // A pan moved between two frames: every style and mix lands near the true in-between
 // picture and far from either frame.
