@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <vector>
 
 #include "filter/PLKernels.h"
 #include "filter/PLSeparable.h"
@@ -13,8 +14,8 @@ using filtertest::GaussKernel;
 
 namespace {
 
-// A single 1.0 in the middle of a zero Float image: a rows-only pass leaves the kernel's
-// taps in the middle run, one product each, so the weights are read back exactly.
+// A single 1.0 in the middle of a zero Float image: each pass leaves the kernel's taps in its
+// middle run, one product each, so the weights are read back exactly.
 TestImage Impulse(int32_t size = 41) {
   TestImage im = MakeImage(size, size, 1, PLFloat);
   Fill(im.get(), 0.0);
@@ -22,14 +23,25 @@ TestImage Impulse(int32_t size = 41) {
   return im;
 }
 
-void ExpectRowResponse(const PLImage* im, const SeparableKernel& half) {
+// The whole kernel from its half-weights.
+std::vector<float> Full(const SeparableKernel& k) {
+  std::vector<float> w(2 * k.count - 1);
+  for (int32_t i = 0; i < k.count; ++i) w[k.count - 1 - i] = w[k.count - 1 + i] = k.weights[i];
+  return w;
+}
+
+// The impulse's response is row[i] * column[j] at (c + rowFirst + i, c + columnFirst + j) and
+// 0 for two samples around that; {1.0f} at 0 stands for no pass.
+void ExpectResponse(const PLImage* im, const std::vector<float>& row, int32_t rowFirst,
+                    const std::vector<float>& column, int32_t columnFirst) {
   const int32_t c = im->width / 2;
-  for (int32_t k = 0; k < half.count; ++k) {
-    EXPECT_EQ(Get(im, c + k, c, 0), half.weights[k]) << "tap " << k;
-    EXPECT_EQ(Get(im, c - k, c, 0), half.weights[k]) << "tap -" << k;
-  }
-  EXPECT_EQ(Get(im, c + half.count, c, 0), 0.0);
-  EXPECT_EQ(Get(im, c, c + 1, 0), 0.0);  // rows only
+  const int32_t n = static_cast<int32_t>(row.size()), m = static_cast<int32_t>(column.size());
+  for (int32_t j = -2; j < m + 2; ++j)
+    for (int32_t i = -2; i < n + 2; ++i) {
+      const bool tap = i >= 0 && i < n && j >= 0 && j < m;
+      EXPECT_EQ(Get(im, c + rowFirst + i, c + columnFirst + j, 0), tap ? row[i] * column[j] : 0.0f)
+          << "at " << rowFirst + i << "," << columnFirst + j;
+    }
 }
 
 // Radius 1 has two half-weights, 1 and 2^-9; a fractional radius truncates the count but
@@ -37,8 +49,9 @@ void ExpectRowResponse(const PLImage* im, const SeparableKernel& half) {
 TEST(GaussBlur, ImpulseResponseHasTheNormalisedHalfWeights) {
   for (float radius : {1.0f, 2.9f}) {
     TestImage im = Impulse();
-    PLGaussBlur(im.get(), 2, radius);
-    ExpectRowResponse(im.get(), GaussKernel(radius));
+    PLGaussBlur(im.get(), 2, radius);  // rows only
+    const SeparableKernel k = GaussKernel(radius);
+    ExpectResponse(im.get(), Full(k), 1 - k.count, {1.0f}, 0);
   }
   const SeparableKernel one = GaussKernel(1.0f), frac = GaussKernel(2.9f);
   ASSERT_EQ(one.count, 2);
@@ -85,58 +98,43 @@ TEST(GaussBlur, ModeMapping) {
 }
 
 TEST(BoxBlur, WholeAndFractionalRadiusWeights) {
-  const int32_t c = 20;
   TestImage whole = Impulse();
   PLBoxBlur(whole.get(), 2, 3.0f);  // rows only: seven equal weights
-  for (int32_t x = c - 3; x <= c + 3; ++x) EXPECT_EQ(Get(whole.get(), x, c, 0), 1.0f / 7.0f) << x;
-  EXPECT_EQ(Get(whole.get(), c - 4, c, 0), 0.0);
-  EXPECT_EQ(Get(whole.get(), c + 4, c, 0), 0.0);
+  ExpectResponse(whole.get(), std::vector<float>(7, 1.0f / 7.0f), -3, {1.0f}, 0);
+  // Columns only: seven weights 0.5 1 1 1 1 1 0.5 over 7, centred one sample toward the start.
   TestImage im = Impulse();
-  PLBoxBlur(im.get(), 3, 2.5f);  // columns only
-  // Seven weights 0.5 1 1 1 1 1 0.5 over 7, centred one sample toward the start.
-  EXPECT_EQ(Get(im.get(), c, c - 4, 0), 0.5f / 7.0f);
-  for (int32_t y = c - 3; y <= c + 1; ++y) EXPECT_EQ(Get(im.get(), c, y, 0), 1.0f / 7.0f) << y;
-  EXPECT_EQ(Get(im.get(), c, c + 2, 0), 0.5f / 7.0f);
-  EXPECT_EQ(Get(im.get(), c, c + 3, 0), 0.0);
-  EXPECT_EQ(Get(im.get(), c + 1, c, 0), 0.0);  // columns only
+  PLBoxBlur(im.get(), 3, 2.5f);
+  const float a = 0.5f / 7.0f, b = 1.0f / 7.0f;
+  ExpectResponse(im.get(), {1.0f}, 0, {a, b, b, b, b, b, a}, -4);
   // Box mode 1 does nothing (the Gaussian's mode 1 filters both ways).
   TestImage untouched = Impulse();
   PLBoxBlur(untouched.get(), 1, 3.0f);
   EXPECT_TRUE(SamePixels(untouched.get(), Impulse().get()));
 }
 
+// Through the engine the response is 2D: the products of the normalised quarter-turn cosine
+// weights, the last of which is a hair below zero.
 TEST(CosineBlur, QuarterTurnConstantLeavesATinyNegativeLastWeight) {
   TestImage im = Impulse();
-  // Through the engine the response is 2D; its centre row at distance 2 is w2 * w0.
   PLCosineBlur(im.get(), 2.0f);
   std::vector<float> half(3);
   for (int32_t i = 0; i < 3; ++i)
     half[i] = static_cast<float>(std::cos(static_cast<double>(i) * 1.570796826795 / 2.0));
   const SeparableKernel kernel = filtertest::Normalised(half);
-  const float* w = kernel.weights;
-  EXPECT_LT(w[2], 0.0f);
-  EXPECT_GT(w[2], -1e-6f);
-  const int32_t c = 20;
-  EXPECT_EQ(Get(im.get(), c + 2, c, 0), w[0] * w[2]);
-  EXPECT_EQ(Get(im.get(), c + 1, c - 1, 0), w[1] * w[1]);
-  EXPECT_LT(Get(im.get(), c + 2, c, 0), 0.0);
+  EXPECT_LT(kernel.weights[2], 0.0f);
+  EXPECT_GT(kernel.weights[2], -1e-6f);
+  ExpectResponse(im.get(), Full(kernel), -2, Full(kernel), -2);
+  EXPECT_LT(Get(im.get(), 22, 20, 0), 0.0);
 }
 
 TEST(Binomial, FiveAndThreeTapResponses) {
-  const float five[5] = {0.0625f, 0.25f, 0.375f, 0.25f, 0.0625f};
-  const float three[3] = {0.25f, 0.5f, 0.25f};
-  TestImage a = Impulse();
+  const std::vector<float> five = {0.0625f, 0.25f, 0.375f, 0.25f, 0.0625f};
+  const std::vector<float> three = {0.25f, 0.5f, 0.25f};
+  TestImage a = Impulse(), b = Impulse();
   PLBinomial5Blur(a.get());
-  TestImage b = Impulse();
   PLBinomial121Blur(b.get());
-  const int32_t c = 20;
-  for (int32_t dy = -3; dy <= 3; ++dy)
-    for (int32_t dx = -3; dx <= 3; ++dx) {
-      float w5 = (std::abs(dx) <= 2 && std::abs(dy) <= 2) ? five[dx + 2] * five[dy + 2] : 0.0f;
-      float w3 = (std::abs(dx) <= 1 && std::abs(dy) <= 1) ? three[dx + 1] * three[dy + 1] : 0.0f;
-      EXPECT_EQ(Get(a.get(), c + dx, c + dy, 0), w5) << dx << "," << dy;
-      EXPECT_EQ(Get(b.get(), c + dx, c + dy, 0), w3) << dx << "," << dy;
-    }
+  ExpectResponse(a.get(), five, -2, five, -2);
+  ExpectResponse(b.get(), three, -1, three, -1);
 }
 
 // Blurring from another image is blurring a copy of it in place, whether or not the two
