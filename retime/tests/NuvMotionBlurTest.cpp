@@ -275,8 +275,11 @@ TEST(MotionBlurRefusals, BadInputsReturnParameterError) {
 }
 
 // An interruption comes back as 6; the half-made flow is dropped and the source's channel
-// order is put back.
-TEST(MotionBlurFailures, InterruptionIsReturned) {
+// order is put back. Images too small for the renderer (one row or column) are refused with
+// 5, and 2 x 2 renders; nothing reads or writes outside an image (checked under the
+// sanitizers). Both layered or not.
+TEST(MotionBlurFailures, InterruptionAndTinyImages) {
+  const float amounts[1] = {0.5f};
   for (int32_t mattes : {0, 1}) {
     LayerScene s(32, 28, PLFloat, 1, 2);
     s.mattes = mattes;
@@ -285,24 +288,16 @@ TEST(MotionBlurFailures, InterruptionIsReturned) {
     NuvIdleAndProgressClass parent(nullptr);
     parent.SetInterrupted(true);
     NuvMotionBlur mb;
-    const float amounts[1] = {0.5f};
     EXPECT_EQ(s.Render(&mb, amounts, 0.5f, 0.0f, &parent), 6);
     EXPECT_EQ(mb.cache->estimator, nullptr);
     EXPECT_EQ(PixelBytes(s.src.get()), srcBefore);
-  }
-}
-
-// Images too small for the renderer (one row or column) are refused with 5, layered or not,
-// and 2 x 2 renders; nothing reads or writes outside an image (checked under the sanitizers).
-TEST(MotionBlurFailures, TinyImages) {
-  for (int32_t mattes : {0, 1})
     for (auto size : {std::make_pair(1, 1), std::make_pair(1, 3), std::make_pair(3, 1), std::make_pair(2, 2)}) {
-      LayerScene s(size.first, size.second, PLUChar, 1, 0);
-      s.mattes = mattes;
-      const float amounts[1] = {0.5f};
-      NuvMotionBlur mb;
-      EXPECT_EQ(s.Render(&mb, amounts, 0.5f), size.first == 2 ? 0 : 5) << size.first << "x" << size.second;
+      LayerScene tiny(size.first, size.second, PLUChar, 1, 0);
+      tiny.mattes = mattes;
+      NuvMotionBlur fresh;
+      EXPECT_EQ(tiny.Render(&fresh, amounts, 0.5f), size.first == 2 ? 0 : 5) << size.first << "x" << size.second;
     }
+  }
 }
 
 // The whole render, one layer and layered (with chokes), gives the same bytes on 1, 2, 3 and
