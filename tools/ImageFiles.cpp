@@ -724,6 +724,18 @@ void ApplyCompression(const std::string& path, const std::string& choice,
   }
 }
 
+bool SyncToDisk(const std::string& path, std::string* why) {
+  const int fd = open(path.c_str(), O_RDONLY);
+  if (fd < 0) {
+    *why = std::string("temporary file vanished: ") + std::strerror(errno);
+    return false;
+  }
+  const bool synced = fsync(fd) == 0;
+  if (!synced) *why = std::strerror(errno);
+  close(fd);
+  return synced;
+}
+
 std::string TemporaryPathFor(const std::string& path) {
   size_t slash = path.rfind('/');
   std::string folder = slash == std::string::npos ? "" : path.substr(0, slash + 1);
@@ -840,18 +852,8 @@ bool WriteImageSafely(const std::string& path, const OIIO::ImageSpec& imageSpec,
       return fail(e.empty() ? "closing failed" : e);
     }
     out.reset();
-    // Flushed to the disk before the name appears, so a crash cannot leave a final name over
-    // unwritten data; a full disk can still show up here.
-    int fd = open(temp.c_str(), O_RDONLY);
-    if (fd < 0) return fail(std::string("temporary file vanished: ") + std::strerror(errno));
-    if (fsync(fd) != 0) {
-      int e = errno;
-      close(fd);
-      return fail(std::strerror(e));
-    }
-    close(fd);
     std::string why;
-    if (!VerifyReadable(temp, imageSpec, &why)) return fail(why);
+    if (!SyncToDisk(temp, &why) || !VerifyReadable(temp, imageSpec, &why)) return fail(why);
   }
   if (overwrite) {
     if (rename(temp.c_str(), path.c_str()) != 0) return fail(std::strerror(errno));

@@ -123,6 +123,10 @@ void ApplyCompression(const std::string& path, const std::string& choice,
 bool WriteImageSafely(const std::string& path, const OIIO::ImageSpec& imageSpec, OIIO::TypeDesc type,
                       const void* pixels, bool overwrite, std::string* error);
 
+// Flushes a written file to the disk, so that a name given to it afterwards cannot stand over
+// unwritten data (a full disk can still show up here). False with the system's reason.
+bool SyncToDisk(const std::string& path, std::string* why);
+
 // The hidden temporary name WriteImageSafely uses for `path` (used by tests to check that
 // nothing is left behind).
 std::string TemporaryPathFor(const std::string& path);

@@ -738,14 +738,8 @@ bool MovieWriter::Finish(std::string* error) {
   if ((code = av_write_trailer(s.format)) < 0) return fail(AvError(code));
   if ((code = avio_closep(&s.format->pb)) < 0) return fail(AvError(code));
   // On the disk before the name appears.
-  int fd = open(s.temp.c_str(), O_RDONLY);
-  if (fd < 0) return fail(std::string("temporary file vanished: ") + std::strerror(errno));
-  if (fsync(fd) != 0) {
-    int e = errno;
-    close(fd);
-    return fail(std::strerror(e));
-  }
-  close(fd);
+  std::string why;
+  if (!SyncToDisk(s.temp, &why)) return fail(why);
   if (s.overwrite) {
     if (rename(s.temp.c_str(), s.path.c_str()) != 0) return fail(std::strerror(errno));
   } else {
