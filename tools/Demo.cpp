@@ -104,41 +104,53 @@ Picture ContactSheet(const std::vector<Picture>& cells, int32_t columns, int32_t
   return sheet;
 }
 
-int RunDemo(const std::string& folder, const BatchOptions& base, int32_t width, int32_t height,
-            int32_t frames, bool movie) {
-  std::string error;
-  std::string marker = folder + "/" + kMarker;
+int PrepareDemoFolder(const std::string& folder, std::initializer_list<const char*> subfolders) {
+  const std::string marker = folder + "/" + kMarker;
   if (HasEntries(folder) && access(marker.c_str(), F_OK) != 0) {
     Say("demo folder '" + folder +
         "' already holds other files; name an empty or new folder (the demo only replaces its "
         "own earlier results)");
     return kExitOutput;
   }
-  if (!PrepareOutputFolder(folder + "/input", &error) ||
-      !PrepareOutputFolder(folder + "/output", &error) ||
-      !PrepareOutputFolder(folder + "/flow", &error)) {
-    Say(error);
-    return kExitOutput;
-  }
-  int fd = open(marker.c_str(), O_WRONLY | O_CREAT, 0644);
+  std::string error;
+  for (const char* sub : subfolders)
+    if (!PrepareOutputFolder(folder + sub, &error)) {
+      Say(error);
+      return kExitOutput;
+    }
+  const int fd = open(marker.c_str(), O_WRONLY | O_CREAT, 0644);
   if (fd >= 0) close(fd);
+  return kExitOk;
+}
 
-  DemoClip clip(width, height, frames);
-  if (!base.quiet)
-    Say("rendering the demo clip: " + std::to_string(frames) + " frames of " +
-        std::to_string(width) + "x" + std::to_string(height));
-  std::vector<uint8_t> rgb(static_cast<size_t>(width) * height * 3);
-  OIIO::ImageSpec imageSpec(width, height, 3, OIIO::TypeDesc::UINT8);
+int WriteDemoFrames(const DemoClip& clip, const std::string& folder, int32_t count, double step) {
+  std::vector<uint8_t> rgb(static_cast<size_t>(clip.Width()) * clip.Height() * 3);
+  OIIO::ImageSpec imageSpec(clip.Width(), clip.Height(), 3, OIIO::TypeDesc::UINT8);
   imageSpec.attribute("oiio:ColorSpace", "sRGB");
-  for (int32_t t = 0; t < frames; ++t) {
-    clip.Render8(t, rgb.data());
+  std::string error;
+  for (int32_t k = 0; k < count; ++k) {
+    clip.Render8(step * k, rgb.data());
     char name[64];
-    std::snprintf(name, sizeof name, "/input/demo.%04d.png", t + 1);
-    if (!WriteImageSafely(folder + name, imageSpec, OIIO::TypeDesc::UINT8, rgb.data(), true, &error)) {
+    std::snprintf(name, sizeof name, "/demo.%04d.png", k + 1);
+    if (!WriteImageSafely(folder + name, imageSpec, OIIO::TypeDesc::UINT8, rgb.data(), true,
+                          &error)) {
       Say(error);
       return kExitOutput;
     }
   }
+  return kExitOk;
+}
+
+int RunDemo(const std::string& folder, const BatchOptions& base, int32_t width, int32_t height,
+            int32_t frames, bool movie) {
+  std::string error;
+  int code = PrepareDemoFolder(folder, {"/input", "/output", "/flow"});
+  if (code != kExitOk) return code;
+  DemoClip clip(width, height, frames);
+  if (!base.quiet)
+    Say("rendering the demo clip: " + std::to_string(frames) + " frames of " +
+        std::to_string(width) + "x" + std::to_string(height));
+  if ((code = WriteDemoFrames(clip, folder + "/input", frames, 1.0)) != kExitOk) return code;
 
   BatchOptions options = base;
   options.input = folder + "/input/demo.%04d.png";
@@ -149,7 +161,7 @@ int RunDemo(const std::string& folder, const BatchOptions& base, int32_t width, 
   options.overwrite = true;
   options.flowFolder = folder + "/flow";
   options.flowExr = false;
-  int code = RunBatch(options);
+  code = RunBatch(options);
   if (code != kExitOk) return code;
   if (movie && !WriteDemoMovie(folder, frames, &error)) {
     Say(error);

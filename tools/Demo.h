@@ -1,10 +1,12 @@
 // flowblur: `flowblur demo`: the built-in clip written, blurred, and shown on a contact sheet.
 #pragma once
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
 #include "tools/BatchRun.h"
+#include "tools/DemoClip.h"
 
 namespace flowblur {
 
@@ -32,6 +34,12 @@ Picture ContactSheet(const std::vector<Picture>& cells, int32_t columns, int32_t
 
 // The file a demo leaves in its folder, so that either demo may write there again.
 inline constexpr const char* kDemoMarker = ".flowblur-demo";
+// Readies a demo folder: refused when it holds files but no marker (an earlier demo's folder
+// may be written again), then the subfolders made and the marker left. An ExitCode.
+int PrepareDemoFolder(const std::string& folder, std::initializer_list<const char*> subfolders);
+// The demo clip at times 0, step, 2 step, ... (`count` frames) as 8-bit sRGB PNGs
+// FOLDER/demo.0001.png on. An ExitCode, after saying why.
+int WriteDemoFrames(const DemoClip& clip, const std::string& folder, int32_t count, double step);
 // Whether the folder has anything in it besides . and ..; false for a missing folder.
 bool HasEntries(const std::string& folder);
 // An image file's colour channels as 8-bit RGB, clamped to 0..1 first, for a contact sheet.

@@ -1,9 +1,5 @@
 // flowblur: `flowblur demo --retime`: the demo clip in slow motion, with a contact sheet of
 // source frames, made frames and their flow.
-#include <dirent.h>
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -17,9 +13,6 @@ namespace flowblur {
 
 namespace {
 
-// The same marker as the blur demo's, so that either demo may rerun in the other's folder.
-constexpr const char* kMarker = kDemoMarker;
-
 std::string Numbered(const std::string& folder, const char* stem, int32_t number) {
   char name[64];
   std::snprintf(name, sizeof name, "/%s.%04d.png", stem, number);
@@ -31,47 +24,17 @@ std::string Numbered(const std::string& folder, const char* stem, int32_t number
 int RunRetimeDemo(const std::string& folder, const RetimeOptions& base, int32_t width,
                   int32_t height, int32_t frames) {
   std::string error;
-  const std::string marker = folder + "/" + kMarker;
-  if (HasEntries(folder) && access(marker.c_str(), F_OK) != 0) {
-    Say("demo folder '" + folder +
-        "' already holds other files; name an empty or new folder (the demo only replaces its "
-        "own earlier results)");
-    return kExitOutput;
-  }
-  for (const char* sub : {"/input", "/retime", "/retime-flow", "/truth"})
-    if (!PrepareOutputFolder(folder + sub, &error)) {
-      Say(error);
-      return kExitOutput;
-    }
-  const int fd = open(marker.c_str(), O_WRONLY | O_CREAT, 0644);
-  if (fd >= 0) close(fd);
-
+  int code = PrepareDemoFolder(folder, {"/input", "/retime", "/retime-flow", "/truth"});
+  if (code != kExitOk) return code;
   DemoClip clip(width, height, frames);
   if (!base.run.quiet)
     Say("rendering the demo clip: " + std::to_string(frames) + " frames of " +
         std::to_string(width) + "x" + std::to_string(height));
-  std::vector<uint8_t> rgb(static_cast<size_t>(width) * height * 3);
-  OIIO::ImageSpec imageSpec(width, height, 3, OIIO::TypeDesc::UINT8);
-  imageSpec.attribute("oiio:ColorSpace", "sRGB");
-  for (int32_t t = 0; t < frames; ++t) {
-    clip.Render8(t, rgb.data());
-    if (!WriteImageSafely(Numbered(folder + "/input", "demo", t + 1), imageSpec,
-                          OIIO::TypeDesc::UINT8, rgb.data(), true, &error)) {
-      Say(error);
-      return kExitOutput;
-    }
-  }
-
-  // What a camera running twice as fast would have shot: the clip rendered at every output
-  // time of the half-speed run, and one half frame beyond, to measure the made frames by.
-  for (int32_t k = 0; k < 2 * frames; ++k) {
-    clip.Render8(0.5 * k, rgb.data());
-    if (!WriteImageSafely(Numbered(folder + "/truth", "demo", k + 1), imageSpec,
-                          OIIO::TypeDesc::UINT8, rgb.data(), true, &error)) {
-      Say(error);
-      return kExitOutput;
-    }
-  }
+  // Beside the input, what a camera running twice as fast would have shot: the clip at every
+  // output time of the half-speed run, and one half frame beyond, to measure the made frames by.
+  if ((code = WriteDemoFrames(clip, folder + "/input", frames, 1.0)) != kExitOk ||
+      (code = WriteDemoFrames(clip, folder + "/truth", 2 * frames, 0.5)) != kExitOk)
+    return code;
 
   RetimeOptions options = base;
   options.run.input = folder + "/input/demo.%04d.png";
@@ -80,7 +43,7 @@ int RunRetimeDemo(const std::string& folder, const RetimeOptions& base, int32_t 
   options.run.overwrite = true;
   options.run.haveFrames = false;
   options.haveStart = false;
-  const int code = RunRetime(options);
+  code = RunRetime(options);
   if (code != kExitOk) return code;
 
   // At half speed output 1 + 2k is source frame 1 + k, and the even outputs are made: show
