@@ -491,7 +491,8 @@ TEST(Chronar4Ops, PlainMixIsTheLiteralRuleForEveryTypeChannelsAndLayout) {
                     1);
           for (int32_t i = 0; i < 7 * 5 * channels; ++i) {
             const int32_t x = i / channels % 7, y = i / channels / 7, c = i % channels;
-            const float va = pltest::Sample(a.get(), x, y, c), vb = pltest::Sample(b.get(), x, y, c);
+            const float va = pltest::Sample(a.get(), x, y, c);
+            const float vb = pltest::Sample(b.get(), x, y, c);
             pltest::Set(want.get(), x, y, c, pltest::ClampedStore(type, va + (vb - va) * f));
           }
           EXPECT_TRUE(pltest::SamePixels(d.get(), want.get()))

@@ -131,9 +131,9 @@ class MemoryChronar : public NuvChronar4 {
     if (m == Misbehave::kInterrupt) return 6;
     if (m == Misbehave::kWrongSize || m == Misbehave::kEmptyView) {
       const PLImage* like = from.begin()->second.get();
-      Owned odd(m == Misbehave::kEmptyView
-                    ? new PLImage(nullptr, 0, 0, 3, PLUChar, 0)
-                    : new PLImage(like->width + 1, like->height, like->channels, like->dataType, 0));
+      Owned odd = m == Misbehave::kEmptyView
+                      ? Owned(new PLImage(nullptr, 0, 0, 3, PLUChar, 0))
+                      : NewOwned(like->width + 1, like->height, like->channels, like->dataType);
       PLImage* raw = odd.get();
       *frame = Wrap(raw, std::move(odd));
       return 0;

@@ -352,12 +352,12 @@ TEST(Warp, RefusesUnfitInputs) {
   struct Call {
     PLImage *d, *s, *f, *b = nullptr;
     int32_t over = 1, morph = 0;
-  } calls[] = {{o[0].get(), s, f},          {o[1].get(), s, f},          {o[2].get(), s, f},
-               {o[3].get(), s, f},          {d, s, o[4].get()},          {d, s, o[5].get()},
-               {d, s, o[6].get()},          {d, s, o[7].get()},          {d, s, nullptr},
-               {&empty, s, f},              {o[8].get(), o[8].get(), f}, {o[9].get(), o[9].get(), f},
-               {d, s, f, o[0].get()},       {d, s, f, o[3].get()},       {d, s, f, nullptr, 1 << 21},
-               {d, s, f, nullptr, 6000},    {s, s, f},                   {d, s, f, nullptr, 1, 1}};
+  } calls[] = {{o[0].get(), s, f},    {o[1].get(), s, f},         {o[2].get(), s, f},
+               {o[3].get(), s, f},    {d, s, o[4].get()},         {d, s, o[5].get()},
+               {d, s, o[6].get()},    {d, s, o[7].get()},         {d, s, nullptr},
+               {&empty, s, f},        {o[8].get(), o[8].get(), f}, {o[9].get(), o[9].get(), f},
+               {d, s, f, o[0].get()}, {d, s, f, o[3].get()},      {d, s, f, nullptr, 1 << 21},
+               {d, s, f, nullptr, 6000}, {s, s, f},               {d, s, f, nullptr, 1, 1}};
   for (auto& c : calls) {
     std::vector<unsigned char> before = c.d->data ? PixelBytes(c.d) : std::vector<unsigned char>();
     ::testing::internal::CaptureStderr();
