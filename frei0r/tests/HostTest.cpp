@@ -166,14 +166,15 @@ void ExpectBlurredAlongTheMotion(const Clip& clip, const Frames& in, const Frame
   EXPECT_GE(blurred, partial ? size_t{2} : out.size() - 1) << "frames blurred";
 }
 
-// ffmpeg at two widths, then melt, serially and rendering in parallel, on the first.
+// ffmpeg at two widths, then melt, serially and rendering in parallel, on the second.
 TEST_F(HostTest, FfmpegAndMeltBlurAlongTheMotionAndSendTheAmountAsWritten) {
   if (!Have("ffmpeg")) GTEST_SKIP() << "ffmpeg is not installed (scripts/deps.sh installs it)";
   // A value above 1 is limited to amount 10, not refused: the same as 1 exactly.
   const Clip small{96, 72};
   WriteClip(small, "in.rgba");
   EXPECT_TRUE(Ffmpeg(small, "3.0|n") == Ffmpeg(small, "1.0|n"));
-  // 322 pixels: rows ffmpeg re-aligns, whose frames it stamps all alike.
+  // 322 pixels: rows ffmpeg re-aligns, whose frames it stamps all alike. 192 comes last:
+  // melt below takes its input and ffmpeg's result.
   Frames in, blurred;
   const Clip clip{192, 176};
   for (int32_t width : {322, 192}) {
