@@ -263,15 +263,16 @@ class Chronar4Workers : public ::testing::TestWithParam<int64_t> {};
 
 TEST_P(Chronar4Workers, SameBytesForAllWorkers) {
   for (int32_t style : {0, 1, 2, 3})
-    pltest::ExpectSameForAllWorkers([&] {
-      Clip clip(3, 4, PLUChar);
-      clip.engine.interpolation = GetParam();
-      clip.engine.warpStyle = style;
-      clip.engine.shutter = 0.5f;
-      clip.engine.timeMap = [](float t) { return t * 1.5f; };  // speed-up: a shutter blur
-      EXPECT_EQ(clip.Render(0.4f), 0);
-      return pltest::PixelBytes(clip.out.get());
-    });
+    for (int32_t type : {PLUChar, PLUShort})  // four channels, and three
+      pltest::ExpectSameForAllWorkers([&] {
+        Clip clip(3, type == PLUChar ? 4 : 3, type);
+        clip.engine.interpolation = GetParam();
+        clip.engine.warpStyle = style;
+        clip.engine.shutter = 0.5f;
+        clip.engine.timeMap = [](float t) { return t * 1.5f; };  // speed-up: a shutter blur
+        EXPECT_EQ(clip.Render(0.4f), 0);
+        return pltest::PixelBytes(clip.out.get());
+      });
   for (int32_t type : {PLUChar, PLFloat})
     pltest::ExpectSameForAllWorkers([&] {
       Clip clip(3, 4, type);
