@@ -50,11 +50,9 @@ TEST_P(LinearLightCurves, EveryEightBitLevelDecodesAsPublishedAndComesBackThroug
   ASSERT_TRUE(light.Create(curve.name, &error)) << error;
   // 256 levels in the red channel, the reversed ramp in blue, a constant in green.
   Frame f = MakeFrame(256, 1, {"R", "G", "B"});
-  for (int i = 0; i < 256; ++i) {
-    f.pixels[i * 3 + 0] = i / 255.0f;
-    f.pixels[i * 3 + 1] = 128 / 255.0f;
-    f.pixels[i * 3 + 2] = (255 - i) / 255.0f;
-  }
+  for (int i = 0; i < 256; ++i)
+    for (int c = 0; c < 3; ++c)
+      f.pixels[i * 3 + c] = (c == 0 ? i : c == 1 ? 128 : 255 - i) / 255.0f;
   Frame linear = f;
   light.ToLinear(&linear);
   double worst = 0.0;

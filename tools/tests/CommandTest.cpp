@@ -25,14 +25,14 @@ class EndToEnd : public ::testing::TestWithParam<FormatCase> {};
 
 TEST_P(EndToEnd, BlursWhereThingsMoveKeepsTheRestAndAmountZeroGivesTheInputBack) {
   const FormatCase& c = GetParam();
+  const std::string e = c.ext;
   test::TempDir dir;
-  const std::string in = dir / (std::string("in.%04d.") + c.ext);
-  const std::string out = dir / (std::string("out/o.%04d.") + c.ext);
+  const std::string in = dir / ("in.%04d." + e), out = dir / ("out/o.%04d." + e);
   WriteClip(in, 1, kFrames, c.depth, c.channels);
   // In turn on one thread, then the same bytes for any number of processors and I/O threads
   // (flow pictures included; not the raw flow, whose writer stamps the time into the file).
   auto run = [&](const std::string& name, const char* threads, const char* io) {
-    return test::Succeeds({in, dir / (name + "/o.%04d." + c.ext), "--amount", "1", "--threads",
+    return test::Succeeds({in, dir / (name + "/o.%04d." + e), "--amount", "1", "--threads",
                            threads, "--io-threads", io, "--write-flow", dir / (name + "/flow")});
   };
   ASSERT_TRUE(run("out", "1", "0"));
@@ -69,7 +69,7 @@ TEST_P(EndToEnd, BlursWhereThingsMoveKeepsTheRestAndAmountZeroGivesTheInputBack)
     EXPECT_EQ(alpha, 0.0) << "frame " << f << ": alpha changed";
   }
   // Metadata of the input is kept where the format holds it.
-  if (std::string(c.ext) == "exr") {
+  if (e == "exr") {
     const Frame b = Load(Numbered(out, 2));
     EXPECT_FLOAT_EQ(b.info.imageSpec.get_float_attribute("PixelAspectRatio"), 1.5f);
     const OIIO::ParamValue* tc = b.info.imageSpec.find_attribute("smpte:TimeCode");
@@ -77,14 +77,12 @@ TEST_P(EndToEnd, BlursWhereThingsMoveKeepsTheRestAndAmountZeroGivesTheInputBack)
     EXPECT_EQ(static_cast<const uint32_t*>(tc->data())[0], 0x10203001u);
   }
   // Amount 0, quietly, with the other spelling of the pattern: the input back.
-  const test::RunResult r = Flowblur({dir / (std::string("in.####.") + c.ext),
-                                      dir / (std::string("z.####.") + c.ext), "--amount", "0", "-q"});
+  const test::RunResult r =
+      Flowblur({dir / ("in.####." + e), dir / ("z.####." + e), "--amount", "0", "-q"});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(r.err, "");
   for (int32_t f = 1; f <= kFrames; ++f)
-    EXPECT_EQ(Load(Numbered(dir / (std::string("z.%04d.") + c.ext), f)).pixels,
-              Load(Numbered(in, f)).pixels)
-        << f;
+    EXPECT_EQ(Load(Numbered(dir / ("z.%04d." + e), f)).pixels, Load(Numbered(in, f)).pixels) << f;
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, EndToEnd,

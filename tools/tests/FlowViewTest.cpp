@@ -33,11 +33,8 @@ TEST(FlowColour, HueIsDirectionSaturationIsLength) {
 TEST(ResampleFlow, CornerAlignedAndScaledToTheNewGrid) {
   // A 3x2 field whose u grows by 1 per column: on a 5x3 grid (ratio 2 on x, 2 on y), the
   // positions interpolate and the vectors double.
-  FlowField f;
-  f.width = 3;
-  f.height = 2;
-  f.uv = {0, 1, 1, 1, 2, 1,
-          0, 3, 1, 3, 2, 3};
+  const FlowField f{3, 2, {0, 1, 1, 1, 2, 1,
+                          0, 3, 1, 3, 2, 3}};
   FlowField g = ResampleFlow(f, 5, 3);
   ASSERT_EQ(g.uv.size(), 30u);
   for (int32_t x = 0; x < 5; ++x) {

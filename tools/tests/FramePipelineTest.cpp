@@ -1,6 +1,5 @@
 // flowblur tool tests: the I/O pipeline beside the render loop: frames taken in order, bounded
-// read-ahead and write-behind, serial lanes, a failed write, outcomes in order (a read that
-// fails mid-run is checked through the command, in HostileFilesTest).
+// read-ahead and write-behind, serial lanes, failures in either direction, outcomes in order.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <thread>
 
 #include "tools/FramePipeline.h"
@@ -28,11 +28,12 @@ struct Reader {
   std::atomic<int> running{0}, mostRunning{0}, decoded{0}, taken{0}, mostWaiting{0};
   std::mutex mu;
   std::vector<int64_t> order;  // reads in the order they started
+  std::set<int64_t> failing;   // offsets whose read fails
   std::thread::id lastThread;
   std::map<std::pair<int32_t, int64_t>, std::thread::id> threadOf;  // of each read's last run
 
   FramePipeline::ReadJob Job() {
-    return [this](const FrameRead& read, Frame* frame, std::string*) {
+    return [this](const FrameRead& read, Frame* frame, std::string* error) {
       Raise(mostRunning, ++running);
       {
         std::lock_guard<std::mutex> lock(mu);
@@ -42,6 +43,10 @@ struct Reader {
       }
       std::this_thread::sleep_for(std::chrono::microseconds(200 * (3 - read.offset % 3)));
       --running;
+      if (failing.count(read.offset)) {
+        *error = "cannot read frame " + std::to_string(read.offset);
+        return false;
+      }
       frame->pixels.assign(1, static_cast<float>(read.clip * 1000 + read.offset));
       Raise(mostWaiting, ++decoded - taken);
       return true;
@@ -122,6 +127,23 @@ TEST_P(PipelineShapes, FramesInOrderWritesRetiredInOrderAndBothBounded) {
     std::sort(inOrder.begin(), inOrder.end());
     EXPECT_EQ(reader.order, inOrder);
   }
+}
+
+TEST_P(PipelineShapes, AFailedReadIsReportedWhenItsFrameIsTaken) {
+  const auto reads = Reads(12);
+  Reader reader;
+  reader.failing = {5};
+  FramePipeline pipeline(Settings(), reads, reader.Job());
+  for (size_t i = 0; i < 5; ++i) {
+    Frame frame;
+    std::string error;
+    EXPECT_TRUE(pipeline.Take(reads[i], &frame, &error)) << error;
+  }
+  Frame frame;
+  std::string error;
+  EXPECT_FALSE(pipeline.Take(reads[5], &frame, &error));
+  EXPECT_EQ(error, "cannot read frame 5");
+  // The run stops here; the pipeline ends with reads still queued or under way.
 }
 
 TEST_P(PipelineShapes, AfterAFailedWriteTheQueuedOnesAreDroppedAndAllRetireInOrder) {

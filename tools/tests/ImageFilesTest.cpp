@@ -1,7 +1,16 @@
-// flowblur tool tests: channel roles, clamping when packing for the plug-in, and exact file
-// round trips of mixed channel formats and of floats (no temporary file left behind).
+// flowblur tool tests: channel roles, clamping when packing for the plug-in, exact file round
+// trips of mixed channel formats and of floats (no temporary file left behind); floats to halves
+// eight at a time give Imath's bits, NaNs included (the one conversion the packed plug-in frames
+// and half files written from floats use); half files held as halves pack and write the bits of
+// the float route.
 #include <gtest/gtest.h>
 
+#include <Imath/half.h>
+
+#include <cstring>
+#include <vector>
+
+#include "tools/ClipFiles.h"
 #include "tools/ImageFiles.h"
 #include "tools/tests/ToolTestSupport.h"
 
@@ -91,6 +100,102 @@ TEST(OutputSpec, MixedChannelFormatsSurviveAtTheInputDepth) {
   EXPECT_EQ(back.pixels, f.pixels);
   EXPECT_EQ(test::Names(test::Snapshot(dir.path())), (std::vector<std::string>{"f.exr", "m.exr"}));
 }
+
+// ---- Halves
+float FromBits(uint32_t bits) {
+  float v;
+  std::memcpy(&v, &bits, sizeof v);
+  return v;
+}
+
+// A sweep over the float bit patterns (a prime stride, so every exponent and many mantissas
+// come up), and the edges: zeros, the half range's limits, ties, denormals, infinities, quiet
+// and signalling NaNs of both signs.
+std::vector<float> Values() {
+  std::vector<float> values;
+  for (uint64_t bits = 0; bits < (uint64_t{1} << 32); bits += 4099) values.push_back(FromBits(static_cast<uint32_t>(bits)));
+  for (uint32_t bits : {0x00000000u, 0x80000000u, 0x477fe000u, 0x477ff000u, 0x477fefffu,
+                        0x47800000u, 0x33800000u, 0x33000000u, 0x33000001u, 0x387fc000u,
+                        0x7f800000u, 0xff800000u, 0x7fc00000u, 0x7f800001u, 0xffa00001u,
+                        0x7f801fffu, 0x3f801000u, 0x3f803000u})
+    values.push_back(FromBits(bits));
+  // Odd lengths leave a tail after the groups of eight.
+  values.push_back(1.0f / 3.0f);
+  return values;
+}
+
+TEST(HalfBits, EveryValueAsImathConvertsIt) {
+  const std::vector<float> values = Values();
+  std::vector<uint16_t> bits(values.size());
+  FloatsToHalfBits(values.data(), bits.data(), values.size());
+  size_t wrong = 0;
+  for (size_t i = 0; i < values.size(); ++i) wrong += bits[i] != Imath::half(values[i]).bits();
+  EXPECT_EQ(wrong, 0u);
+}
+
+
+struct Layout {
+  const char* name;
+  std::vector<std::string> channels;
+  bool floatAlpha;  // the last channel stored as float: such a file is read as floats
+};
+
+class ExrHalves : public testing::TestWithParam<Layout> {};
+
+// Every half bit pattern (NaNs, infinities, denormals, both zeros) in the file and in the
+// plug-in's result: read as halves or as floats, the packed frames match, and the result
+// written through the clip sink at half, 16 bits and float makes the same files.
+TEST_P(ExrHalves, SameBitsAsTheFloatRoute) {
+  const Layout& layout = GetParam();
+  const int32_t w = 256, h = 86, nc = static_cast<int32_t>(layout.channels.size());
+  test::TempDir dir;
+  OIIO::ImageSpec header(w, h, nc, OIIO::TypeDesc::HALF);
+  header.channelnames = layout.channels;
+  if (layout.floatAlpha) {
+    header.channelformats.assign(static_cast<size_t>(nc), OIIO::TypeDesc::HALF);
+    header.channelformats.back() = OIIO::TypeDesc::FLOAT;
+  }
+  // Odd strides through the 16-bit patterns: each comes up once in 65536 samples.
+  std::vector<uint16_t> stored(static_cast<size_t>(w) * h * nc);
+  std::vector<uint16_t> result(static_cast<size_t>(w) * h * 3);
+  for (size_t i = 0; i < stored.size(); ++i) stored[i] = static_cast<uint16_t>(i * 7919u);
+  for (size_t i = 0; i < result.size(); ++i) result[i] = static_cast<uint16_t>(i * 40503u + 11u);
+  std::string error;
+  ASSERT_TRUE(WriteImageSafely(dir / "in.exr", header, OIIO::TypeDesc::HALF, stored.data(), false,
+                               &error))
+      << error;
+
+  Frame kept, plain;
+  ASSERT_TRUE(ReadFrame(dir / "in.exr", &kept, &error, true)) << error;
+  ASSERT_TRUE(ReadFrame(dir / "in.exr", &plain, &error)) << error;
+  EXPECT_EQ(kept.HoldsHalves(), !layout.floatAlpha);
+  std::vector<uint16_t> packedKept(result.size()), packedPlain(result.size());
+  PackColour(kept, 49, packedKept.data());
+  PackColour(plain, 49, packedPlain.data());
+  EXPECT_EQ(packedKept, packedPlain);
+
+  for (SampleDepth depth : {SampleDepth::kHalf, SampleDepth::k16, SampleDepth::kFloat}) {
+    std::string files[2];
+    for (int way = 0; way < 2; ++way) {
+      files[way] = dir / (std::string(DepthName(depth)) + (way ? "-kept.exr" : "-plain.exr"));
+      SequencePattern pattern;
+      ClipSink sink;
+      const Frame& input = way ? kept : plain;
+      ASSERT_TRUE(ParseSequencePattern(files[way], &pattern, &error)) << error;
+      ASSERT_TRUE(sink.Prepare(pattern, ClipSource(), input.info, true, depth, {}, &error)) << error;
+      ASSERT_TRUE(sink.Write(files[way], WithColourFrom(input, result.data(), 49), false, &error))
+          << error;
+    }
+    EXPECT_EQ(test::ReadBytes(files[0]), test::ReadBytes(files[1])) << layout.name << " at " << DepthName(depth);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Channels, ExrHalves,
+    testing::Values(Layout{"rgb", {"R", "G", "B"}, false}, Layout{"rgba", {"R", "G", "B", "A"}, false},
+                    Layout{"grey", {"Y"}, false}, Layout{"greyAlpha", {"Y", "A"}, false},
+                    Layout{"floatAlpha", {"R", "G", "B", "A"}, true}),
+    [](const testing::TestParamInfo<Layout>& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace flowblur
