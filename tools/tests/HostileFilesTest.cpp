@@ -66,18 +66,14 @@ std::vector<std::pair<std::string, std::string>> Lies(const std::string& ext,
       {"cut in half", valid.substr(0, valid.size() / 2)},
       {"last bytes missing", valid.substr(0, valid.size() - 16)},
   };
-  if (ext == "png") {
-    // IHDR claims 100000 x 100000, with a correct checksum so that only the size lies.
+  if (ext == "png" || ext == "dpx") {
+    // The PNG's IHDR or the DPX's pixels per line and lines per element claim 100000 x 100000;
+    // the PNG's checksum is put right, so that only the size lies.
     std::string huge = valid;
-    PutBigEndian(&huge, 16, 100000);
-    PutBigEndian(&huge, 20, 100000);
-    PutBigEndian(&huge, 29, Crc32(huge, 12, 29));
-    lies.push_back({"claims 100000x100000", huge});
-  }
-  if (ext == "dpx") {
-    std::string huge = valid;
-    PutBigEndian(&huge, 772, 100000);  // pixels per line
-    PutBigEndian(&huge, 776, 100000);  // lines per element
+    const size_t at = ext == "png" ? 16 : 772;
+    PutBigEndian(&huge, at, 100000);
+    PutBigEndian(&huge, at + 4, 100000);
+    if (ext == "png") PutBigEndian(&huge, 29, Crc32(huge, 12, 29));
     lies.push_back({"claims 100000x100000", huge});
   }
   return lies;

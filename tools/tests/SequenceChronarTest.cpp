@@ -65,14 +65,6 @@ std::vector<int32_t> As8(const Frame& f) {
   return v;
 }
 
-// Frames 0..count-1 of the test clip as 8-bit PNG files; frame `odd` (if any) wider.
-void WriteClip(const std::string& pattern, int32_t count, int32_t odd = -1) {
-  test::WriteClip(pattern, 0, count, SampleDepth::k8, 3);
-  if (odd < 0) return;
-  unlink(test::Numbered(pattern, odd).c_str());
-  test::WriteClip(pattern, odd, 1, SampleDepth::k8, 3, kW + 2, kH);
-}
-
 SequenceChronarOptions OptionsFor(const std::string& pattern, int64_t first, int64_t last) {
   SequenceChronarOptions o;
   std::string error;
@@ -85,7 +77,7 @@ SequenceChronarOptions OptionsFor(const std::string& pattern, int64_t first, int
 
 TEST(SequenceChronar, SlowMotionReadsEachSourceFrameOnce) {
   test::TempDir dir;
-  WriteClip(dir / "c.%04d.png", 4);
+  test::WriteClip(dir / "c.%04d.png", 0, 4, SampleDepth::k8, 3);
   SequenceChronarOptions o = OptionsFor(dir / "c.%04d.png", 0, 3);
   o.timeMap = [](double t) { return t / 4.0; };  // four output frames per source frame
   SequenceChronar retimer(o);
@@ -105,7 +97,7 @@ TEST(SequenceChronar, SlowMotionReadsEachSourceFrameOnce) {
 
 TEST(SequenceChronar, SmallCacheReadsAgainButGivesTheSamePictures) {
   test::TempDir dir;
-  WriteClip(dir / "c.%04d.png", 3);
+  test::WriteClip(dir / "c.%04d.png", 0, 3, SampleDepth::k8, 3);
   SequenceChronarOptions big = OptionsFor(dir / "c.%04d.png", 0, 2);
   SequenceChronarOptions small = big;
   small.cacheBytes = 1;
@@ -124,7 +116,9 @@ TEST(SequenceChronar, SmallCacheReadsAgainButGivesTheSamePictures) {
 
 TEST(SequenceChronar, TimesOutsideTheClipAndBadFramesFailWithAMessage) {
   test::TempDir dir;
-  WriteClip(dir / "c.%04d.png", 4, /*odd=*/2);
+  test::WriteClip(dir / "c.%04d.png", 0, 4, SampleDepth::k8, 3);
+  unlink((dir / "c.0002.png").c_str());
+  test::WriteClip(dir / "c.%04d.png", 2, 1, SampleDepth::k8, 3, kW + 2, kH);  // frame 2 wider
   SequenceChronar retimer(OptionsFor(dir / "c.%04d.png", 0, 3));
   std::string error;
   Frame out;
@@ -153,7 +147,7 @@ TEST(SequenceChronar, TimesOutsideTheClipAndBadFramesFailWithAMessage) {
 
 TEST(SequenceChronar, CutsAndMattes) {
   test::TempDir dir;
-  WriteClip(dir / "c.%04d.png", 4);
+  test::WriteClip(dir / "c.%04d.png", 0, 4, SampleDepth::k8, 3);
   // A cut at frame 2: times between 1 and 2 show the nearer frame, no mix.
   SequenceChronarOptions o = OptionsFor(dir / "c.%04d.png", 0, 3);
   o.cuts = {2};

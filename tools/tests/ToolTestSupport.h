@@ -99,12 +99,9 @@ inline RunResult RunCommand(const std::string& exe, const std::vector<std::strin
   std::string errPath = scratch / "stderr", outPath = scratch / "stdout";
   pid_t child = fork();
   if (child == 0) {
-    int null = open("/dev/null", O_RDONLY);
-    dup2(null, 0);
-    int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    dup2(err, 2);
-    dup2(out, 1);
+    dup2(open("/dev/null", O_RDONLY), 0);
+    dup2(open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
+    dup2(open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
     if (options.fileSizeLimit >= 0) {
       rlimit limit{static_cast<rlim_t>(options.fileSizeLimit),
                    static_cast<rlim_t>(options.fileSizeLimit)};
