@@ -59,33 +59,19 @@ TEST(PLImage, FailedAllocationHonoursThrowFlagExactlyOne) {
 }
 
 TEST(PLImage, FlippedAndPaddedAddressTheSamePixels) {
-  const int w = 4, h = 3, c = 3;
-  PLImage plain(w, h, c, PLUChar, 0);
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w; ++x)
-      for (int k = 0; k < c; ++k) plain.SetChannel(x, y, k, float(y * 40 + x * 5 + k));
-  // The same rows stored bottom-up with 7 bytes of padding per row.
-  const int rowBytes = w * c + 7;
-  std::vector<unsigned char> memory(rowBytes * h, 0xEE);
-  for (int y = 0; y < h; ++y)
-    std::memcpy(&memory[(h - 1 - y) * rowBytes], plain.Row(y), w * c);
-  PLImage flipped(memory.data(), w, h, rowBytes, c, PLUChar, 1);
-  EXPECT_EQ(flipped.rowStep, -rowBytes);
-  EXPECT_EQ(flipped.PixelAddress(0, 0), memory.data() + 2 * rowBytes);
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w; ++x)
-      for (int k = 0; k < c; ++k) {
-        float a, b;
-        plain.GetChannel(x, y, &a, k);
-        flipped.GetChannel(x, y, &b, k);
-        EXPECT_EQ(a, b) << x << "," << y << "," << k;
-      }
+  PLImage plain(4, 3, 3, PLUChar, 0);
+  pltest::FillRandom(&plain, 1);
+  // The same rows stored bottom-up with 7 bytes of padding per row: 19 bytes a row.
+  pltest::TestImage flipped = MakeImage(4, 3, 3, PLUChar, 1, 7);
+  for (int y = 0; y < 3; ++y) std::memcpy(&flipped.buffer[(2 - y) * 19], plain.Row(y), 12);
+  EXPECT_EQ(flipped->rowStep, -19);
+  EXPECT_EQ(flipped->PixelAddress(0, 0), flipped.buffer.data() + 2 * 19);
+  EXPECT_TRUE(pltest::SamePixels(&plain, flipped.get()));
   // Writing every pixel never touches the padding.
   float values[3] = {1, 2, 3};
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w; ++x) flipped.SetPixel(x, y, values);
-  for (int y = 0; y < h; ++y)
-    for (int p = w * c; p < rowBytes; ++p) EXPECT_EQ(memory[y * rowBytes + p], 0xEE);
+  for (int y = 0; y < 3; ++y)
+    for (int x = 0; x < 4; ++x) flipped->SetPixel(x, y, values);
+  EXPECT_TRUE(pltest::PaddingUntouched(flipped));
 }
 
 // kept: GetPixel reads a Float image's samples as 16-bit words.
