@@ -17,8 +17,9 @@ struct Refusal {
 
 // Inputs: in (3 frames), gap (frame 2 missing), bad (frame 2 not a picture), wide (frame 3
 // narrower), small (another size), short (2 frames), one (1 frame), odd (63 rows), rgba (with
-// alpha), whole.mp4 (3 frames) and cut.mp4 (its first half), notes.mov (text), words.txt (a
-// time map with a bad line), plainfile, and mine/ holding an output the user made.
+// alpha), mixed (frame 2 16-bit), whole.mp4 (3 frames) and cut.mp4 (its first half),
+// notes.mov (text), words.txt (a time map with a bad line), plainfile, and mine/ holding an
+// output the user made.
 const Refusal kRefusals[] = {
     // Input sequences and back sequences.
     {{"@/gap.%04d.png", "@/o/o.%04d.png"}, 1, "'@/gap.0002.png' is missing"},
@@ -95,6 +96,18 @@ const Refusal kRefusals[] = {
     {{"retime", "@/in.%04d.png", "@/in.%04d.png", "--speed", "0.5"}, 3, "is an input file"},
     {{"retime", "@/in.%04d.png", "@/o/o.%04d.png", "--speed", "0.5", "--frames", "9-10"}, 2,
      "--frames starts at 9, outside the output"},
+    {{"retime", "@/gap.%04d.png", "@/o/o.%04d.png", "--speed", "0.5"}, 1,
+     "'@/gap.0002.png' is missing"},
+    {{"retime", "@/wide.%04d.png", "@/o/o.%04d.png", "--speed", "0.5"}, 1,
+     "'@/wide.0003.png' is 90x64, but"},
+    {{"retime", "@/bad.%04d.png", "@/o/o.%04d.png", "--speed", "0.5"}, 1,
+     "cannot read '@/bad.0002.png'"},
+    {{"retime", "@/mixed.%04d.png", "@/o/o.%04d.png", "--speed", "0.5"}, 1,
+     "'@/mixed.0002.png' has other channels or another depth"},
+    {{"@/mixed.%04d.png", "@/o/o.%04d.png"}, 1,
+     "'@/mixed.0002.png' has other channels or another depth"},
+    {{"retime", "@/in.%04d.png", "@/mine/out.%04d.png", "--speed", "1"}, 3,
+     "'@/mine/out.0002.png' exists; use --overwrite"},
     {{"deinterlace", "@/odd.%04d.png", "@/o/o.%04d.png", "--field-order", "tff"}, 1,
      "field work needs an even number of rows"},
     {{"deinterlace", "@/one.%04d.png", "@/o/o.%04d.png", "--field-order", "tff", "--rate",
@@ -138,6 +151,8 @@ TEST(Refusals, EachNamesItsReasonExitsWithItsCodeAndWritesNothing) {
   test::WriteClip(dir / "one.%04d.png", 1, 1, SampleDepth::k8, 3);
   test::WriteClip(dir / "odd.%04d.png", 1, 2, SampleDepth::k8, 3, 96, 63);
   test::WriteClip(dir / "rgba.%04d.png", 1, 3, SampleDepth::k8, 4);
+  test::WriteClip(dir / "mixed.%04d.png", 1, 1, SampleDepth::k8, 3);
+  test::WriteClip(dir / "mixed.%04d.png", 2, 1, SampleDepth::k16, 3);
   ASSERT_TRUE(test::Succeeds({dir / "in.%04d.png", dir / "whole.mp4", "-q", "--amount", "0"}));
   const std::string movie = test::ReadBytes(dir / "whole.mp4");
   std::ofstream(dir / "cut.mp4", std::ios::binary) << movie.substr(0, movie.size() / 2);
