@@ -80,8 +80,8 @@ struct FullCase {
 
 class ConvolveFullReference : public ::testing::TestWithParam<int32_t> {};
 
-// Every size, channel count and mode for 1, 2, 3 and 8 workers (workers take 16 lines or
-// more: 50 x 150 gives more row workers than column ones).
+// Every size, channel count and mode; 50 x 150, the one size that gives every worker its 16
+// lines (more row workers than column ones), for 1, 2, 3 and 8 workers with one kernel.
 TEST_P(ConvolveFullReference, MatchesLiteralReferenceForAnyWorkerCount) {
   const int32_t type = GetParam();
   WorkerGuard guard;
@@ -96,6 +96,8 @@ TEST_P(ConvolveFullReference, MatchesLiteralReferenceForAnyWorkerCount) {
     for (auto& s : sizes)
       for (int32_t channels = 1; channels <= 4; ++channels)
         for (int32_t mode : {0, 1, 2, 3, 9}) {
+          const bool split = s[1] == 150;
+          if (split && fc.radius != 2.5f) continue;
           const int32_t flipped = seed % 2;
           TestImage input = MakeImage(s[0], s[1], channels, type);
           FillRandom(input.get(), seed++);
@@ -103,6 +105,7 @@ TEST_P(ConvolveFullReference, MatchesLiteralReferenceForAnyWorkerCount) {
           CopyPixels(want.get(), input.get());
           RefConvolveFull(want.get(), fc.weights, mode, fc.radius);
           for (int32_t workers : kPLTestWorkerCounts) {
+            if (workers > 1 && !split) break;
             TestImage got = MakeImage(s[0], s[1], channels, type, flipped, 3 * flipped);
             CopyPixels(got.get(), input.get());
             PLTestUseWorkers(workers);

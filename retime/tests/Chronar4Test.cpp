@@ -251,7 +251,8 @@ class Chronar4Workers : public ::testing::TestWithParam<int64_t> {};
 
 TEST_P(Chronar4Workers, SameBytesForAllWorkers) {
   for (int32_t style : {0, 1, 2, 3})
-    for (int32_t type : {PLUChar, PLUShort})  // four channels, and three
+    for (int32_t type : {PLUChar, PLUShort}) {  // four channels, and three (two styles)
+      if (type == PLUShort && style % 2) continue;
       pltest::ExpectSameForAllWorkers([&] {
         Clip clip(3, type == PLUChar ? 4 : 3, type);
         clip.engine.interpolation = GetParam();
@@ -261,6 +262,7 @@ TEST_P(Chronar4Workers, SameBytesForAllWorkers) {
         EXPECT_EQ(clip.Render(0.4f), 0);
         return pltest::PixelBytes(clip.out.get());
       });
+    }
   for (int32_t type : {PLUChar, PLFloat})
     pltest::ExpectSameForAllWorkers([&] {
       Clip clip(3, 4, type);
