@@ -332,6 +332,75 @@ inline void StoreInterleaved(unsigned char* d, const I8* q, const InterleaveMask
   }
 }
 
+// The flow's rows mixed across: for every column x of a chunk, the first half of the flow's
+// bilinear lookup on one flow row, a = tx * (right - left) + left for u and for v, with the
+// column's cell. Both flow rows of a source row's cell are such a mix, and the next source rows
+// share them (the flow is smaller than the source), so each flow row is mixed once per chunk
+// rather than twice for every source row that reads it. Two slots, one per row of the cell,
+// known by the row's address. On the stack (32 KiB), so that the renderer allocates nothing on
+// the host's threads.
+class FlowRowMixes {
+ public:
+  static constexpr int32_t kColumns = 2048;
+
+  // Columns x0..x1, at most kColumns of them (none when x1 < x0).
+  FlowRowMixes(const WideView& f, int32_t x0, int32_t x1, float sx)
+      : f_(f), x0_(x0), sx_(sx), groups_(x1 >= x0 ? (x1 - x0) / 8 + 1 : 0) {}
+  FlowRowMixes(const FlowRowMixes&) = delete;
+  FlowRowMixes& operator=(const FlowRowMixes&) = delete;
+
+  // The mixes of the cell's upper and lower rows for a source row, in u then v planes.
+  void Rows(const unsigned char* up, const unsigned char* low, const float** upMix,
+            const float** lowMix) {
+    const int32_t upSlot = Slot(up, -1);
+    const int32_t lowSlot = Slot(low, upSlot);
+    *upMix = Plane(upSlot);
+    *lowMix = Plane(lowSlot);
+  }
+  // Offset of the v plane from the u plane of a slot.
+  static constexpr int32_t VPlane() { return kColumns; }
+
+ private:
+  float* Plane(int32_t slot) { return block_ + slot * 2 * kColumns; }
+
+  // The slot that holds `row`, mixed now if neither does, in a slot other than `keep`.
+  int32_t Slot(const unsigned char* row, int32_t keep) {
+    for (int32_t k = 0; k < 2; ++k)
+      if (key_[k] == row) return k;
+    const int32_t slot = keep == 0 ? 1 : 0;
+    key_[slot] = row;
+    Mix(reinterpret_cast<const float*>(row), Plane(slot));
+    return slot;
+  }
+
+  // As the lookup of every group of eight columns in BlurRowsWidePath: lanes past x1 slide to
+  // the last cell and read inside the flow.
+  void Mix(const float* row, float* u) const {
+    float* v = u + VPlane();
+    const F8 iotaF = _mm256_cvtepi32_ps(_mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+    for (int32_t g = 0; g < groups_; ++g) {
+      const F8 x = _mm256_add_ps(Set(static_cast<float>(x0_ + 8 * g)), iotaF);
+      I8 ix;
+      F8 tx;
+      CellOf(_mm256_mul_ps(Set(sx_), x), f_.lastColumn, &ix, &tx);
+      const I8 at = _mm256_slli_epi32(ix, 1);
+      const F8 ul = _mm256_i32gather_ps(row, at, 4);
+      const F8 ur = _mm256_i32gather_ps(row, _mm256_add_epi32(at, SetI(2)), 4);
+      _mm256_storeu_ps(u + 8 * g, _mm256_add_ps(_mm256_mul_ps(tx, _mm256_sub_ps(ur, ul)), ul));
+      const F8 vl = _mm256_i32gather_ps(row, _mm256_add_epi32(at, SetI(1)), 4);
+      const F8 vr = _mm256_i32gather_ps(row, _mm256_add_epi32(at, SetI(3)), 4);
+      _mm256_storeu_ps(v + 8 * g, _mm256_add_ps(_mm256_mul_ps(tx, _mm256_sub_ps(vr, vl)), vl));
+    }
+  }
+
+  const WideView& f_;
+  const int32_t x0_;
+  const float sx_;
+  const int32_t groups_;
+  const unsigned char* key_[2] = {nullptr, nullptr};
+  alignas(32) float block_[2 * 2 * kColumns];  // slot 0 u, v; slot 1 u, v
+};
+
 template <class T>
 inline void StoreSample(unsigned char* d, int32_t bits) {
   if constexpr (std::is_same<T, float>::value)
@@ -362,125 +431,129 @@ void BlurRowsWidePath(int32_t x0, int32_t x1, int32_t yFirst, int32_t yLast, Nuv
   const F8 signBit = Set(-0.0f);
   const InterleaveMasks<T, C> interleave;
 
-  const float yEnd = static_cast<float>(yLast);
-  for (float y = static_cast<float>(yFirst); y <= yEnd; y += 1.0f) {
-    if (yLast > yFirst)
-      progress->Progress((y - static_cast<float>(yFirst)) / static_cast<float>(yLast - yFirst));
-    const int32_t yi = static_cast<int32_t>(y);
-    unsigned char* outRow = const_cast<unsigned char*>(d.base) + d.row0 + yi * d.step;
-    const unsigned char* srcRow = s.base + s.row0 + yi * s.step;
+  // Columns in chunks of FlowRowMixes::kColumns, each chunk all the way down its rows, so
+  // that the mixed flow rows fit in a small buffer on the stack (the destination shares no
+  // memory with the source or the flow, so the order of the pixels changes no byte). Progress
+  // runs once from 0 to 1 over the chunks.
+  const int32_t chunks = x1 >= x0 ? (x1 - x0) / FlowRowMixes::kColumns + 1 : 1;
+  for (int32_t chunk = 0; chunk < chunks; ++chunk) {
+    const int32_t cx0 = x0 + chunk * FlowRowMixes::kColumns;
+    const int32_t cx1 = x1 - cx0 >= FlowRowMixes::kColumns ? cx0 + FlowRowMixes::kColumns - 1 : x1;
+    FlowRowMixes mixes(f, cx0, cx1, sx);
+    const float yEnd = static_cast<float>(yLast);
+    for (float y = static_cast<float>(yFirst); y <= yEnd; y += 1.0f) {
+      if (yLast > yFirst)
+        progress->Progress((static_cast<float>(chunk) +
+                            (y - static_cast<float>(yFirst)) / static_cast<float>(yLast - yFirst)) /
+                           static_cast<float>(chunks));
+      const int32_t yi = static_cast<int32_t>(y);
+      unsigned char* outRow = const_cast<unsigned char*>(d.base) + d.row0 + yi * d.step;
+      const unsigned char* srcRow = s.base + s.row0 + yi * s.step;
 
-    const float fy = y * sy;
-    int32_t iy = static_cast<int32_t>(fy);
-    float ty = fy - static_cast<float>(iy);
-    if (iy >= f.lastRow) {
-      iy = f.lastRow - 1;
-      ty = 1.0f;
-    }
-    const float* flowUp = reinterpret_cast<const float*>(f.base + f.row0 + iy * f.step);
-    const float* flowLow =
-        reinterpret_cast<const float*>(f.base + f.row0 + iy * f.step + f.below);
-    const F8 yv = Set(y);
-    const F8 tyv = Set(ty);
+      const float fy = y * sy;
+      int32_t iy = static_cast<int32_t>(fy);
+      float ty = fy - static_cast<float>(iy);
+      if (iy >= f.lastRow) {
+        iy = f.lastRow - 1;
+        ty = 1.0f;
+      }
+      const float* upMix;
+      const float* lowMix;
+      mixes.Rows(f.base + f.row0 + iy * f.step, f.base + f.row0 + iy * f.step + f.below, &upMix,
+                 &lowMix);
+      const int32_t vPlane = mixes.VPlane();
+      const F8 yv = Set(y);
+      const F8 tyv = Set(ty);
 
-    for (int32_t xb = x0; xb <= x1; xb += 8) {
-      const int32_t lanes = x1 - xb + 1 < 8 ? x1 - xb + 1 : 8;
-      // Whole numbers below 2^24: the same values the plain loop reaches by adding 1.0f.
-      const F8 x = _mm256_add_ps(Set(static_cast<float>(xb)), iotaF);
-      // Flow lookup. Lanes past x1 slide to the last cell and read inside the flow.
-      I8 ix;
-      F8 tx;
-      CellOf(_mm256_mul_ps(Set(sx), x), f.lastColumn, &ix, &tx);
-      const I8 at = _mm256_slli_epi32(ix, 1);
-      const I8 at2 = _mm256_add_epi32(at, SetI(2));
-      F8 u, v;
-      {
-        const F8 ulu = _mm256_i32gather_ps(flowUp, at, 4), uru = _mm256_i32gather_ps(flowUp, at2, 4);
-        const F8 llu = _mm256_i32gather_ps(flowLow, at, 4), lru = _mm256_i32gather_ps(flowLow, at2, 4);
-        const F8 a = _mm256_add_ps(_mm256_mul_ps(tx, _mm256_sub_ps(uru, ulu)), ulu);
-        const F8 b = _mm256_add_ps(_mm256_mul_ps(tx, _mm256_sub_ps(lru, llu)), llu);
-        u = _mm256_add_ps(_mm256_mul_ps(tyv, _mm256_sub_ps(b, a)), a);
-      }
-      {
-        const I8 atV = _mm256_add_epi32(at, SetI(1)), at2V = _mm256_add_epi32(at, SetI(3));
-        const F8 ulv = _mm256_i32gather_ps(flowUp, atV, 4), urv = _mm256_i32gather_ps(flowUp, at2V, 4);
-        const F8 llv = _mm256_i32gather_ps(flowLow, atV, 4), lrv = _mm256_i32gather_ps(flowLow, at2V, 4);
-        const F8 a = _mm256_add_ps(_mm256_mul_ps(tx, _mm256_sub_ps(urv, ulv)), ulv);
-        const F8 b = _mm256_add_ps(_mm256_mul_ps(tx, _mm256_sub_ps(lrv, llv)), llv);
-        v = _mm256_add_ps(_mm256_mul_ps(tyv, _mm256_sub_ps(b, a)), a);
-      }
-      const F8 hx = _mm256_mul_ps(Set(gx), u);
-      const F8 hy = _mm256_mul_ps(Set(gy), v);
-      const F8 m = _mm256_add_ps(_mm256_mul_ps(hx, hx), _mm256_mul_ps(hy, hy));
-      const I8 copy = AsI(_mm256_cmp_ps(m, Set(copyBelow), _CMP_LT_OQ));
-      const I8 valid = _mm256_cmpgt_epi32(SetI(lanes), iota);
-      const I8 walk = _mm256_andnot_si256(copy, valid);
+      for (int32_t xb = cx0; xb <= cx1; xb += 8) {
+        const int32_t lanes = cx1 - xb + 1 < 8 ? cx1 - xb + 1 : 8;
+        // Whole numbers below 2^24: the same values the plain loop reaches by adding 1.0f.
+        const F8 x = _mm256_add_ps(Set(static_cast<float>(xb)), iotaF);
+        // Flow lookup: the second half of the bilinear mix, across the cell's two mixed rows.
+        const int32_t at = xb - cx0;
+        F8 u, v;
+        {
+          const F8 a = _mm256_loadu_ps(upMix + at), b = _mm256_loadu_ps(lowMix + at);
+          u = _mm256_add_ps(_mm256_mul_ps(tyv, _mm256_sub_ps(b, a)), a);
+        }
+        {
+          const F8 a = _mm256_loadu_ps(upMix + vPlane + at);
+          const F8 b = _mm256_loadu_ps(lowMix + vPlane + at);
+          v = _mm256_add_ps(_mm256_mul_ps(tyv, _mm256_sub_ps(b, a)), a);
+        }
+        const F8 hx = _mm256_mul_ps(Set(gx), u);
+        const F8 hy = _mm256_mul_ps(Set(gy), v);
+        const F8 m = _mm256_add_ps(_mm256_mul_ps(hx, hx), _mm256_mul_ps(hy, hy));
+        const I8 copy = AsI(_mm256_cmp_ps(m, Set(copyBelow), _CMP_LT_OQ));
+        const I8 valid = _mm256_cmpgt_epi32(SetI(lanes), iota);
+        const I8 walk = _mm256_andnot_si256(copy, valid);
 
-      F8 acc[C];
-#pragma GCC unroll 4
-      for (int32_t c = 0; c < C; ++c) acc[c] = _mm256_setzero_ps();
-      I8 counter = _mm256_setzero_si256();
-      if (Any(walk)) {
-        const F8 len = _mm256_sqrt_ps(m);
-        I8 n = _mm256_cvttps_epi32(_mm256_add_ps(len, Set(1.0f)));
-        const I8 few = _mm256_cmpgt_epi32(SetI(2), n);
-        n = BlendI(n, SetI(2), few);
-        const F8 steps = _mm256_cvtepi32_ps(_mm256_sub_epi32(n, SetI(1)));
-        const F8 dx = Blend(_mm256_div_ps(hx, steps), hx, AsF(few));
-        const F8 dy = Blend(_mm256_div_ps(hy, steps), hy, AsF(few));
-        const F8 ndx = _mm256_xor_ps(dx, signBit);
-        const F8 ndy = _mm256_xor_ps(dy, signBit);
-        const I8 back = _mm256_sub_epi32(n, SetI(1));
-        if constexpr (Bilinear) {
-          WalkWide<T, C, CountOutside, true>(s, x, yv, dx, dy, n, walk, acc, &counter);
-          WalkWide<T, C, CountOutside, true>(s, _mm256_sub_ps(x, dx), _mm256_sub_ps(yv, dy), ndx,
-                                             ndy, back, walk, acc, &counter);
-        } else {
-          const F8 half = Set(0.5f);
-          WalkWide<T, C, CountOutside, false>(s, _mm256_add_ps(x, half), _mm256_add_ps(yv, half),
-                                              dx, dy, n, walk, acc, &counter);
-          WalkWide<T, C, CountOutside, false>(
-              s, _mm256_add_ps(_mm256_add_ps(x, ndx), half),
-              _mm256_add_ps(_mm256_add_ps(yv, ndy), half), ndx, ndy, back, walk, acc, &counter);
+        F8 acc[C];
+  #pragma GCC unroll 4
+        for (int32_t c = 0; c < C; ++c) acc[c] = _mm256_setzero_ps();
+        I8 counter = _mm256_setzero_si256();
+        if (Any(walk)) {
+          const F8 len = _mm256_sqrt_ps(m);
+          I8 n = _mm256_cvttps_epi32(_mm256_add_ps(len, Set(1.0f)));
+          const I8 few = _mm256_cmpgt_epi32(SetI(2), n);
+          n = BlendI(n, SetI(2), few);
+          const F8 steps = _mm256_cvtepi32_ps(_mm256_sub_epi32(n, SetI(1)));
+          const F8 dx = Blend(_mm256_div_ps(hx, steps), hx, AsF(few));
+          const F8 dy = Blend(_mm256_div_ps(hy, steps), hy, AsF(few));
+          const F8 ndx = _mm256_xor_ps(dx, signBit);
+          const F8 ndy = _mm256_xor_ps(dy, signBit);
+          const I8 back = _mm256_sub_epi32(n, SetI(1));
+          if constexpr (Bilinear) {
+            WalkWide<T, C, CountOutside, true>(s, x, yv, dx, dy, n, walk, acc, &counter);
+            WalkWide<T, C, CountOutside, true>(s, _mm256_sub_ps(x, dx), _mm256_sub_ps(yv, dy), ndx,
+                                               ndy, back, walk, acc, &counter);
+          } else {
+            const F8 half = Set(0.5f);
+            WalkWide<T, C, CountOutside, false>(s, _mm256_add_ps(x, half), _mm256_add_ps(yv, half),
+                                                dx, dy, n, walk, acc, &counter);
+            WalkWide<T, C, CountOutside, false>(
+                s, _mm256_add_ps(_mm256_add_ps(x, ndx), half),
+                _mm256_add_ps(_mm256_add_ps(yv, ndy), half), ndx, ndy, back, walk, acc, &counter);
+          }
         }
-      }
-      // Lanes that copy or lie past x1 have a count of 0; their result is not stored.
-      const F8 inv = _mm256_div_ps(Set(1.0f), UnsignedToFloat(counter));
-      const int32_t copyBits = _mm256_movemask_ps(AsF(copy));
-      unsigned char* out = outRow + xb * kPixelBytes;
-      if constexpr (!std::is_same<T, float>::value) {
-        if (lanes == 8) {
-          // Eight whole pixels: the finished samples interleaved in registers and stored in
-          // whole blocks; copied pixels then go over their places, read before the store in
-          // case the destination is the source.
-          unsigned char copied[8 * kPixelBytes];
-          if (copyBits)
-            std::memcpy(copied, srcRow + xb * kPixelBytes, sizeof(copied));
-          I8 q[C];
-#pragma GCC unroll 4
-          for (int32_t c = 0; c < C; ++c) q[c] = FinishInteger<T>(_mm256_mul_ps(acc[c], inv));
-          StoreInterleaved<T, C>(out, q, interleave);
-          for (int32_t l = 0; copyBits && l < 8; ++l)
-            if (copyBits & (1 << l))
-              std::memcpy(out + l * kPixelBytes, copied + l * kPixelBytes, kPixelBytes);
-          continue;
+        // Lanes that copy or lie past the chunk have a count of 0; their result is not stored.
+        const F8 inv = _mm256_div_ps(Set(1.0f), UnsignedToFloat(counter));
+        const int32_t copyBits = _mm256_movemask_ps(AsF(copy));
+        unsigned char* out = outRow + xb * kPixelBytes;
+        if constexpr (!std::is_same<T, float>::value) {
+          if (lanes == 8) {
+            // Eight whole pixels: the finished samples interleaved in registers and stored in
+            // whole blocks; copied pixels then go over their places, read before the store in
+            // case the destination is the source.
+            unsigned char copied[8 * kPixelBytes];
+            if (copyBits)
+              std::memcpy(copied, srcRow + xb * kPixelBytes, sizeof(copied));
+            I8 q[C];
+  #pragma GCC unroll 4
+            for (int32_t c = 0; c < C; ++c) q[c] = FinishInteger<T>(_mm256_mul_ps(acc[c], inv));
+            StoreInterleaved<T, C>(out, q, interleave);
+            for (int32_t l = 0; copyBits && l < 8; ++l)
+              if (copyBits & (1 << l))
+                std::memcpy(out + l * kPixelBytes, copied + l * kPixelBytes, kPixelBytes);
+            continue;
+          }
         }
-      }
-      alignas(32) int32_t result[C][8];
-      for (int32_t c = 0; c < C; ++c) {
-        const F8 average = _mm256_mul_ps(acc[c], inv);
-        if constexpr (std::is_same<T, float>::value)
-          _mm256_store_si256(reinterpret_cast<I8*>(result[c]), AsI(average));
-        else
-          _mm256_store_si256(reinterpret_cast<I8*>(result[c]), FinishInteger<T>(average));
-      }
-      for (int32_t l = 0; l < lanes; ++l, out += kPixelBytes) {
-        if (copyBits & (1 << l)) {
-          // Copied unchanged, with no conversion: floats keep every bit.
-          std::memcpy(out, srcRow + (xb + l) * kPixelBytes, kPixelBytes);
-          continue;
+        alignas(32) int32_t result[C][8];
+        for (int32_t c = 0; c < C; ++c) {
+          const F8 average = _mm256_mul_ps(acc[c], inv);
+          if constexpr (std::is_same<T, float>::value)
+            _mm256_store_si256(reinterpret_cast<I8*>(result[c]), AsI(average));
+          else
+            _mm256_store_si256(reinterpret_cast<I8*>(result[c]), FinishInteger<T>(average));
         }
-        for (int32_t c = 0; c < C; ++c) StoreSample<T>(out + c * kSampleBytes, result[c][l]);
+        for (int32_t l = 0; l < lanes; ++l, out += kPixelBytes) {
+          if (copyBits & (1 << l)) {
+            // Copied unchanged, with no conversion: floats keep every bit.
+            std::memcpy(out, srcRow + (xb + l) * kPixelBytes, kPixelBytes);
+            continue;
+          }
+          for (int32_t c = 0; c < C; ++c) StoreSample<T>(out + c * kSampleBytes, result[c][l]);
+        }
       }
     }
   }

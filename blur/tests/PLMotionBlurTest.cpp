@@ -151,10 +151,12 @@ TEST_P(BlurReference, EntryAndBothRowLoopsMatchTheScalarReferenceBitForBit) {
   const auto [type, channels] = GetParam();
   pltest::WorkerGuard guard;
   std::mt19937 rng(1234 + type * 10 + channels);
-  // 157 rows: nine bands of 16, the last with 13 rows more.
-  const int32_t sizes[][4] = {{2, 2, 2, 2},    {3, 2, 2, 2},    {9, 5, 4, 3},
+  // 157 rows: nine bands of 16, the last with 13 rows more. 2061 columns: the wide loop
+  // takes them in two chunks, the second with a part-filled group of eight.
+  const int32_t sizes[][4] = {{2, 2, 2, 2},    {3, 2, 2, 2},     {9, 5, 4, 3},
                               {17, 11, 9, 6},  {37, 29, 37, 29}, {37, 29, 19, 15},
-                              {37, 29, 50, 41}, {61, 30, 7, 44}, {61, 157, 31, 79}};
+                              {37, 29, 50, 41}, {61, 30, 7, 44}, {61, 157, 31, 79},
+                              {2061, 5, 1031, 3}};
   int32_t trial = 0;
   for (const auto& sz : sizes)
     for (int32_t bilinear = 0; bilinear < 2; ++bilinear)
