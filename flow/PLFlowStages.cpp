@@ -413,14 +413,23 @@ __attribute__((target("avx2"))) int32_t UpdateRowWide(float* f, const float* st,
                                                       const float* rs, int32_t w) {
   const __m256 limit = _mm256_set1_ps(40.0f);
   const __m256 magnitude = _mm256_castsi256_ps(_mm256_set1_epi32(0x7fffffff));
-  // Sample c of pixel l of a 3-channel row lies at 3 l + c.
-  const __m256i three = _mm256_setr_epi32(0, 3, 6, 9, 12, 15, 18, 21);
+  // Sample c of pixel l of a 3-channel row lies at 3 l + c: three whole loads, and per
+  // channel two blends and a lane permutation (three gathers cost more).
+  const __m256i orderA = _mm256_setr_epi32(0, 3, 6, 1, 4, 7, 2, 5);
+  const __m256i orderB = _mm256_setr_epi32(1, 4, 7, 2, 5, 0, 3, 6);
+  const __m256i orderC = _mm256_setr_epi32(2, 5, 0, 3, 6, 1, 4, 7);
   int32_t x = 0;
   for (; x + 8 <= w; x += 8) {
     const float* s = st + 3 * x;
-    const __m256 a = _mm256_i32gather_ps(s, three, 4);
-    const __m256 b = _mm256_i32gather_ps(s + 1, three, 4);
-    const __m256 c = _mm256_i32gather_ps(s + 2, three, 4);
+    const __m256 m0 = _mm256_loadu_ps(s);
+    const __m256 m1 = _mm256_loadu_ps(s + 8);
+    const __m256 m2 = _mm256_loadu_ps(s + 16);
+    const __m256 a = _mm256_permutevar8x32_ps(
+        _mm256_blend_ps(_mm256_blend_ps(m0, m1, 0x92), m2, 0x24), orderA);
+    const __m256 b = _mm256_permutevar8x32_ps(
+        _mm256_blend_ps(_mm256_blend_ps(m0, m1, 0x24), m2, 0x49), orderB);
+    const __m256 c = _mm256_permutevar8x32_ps(
+        _mm256_blend_ps(_mm256_blend_ps(m0, m1, 0x49), m2, 0x92), orderC);
     __m256 p, q, u, v;
     plflow::SplitPairs8(rs + 2 * x, &p, &q);
     plflow::SplitPairs8(f + 2 * x, &u, &v);
