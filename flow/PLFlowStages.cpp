@@ -572,14 +572,38 @@ __attribute__((target("avx2"))) int32_t UpsampleRowWide(float* d, const float* r
     const __m256i slide = _mm256_cmpgt_epi32(i, last);
     i = _mm256_blendv_epi8(i, last, slide);
     t = _mm256_blendv_ps(t, one, _mm256_castsi256_ps(slide));
-    const __m256i a = _mm256_slli_epi32(i, 1);
-    const __m256i b = _mm256_add_epi32(a, two);
+    // The cells are in order. When those of the eight lanes lie among eight source pixels
+    // of the row (always, away from the row's end, when enlarging), the samples come from
+    // whole loads and lane permutations instead of eight gathers.
+    const int32_t first = _mm256_cvtsi256_si32(i);
+    const bool near = _mm256_extract_epi32(i, 7) - first <= 6 && first + 7 <= lastColumn;
+    __m256 sample[2][4];  // by channel: s00, s10, s01, s11
+    if (near) {
+      const __m256i at = _mm256_sub_epi32(i, _mm256_set1_epi32(first));
+      const __m256i right = _mm256_add_epi32(at, _mm256_set1_epi32(1));
+      __m256 upper[2], lower[2];
+      plflow::SplitPairs8(r0 + 2 * first, &upper[0], &upper[1]);
+      plflow::SplitPairs8(r1 + 2 * first, &lower[0], &lower[1]);
+      for (int32_t c = 0; c < 2; ++c) {
+        sample[c][0] = _mm256_permutevar8x32_ps(upper[c], at);
+        sample[c][1] = _mm256_permutevar8x32_ps(upper[c], right);
+        sample[c][2] = _mm256_permutevar8x32_ps(lower[c], at);
+        sample[c][3] = _mm256_permutevar8x32_ps(lower[c], right);
+      }
+    } else {
+      const __m256i a = _mm256_slli_epi32(i, 1);
+      const __m256i b = _mm256_add_epi32(a, two);
+      for (int32_t c = 0; c < 2; ++c) {
+        sample[c][0] = _mm256_i32gather_ps(r0 + c, a, 4);
+        sample[c][1] = _mm256_i32gather_ps(r0 + c, b, 4);
+        sample[c][2] = _mm256_i32gather_ps(r1 + c, a, 4);
+        sample[c][3] = _mm256_i32gather_ps(r1 + c, b, 4);
+      }
+    }
     __m256 out[2];
     for (int32_t c = 0; c < 2; ++c) {
-      const __m256 s00 = _mm256_i32gather_ps(r0 + c, a, 4);
-      const __m256 s10 = _mm256_i32gather_ps(r0 + c, b, 4);
-      const __m256 s01 = _mm256_i32gather_ps(r1 + c, a, 4);
-      const __m256 s11 = _mm256_i32gather_ps(r1 + c, b, 4);
+      const __m256 s00 = sample[c][0], s10 = sample[c][1];
+      const __m256 s01 = sample[c][2], s11 = sample[c][3];
       const __m256 top = _mm256_add_ps(s00, _mm256_mul_ps(t, _mm256_sub_ps(s10, s00)));
       const __m256 bottom = _mm256_add_ps(s01, _mm256_mul_ps(t, _mm256_sub_ps(s11, s01)));
       out[c] = _mm256_add_ps(top, _mm256_mul_ps(tyv, _mm256_sub_ps(bottom, top)));
