@@ -23,19 +23,47 @@ constexpr int32_t kResizeColumnBlock = 1024;
 // A 1-channel Float row from Float, white points equal, for columns x0 .. x1 - 1 while
 // eight remain (run only where PLWideAvailable); returns the first column left to the plain
 // loop. Lane l does the plain loop's operations for column x + l in their order.
+// The samples at `index` (0 to 15) of the sixteen in lo, hi.
+__attribute__((target("avx2"))) inline __m256 PickOf16(__m256 lo, __m256 hi, __m256i index) {
+  const __m256 high = _mm256_castsi256_ps(_mm256_cmpgt_epi32(index, _mm256_set1_epi32(7)));
+  return _mm256_blendv_ps(_mm256_permutevar8x32_ps(lo, index),
+                          _mm256_permutevar8x32_ps(hi, index), high);
+}
+
 __attribute__((target("avx2"))) int32_t ResizeRowFloatWide(
     float* out, const unsigned char* upperRow, const unsigned char* lowerRow,
     const int32_t* columnOffset, const float* columnFraction, int32_t x0, int32_t x1,
-    float ty) {
+    float ty, int32_t sourceLastColumn) {
   const __m256 tyv = _mm256_set1_ps(ty);
+  const float* upper = reinterpret_cast<const float*>(upperRow);
+  const float* lower = reinterpret_cast<const float*>(lowerRow);
   int32_t x = x0;
   for (; x + 8 <= x1; x += 8) {
     const __m256i at = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(columnOffset + (x - x0)));
     const __m256 tx = _mm256_loadu_ps(columnFraction + (x - x0));
-    const __m256 p00 = _mm256_i32gather_ps(reinterpret_cast<const float*>(upperRow), at, 1);
-    const __m256 p10 = _mm256_i32gather_ps(reinterpret_cast<const float*>(upperRow + 4), at, 1);
-    const __m256 p01 = _mm256_i32gather_ps(reinterpret_cast<const float*>(lowerRow), at, 1);
-    const __m256 p11 = _mm256_i32gather_ps(reinterpret_cast<const float*>(lowerRow + 4), at, 1);
+    // The cells are in order. When the eight lanes' cells lie among sixteen source samples of
+    // the row (away from its end, reducing by up to about two), they come from four whole
+    // loads and lane permutations instead of four gathers.
+    const int32_t first = columnOffset[x - x0] / 4;
+    const int32_t last = columnOffset[x - x0 + 7] / 4;
+    __m256 p00, p10, p01, p11;
+    if (last - first <= 14 && first + 15 <= sourceLastColumn) {
+      const __m256i index = _mm256_sub_epi32(_mm256_srli_epi32(at, 2), _mm256_set1_epi32(first));
+      const __m256i right = _mm256_add_epi32(index, _mm256_set1_epi32(1));
+      const __m256 upperLo = _mm256_loadu_ps(upper + first);
+      const __m256 upperHi = _mm256_loadu_ps(upper + first + 8);
+      const __m256 lowerLo = _mm256_loadu_ps(lower + first);
+      const __m256 lowerHi = _mm256_loadu_ps(lower + first + 8);
+      p00 = PickOf16(upperLo, upperHi, index);
+      p10 = PickOf16(upperLo, upperHi, right);
+      p01 = PickOf16(lowerLo, lowerHi, index);
+      p11 = PickOf16(lowerLo, lowerHi, right);
+    } else {
+      p00 = _mm256_i32gather_ps(upper, at, 1);
+      p10 = _mm256_i32gather_ps(upper + 1, at, 1);
+      p01 = _mm256_i32gather_ps(lower, at, 1);
+      p11 = _mm256_i32gather_ps(lower + 1, at, 1);
+    }
     const __m256 a = _mm256_add_ps(_mm256_mul_ps(_mm256_sub_ps(p10, p00), tx), p00);
     const __m256 b = _mm256_add_ps(_mm256_mul_ps(_mm256_sub_ps(p11, p01), tx), p01);
     _mm256_storeu_ps(out + (x - x0), _mm256_add_ps(_mm256_mul_ps(_mm256_sub_ps(b, a), tyv), a));
@@ -58,15 +86,17 @@ void PlanColumns(int32_t x0, int32_t x1, float scaleX, int32_t sourceLastColumn,
 template <class D, class S, int32_t C, bool Scaled>
 void ResizeRow(unsigned char* out, const unsigned char* upperRow, const unsigned char* lowerRow,
                int32_t pixelBytes, const int32_t* columnOffset, const float* columnFraction,
-               int32_t x0, int32_t x1, float ty, float ratio, bool wide) {
+               int32_t x0, int32_t x1, float ty, float ratio, bool wide,
+               int32_t sourceLastColumn) {
   (void)wide;  // read only by the one member with a wide loop
+  (void)sourceLastColumn;
   int32_t x = x0;
 #if !defined(FLOWBLUR_PLAIN_ONLY)
   if constexpr (std::is_same<D, float>::value && std::is_same<S, float>::value && C == 1 &&
                 !Scaled) {
     if (wide) {
       x = ResizeRowFloatWide(reinterpret_cast<float*>(out), upperRow, lowerRow, columnOffset,
-                             columnFraction, x0, x1, ty);
+                             columnFraction, x0, x1, ty, sourceLastColumn);
       out += (x - x0) * static_cast<int32_t>(sizeof(D) * C);
     }
   }
@@ -114,7 +144,7 @@ void ResizeWorker(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs
       ResizeRow<D, S, C, Scaled>(
           destination->Row(y) + x0 * static_cast<int32_t>(sizeof(D) * C), upperRow,
           upperRow + source->rowStep, pixelBytes, columnOffset, columnFraction, x0, x1, cy.t,
-          ratio, wide);
+          ratio, wide, source->lastColumn);
     }
   }
 }
@@ -160,7 +190,7 @@ void PLResizeFloatRowsHere(const FloatRows& source, int32_t sourceWidth, int32_t
           reinterpret_cast<unsigned char*>(output + (y - from) * outputStep + x0),
           reinterpret_cast<const unsigned char*>(upper),
           reinterpret_cast<const unsigned char*>(upper + source.step), 4, columnOffset,
-          columnFraction, x0, x1, cy.t, 1.0f, wide);
+          columnFraction, x0, x1, cy.t, 1.0f, wide, sourceWidth - 1);
     }
   }
 }
