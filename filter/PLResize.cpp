@@ -9,6 +9,7 @@
 #include "image/PLDispatch.h"
 #include "runtime/NuvMP.h"
 #include "runtime/PLWidePath.h"
+#include "runtime/PLWidePick.h"
 
 using plfilter::LoadSample;
 using plfilter::StoreWrapped;
@@ -23,13 +24,6 @@ constexpr int32_t kResizeColumnBlock = 1024;
 // A 1-channel Float row from Float, white points equal, for columns x0 .. x1 - 1 while
 // eight remain (run only where PLWideAvailable); returns the first column left to the plain
 // loop. Lane l does the plain loop's operations for column x + l in their order.
-// The samples at `index` (0 to 15) of the sixteen in lo, hi.
-__attribute__((target("avx2"))) inline __m256 PickOf16(__m256 lo, __m256 hi, __m256i index) {
-  const __m256 high = _mm256_castsi256_ps(_mm256_cmpgt_epi32(index, _mm256_set1_epi32(7)));
-  return _mm256_blendv_ps(_mm256_permutevar8x32_ps(lo, index),
-                          _mm256_permutevar8x32_ps(hi, index), high);
-}
-
 __attribute__((target("avx2"))) int32_t ResizeRowFloatWide(
     float* out, const unsigned char* upperRow, const unsigned char* lowerRow,
     const int32_t* columnOffset, const float* columnFraction, int32_t x0, int32_t x1,
@@ -54,10 +48,10 @@ __attribute__((target("avx2"))) int32_t ResizeRowFloatWide(
       const __m256 upperHi = _mm256_loadu_ps(upper + first + 8);
       const __m256 lowerLo = _mm256_loadu_ps(lower + first);
       const __m256 lowerHi = _mm256_loadu_ps(lower + first + 8);
-      p00 = PickOf16(upperLo, upperHi, index);
-      p10 = PickOf16(upperLo, upperHi, right);
-      p01 = PickOf16(lowerLo, lowerHi, index);
-      p11 = PickOf16(lowerLo, lowerHi, right);
+      p00 = PLPickOf16(upperLo, upperHi, index);
+      p10 = PLPickOf16(upperLo, upperHi, right);
+      p01 = PLPickOf16(lowerLo, lowerHi, index);
+      p11 = PLPickOf16(lowerLo, lowerHi, right);
     } else {
       p00 = _mm256_i32gather_ps(upper, at, 1);
       p10 = _mm256_i32gather_ps(upper + 1, at, 1);
