@@ -226,14 +226,9 @@ void BlurRowsPath(int32_t x0, int32_t x1, int32_t yFirst, int32_t yLast, NuvImag
     unsigned char* out = d.Row(yi) + x0 * kPixelBytes;
     const unsigned char* srcRow = s.Row(yi);
 
-    // The flow row and its vertical weight are the same for the whole row.
-    const float fy = y * sy;
-    int32_t iy = static_cast<int32_t>(fy);
-    float ty = fy - static_cast<float>(iy);
-    if (iy >= f.lastRow) {
-      iy = f.lastRow - 1;
-      ty = 1.0f;
-    }
+    int32_t iy;
+    float ty;
+    PLBlurFlowRowCell(y, sy, f.lastRow, &iy, &ty);
     const unsigned char* flowUp = f.Row(iy);
     const unsigned char* flowLow = flowUp + f.below;
 

@@ -450,13 +450,9 @@ void BlurRowsWidePath(int32_t x0, int32_t x1, int32_t yFirst, int32_t yLast, Nuv
       unsigned char* outRow = const_cast<unsigned char*>(d.base) + d.row0 + yi * d.step;
       const unsigned char* srcRow = s.base + s.row0 + yi * s.step;
 
-      const float fy = y * sy;
-      int32_t iy = static_cast<int32_t>(fy);
-      float ty = fy - static_cast<float>(iy);
-      if (iy >= f.lastRow) {
-        iy = f.lastRow - 1;
-        ty = 1.0f;
-      }
+      int32_t iy;
+      float ty;
+      PLBlurFlowRowCell(y, sy, f.lastRow, &iy, &ty);
       const float* upMix;
       const float* lowMix;
       mixes.Rows(f.base + f.row0 + iy * f.step, f.base + f.row0 + iy * f.step + f.below, &upMix,

@@ -11,6 +11,19 @@
 //          plain loop's operations in the plain loop's order (no fused multiply-add).
 enum class PLBlurPath : int32_t { kPlain = 0, kWide = 1 };
 
+// The flow's row cell of source row y, the same for the whole row in both loops: the row
+// trunc(y * sy) and its weight; at or beyond the flow's last row the cell slides back by one
+// with weight 1.
+inline void PLBlurFlowRowCell(float y, float sy, int32_t flowLastRow, int32_t* iy, float* ty) {
+  const float fy = y * sy;
+  *iy = static_cast<int32_t>(fy);
+  *ty = fy - static_cast<float>(*iy);
+  if (*iy >= flowLastRow) {
+    *iy = flowLastRow - 1;
+    *ty = 1.0f;
+  }
+}
+
 // PLWideAvailable() (runtime/PLWidePath.h): this build carries the wide loop and the processor
 // runs AVX2. A build with FLOWBLUR_PLAIN_ONLY defined carries only the plain loop.
 bool PLBlurWideAvailable();
