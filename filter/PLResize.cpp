@@ -43,15 +43,7 @@ __attribute__((target("avx2"))) int32_t ResizeRowFloatWide(
     __m256 p00, p10, p01, p11;
     if (last - first <= 14 && first + 15 <= sourceLastColumn) {
       const __m256i index = _mm256_sub_epi32(_mm256_srli_epi32(at, 2), _mm256_set1_epi32(first));
-      const __m256i right = _mm256_add_epi32(index, _mm256_set1_epi32(1));
-      const __m256 upperLo = _mm256_loadu_ps(upper + first);
-      const __m256 upperHi = _mm256_loadu_ps(upper + first + 8);
-      const __m256 lowerLo = _mm256_loadu_ps(lower + first);
-      const __m256 lowerHi = _mm256_loadu_ps(lower + first + 8);
-      p00 = PLPickOf16(upperLo, upperHi, index);
-      p10 = PLPickOf16(upperLo, upperHi, right);
-      p01 = PLPickOf16(lowerLo, lowerHi, index);
-      p11 = PLPickOf16(lowerLo, lowerHi, right);
+      PLPickCells16(upper + first, lower + first, index, &p00, &p10, &p01, &p11);
     } else {
       p00 = _mm256_i32gather_ps(upper, at, 1);
       p10 = _mm256_i32gather_ps(upper + 1, at, 1);

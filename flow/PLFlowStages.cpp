@@ -288,14 +288,7 @@ __attribute__((target("avx2"))) int32_t ResidualRowWide(float* r, const float* f
     __m256 s00, s10, s01, s11;
     if (oneRow && near && from + 15 <= lastColumn) {
       const float* upper = s.base + row * s.step + from;
-      const float* lower = upper + s.step;
-      const __m256 upperLo = _mm256_loadu_ps(upper), upperHi = _mm256_loadu_ps(upper + 8);
-      const __m256 lowerLo = _mm256_loadu_ps(lower), lowerHi = _mm256_loadu_ps(lower + 8);
-      const __m256i right = _mm256_add_epi32(index, _mm256_set1_epi32(1));
-      s00 = PLPickOf16(upperLo, upperHi, index);
-      s10 = PLPickOf16(upperLo, upperHi, right);
-      s01 = PLPickOf16(lowerLo, lowerHi, index);
-      s11 = PLPickOf16(lowerLo, lowerHi, right);
+      PLPickCells16(upper, upper + s.step, index, &s00, &s10, &s01, &s11);
     } else {
       const __m256i at = _mm256_add_epi32(_mm256_mullo_epi32(iy, step), ix);
       const __m256i below = _mm256_add_epi32(at, step);
