@@ -478,6 +478,9 @@ void ConvolveStrip(const StripWindow& at, int32_t pixels, const SeparableKernel*
 int32_t StripPixels(int32_t rows, int32_t c, int32_t channels) {
   int32_t floatsPerRow = (kStripFloats / (rows + 2 * c)) & ~3;
   if (floatsPerRow > kStripMaxFloats) floatsPerRow = kStripMaxFloats;
+  // Whole groups of 32 lanes where one fits: the wide loop takes the strip in those, and the
+  // four-lane loops it would leave behind take longer than the narrower strip.
+  if (floatsPerRow >= 32) floatsPerRow &= ~31;
   return floatsPerRow / channels;
 }
 
