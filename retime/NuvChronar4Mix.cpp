@@ -2,6 +2,7 @@
 // flow agreement, vector pictures, comparison views, and the warp-and-mix step.
 #include <cmath>
 #include <cstdio>
+#include <cstddef>
 #include <cstring>
 #include <limits>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "image/PLPixelConvert.h"
 #include "retime/NuvChronar4Private.h"
 #include "retime/PLLayerOps.h"
+#include "runtime/PLWidePath.h"
 #include "warp/PLWarp.h"
 
 namespace {
@@ -102,6 +104,27 @@ inline FlowCell CellAt(float f, float last, int32_t lastIndex, int32_t bytesPerS
   return FlowCell{i * bytesPerStep, t};
 }
 
+// Whether the wide loop takes the rows (8-bit samples, bilinear read, every source offset in
+// 32 bits, the processor has AVX2), and the source's addressing for it.
+template <class T>
+bool WideGather(bool chosen, const PLImage* src, int32_t bilinear, chronar::GatherWideRow* wide) {
+  if (!std::is_same<T, uint8_t>::value || !bilinear || !chosen || !PLWideAvailable()) return false;
+  const unsigned char* first = src->Row(0);
+  const unsigned char* last = src->Row(src->lastRow);
+  const unsigned char* lowest = first < last ? first : last;
+  const ptrdiff_t end = (first < last ? last : first) - lowest +
+                        static_cast<ptrdiff_t>(src->width) * src->bytesPerPixel;
+  if (end > std::numeric_limits<int32_t>::max()) return false;
+  wide->srcBase = lowest;
+  wide->srcRow0 = static_cast<int32_t>(first - lowest);
+  wide->srcStep = static_cast<int32_t>(src->Row(1) - first);
+  wide->srcLastWord = static_cast<int32_t>(end - 4);
+  wide->srcBpp = src->bytesPerPixel;
+  wide->srcLastColumn = src->lastColumn;
+  wide->srcLastRow = src->lastRow;
+  return true;
+}
+
 template <class T, int32_t C>
 void GatherRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* args) {
   PLImage* dst = args->Next<PLImage*>();
@@ -111,6 +134,7 @@ void GatherRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* 
   PLImage* mask = args->Next<PLImage*>();
   const int32_t clampOutside = args->Next<int32_t>();
   const float share = *args->Next<const float*>();
+  const bool chosen = args->Next<int32_t>() != 0;
   const float toFlowX = Ratio(flow->lastColumn, dst->lastColumn);
   const float toFlowY = Ratio(flow->lastRow, dst->lastRow);
   const float toDstX = Ratio(dst->lastColumn, flow->lastColumn);
@@ -121,9 +145,18 @@ void GatherRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* 
   const int32_t flowBpp = flow->bytesPerPixel;
   const float flowLastX = static_cast<float>(flow->lastColumn);
   const float flowLastY = static_cast<float>(flow->lastRow);
-  std::vector<FlowCell> columns(static_cast<size_t>(dst->width));
-  for (int32_t x = 0; x < dst->width; ++x)
-    columns[x] = CellAt(static_cast<float>(x) * toFlowX, flowLastX, flow->lastColumn, flowBpp);
+  // Each column's flow cell, offsets and fractions apart for the wide loop's whole loads.
+  std::vector<int32_t> columnOffset(static_cast<size_t>(dst->width));
+  std::vector<float> columnT(static_cast<size_t>(dst->width));
+  for (int32_t x = 0; x < dst->width; ++x) {
+    const FlowCell cell =
+        CellAt(static_cast<float>(x) * toFlowX, flowLastX, flow->lastColumn, flowBpp);
+    columnOffset[x] = cell.offset;
+    columnT[x] = cell.t;
+  }
+  chronar::GatherWideRow wide{};
+  const bool useWide = WideGather<T>(chosen, src, bilinear, &wide);
+  (void)useWide;  // read only where the build carries the wide loop
   for (int32_t y = firstRow; y <= lastRow; ++y) {
     unsigned char* out = dst->Row(y);
     unsigned char* maskRow = mask ? mask->Row(y) : nullptr;
@@ -131,8 +164,31 @@ void GatherRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* 
     const unsigned char* flow0 = flow->Row(row.offset);
     const unsigned char* flow1 = flow->Row(row.offset + 1);
     const float ty0 = row.t;
-    for (int32_t x = 0; x < dst->width; ++x, out += dst->bytesPerPixel) {
-      const FlowCell cell = columns[x];
+    int32_t x = 0;
+#if !defined(FLOWBLUR_PLAIN_ONLY)
+    if (useWide) {
+      wide.flow0 = flow0;
+      wide.flow1 = flow1;
+      wide.flowT = ty0;
+      wide.flowBpp = flowBpp;
+      wide.columnOffset = columnOffset.data();
+      wide.columnT = columnT.data();
+      wide.toDstX = toDstX;
+      wide.toDstY = toDstY;
+      wide.share = share;
+      wide.lastX = lastX;
+      wide.lastY = lastY;
+      wide.clampOutside = clampOutside;
+      wide.y = y;
+      wide.width = dst->width;
+      wide.out = out;
+      wide.mask = maskRow;
+      x = chronar::GatherRowWide<C>(wide);
+      out += x * dst->bytesPerPixel;
+    }
+#endif
+    for (; x < dst->width; ++x, out += dst->bytesPerPixel) {
+      const FlowCell cell{columnOffset[x], columnT[x]};
       const unsigned char* f0 = flow0 + cell.offset;
       const unsigned char* f1 = flow1 + cell.offset;
       float uv[2];
@@ -361,6 +417,13 @@ const char kWarpMessage[] = "can't warp image, input files not of correct types 
 
 int32_t PLGatherWarp(PLImage* dst, const PLImage* src, const PLImage* flow, int32_t bilinear,
                      PLImage* mask, int32_t clampOutside, float share) {
+  return chronar::GatherWarpOnPath(PLWideChosen(), dst, src, flow, bilinear, mask, clampOutside,
+                                   share);
+}
+
+int32_t chronar::GatherWarpOnPath(bool wide, PLImage* dst, const PLImage* src,
+                                  const PLImage* flow, int32_t bilinear, PLImage* mask,
+                                  int32_t clampOutside, float share) {
   if (!WorkingImage(dst) || !Alike(dst, src) || !FlowImage(flow) || dst->width < 2 ||
       dst->height < 2 || !MaskFor(mask, dst) || dst == src || !std::isfinite(share)) {
     std::fputs(kWarpMessage, stderr);
@@ -369,7 +432,7 @@ int32_t PLGatherWarp(PLImage* dst, const PLImage* src, const PLImage* flow, int3
   PLDispatch(dst->dataType, dst->channels, [&](auto tag) {
     using Tag = decltype(tag);
     PLForkImageRows(dst->height, GatherRows<typename Tag::Type, Tag::Channels>, dst, src, flow,
-                    bilinear, mask, clampOutside, &share);
+                    bilinear, mask, clampOutside, &share, int32_t{wide});
   });
   return 1;
 }

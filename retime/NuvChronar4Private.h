@@ -9,6 +9,34 @@
 
 namespace chronar {
 
+// One row of the gather warp's bilinear read of 8-bit samples, in the AVX2 loop
+// (retime/NuvChronar4MixWide.cpp): what the plain loop works out once per worker and per row.
+struct GatherWideRow {
+  const unsigned char* srcBase;  // the source's lowest row
+  int32_t srcRow0;               // offset of row 0 from srcBase
+  int32_t srcStep;               // row y + 1 minus row y
+  int32_t srcLastWord;           // offset of the source's last four bytes
+  int32_t srcBpp, srcLastColumn, srcLastRow;
+  const unsigned char* flow0;  // the flow rows of this row's cell, and its fraction
+  const unsigned char* flow1;
+  float flowT;
+  int32_t flowBpp;
+  const int32_t* columnOffset;  // each column's flow cell: byte offset and fraction
+  const float* columnT;
+  float toDstX, toDstY, share, lastX, lastY;
+  int32_t clampOutside;
+  int32_t y, width;
+  unsigned char* out;
+  unsigned char* mask;  // or null
+};
+// Columns 0 .. of the row in whole groups of eight, the same bytes as the plain loop; the
+// number of columns done (the rest are the plain loop's).
+template <int32_t C>
+int32_t GatherRowWide(const GatherWideRow& row);
+// PLGatherWarp on the plain loop, or on the wide one where the processor has AVX2.
+int32_t GatherWarpOnPath(bool wide, PLImage* dst, const PLImage* src, const PLImage* flow,
+                         int32_t bilinear, PLImage* mask, int32_t clampOutside, float share);
+
 // Owned work image, deleted through NuvMem.
 struct ImageDeleter {
   void operator()(PLImage* image) const { delete image; }

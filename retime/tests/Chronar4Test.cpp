@@ -4,7 +4,9 @@
 #include <cstring>
 
 #include "image/PLImageCopy.h"
+#include "retime/NuvChronar4Private.h"
 #include "retime/retime.h"
+#include "runtime/PLWidePath.h"
 #include "retime/tests/ChronarTestSupport.h"
 
 using chronartest::AddMovingFrames;
@@ -467,6 +469,57 @@ TEST(Chronar4Ops, GatherWarpOfAConstantFlowIsAShiftWithAMaskOfTheInside) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "can't warp image, input files not of correct types and sizes\n"
             "can't warp image, input files not of correct types and sizes\n");
+}
+
+// The 8-bit bilinear read has a wide loop beside the plain one: same bytes in the image and the
+// mask on random flows that reach past every edge (and NaN), for every channel count and row
+// layout, with and without clamping and mask, widths that leave every remainder of a group of
+// eight, and 1, 2, 3 and 8 workers.
+TEST(Chronar4Ops, GatherWarpWideLoopGivesThePlainBytes) {
+  pltest::WorkerGuard guard;
+  uint32_t seed = 40;
+  for (int32_t channels = 1; channels <= 4; ++channels)
+    for (pltest::Layout layout : pltest::kLayouts)
+      for (int32_t w : {8, 13, 37}) {
+        const int32_t h = w == 37 ? 40 : 5;
+        pltest::TestImage src = pltest::MakeImage(w, h, channels, PLUChar, layout);
+        pltest::FillRandom(src.get(), ++seed);
+        chronartest::Owned flow = chronartest::NewOwned(w / 2 + 1, h / 2 + 1, 2, PLFloat);
+        pltest::FillRandom(flow.get(), ++seed, -12.0f, 12.0f);
+        pltest::Set(flow.get(), 1, 1, 0, std::nan(""));
+        // No motion along the last flow column and row: reads that land exactly on the last
+        // column or row, which are inside.
+        for (int32_t c = 0; c < 2; ++c) {
+          for (int32_t y = 0; y < flow->height; ++y)
+            pltest::Set(flow.get(), flow->lastColumn, y, c, 0);
+          for (int32_t x = 0; x < flow->width; ++x)
+            pltest::Set(flow.get(), x, flow->lastRow, c, 0);
+        }
+        for (int32_t clamp = 0; clamp < 2; ++clamp)
+          for (int32_t masked = 0; masked < 2; ++masked) {
+            std::vector<unsigned char> want;
+            for (int32_t run = 0; run < 5; ++run) {  // plain; wide on 1, 2, 3 and 8 workers
+              if (run > 0 && !PLWideAvailable()) break;
+              PLTestUseWorkers(run == 0 ? 1 : kPLTestWorkerCounts[run - 1]);
+              pltest::TestImage dst = pltest::MakeImage(w, h, channels, PLUChar, layout);
+              pltest::FillRandom(dst.get(), seed + 1000);  // pixels left alone stay so
+              pltest::TestImage mask = pltest::MakeImage(w, h, 1, PLUChar);
+              ASSERT_EQ(chronar::GatherWarpOnPath(run > 0, dst.get(), src.get(), flow.get(), 1,
+                                                  masked ? mask.get() : nullptr, clamp, 0.7f),
+                        1);
+              std::vector<unsigned char> got = pltest::PixelBytes(dst.get());
+              const std::vector<unsigned char> maskBytes = pltest::PixelBytes(mask.get());
+              got.insert(got.end(), maskBytes.begin(), maskBytes.end());
+              if (run == 0)
+                want = got;
+              else
+                EXPECT_TRUE(got == want) << channels << " channels, " << pltest::LayoutName(layout)
+                                         << ", width " << w << ", clamp " << clamp << ", mask "
+                                         << masked << ", run " << run;
+              EXPECT_TRUE(pltest::PaddingUntouched(dst));
+            }
+          }
+      }
 }
 
 // The plain cross-fade (no masks, no agreement) against the literal rule, at the shares
