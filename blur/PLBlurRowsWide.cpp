@@ -6,6 +6,7 @@
 
 #include "blur/PLBlurWide.h"
 #include "image/PLPixelConvert.h"
+#include "runtime/PLWideLanes.h"
 #include "runtime/PLWidePath.h"
 
 // The renderer follows the library's one choice.
@@ -19,19 +20,7 @@ PLBlurPath PLBlurChosenPath() { return PLWideChosen() ? PLBlurPath::kWide : PLBl
 
 namespace {
 
-typedef __m256 F8;
-typedef __m256i I8;
-
-inline F8 Set(float f) { return _mm256_set1_ps(f); }
-inline I8 SetI(int32_t i) { return _mm256_set1_epi32(i); }
-inline F8 Blend(F8 no, F8 yes, F8 mask) { return _mm256_blendv_ps(no, yes, mask); }
-inline I8 BlendI(I8 no, I8 yes, I8 mask) {
-  return _mm256_castps_si256(
-      _mm256_blendv_ps(_mm256_castsi256_ps(no), _mm256_castsi256_ps(yes), _mm256_castsi256_ps(mask)));
-}
-inline F8 AsF(I8 v) { return _mm256_castsi256_ps(v); }
-inline I8 AsI(F8 v) { return _mm256_castps_si256(v); }
-inline bool Any(I8 mask) { return _mm256_movemask_ps(AsF(mask)) != 0; }
+using namespace plwide;
 
 // A view's addressing as byte offsets from its lowest address, so that every offset of a
 // sample inside it is at least 0 and at most `lastWord` + 3 (the bounds checks have

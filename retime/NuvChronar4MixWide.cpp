@@ -7,16 +7,11 @@
 #include <immintrin.h>
 
 #include "runtime/PLWideBegin.h"
+#include "runtime/PLWideLanes.h"
 
 namespace {
 
-typedef __m256 F8;
-typedef __m256i I8;
-
-inline F8 Set(float f) { return _mm256_set1_ps(f); }
-inline I8 SetI(int32_t i) { return _mm256_set1_epi32(i); }
-inline F8 AsF(I8 v) { return _mm256_castsi256_ps(v); }
-inline I8 AsI(F8 v) { return _mm256_castps_si256(v); }
+using namespace plwide;
 
 // a + (b - a) * t, the plain loop's mix.
 inline F8 Mix(F8 a, F8 b, F8 t) { return _mm256_add_ps(a, _mm256_mul_ps(_mm256_sub_ps(b, a), t)); }
