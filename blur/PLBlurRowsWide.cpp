@@ -48,14 +48,8 @@ struct WideView {
         height(v->height) {}
 };
 
-// Four bytes at each lane's offset. Near the view's end a pixel of fewer than four bytes
-// has no four bytes after it: read the last word instead and shift the pixel down.
-inline I8 GatherWord(const WideView& s, I8 off) {
-  const I8 at = _mm256_min_epi32(off, SetI(s.lastWord));
-  const I8 shift = _mm256_slli_epi32(_mm256_sub_epi32(off, at), 3);
-  const I8 word = _mm256_i32gather_epi32(reinterpret_cast<const int*>(s.base), at, 1);
-  return _mm256_srlv_epi32(word, shift);
-}
+// Four bytes at each lane's offset, the last word shifted down near the view's end.
+inline I8 GatherWord(const WideView& s, I8 off) { return WordAt(s.base, s.lastWord, off); }
 // Four bytes that lie inside the pixel itself.
 inline I8 GatherInside(const WideView& s, I8 off) {
   return _mm256_i32gather_epi32(reinterpret_cast<const int*>(s.base), off, 1);
@@ -154,15 +148,6 @@ inline void LoadPair(const WideView& s, I8 off, F8* left, F8* right) {
   }
 }
 
-// The cell rule of the plain loop by lane: i = trunc(p), t = p - i; at or beyond the last
-// index the cell slides back by one with t = 1.
-inline void CellOf(F8 p, int32_t last, I8* i, F8* t) {
-  *i = _mm256_cvttps_epi32(p);
-  *t = _mm256_sub_ps(p, _mm256_cvtepi32_ps(*i));
-  const I8 slide = _mm256_cmpgt_epi32(*i, SetI(last - 1));
-  *i = _mm256_min_epi32(*i, SetI(last - 1));  // the slid index where `slide`
-  *t = Blend(*t, Set(1.0f), AsF(slide));
-}
 
 // acc + value in the lanes of `take`, acc elsewhere. Integer samples and their bilinear
 // mixes are never negative, never -0 and never NaN, and neither is a sum of them from +0, so

@@ -157,6 +157,16 @@ void GatherRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* 
   chronar::GatherWideRow wide{};
   const bool useWide = WideGather<T>(chosen, src, bilinear, &wide);
   (void)useWide;  // read only where the build carries the wide loop
+  wide.flowBpp = flowBpp;
+  wide.columnOffset = columnOffset.data();
+  wide.columnT = columnT.data();
+  wide.toDstX = toDstX;
+  wide.toDstY = toDstY;
+  wide.share = share;
+  wide.lastX = lastX;
+  wide.lastY = lastY;
+  wide.clampOutside = clampOutside;
+  wide.width = dst->width;
   for (int32_t y = firstRow; y <= lastRow; ++y) {
     unsigned char* out = dst->Row(y);
     unsigned char* maskRow = mask ? mask->Row(y) : nullptr;
@@ -170,17 +180,7 @@ void GatherRows(int32_t, uint8_t, int32_t firstRow, int32_t lastRow, NuvMPArgs* 
       wide.flow0 = flow0;
       wide.flow1 = flow1;
       wide.flowT = ty0;
-      wide.flowBpp = flowBpp;
-      wide.columnOffset = columnOffset.data();
-      wide.columnT = columnT.data();
-      wide.toDstX = toDstX;
-      wide.toDstY = toDstY;
-      wide.share = share;
-      wide.lastX = lastX;
-      wide.lastY = lastY;
-      wide.clampOutside = clampOutside;
       wide.y = y;
-      wide.width = dst->width;
       wide.out = out;
       wide.mask = maskRow;
       x = chronar::GatherRowWide<C>(wide);

@@ -26,34 +26,15 @@ inline F8 FlowAt(const chronar::GatherWideRow& r, I8 off, F8 t, int32_t at) {
   return Mix(top, bottom, Set(r.flowT));
 }
 
-// Four bytes from each lane's offset; at the source's very end, where a pixel of fewer than
-// four bytes has no four bytes after it, the last word shifted down.
-inline I8 Word(const chronar::GatherWideRow& r, I8 off) {
-  const I8 at = _mm256_min_epi32(off, SetI(r.srcLastWord));
-  const I8 shift = _mm256_slli_epi32(_mm256_sub_epi32(off, at), 3);
-  return _mm256_srlv_epi32(_mm256_i32gather_epi32(reinterpret_cast<const int*>(r.srcBase), at, 1),
-                           shift);
-}
-
+// Byte c of each lane's word, as a float.
 inline F8 Byte(I8 word, int32_t c) {
   return _mm256_cvtepi32_ps(_mm256_and_si256(_mm256_srli_epi32(word, 8 * c), SetI(0xff)));
-}
-
-// The plain loop's cell: i = (int)p, t = p - i, slid back with t = 1 at the last index
-// (p is never negative here).
-inline void Cell(F8 p, int32_t last, I8* i, F8* t) {
-  *i = _mm256_cvttps_epi32(p);
-  *t = _mm256_sub_ps(p, _mm256_cvtepi32_ps(*i));
-  const I8 slide = _mm256_cmpgt_epi32(*i, SetI(last - 1));
-  *i = _mm256_min_epi32(*i, SetI(last - 1));
-  *t = _mm256_blendv_ps(*t, Set(1.0f), AsF(slide));
 }
 
 // The plain loop's clamp into 0 .. last (NaN gives 0).
 inline F8 Clamp(F8 p, float last) {
   const F8 positive = _mm256_cmp_ps(p, _mm256_setzero_ps(), _CMP_GT_OQ);
-  return _mm256_and_ps(_mm256_blendv_ps(p, Set(last), _mm256_cmp_ps(p, Set(last), _CMP_GT_OQ)),
-                       positive);
+  return _mm256_and_ps(Blend(p, Set(last), _mm256_cmp_ps(p, Set(last), _CMP_GT_OQ)), positive);
 }
 
 }  // namespace
@@ -88,18 +69,20 @@ int32_t GatherRowWide(const GatherWideRow& r) {
     if (written == 0) continue;
     // Outside lanes are clamped in; where they are not written they read the clamped place
     // too, which lies inside the source.
-    px = _mm256_blendv_ps(Clamp(px, r.lastX), px, inside);
-    py = _mm256_blendv_ps(Clamp(py, r.lastY), py, inside);
+    px = Blend(Clamp(px, r.lastX), px, inside);
+    py = Blend(Clamp(py, r.lastY), py, inside);
     I8 ix, iy;
     F8 tx, ty;
-    Cell(px, r.srcLastColumn, &ix, &tx);
-    Cell(py, r.srcLastRow, &iy, &ty);
+    CellOf(px, r.srcLastColumn, &ix, &tx);  // px and py are never negative here
+    CellOf(py, r.srcLastRow, &iy, &ty);
     const I8 up =
         _mm256_add_epi32(_mm256_add_epi32(SetI(r.srcRow0), _mm256_mullo_epi32(iy, SetI(r.srcStep))),
                          _mm256_mullo_epi32(ix, SetI(r.srcBpp)));
     const I8 low = _mm256_add_epi32(up, SetI(r.srcStep));
-    const I8 w00 = Word(r, up), w10 = Word(r, _mm256_add_epi32(up, SetI(r.srcBpp)));
-    const I8 w01 = Word(r, low), w11 = Word(r, _mm256_add_epi32(low, SetI(r.srcBpp)));
+    const I8 w00 = WordAt(r.srcBase, r.srcLastWord, up),
+             w10 = WordAt(r.srcBase, r.srcLastWord, _mm256_add_epi32(up, SetI(r.srcBpp)));
+    const I8 w01 = WordAt(r.srcBase, r.srcLastWord, low),
+             w11 = WordAt(r.srcBase, r.srcLastWord, _mm256_add_epi32(low, SetI(r.srcBpp)));
     alignas(32) int32_t result[C][8];
     for (int32_t c = 0; c < C; ++c) {
       const F8 top = Mix(Byte(w00, c), Byte(w10, c), tx);
